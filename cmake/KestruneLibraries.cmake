@@ -1,0 +1,28 @@
+# Third-party libraries, each under one name. All are system headers: their warnings are not ours.
+
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+find_package(Boost 1.81 REQUIRED COMPONENTS url)
+find_package(CURL 7.88 REQUIRED)
+find_package(OpenSSL REQUIRED)
+find_package(simdjson REQUIRED)
+find_package(nlohmann_json REQUIRED)
+find_package(date REQUIRED)
+find_package(fmt REQUIRED)
+find_package(CLI11 REQUIRED)
+if(KESTRUNE_TESTS OR NOT DEFINED KESTRUNE_TESTS)
+  find_package(GTest REQUIRED)
+endif()
+if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
+  pkg_check_modules(FUSE3 REQUIRED IMPORTED_TARGET fuse3)
+  pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
+endif()
+
+# Asio's and Beast's non-template code, compiled once.
+add_library(kestrune_asio STATIC ${CMAKE_SOURCE_DIR}/cmake/AsioSources.cpp)
+target_link_libraries(kestrune_asio PUBLIC kestrune_flags Boost::headers Threads::Threads)
+
+# The headers that nearly every source includes, compiled once.
+add_library(kestrune_pch OBJECT ${CMAKE_SOURCE_DIR}/cmake/Precompiled.cpp)
+target_link_libraries(kestrune_pch PUBLIC kestrune_flags Boost::headers nlohmann_json::nlohmann_json)
+target_precompile_headers(kestrune_pch PRIVATE ${CMAKE_SOURCE_DIR}/cmake/Precompiled.h)

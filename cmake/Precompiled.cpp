@@ -1,0 +1,1 @@
+// Carries the precompiled header; it has no code of its own.

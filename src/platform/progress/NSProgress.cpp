@@ -1,0 +1,116 @@
+#include "platform/progress/NSProgress.h"
+
+#include <utility>
+
+namespace kestrune::platform {
+
+struct NSProgress::Registration {
+  // Recursive: an observer may end its own observation.
+  std::recursive_mutex running;
+  Observer observer;  // empty once ended; guarded by `running`
+};
+
+double NSProgress::Snapshot::fractionCompleted() const {
+  if (totalUnitCount <= 0) return 0;
+  return static_cast<double>(completedUnitCount) / static_cast<double>(totalUnitCount);
+}
+
+NSProgress::NSProgress(std::int64_t totalUnitCount) : counts_{totalUnitCount, 0} {}
+
+NSProgress::Snapshot NSProgress::snapshot() const {
+  MutexLock lock(mutex_);
+  return counts_;
+}
+
+template <class Change>
+void NSProgress::change(const Change& apply) {
+  std::lock_guard delivering(delivery_);
+  std::vector<std::shared_ptr<Registration>> observers;
+  {
+    MutexLock lock(mutex_);
+    const Snapshot before = counts_;
+    apply(counts_);
+    if (counts_ == before) return;
+    std::erase_if(observers_, [](const auto& observer) { return observer.expired(); });
+    for (const auto& observer : observers_) {
+      if (auto alive = observer.lock()) observers.push_back(std::move(alive));
+    }
+  }
+  for (const auto& registration : observers) {
+    std::lock_guard running(registration->running);
+    const Observer observer = registration->observer;  // a copy: the observer may end itself while it runs
+    if (observer) observer(snapshot());
+  }
+}
+
+void NSProgress::setTotalUnitCount(std::int64_t units) {
+  change([units](Snapshot& counts) { counts.totalUnitCount = units; });
+}
+
+void NSProgress::setCompletedUnitCount(std::int64_t units) {
+  change([units](Snapshot& counts) { counts.completedUnitCount = units; });
+}
+
+void NSProgress::addCompletedUnits(std::int64_t units) {
+  change([units](Snapshot& counts) { counts.completedUnitCount += units; });
+}
+
+void NSProgress::raiseCompletedUnitCount(std::int64_t units) {
+  change([units](Snapshot& counts) {
+    if (counts.completedUnitCount < units) counts.completedUnitCount = units;
+  });
+}
+
+void NSProgress::cancel() {
+  std::function<void()> handler;
+  {
+    MutexLock lock(mutex_);
+    if (cancelled_) return;
+    cancelled_ = true;
+    handler = std::move(cancellationHandler_);
+  }
+  if (handler) handler();
+}
+
+bool NSProgress::isCancelled() const {
+  MutexLock lock(mutex_);
+  return cancelled_;
+}
+
+void NSProgress::setCancellationHandler(std::function<void()> handler) {
+  {
+    MutexLock lock(mutex_);
+    if (!cancelled_) {
+      cancellationHandler_ = std::move(handler);
+      return;
+    }
+  }
+  if (handler) handler();
+}
+
+NSProgress::Observation NSProgress::observe(Observer observer) {
+  auto registration = std::make_shared<Registration>();
+  registration->observer = std::move(observer);
+  MutexLock lock(mutex_);
+  observers_.push_back(registration);
+  return Observation(std::move(registration));
+}
+
+NSProgress::Observation& NSProgress::Observation::operator=(Observation&& other) noexcept {
+  if (this != &other) {
+    invalidate();
+    registration_ = std::move(other.registration_);
+  }
+  return *this;
+}
+
+void NSProgress::Observation::invalidate() {
+  if (!registration_) return;
+  {
+    std::lock_guard running(registration_->running);
+    registration_->observer = nullptr;
+  }
+  registration_.reset();
+}
+
+}  // namespace kestrune::platform

@@ -1,0 +1,113 @@
+// The bridge from callbacks to coroutines: a task suspends until somebody, on any thread, resumes it with a value or
+// an error, exactly once.
+//
+//     auto reply = co_await suspendUntilResumed<Reply>(start);   // start hands the continuation to the callback side
+//
+// If every copy of a continuation is dropped without resuming, the task is resumed with an error that says so: a task
+// is never left suspended for ever.
+//
+// Threads: `resume` and `fail` may be called on any thread; the task goes on on its own executor, never on that thread.
+#pragma once
+
+#include <atomic>
+#include <boost/asio/associated_cancellation_slot.hpp>
+#include <boost/asio/associated_executor.hpp>
+#include <boost/asio/async_result.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "platform/tasks/Task.h"
+#include "platform/values/NSError.h"
+
+namespace kestrune::platform {
+
+/// The value of a continuation that carries none.
+struct Unit {};
+
+template <class T>
+class Continuation {
+ public:
+  /// Lets the task go on with `value`. A second resumption is ignored and returns false.
+  bool resume(T value) const { return state_->complete(nullptr, std::move(value)); }
+  /// Lets the task go on by throwing `error`.
+  bool fail(std::exception_ptr error) const { return state_->complete(std::move(error), std::nullopt); }
+  template <class Error>
+  bool fail(const Error& error) const {
+    return fail(std::make_exception_ptr(error));
+  }
+
+  struct State {
+    virtual ~State() = default;
+    bool complete(std::exception_ptr error, std::optional<T> value) {
+      if (resumed_.exchange(true)) return false;
+      deliver(std::move(error), std::move(value));
+      return true;
+    }
+
+   protected:
+    virtual void deliver(std::exception_ptr error, std::optional<T> value) = 0;
+    std::atomic<bool> resumed_ = false;
+  };
+  explicit Continuation(std::shared_ptr<State> state) : state_(std::move(state)) {}
+
+ private:
+  std::shared_ptr<State> state_;
+};
+
+namespace detail {
+
+template <class T, class Handler>
+struct ContinuationState final : Continuation<T>::State {
+  explicit ContinuationState(Handler handler) : handler_(std::move(handler)) {}
+  ~ContinuationState() override {
+    if (!this->resumed_.exchange(true)) {
+      deliver(std::make_exception_ptr(
+                  NSCocoaError(NSCocoaError::fileReadUnknown, "an operation ended without an answer")),
+              std::nullopt);
+    }
+  }
+
+ protected:
+  void deliver(std::exception_ptr error, std::optional<T> value) override {
+    auto executor = boost::asio::get_associated_executor(handler_);
+    boost::asio::post(executor, [handler = std::move(handler_), error = std::move(error),
+                                 value = std::move(value)]() mutable {
+      // On the task's own executor: a cancellation can no longer reach the operation that has ended.
+      auto slot = boost::asio::get_associated_cancellation_slot(handler);
+      if (slot.is_connected()) slot.clear();
+      handler(std::move(error), std::move(value));
+    });
+  }
+
+ private:
+  Handler handler_;
+};
+
+}  // namespace detail
+
+/// Suspends the calling task, calls `begin` with its continuation on the task's thread, and returns what it is resumed
+/// with (or throws what it is failed with). `onCancel`, if given, is called on the task's executor when the task is
+/// cancelled while suspended; it may be called after the continuation was resumed, and must then do nothing.
+template <class T>
+Task<T> suspendUntilResumed(std::function<void(Continuation<T>)> begin, std::function<void()> onCancel = nullptr) {
+  using Signature = void(std::exception_ptr, std::optional<T>);
+  auto initiate = [&begin, &onCancel](auto handler) {
+    using Handler = decltype(handler);
+    auto slot = boost::asio::get_associated_cancellation_slot(handler);
+    if (onCancel && slot.is_connected()) {
+      slot.assign([onCancel = std::move(onCancel)](boost::asio::cancellation_type) { onCancel(); });
+    }
+    begin(Continuation<T>(std::make_shared<detail::ContinuationState<T, Handler>>(std::move(handler))));
+  };
+  std::optional<T> value =
+      co_await boost::asio::async_initiate<const boost::asio::use_awaitable_t<>&, Signature>(std::move(initiate),
+                                                                                           boost::asio::use_awaitable);
+  co_return std::move(*value);
+}
+
+}  // namespace kestrune::platform

@@ -1,0 +1,151 @@
+#include "platform/tasks/Task.h"
+
+#include <algorithm>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/thread_pool.hpp>
+#include <boost/asio/this_coro.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <cassert>
+#include <cstdio>
+#include <cstdlib>
+#include <future>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "platform/values/Mutex.h"
+#include "platform/values/NSError.h"
+
+namespace asio = boost::asio;
+
+namespace kestrune::platform {
+
+namespace {
+
+// A few more threads than cores: short file work on one of them must not keep answers from being delivered.
+std::size_t executorThreads() { return std::max<std::size_t>(4, std::thread::hardware_concurrency()); }
+
+[[noreturn]] void reportEscaped(const std::string& name, const NSErrorPtr& error) {
+  std::fprintf(stderr, "kestrune: task '%s' ended with an error that nobody handles: %s\n", name.c_str(),
+               error->localizedDescription().c_str());
+  std::abort();
+}
+
+thread_local std::shared_ptr<TaskLedger> currentLedger;
+
+}  // namespace
+
+asio::any_io_executor sharedExecutor() {
+  // Never destroyed: detached tasks may run until the process ends.
+  static asio::thread_pool* const pool = new asio::thread_pool(executorThreads());
+  return pool->get_executor();
+}
+
+struct TaskLedger::State {
+  Mutex mutex;
+  bool isOpen GUARDED_BY(mutex) = false;
+  std::size_t running GUARDED_BY(mutex) = 0;
+  std::vector<std::function<void()>> held GUARDED_BY(mutex);
+  std::function<void()> idleHandler GUARDED_BY(mutex);
+
+  void start(std::function<void()> launch) {
+    {
+      MutexLock lock(mutex);
+      ++running;
+      if (!isOpen) {
+        held.push_back(std::move(launch));
+        return;
+      }
+    }
+    launch();
+  }
+
+  void ended() {
+    std::function<void()> handler;
+    {
+      MutexLock lock(mutex);
+      assert(running > 0);
+      if (--running == 0) handler = std::exchange(idleHandler, nullptr);
+    }
+    if (handler) handler();
+  }
+};
+
+std::shared_ptr<TaskLedger> TaskLedger::make() {
+  return std::shared_ptr<TaskLedger>(new TaskLedger(std::make_shared<State>()));
+}
+
+TaskLedger::Scope::Scope(std::shared_ptr<TaskLedger> ledger)
+    : previous_(std::exchange(currentLedger, std::move(ledger))) {}
+
+TaskLedger::Scope::~Scope() { currentLedger = std::move(previous_); }
+
+void TaskLedger::open() {
+  std::vector<std::function<void()>> launches;
+  {
+    MutexLock lock(state_->mutex);
+    state_->isOpen = true;
+    launches.swap(state_->held);
+  }
+  for (auto& launch : launches) launch();
+}
+
+void TaskLedger::whenIdle(std::function<void()> handler) {
+  {
+    MutexLock lock(state_->mutex);
+    if (state_->running > 0 || !state_->isOpen) {
+      state_->idleHandler = std::move(handler);
+      return;
+    }
+  }
+  handler();
+}
+
+void spawnDetached(std::string name, Task<void> task) {
+  auto ended = [name = std::move(name)](const std::exception_ptr& exception) {
+    if (exception) reportEscaped(name, errorFrom(exception));
+  };
+  if (!currentLedger) {
+    asio::co_spawn(sharedExecutor(), std::move(task), std::move(ended));
+    return;
+  }
+  auto state = currentLedger->state_;
+  // std::function wants a copyable target; the task is not, so it waits in a shared place.
+  auto waiting = std::make_shared<Task<void>>(std::move(task));
+  state->start([state, waiting, ended = std::move(ended)]() {
+    asio::co_spawn(sharedExecutor(), std::move(*waiting), [state, ended](const std::exception_ptr& exception) {
+      ended(exception);
+      state->ended();
+    });
+  });
+}
+
+void runBlocking(Task<void> task) {
+  std::promise<void> promise;
+  auto done = promise.get_future();
+  asio::co_spawn(sharedExecutor(), std::move(task), [&promise](const std::exception_ptr& exception) {
+    if (exception) {
+      promise.set_exception(exception);
+    } else {
+      promise.set_value();
+    }
+  });
+  done.get();
+}
+
+Task<void> sleepFor(std::chrono::nanoseconds duration) {
+  auto executor = co_await asio::this_coro::executor;
+  asio::steady_timer timer(executor, duration);
+  bool cancelled = false;
+  try {
+    co_await timer.async_wait(asio::use_awaitable);
+  } catch (const boost::system::system_error& error) {
+    if (error.code() != asio::error::operation_aborted) throw;
+    cancelled = true;
+  }
+  if (cancelled) throw CancellationError();
+}
+
+}  // namespace kestrune::platform

@@ -1,0 +1,54 @@
+#include "platform/values/NSError.h"
+
+#include <boost/asio/error.hpp>
+#include <boost/system/system_error.hpp>
+#include <system_error>
+
+namespace kestrune::platform {
+
+NSError::NSError(std::string domain, std::int64_t code, std::string localizedDescription, UserInfo userInfo)
+    : domain_(std::move(domain)),
+      code_(code),
+      description_(std::move(localizedDescription)),
+      userInfo_(std::move(userInfo)) {}
+
+NSErrorPtr NSError::share() const { return std::make_shared<NSError>(*this); }
+
+void NSError::raise() const { throw NSError(*this); }
+
+std::string errnoText(int errorNumber) { return std::generic_category().message(errorNumber); }
+
+NSPOSIXError::NSPOSIXError(int errorNumber, const std::string& context)
+    : NSErrorOf(kNSPOSIXErrorDomain, errorNumber, context + ": " + errnoText(errorNumber)) {}
+
+NSCocoaError::NSCocoaError(Code code, std::string localizedDescription)
+    : NSErrorOf(kNSCocoaErrorDomain, code, std::move(localizedDescription)) {}
+
+CancellationError::CancellationError()
+    : NSErrorOf(kNSCocoaErrorDomain, NSCocoaError::userCancelled, "The operation was cancelled.") {}
+
+NSErrorPtr currentError() {
+  try {
+    throw;
+  } catch (const NSError& error) {
+    return error.share();
+  } catch (const boost::system::system_error& error) {
+    if (error.code() == boost::asio::error::operation_aborted) return CancellationError().share();
+    return std::make_shared<NSPOSIXError>(error.code().value(), "system call");
+  } catch (const std::system_error& error) {
+    return std::make_shared<NSPOSIXError>(error.code().value(), "system call");
+  } catch (const std::exception& error) {
+    return std::make_shared<NSCocoaError>(NSCocoaError::fileReadUnknown, error.what());
+  }
+}
+
+NSErrorPtr errorFrom(const std::exception_ptr& exception) {
+  if (!exception) return nullptr;
+  try {
+    std::rethrow_exception(exception);
+  } catch (...) {
+    return currentError();
+  }
+}
+
+}  // namespace kestrune::platform
