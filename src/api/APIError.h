@@ -1,4 +1,5 @@
-// What a call of the remote service fails with, apart from transport errors (URLError), which pass unchanged.
+// What a call of the remote service fails with, apart from transport errors (URLError), which pass
+// unchanged.
 #pragma once
 
 #include <string>

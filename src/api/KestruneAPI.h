@@ -1,13 +1,15 @@
-// The client of the remote file service: JSON over HTTP with a bearer token. Files are named by their absolute remote
-// path ("/" is the root). Contents never pass through the service: it hands out pre-signed addresses.
+// The client of the remote file service: JSON over HTTP with a bearer token. Files are named by
+// their absolute remote path ("/" is the root). Contents never pass through the service: it hands
+// out pre-signed addresses.
 //
-// Every request reads the configuration anew: the address first, then the token. Requests go out on the process-wide
-// shared session with an idle time-out of 60 seconds, except directImport.
+// Every request reads the configuration anew: the address first, then the token. Requests go out on
+// the process-wide shared session with an idle time-out of 60 seconds, except directImport.
 //
 // Threads: all functions hold no state and may be called from any task.
-// Fails: APIError for the configuration, a status of 400 or more, and replies that do not decode; URLError for
-// transport; NSCocoaError for a text that cannot be sent as JSON. Nothing is retried and nothing is logged here.
-// A call that failed in transport or with `decode` may have been carried out all the same.
+// Fails: APIError for the configuration, a status of 400 or more, and replies that do not decode;
+// URLError for transport; NSCocoaError for a text that cannot be sent as JSON. Nothing is retried
+// and nothing is logged here. A call that failed in transport or with `decode` may have been
+// carried out all the same.
 #pragma once
 
 #include <cstdint>
@@ -56,17 +58,19 @@ class KestruneAPI {
   /// Best effort: whatever goes wrong is dropped.
   static platform::Task<void> directMultipartAbort(std::string key, std::string s3UploadId);
 
-  /// Makes an uploaded object the file at `path`. Large objects take their time: the idle time-out is 1800 seconds, the
-  /// whole call may last 3600, on a session of its own.
+  /// Makes an uploaded object the file at `path`. Large objects take their time: the idle time-out
+  /// is 1800 seconds, the whole call may last 3600, on a session of its own.
   static platform::Task<void> directImport(std::string key, std::string path);
 
-  /// "/files?path=" and the encoded path, for listing and deletion: the URL-path-allowed characters stay ("&", "=",
+  /// "/files?path=" and the encoded path, for listing and deletion: the URL-path-allowed characters
+  /// stay ("&", "=",
   /// "+" among them), "/" becomes "%2F", all else is percent-encoded.
   static std::string filesPath(const std::string& path);
 
   /// An authenticated request; `path` is appended to the configured address as it stands.
   static platform::URLRequest makeRequest(const std::string& method, const std::string& path);
-  /// Sends `request`; a status of 400 or more is thrown as APIError::http with the body as text ("" if not UTF-8).
+  /// Sends `request`; a status of 400 or more is thrown as APIError::http with the body as text (""
+  /// if not UTF-8).
   static platform::Task<platform::URLReply> checkedResponse(platform::URLRequest request);
 
   /// Posts `body` and decodes the reply as `Record`.

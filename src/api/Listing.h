@@ -21,12 +21,13 @@ struct RemoteEntry {
   std::optional<std::string> mimeType;
 };
 
-/// The time that `text` names, with or without a fraction; the present time if it names none: an entry is not refused
-/// for its date.
+/// The time that `text` names, with or without a fraction; the present time if it names none: an
+/// entry is not refused for its date.
 platform::Date modificationDate(std::string_view text);
 
-/// The entries of a listing reply, in the service's order. Throws NSCocoaError if the reply is not a listing: a missing
-/// required field, a wrong type, malformed JSON. The larger part of a listing's time is spent here.
+/// The entries of a listing reply, in the service's order. Throws NSCocoaError if the reply is not
+/// a listing: a missing required field, a wrong type, malformed JSON. The larger part of a
+/// listing's time is spent here.
 std::vector<RemoteEntry> decodeListing(std::string_view reply);
 
 }  // namespace kestrune

@@ -1,5 +1,6 @@
-// The small replies of the remote service, as JSON objects. Every field is required and a text; unknown keys are
-// ignored. Each `decode` throws NSCocoaError if the value is not such a record. Plain values.
+// The small replies of the remote service, as JSON objects. Every field is required and a text;
+// unknown keys are ignored. Each `decode` throws NSCocoaError if the value is not such a record.
+// Plain values.
 #pragma once
 
 #include <map>
@@ -40,8 +41,8 @@ struct PartURLResponse {
   static PartURLResponse decode(const platform::Json& reply);
 };
 
-/// The reply of calls that have nothing to say: an object whose values are all texts. Anything else is refused although
-/// the service has done the work by then.
+/// The reply of calls that have nothing to say: an object whose values are all texts. Anything else
+/// is refused although the service has done the work by then.
 struct StringDictionary {
   std::map<std::string, std::string> values;
   static StringDictionary decode(const platform::Json& reply);

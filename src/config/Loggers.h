@@ -1,4 +1,5 @@
-// The extension's log categories, made on first use and kept until the process ends. Callable from any thread.
+// The extension's log categories, made on first use and kept until the process ends. Callable from
+// any thread.
 #pragma once
 
 #include "platform/log/Log.h"

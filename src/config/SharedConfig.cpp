@@ -55,8 +55,8 @@ std::optional<SharedConfig::Payload> SharedConfig::read() {
   try {
     return Payload::decode(platform::readFile(file(), kMaximumBytes));
   } catch (const NSError&) {
-    return std::
-        nullopt;  // missing, unreadable and malformed are all "not configured", reported by each request
+    return std::nullopt;  // missing, unreadable and malformed are all "not configured", reported by
+                          // each request
   }
 }
 

@@ -1,9 +1,11 @@
-// The shared configuration: "config.json" in the shared directory, written by the companion and only read here.
+// The shared configuration: "config.json" in the shared directory, written by the companion and
+// only read here.
 //
-// Every read of a value reads the file anew, so a new token counts from the next request on. Two values are two reads;
-// each comes from whichever file was there at its own time.
+// Every read of a value reads the file anew, so a new token counts from the next request on. Two
+// values are two reads; each comes from whichever file was there at its own time.
 //
-// Threads: callable from any thread. Fails: never; whatever is wrong with the file reads as "not configured".
+// Threads: callable from any thread. Fails: never; whatever is wrong with the file reads as "not
+// configured".
 #pragma once
 
 #include <filesystem>
@@ -17,8 +19,8 @@ namespace kestrune {
 
 class SharedConfig {
  public:
-  /// The record in the file. Absent and null are the same; unknown keys are ignored; a key of another type than text
-  /// makes the whole file unreadable. An empty text is a value.
+  /// The record in the file. Absent and null are the same; unknown keys are ignored; a key of
+  /// another type than text makes the whole file unreadable. An empty text is a value.
   struct Payload {
     std::optional<std::string> apiURL;
     std::optional<platform::Secret> token;

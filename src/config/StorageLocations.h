@@ -1,7 +1,9 @@
-// Where the files lie that the extension shares with its companion: all below "Kestrune" in the Application Support
-// directory. Locations are computed anew at each call, because the environment decides them.
+// Where the files lie that the extension shares with its companion: all below "Kestrune" in the
+// Application Support directory. Locations are computed anew at each call, because the environment
+// decides them.
 //
-// Threads: callable from any thread. Fails: never; a directory that cannot be made shows when its file is used.
+// Threads: callable from any thread. Fails: never; a directory that cannot be made shows when its
+// file is used.
 #pragma once
 
 #include <filesystem>
@@ -22,7 +24,8 @@ std::filesystem::path listingCacheDirectory();
 /// "sync-status.json"; its directory is made if it is missing.
 std::filesystem::path syncStatusFile();
 
-/// "invalidation-token.txt", written whenever the remote store may have changed. Its directory is not made.
+/// "invalidation-token.txt", written whenever the remote store may have changed. Its directory is
+/// not made.
 std::filesystem::path invalidationTokenFile();
 
 }  // namespace kestrune::storage

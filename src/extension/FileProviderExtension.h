@@ -1,11 +1,14 @@
-// The extension's principal class: a host creates one object per domain and calls it from any thread.
+// The extension's principal class: a host creates one object per domain and calls it from any
+// thread.
 //
-// It owns what its operations share: the domain and its manager, the session on which contents move (one hour of
-// time-outs, at most 32 connections a host: large parts and whole files go through it), and the prefetch tracker. All are
-// set once in the constructor. Each operation returns its progress at once and runs as a task of its own, which keeps
-// what it needs; so the object may go while tasks still run.
+// It owns what its operations share: the domain and its manager, the session on which contents move
+// (one hour of time-outs, at most 32 connections a host: large parts and whole files go through
+// it), and the prefetch tracker. All are set once in the constructor. Each operation returns its
+// progress at once and runs as a task of its own, which keeps what it needs; so the object may go
+// while tasks still run.
 //
-// States: created, serving, invalidated (transfers on the session fail as cancelled; metadata still works), destroyed.
+// States: created, serving, invalidated (transfers on the session fail as cancelled; metadata still
+// works), destroyed.
 #pragma once
 
 #include <memory>
@@ -30,7 +33,8 @@ class FileProviderExtension final : public platform::NSFileProviderReplicatedExt
   };
 
   FileProviderExtension() = delete;
-  /// Never fails: what is wrong with the configuration shows per request. Writes one line to the log.
+  /// Never fails: what is wrong with the configuration shows per request. Writes one line to the
+  /// log.
   explicit FileProviderExtension(platform::NSFileProviderDomainPtr domain);
   FileProviderExtension(platform::NSFileProviderDomainPtr domain, Services services);
 
@@ -41,7 +45,8 @@ class FileProviderExtension final : public platform::NSFileProviderReplicatedExt
   /// Cancels the transfers on the extension's own session.
   void invalidate() override;
 
-  /// One listing request of the parent folder, except for the root, which is answered before the call returns.
+  /// One listing request of the parent folder, except for the root, which is answered before the
+  /// call returns.
   platform::NSProgressPtr item(platform::NSFileProviderItemIdentifier identifier,
                                platform::NSFileProviderRequest request,
                                ItemHandler completionHandler) override;

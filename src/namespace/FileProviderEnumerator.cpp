@@ -44,7 +44,8 @@ bool isSpecialContainer(const std::string& path) {
          path.find("TrashContainer") != std::string::npos;
 }
 
-// White space as Unicode knows it, and line breaks: an editor may have left any of them around the token.
+// White space as Unicode knows it, and line breaks: an editor may have left any of them around the
+// token.
 std::string_view trimmed(std::string_view text) {
   static constexpr std::string_view kSpaces[] = {" ",
                                                  "\t",

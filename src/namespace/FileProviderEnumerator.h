@@ -1,17 +1,20 @@
-// Answers the system's questions about one folder: its content, what changed since an anchor, the present anchor.
+// Answers the system's questions about one folder: its content, what changed since an anchor, the
+// present anchor.
 //
-// The service pushes no changes. An anchor is the invalidation token, a text in a file that some other program writes
-// whenever the remote store should be looked at again. While the token stays the same, "what changed" is answered at
-// once and without a request; when it differs, the folder is listed again and compared with the listing cache. Two
-// guards hold back deletions that may be false: while transfers run below the folder none is reported, and names that a
-// second listing shows again are dropped.
+// The service pushes no changes. An anchor is the invalidation token, a text in a file that some
+// other program writes whenever the remote store should be looked at again. While the token stays
+// the same, "what changed" is answered at once and without a request; when it differs, the folder
+// is listed again and compared with the listing cache. Two guards hold back deletions that may be
+// false: while transfers run below the folder none is reported, and names that a second listing
+// shows again are dropped.
 //
-// Special containers (the working set, the trash, and any path that looks like one) are empty and never change.
+// Special containers (the working set, the trash, and any path that looks like one) are empty and
+// never change.
 //
-// Threads: methods return at once and may be called from any thread; observers are called from a task, except for
-// special containers and unchanged tokens, which are answered before the call returns.
-// Fails: a failed listing ends enumerateItems with its error; enumerateChanges never ends with one: it reports no
-// changes up to the old anchor, so that it is asked again.
+// Threads: methods return at once and may be called from any thread; observers are called from a
+// task, except for special containers and unchanged tokens, which are answered before the call
+// returns. Fails: a failed listing ends enumerateItems with its error; enumerateChanges never ends
+// with one: it reports no changes up to the old anchor, so that it is asked again.
 #pragma once
 
 #include <string>

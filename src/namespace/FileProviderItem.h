@@ -1,8 +1,9 @@
-// One remote file or folder as the system sees it. Its identifier is its absolute remote path, so no table maps
-// identifiers to paths; the root and the two special containers have the platform's reserved identifiers.
+// One remote file or folder as the system sees it. Its identifier is its absolute remote path, so
+// no table maps identifiers to paths; the root and the two special containers have the platform's
+// reserved identifiers.
 //
-// Items are immutable; a changed remote entry yields a new item. Properties are computed when they are read; only the
-// content policy reads anything from outside (the pin store, anew each time).
+// Items are immutable; a changed remote entry yields a new item. Properties are computed when they
+// are read; only the content policy reads anything from outside (the pin store, anew each time).
 //
 // Threads: may be read from any thread.
 #pragma once
@@ -24,8 +25,8 @@ class FileProviderItem final : public platform::NSFileProviderItem {
   static platform::NSFileProviderItemPtr from(const KestruneAPI::Entry& entry,
                                               const std::string& parentPath);
 
-  /// The remote path that an identifier stands for: "/" for the root container, the identifier itself for all others,
-  /// also for the working set and the trash.
+  /// The remote path that an identifier stands for: "/" for the root container, the identifier
+  /// itself for all others, also for the working set and the trash.
   static std::string path(const platform::NSFileProviderItemIdentifier& identifier);
 
   /// The identifier of the item at `path`: the root container's for "" and "/".

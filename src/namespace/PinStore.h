@@ -1,12 +1,13 @@
-// The set of pinned remote paths, kept in "pinned.json" of the shared directory: a JSON array of texts, each once, in
-// ascending byte order.
+// The set of pinned remote paths, kept in "pinned.json" of the shared directory: a JSON array of
+// texts, each once, in ascending byte order.
 //
-// A pin names one path exactly: pinning a folder pins nothing below it. Nothing is kept in memory; each call reads the
-// file. A file that is missing or is no array of texts holds no pins, and the next change replaces it.
+// A pin names one path exactly: pinning a folder pins nothing below it. Nothing is kept in memory;
+// each call reads the file. A file that is missing or is no array of texts holds no pins, and the
+// next change replaces it.
 //
-// Threads: callable from any thread; each call blocks its caller until done. Reads run side by side, changes alone, so two
-// changes never lose each other (within this process; the extension is the only writer).
-// Fails: never; a change that cannot be written is lost.
+// Threads: callable from any thread; each call blocks its caller until done. Reads run side by
+// side, changes alone, so two changes never lose each other (within this process; the extension is
+// the only writer). Fails: never; a change that cannot be written is lost.
 #pragma once
 
 #include <filesystem>

@@ -5,8 +5,10 @@
 
 namespace kestrune {
 
-/// Whether `name` is such clutter: exactly ".Trash", ".trash" or ".DS_Store", or beginning with "._", ".fseventsd",
-/// ".Spotlight-" or ".DocumentRevisions". Compared byte by byte, with case. Callable from any thread.
+/// Whether `name` is such clutter: exactly ".Trash", ".trash" or ".DS_Store", or beginning with
+/// "._", ".fseventsd",
+/// ".Spotlight-" or ".DocumentRevisions". Compared byte by byte, with case. Callable from any
+/// thread.
 bool isSystemJunk(std::string_view name);
 
 }  // namespace kestrune

@@ -27,7 +27,8 @@ struct SyncStatus {
   platform::Date updatedAt;
   std::int64_t activeEnumerations = 0;
 
-  /// The file's contents: one compact JSON object. Throws NSCocoaError if a text is not valid UTF-8.
+  /// The file's contents: one compact JSON object. Throws NSCocoaError if a text is not valid
+  /// UTF-8.
   std::string encode() const;
 };
 

@@ -79,7 +79,8 @@ void SyncStatusStore::flushLocked() const {
   try {
     platform::replaceFile(storage::syncStatusFile(), status.encode(), platform::Durability::atomic);
   } catch (const platform::NSError&) {
-    // The record is an aid to whoever watches; a transfer must not suffer because it cannot be written.
+    // The record is an aid to whoever watches; a transfer must not suffer because it cannot be
+    // written.
   }
 }
 

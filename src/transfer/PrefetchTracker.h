@@ -1,7 +1,9 @@
-// Recognises sequential reads of a file and says how much to fetch for each: requests that start near the end of the one
-// before make a streak, and the longer the streak the more is fetched ahead, from 16 MiB to 128 MiB. A jump ends it.
+// Recognises sequential reads of a file and says how much to fetch for each: requests that start
+// near the end of the one before make a streak, and the longer the streak the more is fetched
+// ahead, from 16 MiB to 128 MiB. A jump ends it.
 //
-// The first request of a file is compared with offset 0, so one that starts near the beginning counts as a streak of 1.
+// The first request of a file is compared with offset 0, so one that starts near the beginning
+// counts as a streak of 1.
 //
 // Threads: may be called from any thread; each call is one critical section.
 // Fails: offsets whose distance does not fit 64 bits end the process.
@@ -23,11 +25,13 @@ class PrefetchTracker {
   /// `clock` decides when a record is stale.
   explicit PrefetchTracker(std::shared_ptr<const platform::Clock> clock);
 
-  /// Records a request for the bytes [requestedStart, requestedEnd) of the item and returns how many bytes to fetch.
+  /// Records a request for the bytes [requestedStart, requestedEnd) of the item and returns how
+  /// many bytes to fetch.
   std::int64_t recordAndAdvise(const std::string& itemId, std::int64_t requestedStart,
                                std::int64_t requestedEnd);
 
-  /// How many items have a record. Records unused for more than 300 seconds go at the next recordAndAdvise.
+  /// How many items have a record. Records unused for more than 300 seconds go at the next
+  /// recordAndAdvise.
   std::size_t recordCount() const;
 
  private:

@@ -1,10 +1,12 @@
-// How a host asks about one folder: its content, what changed in it, and how far the changes have come.
+// How a host asks about one folder: its content, what changed in it, and how far the changes have
+// come.
 //
-// Call order towards an observer: (didEnumerateItems)* then exactly one finish call; or (didDelete | didUpdate)* then
-// exactly one finish call. Nothing follows the finish call.
+// Call order towards an observer: (didEnumerateItems)* then exactly one finish call; or (didDelete
+// | didUpdate)* then exactly one finish call. Nothing follows the finish call.
 //
-// Threads: methods may be called from any thread and return at once; observers are called from any thread, also before
-// the method returns, one call at a time. An observer is kept alive until its finish call has returned.
+// Threads: methods may be called from any thread and return at once; observers are called from any
+// thread, also before the method returns, one call at a time. An observer is kept alive until its
+// finish call has returned.
 #pragma once
 
 #include <functional>
@@ -30,8 +32,10 @@ class NSFileProviderChangeObserver {
  public:
   virtual ~NSFileProviderChangeObserver() = default;
   virtual void didUpdateItems(std::vector<NSFileProviderItemPtr> updatedItems) = 0;
-  virtual void didDeleteItemsWithIdentifiers(std::vector<NSFileProviderItemIdentifier> deletedItemIdentifiers) = 0;
-  virtual void finishEnumeratingChangesUpToSyncAnchor(NSFileProviderSyncAnchor anchor, bool moreComing) = 0;
+  virtual void didDeleteItemsWithIdentifiers(
+      std::vector<NSFileProviderItemIdentifier> deletedItemIdentifiers) = 0;
+  virtual void finishEnumeratingChangesUpToSyncAnchor(NSFileProviderSyncAnchor anchor,
+                                                      bool moreComing) = 0;
   virtual void finishEnumeratingWithError(NSErrorPtr error) = 0;
 };
 
@@ -40,10 +44,12 @@ class NSFileProviderEnumerator {
   virtual ~NSFileProviderEnumerator() = default;
   /// The host is done with this enumerator; running enumerations still end with their finish call.
   virtual void invalidate() = 0;
-  virtual void enumerateItems(std::shared_ptr<NSFileProviderEnumerationObserver> observer, NSFileProviderPage page) = 0;
+  virtual void enumerateItems(std::shared_ptr<NSFileProviderEnumerationObserver> observer,
+                              NSFileProviderPage page) = 0;
   virtual void enumerateChanges(std::shared_ptr<NSFileProviderChangeObserver> observer,
                                 NSFileProviderSyncAnchor anchor) = 0;
-  virtual void currentSyncAnchor(std::function<void(std::optional<NSFileProviderSyncAnchor>)> completionHandler) = 0;
+  virtual void currentSyncAnchor(
+      std::function<void(std::optional<NSFileProviderSyncAnchor>)> completionHandler) = 0;
 };
 
 }  // namespace kestrune::platform

@@ -1,10 +1,11 @@
-// One file or folder, as an extension describes it to the host: a snapshot that never changes, although a property may
-// be computed when it is read.
+// One file or folder, as an extension describes it to the host: a snapshot that never changes,
+// although a property may be computed when it is read.
 //
-// A property that the platform declares as optional is an std::optional here; an empty one also stands for "does not
-// answer to it", which templates of new items may do.
+// A property that the platform declares as optional is an std::optional here; an empty one also
+// stands for "does not answer to it", which templates of new items may do.
 //
-// Threads: properties may be read on any thread; reading one may do short file input (never network).
+// Threads: properties may be read on any thread; reading one may do short file input (never
+// network).
 #pragma once
 
 #include <cstdint>
@@ -29,12 +30,16 @@ class NSFileProviderItem {
   virtual std::string filename() const = 0;
 
   virtual std::optional<UTType> contentType() const { return std::nullopt; }
-  virtual std::optional<NSFileProviderItemCapabilities> capabilities() const { return std::nullopt; }
+  virtual std::optional<NSFileProviderItemCapabilities> capabilities() const {
+    return std::nullopt;
+  }
   /// In bytes; none for folders. May be negative or absurd where the remote side is.
   virtual std::optional<std::int64_t> documentSize() const { return std::nullopt; }
   virtual std::optional<Date> contentModificationDate() const { return std::nullopt; }
   virtual std::optional<Date> creationDate() const { return std::nullopt; }
-  virtual NSFileProviderContentPolicy contentPolicy() const { return NSFileProviderContentPolicy::inherited; }
+  virtual NSFileProviderContentPolicy contentPolicy() const {
+    return NSFileProviderContentPolicy::inherited;
+  }
   virtual std::optional<NSFileProviderItemVersion> itemVersion() const { return std::nullopt; }
 };
 

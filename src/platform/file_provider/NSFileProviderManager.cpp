@@ -20,7 +20,8 @@ Registry& registry() {
 
 }  // namespace
 
-std::shared_ptr<NSFileProviderManager> NSFileProviderManager::forDomain(const NSFileProviderDomain& domain) {
+std::shared_ptr<NSFileProviderManager> NSFileProviderManager::forDomain(
+    const NSFileProviderDomain& domain) {
   Provider provider;
   {
     MutexLock lock(registry().mutex);

@@ -1,9 +1,11 @@
-// A domain (one account's tree in the file manager) and its manager, through which an extension asks the host to act.
+// A domain (one account's tree in the file manager) and its manager, through which an extension
+// asks the host to act.
 //
-// On macOS the system makes managers. Here the host does: it registers one provider for the process, and
-// NSFileProviderManager::forDomain asks it.
+// On macOS the system makes managers. Here the host does: it registers one provider for the
+// process, and NSFileProviderManager::forDomain asks it.
 //
-// Threads: all functions may be called from any thread; completion handlers run on any thread, exactly once.
+// Threads: all functions may be called from any thread; completion handlers run on any thread,
+// exactly once.
 #pragma once
 
 #include <functional>
@@ -33,7 +35,8 @@ using NSFileProviderDomainPtr = std::shared_ptr<const NSFileProviderDomain>;
 class NSFileProviderManager {
  public:
   using Handler = std::function<void(NSErrorPtr error)>;
-  using Provider = std::function<std::shared_ptr<NSFileProviderManager>(const NSFileProviderDomain&)>;
+  using Provider =
+      std::function<std::shared_ptr<NSFileProviderManager>(const NSFileProviderDomain&)>;
 
   virtual ~NSFileProviderManager() = default;
 
@@ -41,11 +44,12 @@ class NSFileProviderManager {
   virtual void evictItem(NSFileProviderItemIdentifier identifier, Handler completionHandler) = 0;
 
   /// Asks for an item's contents to be made local: all of them, or the bytes of `range`.
-  virtual void requestDownloadForItem(NSFileProviderItemIdentifier identifier, std::optional<NSRange> range,
-                                      Handler completionHandler) = 0;
+  virtual void requestDownloadForItem(NSFileProviderItemIdentifier identifier,
+                                      std::optional<NSRange> range, Handler completionHandler) = 0;
 
   /// Tells the host that a container has changes to be asked for.
-  virtual void signalEnumerator(NSFileProviderItemIdentifier container, Handler completionHandler) = 0;
+  virtual void signalEnumerator(NSFileProviderItemIdentifier container,
+                                Handler completionHandler) = 0;
 
   /// The manager of `domain`, or null where the process has none for it.
   static std::shared_ptr<NSFileProviderManager> forDomain(const NSFileProviderDomain& domain);

@@ -1,6 +1,7 @@
-// The small values of the file-provider protocols: identifiers, field sets, policies, versions, requests, ranges.
-// Names, values and bits are the platform's own (Apple's File Provider documentation), so that one extension serves
-// both hosts. All are plain values; they may be copied between threads.
+// The small values of the file-provider protocols: identifiers, field sets, policies, versions,
+// requests, ranges. Names, values and bits are the platform's own (Apple's File Provider
+// documentation), so that one extension serves both hosts. All are plain values; they may be copied
+// between threads.
 #pragma once
 
 #include <cstdint>
@@ -10,20 +11,24 @@
 
 namespace kestrune::platform {
 
-/// Names one item of a domain. Its meaning is the extension's business; hosts compare and hand back, no more.
+/// Names one item of a domain. Its meaning is the extension's business; hosts compare and hand
+/// back, no more.
 using NSFileProviderItemIdentifier = std::string;
 
-inline constexpr const char* NSFileProviderRootContainerItemIdentifier = "NSFileProviderRootContainerItemIdentifier";
+inline constexpr const char* NSFileProviderRootContainerItemIdentifier =
+    "NSFileProviderRootContainerItemIdentifier";
 inline constexpr const char* NSFileProviderWorkingSetContainerItemIdentifier =
     "NSFileProviderWorkingSetContainerItemIdentifier";
-inline constexpr const char* NSFileProviderTrashContainerItemIdentifier = "NSFileProviderTrashContainerItemIdentifier";
+inline constexpr const char* NSFileProviderTrashContainerItemIdentifier =
+    "NSFileProviderTrashContainerItemIdentifier";
 
 /// A point in the history of a container's content, as opaque bytes.
 using NSFileProviderSyncAnchor = std::string;
 
 /// A position in a long enumeration, as opaque bytes.
 using NSFileProviderPage = std::string;
-inline constexpr const char* NSFileProviderInitialPageSortedByName = "NSFileProviderInitialPageSortedByName";
+inline constexpr const char* NSFileProviderInitialPageSortedByName =
+    "NSFileProviderInitialPageSortedByName";
 
 /// What the user may do with an item: a set of bits.
 enum class NSFileProviderItemCapabilities : std::uint32_t {
@@ -54,7 +59,11 @@ enum class NSFileProviderItemFields : std::uint32_t {
   typeAndCreator = 1U << 10U,
 };
 
-enum class NSFileProviderCreateItemOptions : std::uint32_t { none = 0, mayAlreadyExist = 1, deletionConflicted = 2 };
+enum class NSFileProviderCreateItemOptions : std::uint32_t {
+  none = 0,
+  mayAlreadyExist = 1,
+  deletionConflicted = 2
+};
 enum class NSFileProviderModifyItemOptions : std::uint32_t { none = 0, mayAlreadyExist = 1 };
 enum class NSFileProviderDeleteItemOptions : std::uint32_t { none = 0, recursive = 1 };
 enum class NSFileProviderFetchContentsOptions : std::uint32_t { none = 0, strictVersioning = 1 };
@@ -95,7 +104,8 @@ struct NSFileProviderItemVersion {
 struct NSFileProviderRequest {
   bool isSystemRequest = false;
   bool isFileViewerRequest = false;
-  std::optional<std::string> requestingExecutable;  // absolute path of the program whose call caused this request
+  std::optional<std::string>
+      requestingExecutable;  // absolute path of the program whose call caused this request
 };
 
 /// A byte range: `length` bytes from `location` on.

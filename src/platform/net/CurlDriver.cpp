@@ -31,12 +31,15 @@ CURLM* makeMulti() {
   return multi;
 }
 
-std::exception_ptr cancelledError() { return std::make_exception_ptr(URLError(URLError::cancelled)); }
+std::exception_ptr cancelledError() {
+  return std::make_exception_ptr(URLError(URLError::cancelled));
+}
 
 }  // namespace
 
 CurlDriver::CurlDriver(const URLSessionConfiguration& configuration) : multi_(makeMulti()) {
-  curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, static_cast<long>(configuration.httpMaximumConnectionsPerHost));
+  curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS,
+                    static_cast<long>(configuration.httpMaximumConnectionsPerHost));
   curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, kKeptConnections);
 }
 
@@ -61,11 +64,17 @@ void CurlDriver::post(Command command) {
   if (command.order == Order::add) command.transfer->fail(cancelledError());
 }
 
-void CurlDriver::add(std::shared_ptr<Transfer> transfer) { post({Order::add, std::move(transfer)}); }
+void CurlDriver::add(std::shared_ptr<Transfer> transfer) {
+  post({Order::add, std::move(transfer)});
+}
 
-void CurlDriver::cancel(std::shared_ptr<Transfer> transfer) { post({Order::cancel, std::move(transfer)}); }
+void CurlDriver::cancel(std::shared_ptr<Transfer> transfer) {
+  post({Order::cancel, std::move(transfer)});
+}
 
-void CurlDriver::resumeReading(std::shared_ptr<Transfer> transfer) { post({Order::resumeReading, std::move(transfer)}); }
+void CurlDriver::resumeReading(std::shared_ptr<Transfer> transfer) {
+  post({Order::resumeReading, std::move(transfer)});
+}
 
 void CurlDriver::invalidate() {
   {
@@ -139,7 +148,9 @@ bool CurlDriver::carryOutCommands() {
         }
         break;
       case Order::invalidate:
-      case Order::stop: endAll(); break;
+      case Order::stop:
+        endAll();
+        break;
     }
   }
   return goOn;

@@ -1,10 +1,12 @@
 // The driver thread of a session: the only code that calls libcurl's multi interface.
 //
-// Other threads hand it orders (add, cancel, resume reading, invalidate, stop), which its thread carries out between two
-// turns. A turn moves what can be moved, ends what has ended, and lets idle clocks run out.
+// Other threads hand it orders (add, cancel, resume reading, invalidate, stop), which its thread
+// carries out between two turns. A turn moves what can be moved, ends what has ended, and lets idle
+// clocks run out.
 //
-// Threads: the public operations may be called from any thread, also from sinks on the driver thread.
-// Owns: the multi handle, and each transfer from `add` until its sink's didEnd has returned.
+// Threads: the public operations may be called from any thread, also from sinks on the driver
+// thread. Owns: the multi handle, and each transfer from `add` until its sink's didEnd has
+// returned.
 #pragma once
 
 #include <memory>

@@ -14,11 +14,13 @@ constexpr std::int64_t kTrustedReserveBytes = 16 << 20;
 
 void DataSink::didReceiveResponse(const HTTPURLResponse& response, std::int64_t expectedBytes) {
   reply_.response = response;
-  if (expectedBytes > 0) reply_.data.reserve(static_cast<std::size_t>(std::min(expectedBytes, kTrustedReserveBytes)));
+  if (expectedBytes > 0)
+    reply_.data.reserve(static_cast<std::size_t>(std::min(expectedBytes, kTrustedReserveBytes)));
 }
 
 TransferSink::Take DataSink::didReceiveData(std::string_view bytes) {
-  if (reply_.data.size() + bytes.size() > maximumBytes_) throw URLError(URLError::dataLengthExceedsMaximum);
+  if (reply_.data.size() + bytes.size() > maximumBytes_)
+    throw URLError(URLError::dataLengthExceedsMaximum);
   reply_.data.append(bytes);
   return Take::taken;
 }

@@ -1,4 +1,5 @@
-// Collects a whole answer in memory and resumes the task that waits for it. Used by URLSession alone.
+// Collects a whole answer in memory and resumes the task that waits for it. Used by URLSession
+// alone.
 #pragma once
 
 #include "platform/net/Transfer.h"

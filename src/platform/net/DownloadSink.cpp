@@ -17,12 +17,14 @@ namespace kestrune::platform {
 namespace {
 
 constexpr std::size_t kGatherBytes = 1U << 20U;
-// The disk is started early: a gigabyte of unwritten pages would be written when somebody waits for it.
+// The disk is started early: a gigabyte of unwritten pages would be written when somebody waits for
+// it.
 constexpr std::int64_t kPushOutBytes = 16 << 20;
 // Observers are told about 20 times a second.
 constexpr std::chrono::milliseconds kTellInterval(50);
 
-[[noreturn]] void throwFileError(URLError::Code code, const std::string& what, const std::filesystem::path& path) {
+[[noreturn]] void throwFileError(URLError::Code code, const std::string& what,
+                                 const std::filesystem::path& path) {
   const int error = errno;
   throw URLError(code, what + " '" + path.string() + "': " + errnoText(error));
 }
@@ -48,8 +50,8 @@ void URLSessionDownloadTask::Implementation::clearObserver() {
 }
 
 void URLSessionDownloadTask::Implementation::start(const std::shared_ptr<Implementation>& self) {
-  auto transfer =
-      std::make_shared<Transfer>(request_, configuration_, nullptr, std::make_unique<DownloadSink>(self));
+  auto transfer = std::make_shared<Transfer>(request_, configuration_, nullptr,
+                                             std::make_unique<DownloadSink>(self));
   {
     MutexLock lock(mutex_);
     transfer_ = transfer;
@@ -72,15 +74,16 @@ void URLSessionDownloadTask::Implementation::tell(DownloadCounts counts) {
 }
 
 void URLSessionDownloadTask::Implementation::complete(std::filesystem::path location,
-                                                      std::optional<HTTPURLResponse> response, NSErrorPtr error) {
+                                                      std::optional<HTTPURLResponse> response,
+                                                      NSErrorPtr error) {
   CompletionHandler handler;
   {
     MutexLock lock(mutex_);
     handler = std::exchange(completionHandler_, nullptr);
   }
   if (!handler) return;
-  auto run = [handler = std::move(handler), location = std::move(location), response = std::move(response),
-              error = std::move(error)] {
+  auto run = [handler = std::move(handler), location = std::move(location),
+              response = std::move(response), error = std::move(error)] {
     const auto delivered = location.empty() || error ? std::nullopt : std::optional(location);
     handler(delivered, response, error);
     std::error_code ignored;  // moved away by the handler, or never made
@@ -95,7 +98,8 @@ DownloadSink::~DownloadSink() {
 
 void DownloadSink::createFile() {
   location_ = temporaryDirectory() / ("download-" + newUUIDString());
-  descriptor_ = ::open(location_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
+  descriptor_ =
+      ::open(location_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (descriptor_ < 0) {
     const int error = errno;
     const std::string name = std::exchange(location_, {}).string();
@@ -111,8 +115,8 @@ void DownloadSink::didReceiveResponse(const HTTPURLResponse& response, std::int6
   if (expectedBytes >= static_cast<std::int64_t>(kGatherBytes)) {
     gathered_.reserve(kGatherBytes);
 #if defined(__linux__)
-    // Blocks at once are cheaper than blocks one by one, and a full disk shows now. File systems that cannot (EOPNOTSUPP)
-    // do without.
+    // Blocks at once are cheaper than blocks one by one, and a full disk shows now. File systems
+    // that cannot (EOPNOTSUPP) do without.
     if (::fallocate(descriptor_, 0, 0, expectedBytes) != 0 && errno == ENOSPC) {
       throwFileError(URLError::cannotWriteToFile, "write", location_);
     }
@@ -163,8 +167,8 @@ void DownloadSink::didEnd(std::exception_ptr error) {
     error = std::current_exception();
   }
   if (descriptor_ >= 0 && ::close(std::exchange(descriptor_, -1)) != 0 && !error) {
-    error = std::make_exception_ptr(URLError(URLError::cannotWriteToFile, "close '" + location_.string() +
-                                                                               "': " + errnoText(errno)));
+    error = std::make_exception_ptr(URLError(
+        URLError::cannotWriteToFile, "close '" + location_.string() + "': " + errnoText(errno)));
   }
   if (counts_.countOfBytesReceived != toldBytes_) tellObserver();
   task_->complete(location_, answered_ ? std::optional(response_) : std::nullopt, errorFrom(error));

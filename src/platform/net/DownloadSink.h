@@ -1,5 +1,5 @@
-// Writes an answer to a new file of the temporary directory and tells an observer how far it is. Used by URLSession
-// alone.
+// Writes an answer to a new file of the temporary directory and tells an observer how far it is.
+// Used by URLSession alone.
 #pragma once
 
 #include <atomic>
@@ -29,8 +29,10 @@ class URLSessionDownloadTask::Implementation {
 
   // From the sink, on the driver thread.
   void tell(DownloadCounts counts);
-  /// Calls the completion handler on the shared executor and removes the file that it leaves behind.
-  void complete(std::filesystem::path location, std::optional<HTTPURLResponse> response, NSErrorPtr error);
+  /// Calls the completion handler on the shared executor and removes the file that it leaves
+  /// behind.
+  void complete(std::filesystem::path location, std::optional<HTTPURLResponse> response,
+                NSErrorPtr error);
 
  private:
   const std::shared_ptr<CurlDriver> driver_;
@@ -47,7 +49,8 @@ class URLSessionDownloadTask::Implementation {
 
 class DownloadSink final : public TransferSink {
  public:
-  explicit DownloadSink(std::shared_ptr<URLSessionDownloadTask::Implementation> task) : task_(std::move(task)) {}
+  explicit DownloadSink(std::shared_ptr<URLSessionDownloadTask::Implementation> task)
+      : task_(std::move(task)) {}
   ~DownloadSink() override;
 
   void didReceiveResponse(const HTTPURLResponse& response, std::int64_t expectedBytes) override;
@@ -65,8 +68,8 @@ class DownloadSink final : public TransferSink {
   bool answered_ = false;
   std::filesystem::path location_;
   int descriptor_ = -1;
-  // Bytes are gathered to 1 MiB before a write: libcurl hands over at most 16 KiB at once, and writing those costs
-  // three times as much a gigabyte.
+  // Bytes are gathered to 1 MiB before a write: libcurl hands over at most 16 KiB at once, and
+  // writing those costs three times as much a gigabyte.
   std::string gathered_;
   std::int64_t written_ = 0;
   std::int64_t pushedOut_ = 0;

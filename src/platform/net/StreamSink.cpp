@@ -6,8 +6,8 @@ namespace kestrune::platform {
 
 namespace {
 
-// A reader that waits is woken at this many bytes, or when the driver has nothing more to move for now: waking it for
-// each 16 KiB that libcurl hands over costs more than the copy.
+// A reader that waits is woken at this many bytes, or when the driver has nothing more to move for
+// now: waking it for each 16 KiB that libcurl hands over costs more than the copy.
 constexpr std::size_t kWakeBytes = 512U << 10U;
 // At this many unread bytes the network is stopped.
 constexpr std::size_t kPauseBytes = 1U << 20U;
@@ -88,7 +88,8 @@ TransferSink::Take URLByteStream::Source::bytesArrived(std::string_view bytes) {
       paused_ = true;
       return TransferSink::Take::pause;
     }
-    if (buffer_.capacity() < kPauseBytes && bytes.size() > 4096) buffer_.reserve(kPauseBytes + kWakeBytes / 8);
+    if (buffer_.capacity() < kPauseBytes && bytes.size() > 4096)
+      buffer_.reserve(kPauseBytes + kWakeBytes / 8);
     buffer_.append(bytes);
     if (buffer_.size() >= kWakeBytes) waiter = std::exchange(waiter_, std::nullopt);
   }

@@ -1,4 +1,5 @@
-// The two ends of a byte stream: the driver thread fills a bounded buffer, a task empties it. Used by URLSession alone.
+// The two ends of a byte stream: the driver thread fills a bounded buffer, a task empties it. Used
+// by URLSession alone.
 #pragma once
 
 #include <memory>
@@ -12,7 +13,8 @@
 
 namespace kestrune::platform {
 
-/// The shared middle. Threads: the driver's calls come from the driver thread, `take` and `cancel` from the reader's.
+/// The shared middle. Threads: the driver's calls come from the driver thread, `take` and `cancel`
+/// from the reader's.
 class URLByteStream::Source : public std::enable_shared_from_this<Source> {
  public:
   using Piece = std::optional<std::string>;
@@ -22,7 +24,8 @@ class URLByteStream::Source : public std::enable_shared_from_this<Source> {
   /// REQUIRES: called once, before the transfer is added to the driver.
   void attach(const std::shared_ptr<Transfer>& transfer) { transfer_ = transfer; }
 
-  /// Resumes `continuation` with the response, or fails it with what the transfer failed with before one came.
+  /// Resumes `continuation` with the response, or fails it with what the transfer failed with
+  /// before one came.
   void awaitResponse(Continuation<HTTPURLResponse> continuation);
   /// Resumes `continuation` with the bytes at hand, as soon as there are any, or with the end.
   void take(Continuation<Piece> continuation);
@@ -56,7 +59,9 @@ class StreamSink final : public TransferSink {
  public:
   explicit StreamSink(std::shared_ptr<URLByteStream::Source> source) : source_(std::move(source)) {}
 
-  void didReceiveResponse(const HTTPURLResponse& response, std::int64_t) override { source_->responseArrived(response); }
+  void didReceiveResponse(const HTTPURLResponse& response, std::int64_t) override {
+    source_->responseArrived(response);
+  }
   Take didReceiveData(std::string_view bytes) override { return source_->bytesArrived(bytes); }
   void turnEnded() override { source_->flush(); }
   void didEnd(std::exception_ptr error) override { source_->ended(std::move(error)); }

@@ -18,8 +18,8 @@ namespace kestrune::platform {
 
 namespace {
 
-// Headers of all answers on the way (informational ones and redirects included) may take this much; servers that send
-// more are broken or hostile.
+// Headers of all answers on the way (informational ones and redirects included) may take this much;
+// servers that send more are broken or hostile.
 constexpr std::size_t kMaximumHeaderBytes = 256U << 10U;
 constexpr std::size_t kMaximumHeaderLines = 2000;
 constexpr long kMaximumRedirects = 16;
@@ -76,23 +76,30 @@ class FileBody final : public BodySource {
 // The one translation of libcurl's codes.
 URLError errorFromCurl(CURLcode code) {
   switch (code) {
-    case CURLE_OPERATION_TIMEDOUT: return URLError(URLError::timedOut);
+    case CURLE_OPERATION_TIMEDOUT:
+      return URLError(URLError::timedOut);
     case CURLE_UNSUPPORTED_PROTOCOL:
-    case CURLE_URL_MALFORMAT: return URLError(URLError::unsupportedURL);
+    case CURLE_URL_MALFORMAT:
+      return URLError(URLError::unsupportedURL);
     case CURLE_COULDNT_RESOLVE_HOST:
-    case CURLE_COULDNT_RESOLVE_PROXY: return URLError(URLError::cannotFindHost);
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      return URLError(URLError::cannotFindHost);
     case CURLE_COULDNT_CONNECT:
     case CURLE_PROXY:
-    case CURLE_INTERFACE_FAILED: return URLError(URLError::cannotConnectToHost);
+    case CURLE_INTERFACE_FAILED:
+      return URLError(URLError::cannotConnectToHost);
     case CURLE_SEND_ERROR:
     case CURLE_RECV_ERROR:
     case CURLE_GOT_NOTHING:
     case CURLE_PARTIAL_FILE:
     case CURLE_SEND_FAIL_REWIND:
     case CURLE_HTTP2:
-    case CURLE_HTTP2_STREAM: return URLError(URLError::networkConnectionLost);
-    case CURLE_TOO_MANY_REDIRECTS: return URLError(URLError::httpTooManyRedirects);
-    case CURLE_FILESIZE_EXCEEDED: return URLError(URLError::dataLengthExceedsMaximum);
+    case CURLE_HTTP2_STREAM:
+      return URLError(URLError::networkConnectionLost);
+    case CURLE_TOO_MANY_REDIRECTS:
+      return URLError(URLError::httpTooManyRedirects);
+    case CURLE_FILESIZE_EXCEEDED:
+      return URLError(URLError::dataLengthExceedsMaximum);
     case CURLE_SSL_CONNECT_ERROR:
     case CURLE_SSL_CERTPROBLEM:
     case CURLE_SSL_CIPHER:
@@ -102,12 +109,15 @@ URLError errorFromCurl(CURLcode code) {
     case CURLE_SSL_ISSUER_ERROR:
     case CURLE_SSL_CRL_BADFILE:
     case CURLE_SSL_INVALIDCERTSTATUS:
-    case CURLE_SSL_CLIENTCERT: return URLError(URLError::secureConnectionFailed);
+    case CURLE_SSL_CLIENTCERT:
+      return URLError(URLError::secureConnectionFailed);
     case CURLE_WEIRD_SERVER_REPLY:
     case CURLE_BAD_CONTENT_ENCODING:
     case CURLE_OUT_OF_MEMORY:  // what libcurl 7.88 says of a header line of more than 100 KiB
       return URLError(URLError::badServerResponse);
-    default: return URLError(URLError::unknown, std::string("transfer failed: ") + curl_easy_strerror(code));
+    default:
+      return URLError(URLError::unknown,
+                      std::string("transfer failed: ") + curl_easy_strerror(code));
   }
 }
 
@@ -154,8 +164,8 @@ std::unique_ptr<BodySource> BodySource::fromFile(const std::filesystem::path& fi
   return std::make_unique<FileBody>(file);
 }
 
-Transfer::Transfer(URLRequest request, const URLSessionConfiguration& configuration, std::unique_ptr<BodySource> body,
-                   std::unique_ptr<TransferSink> sink)
+Transfer::Transfer(URLRequest request, const URLSessionConfiguration& configuration,
+                   std::unique_ptr<BodySource> body, std::unique_ptr<TransferSink> sink)
     : request_(std::move(request)),
       idleTimeout_(request_.timeoutInterval.value_or(configuration.timeoutIntervalForRequest)),
       resourceTimeout_(configuration.timeoutIntervalForResource),
@@ -168,7 +178,8 @@ Transfer::~Transfer() {
 }
 
 CURL* Transfer::prepare() {
-  if (request_.url.scheme() != "http" && request_.url.scheme() != "https") throw URLError(URLError::unsupportedURL);
+  if (request_.url.scheme() != "http" && request_.url.scheme() != "https")
+    throw URLError(URLError::unsupportedURL);
   easy_ = curl_easy_init();
   if (easy_ == nullptr) throw URLError(URLError::unknown);
   setAddressAndLimits();
@@ -192,7 +203,8 @@ void Transfer::setAddressAndLimits() {
   setOption(easy_, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   setOption(easy_, CURLOPT_TIMEOUT_MS, static_cast<long>(resourceTimeout_.count()));
   setOption(easy_, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(idleTimeout_.count()));
-  // OpenSSL's own variable for a store of one's own (a service with a private authority); libcurl does not read it.
+  // OpenSSL's own variable for a store of one's own (a service with a private authority); libcurl
+  // does not read it.
   if (const char* store = std::getenv("SSL_CERT_FILE"); store != nullptr && *store != '\0') {
     setOption(easy_, CURLOPT_CAINFO, store);
   }
@@ -203,7 +215,8 @@ void Transfer::setMethodAndBody() {
   if (body_) {
     setOption(easy_, CURLOPT_UPLOAD, 1L);
     setOption(easy_, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(body_->size()));
-    const auto buffer = std::min(std::max(body_->size(), kMinimumSendBufferBytes), kMaximumSendBufferBytes);
+    const auto buffer =
+        std::min(std::max(body_->size(), kMinimumSendBufferBytes), kMaximumSendBufferBytes);
     setOption(easy_, CURLOPT_UPLOAD_BUFFERSIZE, static_cast<long>(buffer));
     if (method != "PUT") setOption(easy_, CURLOPT_CUSTOMREQUEST, method.c_str());
     return;
@@ -211,7 +224,8 @@ void Transfer::setMethodAndBody() {
   if (method == "POST" || !request_.httpBody.empty()) {
     setOption(easy_, CURLOPT_POST, 1L);
     setOption(easy_, CURLOPT_POSTFIELDS, request_.httpBody.c_str());
-    setOption(easy_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request_.httpBody.size()));
+    setOption(easy_, CURLOPT_POSTFIELDSIZE_LARGE,
+              static_cast<curl_off_t>(request_.httpBody.size()));
   }
   if (method == "HEAD") {
     setOption(easy_, CURLOPT_NOBODY, 1L);
@@ -302,10 +316,12 @@ bool Transfer::acceptHeaderLine(std::string_view line) {
     return false;
   }
   while (!line.empty() && (line.back() == '\r' || line.back() == '\n')) line.remove_suffix(1);
-  if (line.substr(0, 5) == "HTTP/") {  // a new answer begins: an informational one or a redirect came before
+  if (line.substr(0, 5) ==
+      "HTTP/") {  // a new answer begins: an informational one or a redirect came before
     response_.headers.clear();
   } else if (const auto colon = line.find(':'); colon != std::string_view::npos) {
-    response_.headers.emplace_back(std::string(line.substr(0, colon)), std::string(trimmed(line.substr(colon + 1))));
+    response_.headers.emplace_back(std::string(line.substr(0, colon)),
+                                   std::string(trimmed(line.substr(colon + 1))));
   }
   return true;
 }
@@ -359,7 +375,8 @@ int Transfer::onProgress(void* self, curl_off_t, curl_off_t received, curl_off_t
 }
 
 curl_socket_t Transfer::onOpenSocket(void* self, curlsocktype, curl_sockaddr* address) {
-  // A redirect must not lead to this machine's own link, where credentials of cloud machines are served.
+  // A redirect must not lead to this machine's own link, where credentials of cloud machines are
+  // served.
   long redirects = 0;
   curl_easy_getinfo(static_cast<Transfer*>(self)->easy_, CURLINFO_REDIRECT_COUNT, &redirects);
   if (redirects > 0 && isLinkLocal(address->addr)) return CURL_SOCKET_BAD;

@@ -1,7 +1,8 @@
-// One request on its way: its easy handle, what it sends, where its answer goes, and its idle clock.
+// One request on its way: its easy handle, what it sends, where its answer goes, and its idle
+// clock.
 //
-// A Transfer is made on any thread, handed to a CurlDriver, and from then on touched by that driver's thread alone. It
-// ends exactly once: with a call of its sink's `didEnd`.
+// A Transfer is made on any thread, handed to a CurlDriver, and from then on touched by that
+// driver's thread alone. It ends exactly once: with a call of its sink's `didEnd`.
 #pragma once
 
 #include <curl/curl.h>
@@ -18,17 +19,18 @@
 
 namespace kestrune::platform {
 
-/// Where an answer goes. All calls come on the driver thread, in the order response, data…, end. A transfer that fails
-/// early ends without a response.
+/// Where an answer goes. All calls come on the driver thread, in the order response, data…, end. A
+/// transfer that fails early ends without a response.
 class TransferSink {
  public:
   enum class Take { taken, pause };
 
   virtual ~TransferSink() = default;
-  /// The final answer's status and headers; `expectedBytes` is -1 while the body's length is not known.
+  /// The final answer's status and headers; `expectedBytes` is -1 while the body's length is not
+  /// known.
   virtual void didReceiveResponse(const HTTPURLResponse& response, std::int64_t expectedBytes) = 0;
-  /// With `pause` the bytes were not taken: they come again after CurlDriver::resumeReading. May throw: the transfer
-  /// then ends with that error.
+  /// With `pause` the bytes were not taken: they come again after CurlDriver::resumeReading. May
+  /// throw: the transfer then ends with that error.
   virtual Take didReceiveData(std::string_view bytes) = 0;
   /// The driver has moved what it could move for now.
   virtual void turnEnded() {}
@@ -54,8 +56,8 @@ class Transfer : public std::enable_shared_from_this<Transfer> {
   using Instant = std::chrono::steady_clock::time_point;
 
   /// `body` null: httpBody is sent.
-  Transfer(URLRequest request, const URLSessionConfiguration& configuration, std::unique_ptr<BodySource> body,
-           std::unique_ptr<TransferSink> sink);
+  Transfer(URLRequest request, const URLSessionConfiguration& configuration,
+           std::unique_ptr<BodySource> body, std::unique_ptr<TransferSink> sink);
   ~Transfer();
   Transfer(const Transfer&) = delete;
   Transfer& operator=(const Transfer&) = delete;
@@ -82,7 +84,8 @@ class Transfer : public std::enable_shared_from_this<Transfer> {
   void setCallbacks();
   void touch();
   void announceResponse();
-  /// Keeps the exception being handled as the reason to stop. REQUIRES: called inside a catch block.
+  /// Keeps the exception being handled as the reason to stop. REQUIRES: called inside a catch
+  /// block.
   void stopWithCurrentException() { failure_ = std::current_exception(); }
   bool acceptHeaderLine(std::string_view line);
 

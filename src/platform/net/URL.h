@@ -9,8 +9,9 @@
 
 namespace kestrune::platform {
 
-/// A URL that satisfies RFC 3986's URI-reference grammar, kept exactly as it was written: nothing is normalised,
-/// decoded or completed. It may be relative; requests to such a URL fail in transport.
+/// A URL that satisfies RFC 3986's URI-reference grammar, kept exactly as it was written: nothing
+/// is normalised, decoded or completed. It may be relative; requests to such a URL fail in
+/// transport.
 class URL {
  public:
   /// None if `text` is empty or is no URI reference.
@@ -19,7 +20,8 @@ class URL {
   const std::string& absoluteString() const { return text_; }
   /// In lower case; empty for a relative reference.
   const std::string& scheme() const { return scheme_; }
-  /// Scheme, host and effective port ("https://example.org:443"), in lower case: what may see a credential.
+  /// Scheme, host and effective port ("https://example.org:443"), in lower case: what may see a
+  /// credential.
   const std::string& origin() const { return origin_; }
 
  private:
@@ -29,8 +31,8 @@ class URL {
   std::string origin_;
 };
 
-/// Percent-encodes every byte outside the URL-path-allowed set (RFC 3986 pchar and "/") with upper-case digits. None if
-/// `text` is not valid UTF-8.
+/// Percent-encodes every byte outside the URL-path-allowed set (RFC 3986 pchar and "/") with
+/// upper-case digits. None if `text` is not valid UTF-8.
 std::optional<std::string> percentEncodedForURLPath(std::string_view text);
 
 }  // namespace kestrune::platform

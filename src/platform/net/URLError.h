@@ -1,6 +1,6 @@
-// Errors of URL loading: the codes and descriptions of NSURLErrorDomain (Apple's documentation of URL Loading System
-// error codes). Descriptions are the platform's general texts: they never hold an address, a header or a body, since a
-// pre-signed address is a secret.
+// Errors of URL loading: the codes and descriptions of NSURLErrorDomain (Apple's documentation of
+// URL Loading System error codes). Descriptions are the platform's general texts: they never hold
+// an address, a header or a body, since a pre-signed address is a secret.
 #pragma once
 
 #include "platform/values/NSError.h"

@@ -13,12 +13,13 @@ namespace kestrune::platform {
 namespace {
 
 // All that a data request needs, by value: its session may be gone before it ends.
-Task<URLReply> collect(std::shared_ptr<CurlDriver> driver, URLSessionConfiguration configuration, URLRequest request,
-                       std::unique_ptr<BodySource> body) {
+Task<URLReply> collect(std::shared_ptr<CurlDriver> driver, URLSessionConfiguration configuration,
+                       URLRequest request, std::unique_ptr<BodySource> body) {
   auto started = std::make_shared<std::weak_ptr<Transfer>>();
   auto begin = [&](Continuation<URLReply> continuation) {
     auto sink = std::make_unique<DataSink>(std::move(continuation), configuration.maximumDataBytes);
-    auto transfer = std::make_shared<Transfer>(std::move(request), configuration, std::move(body), std::move(sink));
+    auto transfer = std::make_shared<Transfer>(std::move(request), configuration, std::move(body),
+                                               std::move(sink));
     *started = transfer;
     driver->add(std::move(transfer));
   };
@@ -29,11 +30,12 @@ Task<URLReply> collect(std::shared_ptr<CurlDriver> driver, URLSessionConfigurati
   co_return reply;
 }
 
-Task<URLByteStream> openStream(std::shared_ptr<CurlDriver> driver, URLSessionConfiguration configuration,
-                               URLRequest request) {
+Task<URLByteStream> openStream(std::shared_ptr<CurlDriver> driver,
+                               URLSessionConfiguration configuration, URLRequest request) {
   auto source = std::make_shared<URLByteStream::Source>(driver);
   auto sink = std::make_unique<StreamSink>(source);
-  auto transfer = std::make_shared<Transfer>(std::move(request), configuration, nullptr, std::move(sink));
+  auto transfer =
+      std::make_shared<Transfer>(std::move(request), configuration, nullptr, std::move(sink));
   source->attach(transfer);
   auto begin = [&](Continuation<HTTPURLResponse> continuation) {
     source->awaitResponse(std::move(continuation));
@@ -64,7 +66,9 @@ URLByteStream::~URLByteStream() {
 
 Task<std::optional<std::string>> URLByteStream::next() {
   auto source = source_;
-  auto begin = [source](Continuation<Source::Piece> continuation) { source->take(std::move(continuation)); };
+  auto begin = [source](Continuation<Source::Piece> continuation) {
+    source->take(std::move(continuation));
+  };
   auto cancel = [source] { source->cancel(); };
   Source::Piece piece = co_await suspendUntilResumed<Source::Piece>(begin, cancel);
   co_return piece;
@@ -73,7 +77,9 @@ Task<std::optional<std::string>> URLByteStream::next() {
 URLSessionDownloadTask::URLSessionDownloadTask(std::shared_ptr<Implementation> implementation)
     : implementation_(std::move(implementation)) {}
 
-void URLSessionDownloadTask::observe(Observer observer) { implementation_->setObserver(std::move(observer)); }
+void URLSessionDownloadTask::observe(Observer observer) {
+  implementation_->setObserver(std::move(observer));
+}
 
 void URLSessionDownloadTask::invalidateObservation() { implementation_->clearObserver(); }
 
@@ -87,7 +93,8 @@ URLSession::URLSession(URLSessionConfiguration configuration)
 URLSession::~URLSession() { driver_->stop(); }
 
 URLSession& URLSession::shared() {
-  static auto* const session = new URLSession(URLSessionConfiguration());  // used until the process ends
+  static auto* const session =
+      new URLSession(URLSessionConfiguration());  // used until the process ends
   return *session;
 }
 
@@ -99,8 +106,10 @@ Task<URLReply> URLSession::uploadFromFile(URLRequest request, std::filesystem::p
   return collect(driver_, configuration_, std::move(request), BodySource::fromFile(file));
 }
 
-Task<URLReply> URLSession::uploadFromData(URLRequest request, std::shared_ptr<const std::string> body) {
-  return collect(driver_, configuration_, std::move(request), BodySource::fromData(std::move(body)));
+Task<URLReply> URLSession::uploadFromData(URLRequest request,
+                                          std::shared_ptr<const std::string> body) {
+  return collect(driver_, configuration_, std::move(request),
+                 BodySource::fromData(std::move(body)));
 }
 
 Task<URLByteStream> URLSession::bytes(URLRequest request) {
@@ -109,8 +118,9 @@ Task<URLByteStream> URLSession::bytes(URLRequest request) {
 
 std::shared_ptr<URLSessionDownloadTask> URLSession::downloadTask(
     URL url, URLSessionDownloadTask::CompletionHandler completionHandler) {
-  return std::make_shared<URLSessionDownloadTask>(std::make_shared<URLSessionDownloadTask::Implementation>(
-      driver_, std::move(url), configuration_, std::move(completionHandler)));
+  return std::make_shared<URLSessionDownloadTask>(
+      std::make_shared<URLSessionDownloadTask::Implementation>(
+          driver_, std::move(url), configuration_, std::move(completionHandler)));
 }
 
 void URLSession::invalidateAndCancel() { driver_->invalidate(); }

@@ -1,19 +1,21 @@
 // URL sessions: HTTP requests for coroutines, on libcurl's multi interface.
 //
-// A session owns one driver thread that moves all its transfers; connections are kept and reused, at most
-// `httpMaximumConnectionsPerHost` of them to one host (further requests wait their turn). Answers are delivered on the
-// caller's own executor. Redirects with a "Location" are followed, at most 16, to http and https alone; a 3xx without
-// one is handed back as it is. "Authorization" goes to the first request's scheme, host and port and to no other. TLS
-// certificates are always verified, against the system's store or $SSL_CERT_FILE. Requests carry only the headers that
-// were set, "Host", and those of their body.
+// A session owns one driver thread that moves all its transfers; connections are kept and reused,
+// at most `httpMaximumConnectionsPerHost` of them to one host (further requests wait their turn).
+// Answers are delivered on the caller's own executor. Redirects with a "Location" are followed, at
+// most 16, to http and https alone; a 3xx without one is handed back as it is. "Authorization" goes
+// to the first request's scheme, host and port and to no other. TLS certificates are always
+// verified, against the system's store or $SSL_CERT_FILE. Requests carry only the headers that were
+// set, "Host", and those of their body.
 //
-// Time: a request's time-out is an idle time-out; its clock restarts whenever a byte moves in either direction, and
-// stands still while the request waits for a connection or its reader holds the network back. The resource time-out
-// bounds the whole transfer.
+// Time: a request's time-out is an idle time-out; its clock restarts whenever a byte moves in
+// either direction, and stands still while the request waits for a connection or its reader holds
+// the network back. The resource time-out bounds the whole transfer.
 //
-// Threads: every operation may be called from any thread. Handlers of download tasks are called as documented there.
-// Fails: URLError with the codes of URLError.h, for transport alone: any status the server sends is an answer. A
-// cancelled task (TaskGroup) cancels its transfer, which then fails with `cancelled`.
+// Threads: every operation may be called from any thread. Handlers of download tasks are called as
+// documented there. Fails: URLError with the codes of URLError.h, for transport alone: any status
+// the server sends is an answer. A cancelled task (TaskGroup) cancels its transfer, which then
+// fails with `cancelled`.
 #pragma once
 
 #include <chrono>
@@ -40,8 +42,8 @@ struct URLSessionConfiguration {
   std::chrono::milliseconds timeoutIntervalForResource = std::chrono::hours(24 * 7);
   /// The platform's default on desktops.
   int httpMaximumConnectionsPerHost = 6;
-  /// A body collected in memory that grows beyond this fails with dataLengthExceedsMaximum, whatever length was
-  /// announced: room for a listing of about two million entries.
+  /// A body collected in memory that grows beyond this fails with dataLengthExceedsMaximum,
+  /// whatever length was announced: room for a listing of about two million entries.
   std::uint64_t maximumDataBytes = 256ULL << 20U;
 };
 
@@ -71,8 +73,8 @@ struct URLReply {
   HTTPURLResponse response;
 };
 
-/// An answer whose body is read as it arrives. About 1 MiB is buffered at most: a slow reader stops the network.
-/// Threads: one reader at a time. Dropping the stream cancels the transfer.
+/// An answer whose body is read as it arrives. About 1 MiB is buffered at most: a slow reader stops
+/// the network. Threads: one reader at a time. Dropping the stream cancels the transfer.
 class URLByteStream {
  public:
   class Source;
@@ -83,8 +85,8 @@ class URLByteStream {
 
   const HTTPURLResponse& response() const { return response_; }
 
-  /// The next bytes, in pieces of whatever size has arrived; none at the end of the body. Throws what the transfer
-  /// failed with, after all bytes that came before the failure have been read.
+  /// The next bytes, in pieces of whatever size has arrived; none at the end of the body. Throws
+  /// what the transfer failed with, after all bytes that came before the failure have been read.
   Task<std::optional<std::string>> next();
 
  private:
@@ -101,13 +103,14 @@ struct DownloadCounts {
 /// One download to a file, started with `resume`.
 class URLSessionDownloadTask {
  public:
-  /// `location` is a file in the temporary directory, or nothing where no file came. It is removed when the handler
-  /// returns unless the handler has moved it. `response` is set where there was an answer. Called once, on an executor
-  /// thread, after the last observation.
-  using CompletionHandler = std::function<void(std::optional<std::filesystem::path> location,
-                                               std::optional<HTTPURLResponse> response, NSErrorPtr error)>;
-  /// Called on the session's driver thread as bytes arrive: at most about 20 times a second, and always for the last
-  /// byte. It must be short and must not block.
+  /// `location` is a file in the temporary directory, or nothing where no file came. It is removed
+  /// when the handler returns unless the handler has moved it. `response` is set where there was an
+  /// answer. Called once, on an executor thread, after the last observation.
+  using CompletionHandler =
+      std::function<void(std::optional<std::filesystem::path> location,
+                         std::optional<HTTPURLResponse> response, NSErrorPtr error)>;
+  /// Called on the session's driver thread as bytes arrive: at most about 20 times a second, and
+  /// always for the last byte. It must be short and must not block.
   using Observer = std::function<void(DownloadCounts)>;
   class Implementation;
 
@@ -115,7 +118,8 @@ class URLSessionDownloadTask {
 
   /// Sets the observer. REQUIRES: called before `resume`.
   void observe(Observer observer);
-  /// Ends the observation: when it returns the observer is not running and will not be called again.
+  /// Ends the observation: when it returns the observer is not running and will not be called
+  /// again.
   void invalidateObservation();
   /// Starts the download. REQUIRES: called once.
   void resume();
@@ -141,7 +145,8 @@ class URLSession {
   /// Sends `request` with its httpBody and collects the answer in memory.
   Task<URLReply> data(URLRequest request);
 
-  /// Sends the contents of `file` as the body, streamed; httpBody is ignored. The file must not change meanwhile.
+  /// Sends the contents of `file` as the body, streamed; httpBody is ignored. The file must not
+  /// change meanwhile.
   Task<URLReply> uploadFromFile(URLRequest request, std::filesystem::path file);
 
   /// Sends `body`, which is kept until the answer is there and then released; httpBody is ignored.
@@ -154,7 +159,8 @@ class URLSession {
   std::shared_ptr<URLSessionDownloadTask> downloadTask(
       URL url, URLSessionDownloadTask::CompletionHandler completionHandler);
 
-  /// Fails everything that runs, and everything that is asked for later, with URLError cancelled. May be called twice.
+  /// Fails everything that runs, and everything that is asked for later, with URLError cancelled.
+  /// May be called twice.
   void invalidateAndCancel();
 
  private:

@@ -1,12 +1,14 @@
-// The bridge from callbacks to coroutines: a task suspends until somebody, on any thread, resumes it with a value or
-// an error, exactly once.
+// The bridge from callbacks to coroutines: a task suspends until somebody, on any thread, resumes
+// it with a value or an error, exactly once.
 //
-//     auto reply = co_await suspendUntilResumed<Reply>(start);   // start hands the continuation to the callback side
+//     auto reply = co_await suspendUntilResumed<Reply>(start);   // start hands the continuation to
+//     the callback side
 //
-// If every copy of a continuation is dropped without resuming, the task is resumed with an error that says so: a task
-// is never left suspended for ever.
+// If every copy of a continuation is dropped without resuming, the task is resumed with an error
+// that says so: a task is never left suspended for ever.
 //
-// Threads: `resume` and `fail` may be called on any thread; the task goes on on its own executor, never on that thread.
+// Threads: `resume` and `fail` may be called on any thread; the task goes on on its own executor,
+// never on that thread.
 #pragma once
 
 #include <atomic>
@@ -35,7 +37,9 @@ class Continuation {
   /// Lets the task go on with `value`. A second resumption is ignored and returns false.
   bool resume(T value) const { return state_->complete(nullptr, std::move(value)); }
   /// Lets the task go on by throwing `error`.
-  bool fail(std::exception_ptr error) const { return state_->complete(std::move(error), std::nullopt); }
+  bool fail(std::exception_ptr error) const {
+    return state_->complete(std::move(error), std::nullopt);
+  }
   template <class Error>
   bool fail(const Error& error) const {
     return fail(std::make_exception_ptr(error));
@@ -66,8 +70,8 @@ struct ContinuationState final : Continuation<T>::State {
   explicit ContinuationState(Handler handler) : handler_(std::move(handler)) {}
   ~ContinuationState() override {
     if (!this->resumed_.exchange(true)) {
-      deliver(std::make_exception_ptr(
-                  NSCocoaError(NSCocoaError::fileReadUnknown, "an operation ended without an answer")),
+      deliver(std::make_exception_ptr(NSCocoaError(NSCocoaError::fileReadUnknown,
+                                                   "an operation ended without an answer")),
               std::nullopt);
     }
   }
@@ -77,7 +81,8 @@ struct ContinuationState final : Continuation<T>::State {
     auto executor = boost::asio::get_associated_executor(handler_);
     boost::asio::post(executor, [handler = std::move(handler_), error = std::move(error),
                                  value = std::move(value)]() mutable {
-      // On the task's own executor: a cancellation can no longer reach the operation that has ended.
+      // On the task's own executor: a cancellation can no longer reach the operation that has
+      // ended.
       auto slot = boost::asio::get_associated_cancellation_slot(handler);
       if (slot.is_connected()) slot.clear();
       handler(std::move(error), std::move(value));
@@ -90,11 +95,13 @@ struct ContinuationState final : Continuation<T>::State {
 
 }  // namespace detail
 
-/// Suspends the calling task, calls `begin` with its continuation on the task's thread, and returns what it is resumed
-/// with (or throws what it is failed with). `onCancel`, if given, is called on the task's executor when the task is
-/// cancelled while suspended; it may be called after the continuation was resumed, and must then do nothing.
+/// Suspends the calling task, calls `begin` with its continuation on the task's thread, and returns
+/// what it is resumed with (or throws what it is failed with). `onCancel`, if given, is called on
+/// the task's executor when the task is cancelled while suspended; it may be called after the
+/// continuation was resumed, and must then do nothing.
 template <class T>
-Task<T> suspendUntilResumed(std::function<void(Continuation<T>)> begin, std::function<void()> onCancel = nullptr) {
+Task<T> suspendUntilResumed(std::function<void(Continuation<T>)> begin,
+                            std::function<void()> onCancel = nullptr) {
   using Signature = void(std::exception_ptr, std::optional<T>);
   auto initiate = [&begin, &onCancel](auto handler) {
     using Handler = decltype(handler);
@@ -102,11 +109,12 @@ Task<T> suspendUntilResumed(std::function<void(Continuation<T>)> begin, std::fun
     if (onCancel && slot.is_connected()) {
       slot.assign([onCancel = std::move(onCancel)](boost::asio::cancellation_type) { onCancel(); });
     }
-    begin(Continuation<T>(std::make_shared<detail::ContinuationState<T, Handler>>(std::move(handler))));
+    begin(Continuation<T>(
+        std::make_shared<detail::ContinuationState<T, Handler>>(std::move(handler))));
   };
   std::optional<T> value =
-      co_await boost::asio::async_initiate<const boost::asio::use_awaitable_t<>&, Signature>(std::move(initiate),
-                                                                                           boost::asio::use_awaitable);
+      co_await boost::asio::async_initiate<const boost::asio::use_awaitable_t<>&, Signature>(
+          std::move(initiate), boost::asio::use_awaitable);
   co_return std::move(*value);
 }
 

@@ -20,7 +20,8 @@ void nameThisThread(const std::string& label) {
 
 }  // namespace
 
-SerialQueue::SerialQueue(std::string label) : label_(std::move(label)), thread_([this] { run(); }) {}
+SerialQueue::SerialQueue(std::string label)
+    : label_(std::move(label)), thread_([this] { run(); }) {}
 
 SerialQueue::~SerialQueue() {
   assert(std::this_thread::get_id() != thread_.get_id());

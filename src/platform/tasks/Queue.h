@@ -1,8 +1,9 @@
 // Dispatch queues: work of one owner, one piece at a time.
 //
-// SerialQueue runs what is put on it in order, on a thread of its own: callers never wait for the work (only `sync`
-// does), and the work may do file input and output. ConcurrentQueue runs its work on the caller's thread: plain blocks
-// side by side, barrier blocks alone; a waiting barrier holds back the blocks that come after it.
+// SerialQueue runs what is put on it in order, on a thread of its own: callers never wait for the
+// work (only `sync` does), and the work may do file input and output. ConcurrentQueue runs its work
+// on the caller's thread: plain blocks side by side, barrier blocks alone; a waiting barrier holds
+// back the blocks that come after it.
 //
 // Fails: work must not throw; an exception that leaves it ends the process.
 #pragma once
@@ -28,7 +29,8 @@ class SerialQueue {
   SerialQueue(const SerialQueue&) = delete;
   SerialQueue& operator=(const SerialQueue&) = delete;
 
-  /// Appends `work` and returns at once. May be called from any thread, also from work on this queue.
+  /// Appends `work` and returns at once. May be called from any thread, also from work on this
+  /// queue.
   void async(std::function<void()> work);
 
   /// Appends `work` and waits until it has run, with everything that was queued before it.
@@ -55,7 +57,8 @@ class ConcurrentQueue {
 
   const std::string& label() const { return label_; }
 
-  /// Runs `work` on this thread, side by side with other plain blocks. REQUIRES: not called from work on this queue.
+  /// Runs `work` on this thread, side by side with other plain blocks. REQUIRES: not called from
+  /// work on this queue.
   template <class Work>
   auto sync(const Work& work) {
     std::shared_lock<std::shared_mutex> lock;
@@ -66,7 +69,8 @@ class ConcurrentQueue {
     return work();
   }
 
-  /// Runs `work` on this thread when every block before it has ended, and lets none begin until it has.
+  /// Runs `work` on this thread when every block before it has ended, and lets none begin until it
+  /// has.
   template <class Work>
   auto syncBarrier(const Work& work) {
     std::unique_lock<std::shared_mutex> lock;
@@ -79,7 +83,8 @@ class ConcurrentQueue {
 
  private:
   const std::string label_;
-  std::mutex turnstile_;  // first come, first served: a barrier that waits here holds back later readers
+  std::mutex
+      turnstile_;  // first come, first served: a barrier that waits here holds back later readers
   std::shared_mutex blocks_;
 };
 

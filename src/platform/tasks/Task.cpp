@@ -4,8 +4,8 @@
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/asio/thread_pool.hpp>
 #include <boost/asio/this_coro.hpp>
+#include <boost/asio/thread_pool.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <cassert>
 #include <cstdio>
@@ -24,12 +24,15 @@ namespace kestrune::platform {
 
 namespace {
 
-// A few more threads than cores: short file work on one of them must not keep answers from being delivered.
-std::size_t executorThreads() { return std::max<std::size_t>(4, std::thread::hardware_concurrency()); }
+// A few more threads than cores: short file work on one of them must not keep answers from being
+// delivered.
+std::size_t executorThreads() {
+  return std::max<std::size_t>(4, std::thread::hardware_concurrency());
+}
 
 [[noreturn]] void reportEscaped(const std::string& name, const NSErrorPtr& error) {
-  std::fprintf(stderr, "kestrune: task '%s' ended with an error that nobody handles: %s\n", name.c_str(),
-               error->localizedDescription().c_str());
+  std::fprintf(stderr, "kestrune: task '%s' ended with an error that nobody handles: %s\n",
+               name.c_str(), error->localizedDescription().c_str());
   std::abort();
 }
 
@@ -115,23 +118,25 @@ void spawnDetached(std::string name, Task<void> task) {
   // std::function wants a copyable target; the task is not, so it waits in a shared place.
   auto waiting = std::make_shared<Task<void>>(std::move(task));
   state->start([state, waiting, ended = std::move(ended)]() {
-    asio::co_spawn(sharedExecutor(), std::move(*waiting), [state, ended](const std::exception_ptr& exception) {
-      ended(exception);
-      state->ended();
-    });
+    asio::co_spawn(sharedExecutor(), std::move(*waiting),
+                   [state, ended](const std::exception_ptr& exception) {
+                     ended(exception);
+                     state->ended();
+                   });
   });
 }
 
 void runBlocking(Task<void> task) {
   std::promise<void> promise;
   auto done = promise.get_future();
-  asio::co_spawn(sharedExecutor(), std::move(task), [&promise](const std::exception_ptr& exception) {
-    if (exception) {
-      promise.set_exception(exception);
-    } else {
-      promise.set_value();
-    }
-  });
+  asio::co_spawn(sharedExecutor(), std::move(task),
+                 [&promise](const std::exception_ptr& exception) {
+                   if (exception) {
+                     promise.set_exception(exception);
+                   } else {
+                     promise.set_value();
+                   }
+                 });
   done.get();
 }
 

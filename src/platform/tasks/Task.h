@@ -1,10 +1,12 @@
 // Coroutine tasks on the shared executor.
 //
-// A Task<T> is a coroutine that starts when it is awaited (or spawned) and ends with a value or an exception. Tasks run
-// on the process-wide pool of executor threads; they never block there on the network, and file work on them is short.
+// A Task<T> is a coroutine that starts when it is awaited (or spawned) and ends with a value or an
+// exception. Tasks run on the process-wide pool of executor threads; they never block there on the
+// network, and file work on them is short.
 //
-// An unstructured task is started with `spawnDetached`: nobody awaits it, so it owns everything it uses (arguments by
-// value) and answers for its own errors. An exception that leaves it is a bug and ends the process.
+// An unstructured task is started with `spawnDetached`: nobody awaits it, so it owns everything it
+// uses (arguments by value) and answers for its own errors. An exception that leaves it is a bug
+// and ends the process.
 //
 // Threads: all functions here may be called from any thread.
 #pragma once
@@ -27,12 +29,13 @@ using Task = boost::asio::awaitable<T>;
 /// The executor that all tasks of the process share. It lives until the process ends.
 boost::asio::any_io_executor sharedExecutor();
 
-/// Starts `task` on the shared executor and returns at once. `name` says what it does, for the report of a bug.
-/// Where the calling thread has a TaskLedger::Scope open, the ledger counts the task.
+/// Starts `task` on the shared executor and returns at once. `name` says what it does, for the
+/// report of a bug. Where the calling thread has a TaskLedger::Scope open, the ledger counts the
+/// task.
 void spawnDetached(std::string name, Task<void> task);
 
-/// Runs `task` on the shared executor and blocks the calling thread until it ends; its exception is thrown here.
-/// REQUIRES: not called on an executor thread. For programs' main threads and tests.
+/// Runs `task` on the shared executor and blocks the calling thread until it ends; its exception is
+/// thrown here. REQUIRES: not called on an executor thread. For programs' main threads and tests.
 void runBlocking(Task<void> task);
 
 /// Suspends the task. Throws CancellationError as soon as the task is cancelled.
@@ -52,9 +55,10 @@ class TimerSleeper : public Sleeper {
   Task<void> sleep(std::chrono::nanoseconds duration) override { return sleepFor(duration); }
 };
 
-/// Counts the detached tasks that one thread starts while a Scope is open, so that whoever called an operation can tell
-/// when all that it started has ended. A ledger is made held: tasks wait at its gate until `open` is called, which lets
-/// the caller finish its own bookkeeping before the first of them runs.
+/// Counts the detached tasks that one thread starts while a Scope is open, so that whoever called
+/// an operation can tell when all that it started has ended. A ledger is made held: tasks wait at
+/// its gate until `open` is called, which lets the caller finish its own bookkeeping before the
+/// first of them runs.
 class TaskLedger : public std::enable_shared_from_this<TaskLedger> {
  public:
   static std::shared_ptr<TaskLedger> make();
@@ -74,8 +78,9 @@ class TaskLedger : public std::enable_shared_from_this<TaskLedger> {
   /// Lets the tasks run, those held and those still to come.
   void open();
 
-  /// Calls `handler` once: when every counted task has ended and the gate is open, at once if that is so now.
-  /// It runs on the thread that ended the last task, or on the caller's. REQUIRES: called at most once.
+  /// Calls `handler` once: when every counted task has ended and the gate is open, at once if that
+  /// is so now. It runs on the thread that ended the last task, or on the caller's. REQUIRES:
+  /// called at most once.
   void whenIdle(std::function<void()> handler);
 
  private:

@@ -1,11 +1,14 @@
-// Structured concurrency: child tasks that run side by side and never outlive the scope that started them.
+// Structured concurrency: child tasks that run side by side and never outlive the scope that
+// started them.
 //
 //     co_await withTaskGroup<PartResult>([&](TaskGroup<PartResult>& group) -> Task<void> { … });
 //
-// The group hands out results in the order in which the children end. When the body throws (also by rethrowing a
-// child's error out of `next`), the group cancels all children, waits until each has ended, and the error goes on.
+// The group hands out results in the order in which the children end. When the body throws (also by
+// rethrowing a child's error out of `next`), the group cancels all children, waits until each has
+// ended, and the error goes on.
 //
-// Cancelling a child interrupts what it waits for (a sleep, a transfer), which then throws in the child.
+// Cancelling a child interrupts what it waits for (a sleep, a transfer), which then throws in the
+// child.
 //
 // Threads: a group belongs to the one task that made it; its children run on the shared executor.
 #pragma once
@@ -39,7 +42,8 @@ class TaskGroup {
   /// REQUIRES: every child has ended (withTaskGroup sees to it).
   ~TaskGroup() { assert(pending_ == 0); }
 
-  /// Starts `child`. Its arguments must live until the group's scope ends. In a cancelled group it starts cancelled.
+  /// Starts `child`. Its arguments must live until the group's scope ends. In a cancelled group it
+  /// starts cancelled.
   void add(Task<T> child) {
     ++pending_;
     auto running = std::make_shared<Child>();
@@ -47,12 +51,14 @@ class TaskGroup {
     auto done = [shared = shared_, running](std::exception_ptr error, T value) {
       shared->put(Result{std::move(error), std::optional<T>(std::move(value))});
     };
-    boost::asio::co_spawn(running->strand, std::move(child),
-                          boost::asio::bind_cancellation_slot(running->signal.slot(), std::move(done)));
+    boost::asio::co_spawn(
+        running->strand, std::move(child),
+        boost::asio::bind_cancellation_slot(running->signal.slot(), std::move(done)));
     if (cancelled_) running->cancel();
   }
 
-  /// The result of the next child to end, or nothing when no child is left. Throws the child's error.
+  /// The result of the next child to end, or nothing when no child is left. Throws the child's
+  /// error.
   Task<std::optional<T>> next() {
     if (pending_ == 0) co_return std::nullopt;
     Result result = co_await shared_->take();
@@ -81,9 +87,11 @@ class TaskGroup {
     std::optional<T> value;
   };
 
-  // A signal is not safe to use from two threads: it is emitted on the strand on which its child runs.
+  // A signal is not safe to use from two threads: it is emitted on the strand on which its child
+  // runs.
   struct Child : std::enable_shared_from_this<Child> {
-    boost::asio::strand<boost::asio::any_io_executor> strand = boost::asio::make_strand(sharedExecutor());
+    boost::asio::strand<boost::asio::any_io_executor> strand =
+        boost::asio::make_strand(sharedExecutor());
     boost::asio::cancellation_signal signal;
     void cancel() {
       boost::asio::post(strand, [self = this->shared_from_this()] {

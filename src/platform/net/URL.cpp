@@ -1,0 +1,66 @@
+#include "platform/net/URL.h"
+
+#include <algorithm>
+#include <boost/locale/utf.hpp>
+#include <boost/url/encode.hpp>
+#include <boost/url/parse.hpp>
+#include <boost/url/rfc/pchars.hpp>
+
+namespace kestrune::platform {
+
+namespace {
+
+std::string asciiLowerCase(std::string_view text) {
+  std::string lower(text);
+  std::transform(lower.begin(), lower.end(), lower.begin(), [](char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  });
+  return lower;
+}
+
+/// The port that is written, without leading zeros (it may be no port at all: the grammar takes any digits), else the
+/// scheme's own; empty if it has none.
+std::string effectivePort(std::string_view written, std::string_view scheme) {
+  if (!written.empty()) {
+    const std::size_t first = std::min(written.find_first_not_of('0'), written.size() - 1);
+    return std::string(written.substr(first));
+  }
+  if (scheme == "https") return "443";
+  if (scheme == "http") return "80";
+  return {};
+}
+
+bool isUTF8(std::string_view text) {
+  const char* position = text.data();
+  const char* const end = position + text.size();
+  while (position != end) {
+    const auto character = boost::locale::utf::utf_traits<char>::decode(position, end);
+    if (character == boost::locale::utf::illegal || character == boost::locale::utf::incomplete)
+      return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+std::optional<URL> URL::parse(std::string_view text) {
+  if (text.empty()) return std::nullopt;
+  const auto parsed = boost::urls::parse_uri_reference(text);
+  if (!parsed) return std::nullopt;
+  URL url;
+  url.text_ = text;
+  url.scheme_ = asciiLowerCase(parsed->scheme());
+  if (parsed->has_scheme() && !parsed->encoded_host().empty()) {
+    url.origin_ = url.scheme_ + "://" + asciiLowerCase(std::string_view(parsed->encoded_host()));
+    const std::string port = effectivePort(parsed->port(), url.scheme_);
+    if (!port.empty()) url.origin_ += ":" + port;
+  }
+  return url;
+}
+
+std::optional<std::string> percentEncodedForURLPath(std::string_view text) {
+  if (!isUTF8(text)) return std::nullopt;
+  return boost::urls::encode(text, boost::urls::pchars + '/');
+}
+
+}  // namespace kestrune::platform
