@@ -1,6 +1,8 @@
-// Whole files, read and replaced: the one way in which the project writes a file that others read or that must survive.
+// Whole files, read and replaced: the one way in which the project writes a file that others read
+// or that must survive.
 //
-// Threads: callable from any thread. Two replacements of one path race to a complete file: one of the two.
+// Threads: callable from any thread. Two replacements of one path race to a complete file: one of
+// the two.
 #pragma once
 
 #include <cstdint>
@@ -12,19 +14,23 @@ namespace kestrune::platform {
 
 /// Whether a replacement waits for the disk.
 enum class Durability {
-  /// Readers see the old or the new contents, never a mixture; after a power cut the file may be the older one.
+  /// Readers see the old or the new contents, never a mixture; after a power cut the file may be
+  /// the older one.
   atomic,
-  /// The same, and the new contents are on the disk when the call returns (file first, then its folder).
+  /// The same, and the new contents are on the disk when the call returns (file first, then its
+  /// folder).
   durable,
 };
 
-/// Replaces `path` by `contents`, mode 0600: writes a new file beside it, then renames. On failure the old file stays
-/// as it was, nothing is left beside it, and NSPOSIXError is thrown with the path in its description. A symbolic link at
-/// `path` is replaced, not followed.
-void replaceFile(const std::filesystem::path& path, std::string_view contents, Durability durability);
+/// Replaces `path` by `contents`, mode 0600: writes a new file beside it, then renames. On failure
+/// the old file stays as it was, nothing is left beside it, and NSPOSIXError is thrown with the
+/// path in its description. A symbolic link at `path` is replaced, not followed.
+void replaceFile(const std::filesystem::path& path, std::string_view contents,
+                 Durability durability);
 
-/// The whole contents of a regular file. Throws NSPOSIXError if it cannot be read, is no regular file, or is larger than
-/// `limitBytes` (EFBIG): what lies in a shared directory is never trusted to be small.
+/// The whole contents of a regular file. Throws NSPOSIXError if it cannot be read, is no regular
+/// file, or is larger than `limitBytes` (EFBIG): what lies in a shared directory is never trusted
+/// to be small.
 std::string readFile(const std::filesystem::path& path, std::uint64_t limitBytes = 64ULL << 20U);
 
 }  // namespace kestrune::platform

@@ -1,21 +1,25 @@
 // Where the user's files of the project live.
 //
-// Threads: callable from any thread; setTemporaryDirectory only before tasks run. Each call reads the environment anew.
+// Threads: callable from any thread; setTemporaryDirectory only before tasks run. Each call reads
+// the environment anew.
 #pragma once
 
 #include <filesystem>
 
 namespace kestrune::platform {
 
-/// The Application Support directory of the user domain: $XDG_DATA_HOME where that is an absolute path, else
-/// ~/.local/share (XDG Base Directory Specification 0.8). It is not created. Without any home directory the process
-/// ends with a line on standard error: nothing of the project can work then.
+/// The Application Support directory of the user domain: $XDG_DATA_HOME where that is an absolute
+/// path, else
+/// ~/.local/share (XDG Base Directory Specification 0.8). It is not created. Without any home
+/// directory the process ends with a line on standard error: nothing of the project can work then.
 std::filesystem::path applicationSupportDirectory();
 
-/// The directory for files that are handed over and soon gone: the one set by the host, else $TMPDIR, else /tmp.
+/// The directory for files that are handed over and soon gone: the one set by the host, else
+/// $TMPDIR, else /tmp.
 std::filesystem::path temporaryDirectory();
 
-/// Sets the temporary directory of this process, which should lie on the file system that takes the files over.
+/// Sets the temporary directory of this process, which should lie on the file system that takes the
+/// files over.
 void setTemporaryDirectory(std::filesystem::path directory);
 
 }  // namespace kestrune::platform

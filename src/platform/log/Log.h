@@ -1,16 +1,21 @@
-// The platform's unified log: typed arguments, format strings that say which arguments may be shown, one line an event.
+// The platform's unified log: typed arguments, format strings that say which arguments may be
+// shown, one line an event.
 //
 //     static const Logger log("com.example.app", "network");
-//     log.write(LogLevel::error, "listing %{public}s failed after %ld tries: %s", path, tries, secretText);
+//     log.write(LogLevel::error, "listing %{public}s failed after %ld tries: %s", path, tries,
+//     secretText);
 //
-// Conversions: %{public}s shown, plain %s (and %{private}s) redacted as "<private>"; %ld, %lld, %d integers; %.*f and
-// %.Nf floating point (`*` takes an integer argument); %{bool}d "true"/"false"; %% a percent sign. Numbers are always
-// shown. `%{public}ld` and the like are understood too.
+// Conversions: %{public}s shown, plain %s (and %{private}s) redacted as "<private>"; %ld, %lld, %d
+// integers; %.*f and
+// %.Nf floating point (`*` takes an integer argument); %{bool}d "true"/"false"; %% a percent sign.
+// Numbers are always shown. `%{public}ld` and the like are understood too.
 //
-// A format that does not fit its arguments is a bug of the caller, but never undefined behaviour: a missing argument
-// reads "<missing>", one of another type is shown by its own type, surplus ones are ignored.
+// A format that does not fit its arguments is a bug of the caller, but never undefined behaviour: a
+// missing argument reads "<missing>", one of another type is shown by its own type, surplus ones
+// are ignored.
 //
-// Threads: every operation may be called from any thread. Fails: never; what a sink cannot write is lost.
+// Threads: every operation may be called from any thread. Fails: never; what a sink cannot write is
+// lost.
 #pragma once
 
 #include <cstdint>
@@ -49,12 +54,14 @@ class LogSink {
   virtual void write(const LogRecord& record) = 0;
 };
 
-/// Replaces the sink of the process; null restores the standard one: the journal where journald runs (with the fields
-/// SUBSYSTEM and CATEGORY), else standard error. Returns the sink that was set before (null for the standard one).
+/// Replaces the sink of the process; null restores the standard one: the journal where journald
+/// runs (with the fields SUBSYSTEM and CATEGORY), else standard error. Returns the sink that was
+/// set before (null for the standard one).
 std::shared_ptr<LogSink> setLogSink(std::shared_ptr<LogSink> sink);
 
-/// `text` with everything that could disturb a terminal or forge a line escaped: control characters, line breaks,
-/// bytes that are not UTF-8, bidirectional marks. For sinks that write to people; "a\nb" becomes "a\\nb".
+/// `text` with everything that could disturb a terminal or forge a line escaped: control
+/// characters, line breaks, bytes that are not UTF-8, bidirectional marks. For sinks that write to
+/// people; "a\nb" becomes "a\\nb".
 std::string escapeForDisplay(std::string_view text);
 
 class Logger {

@@ -1,6 +1,6 @@
-// Arithmetic on byte offsets and counts that must not wrap around. An overflow means that somebody asked for a range
-// that no file can have; going on with a wrong number could lose data, so the process ends with one line on standard
-// error. Callable from any thread.
+// Arithmetic on byte offsets and counts that must not wrap around. An overflow means that somebody
+// asked for a range that no file can have; going on with a wrong number could lose data, so the
+// process ends with one line on standard error. Callable from any thread.
 #pragma once
 
 #include <cstdint>

@@ -1,9 +1,10 @@
-// Large JSON texts (listings with a hundred thousand entries), parsed by simdjson: an order of magnitude faster than a
-// tree of small objects. The whole text is checked before anything is handed out: well-formed, valid UTF-8, nesting at
-// most kMaxJsonDepth.
+// Large JSON texts (listings with a hundred thousand entries), parsed by simdjson: an order of
+// magnitude faster than a tree of small objects. The whole text is checked before anything is
+// handed out: well-formed, valid UTF-8, nesting at most kMaxJsonDepth.
 //
 // Threads: a document belongs to one thread at a time.
-// Fails: NSCocoaError (coderInvalidValue); the description says what is wrong, never what the values are.
+// Fails: NSCocoaError (coderInvalidValue); the description says what is wrong, never what the
+// values are.
 #pragma once
 
 #include <simdjson.h>
@@ -40,7 +41,8 @@ std::string_view jsonTextField(simdjson::dom::object record, const char* key);
 std::optional<std::string_view> jsonOptionalTextField(simdjson::dom::object record,
                                                       const char* key);
 
-/// The number under `key`, which must be there and be a whole number of 64 bits ("5", "5.0" and "5e0" are the same).
+/// The number under `key`, which must be there and be a whole number of 64 bits ("5", "5.0" and
+/// "5e0" are the same).
 std::int64_t jsonIntegerField(simdjson::dom::object record, const char* key);
 
 }  // namespace kestrune::platform

@@ -6,7 +6,8 @@
 
 namespace kestrune::platform {
 
-/// Appends `text` to `out` as a JSON text in quotes, with "/" written as "\/". REQUIRES: `text` is valid UTF-8.
+/// Appends `text` to `out` as a JSON text in quotes, with "/" written as "\/". REQUIRES: `text` is
+/// valid UTF-8.
 void appendJsonText(std::string& out, std::string_view text);
 
 }  // namespace kestrune::platform

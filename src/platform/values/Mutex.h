@@ -1,5 +1,5 @@
-// A mutex that clang's thread-safety analysis understands, so that each guarded field can name its lock and a missing
-// lock fails the build. Nothing else is added to std::mutex.
+// A mutex that clang's thread-safety analysis understands, so that each guarded field can name its
+// lock and a missing lock fails the build. Nothing else is added to std::mutex.
 #pragma once
 
 #include <condition_variable>

@@ -6,7 +6,8 @@
 
 namespace kestrune::platform {
 
-NSError::NSError(std::string domain, std::int64_t code, std::string localizedDescription, UserInfo userInfo)
+NSError::NSError(std::string domain, std::int64_t code, std::string localizedDescription,
+                 UserInfo userInfo)
     : domain_(std::move(domain)),
       code_(code),
       description_(std::move(localizedDescription)),
@@ -27,6 +28,14 @@ NSCocoaError::NSCocoaError(Code code, std::string localizedDescription)
 CancellationError::CancellationError()
     : NSErrorOf(kNSCocoaErrorDomain, NSCocoaError::userCancelled, "The operation was cancelled.") {}
 
+namespace {
+
+NSErrorPtr withTextOf(const std::exception& error) {
+  return std::make_shared<NSCocoaError>(NSCocoaError::fileReadUnknown, error.what());
+}
+
+}  // namespace
+
 NSErrorPtr currentError() {
   try {
     throw;
@@ -34,11 +43,19 @@ NSErrorPtr currentError() {
     return error.share();
   } catch (const boost::system::system_error& error) {
     if (error.code() == boost::asio::error::operation_aborted) return CancellationError().share();
-    return std::make_shared<NSPOSIXError>(error.code().value(), "system call");
+    const auto& category = error.code().category();
+    if (category == boost::system::generic_category() || category == boost::system::system_category()) {
+      return std::make_shared<NSPOSIXError>(error.code().value(), "system call");
+    }
+    return withTextOf(error);
   } catch (const std::system_error& error) {
-    return std::make_shared<NSPOSIXError>(error.code().value(), "system call");
+    const auto& category = error.code().category();
+    if (category == std::generic_category() || category == std::system_category()) {
+      return std::make_shared<NSPOSIXError>(error.code().value(), "system call");
+    }
+    return withTextOf(error);
   } catch (const std::exception& error) {
-    return std::make_shared<NSCocoaError>(NSCocoaError::fileReadUnknown, error.what());
+    return withTextOf(error);
   }
 }
 

@@ -1,6 +1,7 @@
-// An error as the platform reports it: a domain, a code in that domain, a description that a person can read, and a
-// small dictionary. Inside the extension errors are thrown as the typed exceptions that derive from NSError; where a
-// completion handler or an observer is answered, the exception passes on unchanged as an NSErrorPtr.
+// An error as the platform reports it: a domain, a code in that domain, a description that a person
+// can read, and a small dictionary. Inside the extension errors are thrown as the typed exceptions
+// that derive from NSError; where a completion handler or an observer is answered, the exception
+// passes on unchanged as an NSErrorPtr.
 //
 // Threads: values are immutable after construction and may be read from any thread.
 #pragma once
@@ -15,7 +16,8 @@ namespace kestrune::platform {
 
 class NSError;
 
-/// Null means "no error". The pointed-to object keeps its dynamic type, so a receiver may ask for it.
+/// Null means "no error". The pointed-to object keeps its dynamic type, so a receiver may ask for
+/// it.
 using NSErrorPtr = std::shared_ptr<const NSError>;
 
 inline constexpr const char* kNSCocoaErrorDomain = "NSCocoaErrorDomain";
@@ -23,15 +25,17 @@ inline constexpr const char* kNSPOSIXErrorDomain = "NSPOSIXErrorDomain";
 inline constexpr const char* kNSURLErrorDomain = "NSURLErrorDomain";
 inline constexpr const char* kNSFileProviderErrorDomain = "NSFileProviderErrorDomain";
 
-/// The user-info key under which an error that stands for an HTTP answer carries the status code, in decimal. A host
-/// that knows nothing of an extension's own error domains can still tell "forbidden" from "gone" by it.
+/// The user-info key under which an error that stands for an HTTP answer carries the status code,
+/// in decimal. A host that knows nothing of an extension's own error domains can still tell
+/// "forbidden" from "gone" by it.
 inline constexpr const char* kHTTPStatusCodeKey = "HTTPStatusCode";
 
 class NSError : public std::exception {
  public:
   using UserInfo = std::map<std::string, std::string>;
 
-  NSError(std::string domain, std::int64_t code, std::string localizedDescription, UserInfo userInfo = {});
+  NSError(std::string domain, std::int64_t code, std::string localizedDescription,
+          UserInfo userInfo = {});
 
   const std::string& domain() const noexcept { return domain_; }
   std::int64_t code() const noexcept { return code_; }
@@ -57,7 +61,9 @@ template <class Derived>
 class NSErrorOf : public NSError {
  public:
   using NSError::NSError;
-  NSErrorPtr share() const override { return std::make_shared<Derived>(static_cast<const Derived&>(*this)); }
+  NSErrorPtr share() const override {
+    return std::make_shared<Derived>(static_cast<const Derived&>(*this));
+  }
   [[noreturn]] void raise() const override { throw Derived(static_cast<const Derived&>(*this)); }
 };
 
@@ -92,8 +98,9 @@ class CancellationError : public NSErrorOf<CancellationError> {
 std::string errnoText(int errorNumber);
 
 /// The present exception as an error to hand on. REQUIRES: called inside a catch block.
-/// An NSError keeps its type; a std::system_error of the operating system becomes an NSPOSIXError; an interrupted
-/// wait of the executor becomes a CancellationError; any other std::exception keeps its text as a Cocoa error.
+/// An NSError keeps its type; a std::system_error of the operating system becomes an NSPOSIXError;
+/// an interrupted wait of the executor becomes a CancellationError; any other std::exception keeps
+/// its text as a Cocoa error.
 NSErrorPtr currentError();
 
 /// The same for a stored exception; null gives null.

@@ -1,5 +1,6 @@
-// A text that must not be shown: a bearer token, a key. It has no stream operator and no conversion to text, so it
-// cannot slip into a log line or an error; `reveal` marks the few places that need the value.
+// A text that must not be shown: a bearer token, a key. It has no stream operator and no conversion
+// to text, so it cannot slip into a log line or an error; `reveal` marks the few places that need
+// the value.
 #pragma once
 
 #include <string>
