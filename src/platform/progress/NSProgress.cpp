@@ -10,12 +10,41 @@ struct NSProgress::Registration {
   Observer observer;  // empty once ended; guarded by `running`
 };
 
+struct NSProgress::Captured {
+  Mutex mutex;
+  bool isTaken GUARDED_BY(mutex) = false;
+  const NSProgress* progress GUARDED_BY(mutex) = nullptr;
+
+  // Where the thread's captures meet the constructor.
+  static std::shared_ptr<Captured>& current() {
+    thread_local std::shared_ptr<Captured> captured;
+    return captured;
+  }
+
+  /// The thread's capture, if `candidate` is the first progress that it sees.
+  static std::shared_ptr<Captured> offer(const NSProgress* candidate) {
+    std::shared_ptr<Captured> captured = current();
+    if (!captured) return nullptr;
+    MutexLock lock(captured->mutex);
+    if (std::exchange(captured->isTaken, true)) return nullptr;
+    captured->progress = candidate;
+    return captured;
+  }
+};
+
 double NSProgress::Snapshot::fractionCompleted() const {
   if (totalUnitCount <= 0) return 0;
   return static_cast<double>(completedUnitCount) / static_cast<double>(totalUnitCount);
 }
 
-NSProgress::NSProgress(std::int64_t totalUnitCount) : counts_{totalUnitCount, 0} {}
+NSProgress::NSProgress(std::int64_t totalUnitCount)
+    : counts_{totalUnitCount, 0}, captured_(Captured::offer(this)) {}
+
+NSProgress::~NSProgress() {
+  if (!captured_) return;
+  MutexLock lock(captured_->mutex);
+  captured_->progress = nullptr;
+}
 
 NSProgress::Snapshot NSProgress::snapshot() const {
   MutexLock lock(mutex_);
@@ -38,7 +67,8 @@ void NSProgress::change(const Change& apply) {
   }
   for (const auto& registration : observers) {
     std::lock_guard running(registration->running);
-    const Observer observer = registration->observer;  // a copy: the observer may end itself while it runs
+    const Observer observer =
+        registration->observer;  // a copy: the observer may end itself while it runs
     if (observer) observer(snapshot());
   }
 }
@@ -111,6 +141,18 @@ void NSProgress::Observation::invalidate() {
     registration_->observer = nullptr;
   }
   registration_.reset();
+}
+
+NSProgress::Capture::Capture()
+    : captured_(std::make_shared<Captured>()),
+      previous_(std::exchange(Captured::current(), captured_)) {}
+
+NSProgress::Capture::~Capture() { Captured::current() = std::move(previous_); }
+
+std::optional<NSProgress::Snapshot> NSProgress::Capture::snapshot() const {
+  MutexLock lock(captured_->mutex);
+  if (!captured_->progress) return std::nullopt;
+  return captured_->progress->snapshot();
 }
 
 }  // namespace kestrune::platform

@@ -1,10 +1,10 @@
-// Progress of one operation: how many of how many units are done. The extension returns one per call and moves it; the
-// system shows it and may cancel it; observers hear of every change.
+// Progress of one operation: how many of how many units are done. The extension returns one per
+// call and moves it; the system shows it and may cancel it; observers hear of every change.
 //
-// Threads: every operation may be called from any thread. Observers run on the thread that made the change, one at a
-// time and in the order of the changes: the last call that an observer gets sees the last value. An observer may itself
-// change the progress, end its observation or ask anything of the progress.
-// Fails: nothing here fails.
+// Threads: every operation may be called from any thread. Observers run on the thread that made the
+// change, one at a time and in the order of the changes: the last call that an observer gets sees
+// the last value. An observer may itself change the progress, end its observation or ask anything
+// of the progress. Fails: nothing here fails.
 #pragma once
 
 #include <atomic>
@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 #include "platform/values/Mutex.h"
@@ -21,8 +22,10 @@ namespace kestrune::platform {
 class NSProgress {
  public:
   class Observation;
+  class Capture;
 
-  /// What an observer is told. `fractionCompleted` is completed ÷ total, 0 where total is 0 or less.
+  /// What an observer is told. `fractionCompleted` is completed ÷ total, 0 where total is 0 or
+  /// less.
   struct Snapshot {
     std::int64_t totalUnitCount;
     std::int64_t completedUnitCount;
@@ -32,6 +35,7 @@ class NSProgress {
   using Observer = std::function<void(const Snapshot&)>;
 
   explicit NSProgress(std::int64_t totalUnitCount);
+  ~NSProgress();
   NSProgress(const NSProgress&) = delete;
   NSProgress& operator=(const NSProgress&) = delete;
 
@@ -48,19 +52,21 @@ class NSProgress {
   /// Raises the completed count to `units` if it is lower; never lowers it.
   void raiseCompletedUnitCount(std::int64_t units);
 
-  /// Marks the progress as cancelled and runs the cancellation handler, once, on this thread. Whether the work stops is
-  /// the handler's business: without one, cancelling changes nothing but `isCancelled`.
+  /// Marks the progress as cancelled and runs the cancellation handler, once, on this thread.
+  /// Whether the work stops is the handler's business: without one, cancelling changes nothing but
+  /// `isCancelled`.
   void cancel();
   bool isCancelled() const;
   /// Runs at once, on this thread, if the progress is cancelled already.
   void setCancellationHandler(std::function<void()> handler);
 
-  /// Calls `observer` after every change from now on (not for the present value). The observation ends when the
-  /// returned object is destroyed or `invalidate` is called on it.
+  /// Calls `observer` after every change from now on (not for the present value). The observation
+  /// ends when the returned object is destroyed or `invalidate` is called on it.
   [[nodiscard]] Observation observe(Observer observer);
 
  private:
   struct Registration;
+  struct Captured;
   template <class Change>
   void change(const Change& apply);
 
@@ -70,7 +76,10 @@ class NSProgress {
   std::function<void()> cancellationHandler_ GUARDED_BY(mutex_);
   std::vector<std::weak_ptr<Registration>> observers_ GUARDED_BY(mutex_);
 
-  // Held while observers run, so that they run one at a time; recursive, because an observer may change the progress.
+  const std::shared_ptr<Captured> captured_;
+
+  // Held while observers run, so that they run one at a time; recursive, because an observer may
+  // change the progress.
   std::recursive_mutex delivery_;
 };
 
@@ -78,17 +87,37 @@ class NSProgress {
 class NSProgress::Observation {
  public:
   Observation() = default;
-  explicit Observation(std::shared_ptr<Registration> registration) : registration_(std::move(registration)) {}
+  explicit Observation(std::shared_ptr<Registration> registration)
+      : registration_(std::move(registration)) {}
   Observation(Observation&&) noexcept = default;
   Observation& operator=(Observation&& other) noexcept;
   ~Observation() { invalidate(); }
 
-  /// Ends the observation. When it returns, the observer is not running on another thread and will not be called again.
-  /// Calling it twice is harmless.
+  /// Ends the observation. When it returns, the observer is not running on another thread and will
+  /// not be called again. Calling it twice is harmless.
   void invalidate();
 
  private:
   std::shared_ptr<Registration> registration_;
+};
+
+/// Knows the first progress that its thread makes while it lives. An operation may call its
+/// completion handler before it returns its progress; a host that wants to know how that progress
+/// stood then asks the capture. Threads: made and destroyed on one thread, in the order of scopes;
+/// `snapshot` may be called on any thread meanwhile.
+class NSProgress::Capture {
+ public:
+  Capture();
+  ~Capture();
+  Capture(const Capture&) = delete;
+  Capture& operator=(const Capture&) = delete;
+
+  /// None while no progress has been made, and after it has been destroyed.
+  std::optional<Snapshot> snapshot() const;
+
+ private:
+  std::shared_ptr<Captured> captured_;
+  std::shared_ptr<Captured> previous_;
 };
 
 }  // namespace kestrune::platform
