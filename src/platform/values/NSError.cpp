@@ -44,7 +44,8 @@ NSErrorPtr currentError() {
   } catch (const boost::system::system_error& error) {
     if (error.code() == boost::asio::error::operation_aborted) return CancellationError().share();
     const auto& category = error.code().category();
-    if (category == boost::system::generic_category() || category == boost::system::system_category()) {
+    if (category == boost::system::generic_category() ||
+        category == boost::system::system_category()) {
       return std::make_shared<NSPOSIXError>(error.code().value(), "system call");
     }
     return withTextOf(error);

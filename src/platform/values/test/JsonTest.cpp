@@ -66,7 +66,8 @@ TEST(JsonTest, EncodingInvalidUTF8IsRefused) {
 
 TEST(JsonTest, DecodesValuesWithWhiteSpaceAround) {
   EXPECT_EQ(decodeJson("{}"), Json::object());
-  EXPECT_EQ(decodeJson(" \t\r\n[1, 2.5, \"\\u00e9\", null] \n"), Json::array({1, 2.5, "\u00E9", nullptr}));
+  EXPECT_EQ(decodeJson(" \t\r\n[1, 2.5, \"\\u00e9\", null] \n"),
+            Json::array({1, 2.5, "\u00E9", nullptr}));
   EXPECT_EQ(decodeJson("\"\\ud83d\\ude00\""), Json("\U0001F600"));
   EXPECT_EQ(decodeJson("7"), Json(7));
 }
@@ -84,7 +85,8 @@ TEST(JsonTest, LastOfRepeatedKeysCounts) {
 }
 
 TEST(JsonTest, NumbersBeyondSixtyFourBitsAreDoubles) {
-  EXPECT_EQ(decodeJson("9223372036854775807").get<std::int64_t>(), std::numeric_limits<std::int64_t>::max());
+  EXPECT_EQ(decodeJson("9223372036854775807").get<std::int64_t>(),
+            std::numeric_limits<std::int64_t>::max());
   EXPECT_TRUE(decodeJson("18446744073709551616").is_number_float());
   EXPECT_TRUE(decodeJson("-9223372036854775809").is_number_float());
 }
@@ -132,7 +134,8 @@ TEST(JsonTest, MalformedTextIsRefusedWithItsPlace) {
 }
 
 TEST(JsonTest, InvalidUTF8IsRefusedWithItsPlace) {
-  for (const char* text : {"\"\xFF\"", "\"\xC3\"", "\"\xC0\x80\"", "\"\xED\xA0\x80\"", "\"\xF5\x80\x80\x80\"", "\x80"}) {
+  for (const char* text : {"\"\xFF\"", "\"\xC3\"", "\"\xC0\x80\"", "\"\xED\xA0\x80\"",
+                           "\"\xF5\x80\x80\x80\"", "\x80"}) {
     EXPECT_THAT(refusal(text), HasSubstr("at byte ")) << testing::PrintToString(text);
   }
   EXPECT_THAT(refusal("[\"abc\xFFzzz\"]"), HasSubstr("at byte 6:"));
@@ -142,11 +145,14 @@ TEST(JsonTest, NestingUpToTheBoundIsRead) {
   for (const auto& [open, close] : {std::pair("[", "]"), std::pair("{\"a\":", "}")}) {
     const bool array = open == std::string_view("[");
     const std::string core = array ? "" : "1";
-    EXPECT_NO_THROW(decodeJson(repeated(open, kMaxJsonDepth) + core + repeated(close, kMaxJsonDepth)));
-    EXPECT_THAT(refusal(repeated(open, kMaxJsonDepth + 1) + core + repeated(close, kMaxJsonDepth + 1)),
-                HasSubstr("nested too deeply"));
+    EXPECT_NO_THROW(
+        decodeJson(repeated(open, kMaxJsonDepth) + core + repeated(close, kMaxJsonDepth)));
+    EXPECT_THAT(
+        refusal(repeated(open, kMaxJsonDepth + 1) + core + repeated(close, kMaxJsonDepth + 1)),
+        HasSubstr("nested too deeply"));
   }
-  EXPECT_THAT(refusal(repeated("[", kMaxJsonDepth + 1)), HasSubstr("at byte 129: nested too deeply"));
+  EXPECT_THAT(refusal(repeated("[", kMaxJsonDepth + 1)),
+              HasSubstr("at byte 129: nested too deeply"));
 }
 
 TEST(JsonTest, HugeNestingIsRefusedWithoutRecursion) {
@@ -168,8 +174,9 @@ TEST(JsonTest, BracketsAfterAnErrorDoNotHideIt) {
 }
 
 TEST(JsonTest, RefusalNeverQuotesTheText) {
-  for (const char* text : {"{\"token\": \"hunter2}", "{\"token\": \"hunter2\xFF\"}", "{\"token\": hunter2}", "[hunter2",
-                           "{\"hunter2\" 1}", "\"hunter2\" x"}) {
+  for (const char* text :
+       {"{\"token\": \"hunter2}", "{\"token\": \"hunter2\xFF\"}", "{\"token\": hunter2}",
+        "[hunter2", "{\"hunter2\" 1}", "\"hunter2\" x"}) {
     EXPECT_THAT(refusal(text), Not(HasSubstr("hunter"))) << text;
   }
   EXPECT_THAT(refusal("12345e98765"), Not(HasSubstr("12345e")));

@@ -6,16 +6,18 @@
 #include <boost/asio/error.hpp>
 #include <boost/system/system_error.hpp>
 #include <cerrno>
+#include <future>
 #include <stdexcept>
 #include <system_error>
-#include <type_traits>
+#include <typeinfo>
 
 namespace kestrune::platform {
 namespace {
 
 class TypedError : public NSErrorOf<TypedError> {
  public:
-  explicit TypedError(int detail) : NSErrorOf("TypedDomain", 7, "typed", {{"key", "value"}}), detail_(detail) {}
+  explicit TypedError(int detail)
+      : NSErrorOf("TypedDomain", 7, "typed", {{"key", "value"}}), detail_(detail) {}
   int detail() const { return detail_; }
 
  private:
@@ -92,7 +94,8 @@ TEST(NSErrorTest, CurrentErrorKeepsTypedErrors) {
   EXPECT_EQ(typed->detail(), 9);
   const NSErrorPtr plain = caught(NSError("D", 3, "plain"));
   EXPECT_EQ(plain->code(), 3);
-  EXPECT_EQ(typeid(*plain), typeid(NSError));
+  const NSError& dynamic = *plain;
+  EXPECT_EQ(typeid(dynamic), typeid(NSError));
 }
 
 TEST(NSErrorTest, CurrentErrorTranslatesForeignExceptions) {
@@ -101,11 +104,13 @@ TEST(NSErrorTest, CurrentErrorTranslatesForeignExceptions) {
   EXPECT_EQ(standard->code(), ENOSPC);
   EXPECT_THAT(standard->localizedDescription(), testing::HasSubstr("No space left on device"));
 
-  const NSErrorPtr boost = caught(boost::system::system_error(ECONNREFUSED, boost::system::system_category()));
+  const NSErrorPtr boost =
+      caught(boost::system::system_error(ECONNREFUSED, boost::system::system_category()));
   EXPECT_EQ(boost->domain(), kNSPOSIXErrorDomain);
   EXPECT_EQ(boost->code(), ECONNREFUSED);
 
-  const NSErrorPtr aborted = caught(boost::system::system_error(boost::asio::error::operation_aborted));
+  const NSErrorPtr aborted =
+      caught(boost::system::system_error(boost::asio::error::operation_aborted));
   EXPECT_NE(dynamic_cast<const CancellationError*>(aborted.get()), nullptr);
 
   const NSErrorPtr other = caught(std::runtime_error("something else"));
@@ -117,9 +122,10 @@ TEST(NSErrorTest, CodesOfOtherLibrariesAreNoErrnos) {
   // The numbers of other categories mean something else than an errno of the same number.
   const NSErrorPtr boost = caught(boost::system::system_error(boost::asio::error::eof));
   EXPECT_EQ(boost->domain(), kNSCocoaErrorDomain);
-  const NSErrorPtr standard = caught(std::system_error(std::make_error_code(std::future_errc::broken_promise)));
+  const std::system_error promise(std::make_error_code(std::future_errc::broken_promise));
+  const NSErrorPtr standard = caught(promise);
   EXPECT_EQ(standard->domain(), kNSCocoaErrorDomain);
-  EXPECT_EQ(standard->localizedDescription(), std::system_error(std::make_error_code(std::future_errc::broken_promise)).what());
+  EXPECT_EQ(standard->localizedDescription(), promise.what());
 }
 
 TEST(NSErrorTest, StoredExceptionsAreTranslatedAlike) {

@@ -17,7 +17,8 @@ TEST(UUIDTest, HasTheStandardFormWithUpperCaseDigits) {
       ASSERT_NE(allowed.find(text[at]), std::string_view::npos) << text << " at " << at;
     }
     ASSERT_EQ(text[14], '4') << "version: " << text;
-    ASSERT_NE(std::string_view("89AB").find(text[19]), std::string_view::npos) << "variant: " << text;
+    ASSERT_NE(std::string_view("89AB").find(text[19]), std::string_view::npos)
+        << "variant: " << text;
   }
 }
 

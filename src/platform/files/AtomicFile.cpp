@@ -1,0 +1,144 @@
+#include "platform/files/AtomicFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "platform/values/NSError.h"
+#include "platform/values/UUID.h"
+
+namespace kestrune::platform {
+
+namespace {
+
+[[noreturn]] void fail(int errorNumber, const char* tried, const std::filesystem::path& path) {
+  throw NSPOSIXError(errorNumber, std::string(tried) + " '" + path.string() + "'");
+}
+
+class Descriptor {
+ public:
+  explicit Descriptor(int number) : number_(number) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() {
+    if (number_ >= 0) ::close(number_);
+  }
+  int get() const { return number_; }
+  bool isOpen() const { return number_ >= 0; }
+  /// 0 or the errno. The descriptor is gone either way.
+  int close() { return ::close(std::exchange(number_, -1)) == 0 ? 0 : errno; }
+
+ private:
+  int number_;
+};
+
+/// A system call takes what stands before the first zero byte; that would be another file.
+void refuseZeroBytes(const std::filesystem::path& path, const char* tried) {
+  if (path.native().find('\0') != std::string::npos) fail(EINVAL, tried, path);
+}
+
+/// A new file in an open folder, which its destructor removes unless it was renamed to its place.
+class TemporaryFile {
+ public:
+  TemporaryFile(int folder, const std::filesystem::path& target)
+      : folder_(folder),
+        target_(target),
+        name_(".kestrune-" + newUUIDString() + ".tmp"),
+        file_(::openat(folder, name_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                       0600)) {
+    if (!file_.isOpen()) fail(errno, "create a file beside", target_);
+  }
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+  ~TemporaryFile() {
+    if (!placed_) ::unlinkat(folder_, name_.c_str(), 0);
+  }
+
+  void write(std::string_view contents) {
+    // The process's umask may have taken bits away.
+    if (::fchmod(file_.get(), 0600) != 0) fail(errno, "set the mode of", target_);
+    while (!contents.empty()) {
+      const ssize_t written = ::write(file_.get(), contents.data(), contents.size());
+      if (written < 0) {
+        if (errno == EINTR) continue;
+        fail(errno, "write", target_);
+      }
+      contents.remove_prefix(static_cast<std::size_t>(written));
+    }
+  }
+
+  void flush() {
+    if (::fsync(file_.get()) != 0) fail(errno, "flush", target_);
+  }
+
+  void moveToTarget() {
+    // Some file systems report a failed write only here.
+    if (const int failure = file_.close(); failure != 0) fail(failure, "write", target_);
+    if (::renameat(folder_, name_.c_str(), folder_, target_.filename().c_str()) != 0)
+      fail(errno, "replace", target_);
+    placed_ = true;
+  }
+
+ private:
+  const int folder_;
+  const std::filesystem::path& target_;
+  const std::string name_;
+  Descriptor file_;
+  bool placed_ = false;
+};
+
+}  // namespace
+
+void replaceFile(const std::filesystem::path& path, std::string_view contents,
+                 Durability durability) {
+  refuseZeroBytes(path, "replace");
+  const std::filesystem::path parent = path.has_parent_path() ? path.parent_path() : ".";
+  // Everything happens below this descriptor, so that a folder that is moved meanwhile takes both files along.
+  const Descriptor folder(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder.isOpen()) fail(errno, "open the folder of", path);
+
+  TemporaryFile file(folder.get(), path);
+  file.write(contents);
+  if (durability == Durability::durable) file.flush();
+  file.moveToTarget();
+  // EINVAL: a file system whose folders cannot be flushed.
+  if (durability == Durability::durable && ::fsync(folder.get()) != 0 && errno != EINVAL) {
+    fail(errno, "flush the folder of", path);
+  }
+}
+
+std::string readFile(const std::filesystem::path& path, std::uint64_t limitBytes) {
+  refuseZeroBytes(path, "read");
+  // Non-blocking: opening a named pipe that lies in the file's place would wait for a writer.
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (!file.isOpen()) fail(errno, "open", path);
+  struct stat status {};
+  if (::fstat(file.get(), &status) != 0) fail(errno, "examine", path);
+  if (S_ISDIR(status.st_mode)) fail(EISDIR, "read", path);
+  if (!S_ISREG(status.st_mode)) fail(EINVAL, "read", path);
+  const auto announced = static_cast<std::uint64_t>(std::max<off_t>(status.st_size, 0));
+  if (announced > limitBytes) fail(EFBIG, "read", path);
+
+  // The size is a hint: the file may grow or shrink while it is read. One byte more than expected shows the end.
+  std::string contents(announced + 1, '\0');
+  std::size_t used = 0;
+  for (;;) {
+    const ssize_t got = ::read(file.get(), contents.data() + used, contents.size() - used);
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      fail(errno, "read", path);
+    }
+    if (got == 0) break;
+    used += static_cast<std::size_t>(got);
+    if (used > limitBytes) fail(EFBIG, "read", path);
+    if (used == contents.size()) contents.resize(used * 2);
+  }
+  contents.resize(used);
+  return contents;
+}
+
+}  // namespace kestrune::platform
