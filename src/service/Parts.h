@@ -1,0 +1,31 @@
+// The long-lived parts of one service, which the endpoints share. Made by Service, outlives every
+// request.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "service/BearerToken.h"
+#include "service/FileThreads.h"
+#include "service/MimeTypes.h"
+#include "service/Options.h"
+#include "service/Signing.h"
+#include "service/Staging.h"
+#include "service/Tree.h"
+
+namespace kestrune::service {
+
+struct Parts {
+  /// Throws std::runtime_error that says what is wrong with the root or the staging directory.
+  Parts(const Options& allOptions, const platform::Secret& bearerToken);
+
+  const Options& options;
+  Tree tree;
+  Staging staging;
+  Signer signer;
+  BearerToken token;
+  MimeTypes types;
+  FileThreads fileThreads;
+};
+
+}  // namespace kestrune::service
