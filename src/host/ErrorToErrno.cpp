@@ -1,0 +1,154 @@
+#include "host/ErrorToErrno.h"
+
+#include <cerrno>
+#include <charconv>
+#include <optional>
+
+#include "platform/file_provider/NSFileProviderError.h"
+
+namespace kestrune::host {
+
+namespace {
+
+using platform::NSCocoaError;
+using platform::NSError;
+using platform::NSFileProviderError;
+
+// Beyond this the kernel refuses an answer (its own internal codes begin at 512), and Linux defines none.
+constexpr std::int64_t kLargestErrno = EHWPOISON;
+
+int fromFileProvider(NSFileProviderError::Code code) {
+  switch (code) {
+    case NSFileProviderError::notAuthenticated:
+      return EACCES;
+    case NSFileProviderError::filenameCollision:
+      return EEXIST;
+    case NSFileProviderError::syncAnchorExpired:
+      return EIO;
+    case NSFileProviderError::insufficientQuota:
+      return EDQUOT;
+    case NSFileProviderError::serverUnreachable:
+      return EHOSTUNREACH;
+    case NSFileProviderError::noSuchItem:
+      return ENOENT;
+    case NSFileProviderError::deletionRejected:
+      return EPERM;
+    case NSFileProviderError::directoryNotEmpty:
+      return ENOTEMPTY;
+    case NSFileProviderError::providerNotFound:
+      return EIO;
+    case NSFileProviderError::providerTranslocated:
+      return EIO;
+    case NSFileProviderError::olderExtensionVersionRunning:
+      return EIO;
+    case NSFileProviderError::newerExtensionVersionFound:
+      return EIO;
+    case NSFileProviderError::cannotSynchronize:
+      return EIO;
+    case NSFileProviderError::nonEvictableChildren:
+      return EBUSY;
+    case NSFileProviderError::unsyncedEdits:
+      return EBUSY;
+    case NSFileProviderError::nonEvictable:
+      return EBUSY;
+    case NSFileProviderError::versionNoLongerAvailable:
+      return ESTALE;
+    case NSFileProviderError::excludedFromSync:
+      return EPERM;
+    case NSFileProviderError::domainDisabled:
+      return EHOSTUNREACH;
+    case NSFileProviderError::providerDomainTemporarilyUnavailable:
+      return EHOSTUNREACH;
+    case NSFileProviderError::providerDomainNotFound:
+      return EIO;
+    case NSFileProviderError::applicationExtensionNotFound:
+      return EIO;
+  }
+  return EIO;  // a code that the platform does not define
+}
+
+// NSURLErrorDomain's numbers (Apple's documentation of URL Loading System error codes).
+int fromURLLoading(std::int64_t code) {
+  switch (code) {
+    case -999:
+      return ECANCELED;
+    case -1001:
+      return ETIMEDOUT;
+    case -1003:  // host not found
+    case -1004:  // cannot connect
+    case -1005:  // connection lost
+    case -1006:  // name lookup failed
+    case -1009:  // no network
+    case -1018:  // roaming is off
+    case -1020:  // no data allowed
+      return EHOSTUNREACH;
+    case -1100:
+      return ENOENT;  // no such file
+    case -1102:
+      return EACCES;  // may not be read
+    case -1103:
+      return EFBIG;
+    case -1012:  // authentication cancelled
+    case -1013:  // authentication required
+      return EACCES;
+    default:
+      // -1200 to -1206: no secure connection could be made. To a user the server cannot be reached.
+      return code <= -1200 && code >= -1206 ? EHOSTUNREACH : EIO;
+  }
+}
+
+int fromPOSIX(std::int64_t code) {
+  return code > 0 && code <= kLargestErrno && code != ENOSYS ? static_cast<int>(code) : EIO;
+}
+
+int fromCocoa(std::int64_t code) {
+  switch (code) {
+    case NSCocoaError::fileNoSuchFile:
+      return ENOENT;
+    case NSCocoaError::userCancelled:
+      return ECANCELED;
+    case NSCocoaError::featureUnsupported:
+      return EROFS;
+    default:
+      return EIO;
+  }
+}
+
+std::optional<int> fromHTTPStatus(const NSError& error) {
+  const auto found = error.userInfo().find(platform::kHTTPStatusCodeKey);
+  if (found == error.userInfo().end()) return std::nullopt;
+  const std::string& text = found->second;
+  int status = 0;
+  const auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), status);
+  if (problem != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  switch (status) {
+    case 401:
+    case 403:
+      return EACCES;
+    case 404:
+    case 410:
+      return ENOENT;
+    case 408:
+    case 504:
+      return ETIMEDOUT;
+    case 507:
+      return ENOSPC;
+    default:
+      return EIO;
+  }
+}
+
+}  // namespace
+
+int errnoFor(const NSError& error) {
+  if (const auto known = fromHTTPStatus(error)) return *known;
+  if (error.domain() == platform::kNSFileProviderErrorDomain) {
+    return fromFileProvider(static_cast<NSFileProviderError::Code>(error.code()));
+  }
+  if (error.domain() == platform::kNSURLErrorDomain) return fromURLLoading(error.code());
+  if (error.domain() == platform::kNSPOSIXErrorDomain) return fromPOSIX(error.code());
+  if (error.domain() == platform::kNSCocoaErrorDomain) return fromCocoa(error.code());
+  return EIO;
+}
+
+}  // namespace kestrune::host

@@ -1,0 +1,39 @@
+// Runs one extension as a mounted folder until somebody ends it: the whole host of one domain in one call.
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/file_provider/NSFileProviderManager.h"
+#include "platform/file_provider/NSFileProviderReplicatedExtension.h"
+
+namespace kestrune::host {
+
+/// Makes the extension of a domain. Called once, after the temporary directory of the process has been set.
+using ExtensionFactory = std::function<std::shared_ptr<platform::NSFileProviderReplicatedExtension>(
+    platform::NSFileProviderDomainPtr domain)>;
+
+struct HostOptions {
+  /// An empty folder. A mount of ours that lost its host there is cleared.
+  std::filesystem::path mountPoint;
+  /// Where contents are kept while the host runs, private to it. Made if missing; not below the mount point.
+  std::filesystem::path replicaDirectory;
+  /// Written by somebody whenever the remote side may have changed; it need not exist yet.
+  std::filesystem::path signalFile;
+  std::string domainIdentifier = "main";
+  std::string domainDisplayName = "Kestrune";
+  bool allowOtherUsers = false;
+  /// Called when the folder can be used.
+  std::function<void()> mounted;
+};
+
+/// Mounts, serves until SIGINT, SIGTERM, SIGHUP or an unmount from outside, unmounts, and returns. Programs that wait in
+/// the mount are answered, not left.
+///
+/// REQUIRES: called on the main thread before any other thread runs, since it blocks those signals for all threads to
+/// come. Sets the process's temporary directory to one in the replica. Throws NSError if the mount cannot be made.
+void runMountHost(const HostOptions& options, const ExtensionFactory& makeExtension);
+
+}  // namespace kestrune::host

@@ -1,0 +1,102 @@
+#include "host/MountSession.h"
+
+#define FUSE_USE_VERSION 312
+#include <fuse_lowlevel.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <utility>
+
+#include "host/MountPoint.h"
+#include "platform/values/NSError.h"
+
+namespace kestrune::host {
+
+namespace {
+
+using platform::NSPOSIXError;
+
+// Reads of what is here take turns on the processor, not on one thread. More threads than this only add switches.
+constexpr int kServers = 4;
+constexpr std::size_t kReadAhead = 1U << 20U;
+constexpr int kWakeSignal = SIGUSR2;
+
+// `add` of libfuse's argument list fails only without memory.
+void add(fuse_args& arguments, const std::string& text) {
+  if (fuse_opt_add_arg(&arguments, text.c_str()) != 0) throw std::bad_alloc();
+}
+
+}  // namespace
+
+MountSession::MountSession(FuseFront& front, const MountSettings& settings)
+    : ended_(std::make_unique<Descriptor>(::eventfd(0, EFD_CLOEXEC))) {
+  if (ended_->number() < 0) throw NSPOSIXError(errno, "create an event counter");
+  fuse_args arguments = FUSE_ARGS_INIT(0, nullptr);
+  add(arguments, "kestrune");
+  add(arguments, "-o");
+  add(arguments,
+      std::string(
+          "fsname=kestrune,subtype=kestrune,ro,nosuid,nodev,default_permissions,max_read=1048576") +
+          (settings.allowOtherUsers ? ",allow_other" : ""));
+  session_ = front.newSession(arguments);
+  fuse_opt_free_args(&arguments);
+  if (session_ == nullptr) throw NSPOSIXError(EINVAL, "set up a FUSE session");
+  errno = 0;
+  if (fuse_session_mount(session_, settings.mountPoint.c_str()) != 0) {
+    const int error = errno != 0 ? errno : EPERM;
+    fuse_session_destroy(session_);
+    throw NSPOSIXError(error, "mount on '" + settings.mountPoint.string() + "'");
+  }
+  raiseReadAhead(settings.mountPoint, kReadAhead);
+}
+
+MountSession::~MountSession() {
+  stop();
+  fuse_session_unmount(session_);
+  fuse_session_destroy(session_);
+}
+
+void MountSession::start() {
+  struct sigaction wake = {};
+  wake.sa_handler = [](int) {};  // without SA_RESTART: it ends a read of the device
+  ::sigaction(kWakeSignal, &wake, nullptr);
+  for (int i = 0; i < kServers; ++i) {
+    auto& server = servers_.emplace_back(std::make_unique<Server>());
+    server->thread = std::thread([this, &server = *server] { serve(server); });
+  }
+}
+
+void MountSession::serve(Server& server) {
+  ::pthread_setname_np(::pthread_self(), "kes-fuse");
+  fuse_buf buffer = {};
+  while (!stopping_ && fuse_session_exited(session_) == 0) {
+    const int received = fuse_session_receive_buf(session_, &buffer);
+    if (received == -EINTR) continue;
+    if (received <= 0) break;
+    fuse_session_process_buf(session_, &buffer);
+  }
+  std::free(buffer.mem);
+  server.done = true;
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const auto written = ::write(ended_->number(), &one, sizeof(one));
+}
+
+void MountSession::stop() {
+  stopping_ = true;
+  for (const auto& server : servers_) {
+    // Again and again: a signal that comes just before the thread begins to wait is lost.
+    while (!server->done) {
+      ::pthread_kill(server->thread.native_handle(), kWakeSignal);
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    server->thread.join();
+  }
+  servers_.clear();
+}
+
+}  // namespace kestrune::host

@@ -1,0 +1,57 @@
+// One FUSE mount and the threads that serve it.
+//
+//   constructor (mounts) · start · (stop)? · destructor (unmounts)
+//
+// The session ends by itself when the folder is unmounted from outside; `endedDescriptor` becomes readable then.
+//
+// Threads: `start`, `stop` and the destructor belong to one thread. The requests are received and mostly answered on
+// threads of the session; between `start` and `stop` they interrupt their waiting by the signal SIGUSR2, which the process
+// must not use otherwise.
+// Fails: throws NSPOSIXError.
+#pragma once
+
+#include <atomic>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host/FuseFront.h"
+#include "host/Replica.h"
+
+namespace kestrune::host {
+
+struct MountSettings {
+  std::filesystem::path mountPoint;
+  /// Whether users other than the mounting one, root among them, may enter. The system's configuration may forbid it.
+  bool allowOtherUsers = false;
+};
+
+class MountSession {
+ public:
+  MountSession(FuseFront& front, const MountSettings& settings);
+  ~MountSession();
+  MountSession(const MountSession&) = delete;
+  MountSession& operator=(const MountSession&) = delete;
+
+  fuse_session* kernelSession() const { return session_; }
+  void start();
+  int endedDescriptor() const { return ended_->number(); }
+  /// Ends the threads. Requests that wait are not answered by this.
+  void stop();
+
+ private:
+  struct Server {
+    std::thread thread;
+    std::atomic<bool> done = false;
+  };
+  void serve(Server& server);
+
+  fuse_session* session_ = nullptr;
+  std::unique_ptr<Descriptor> ended_;
+  std::atomic<bool> stopping_ = false;
+  std::vector<std::unique_ptr<Server>> servers_;
+};
+
+}  // namespace kestrune::host

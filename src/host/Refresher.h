@@ -1,0 +1,94 @@
+// Keeps the folders that have been enumerated up to date: decides which folder is asked for changes, and when.
+//
+// The extension does not push changes. Something outside signals that the remote side may have changed; then every
+// enumerated folder is asked, a few at a time. A folder whose sync anchor did not move needs no question.
+//
+// A change enumeration that failed may look like one without changes: it ends with the old anchor. So a folder whose
+// anchor is still behind after it was asked is asked again after 2 s, 4 s and so on up to 60 s, as is one that answered
+// with an error. One whose anchor has expired, or that has no anchors, is enumerated anew and compared.
+//
+// An extension may hold back deletions while contents of a file below the folder are on their way, and not report them
+// later. So a folder that was asked during such a fetch is enumerated anew when no fetch below it runs any more; and so is
+// the folder of a file that turned out to be missing when it was fetched.
+//
+//   idle ── signal ──▶ queued ──▶ asking ── done ──▶ idle
+//                        ▲           │
+//                        │           └─ failed ──▶ waiting (2…60 s)
+//                        └───────────────────────────┘
+//   A signal while a folder is being asked asks it once more.
+//
+// Threads: every operation may be called from any thread and returns at once.
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <map>
+#include <memory>
+#include <set>
+
+#include "host/Enumeration.h"
+#include "host/HostLog.h"
+#include "host/LiveTree.h"
+#include "host/Timers.h"
+#include "platform/values/Mutex.h"
+
+namespace kestrune::host {
+
+class Refresher : public std::enable_shared_from_this<Refresher> {
+ public:
+  static constexpr std::size_t kAtOnce = 8;
+  static constexpr std::chrono::seconds kFirstDelay{2};
+  static constexpr std::chrono::seconds kLongestDelay{60};
+
+  Refresher(ExtensionPtr extension, std::shared_ptr<LiveTree> tree, std::shared_ptr<Timers> timers,
+            std::shared_ptr<HostLog> log);
+
+  /// The remote side may have changed.
+  void signal();
+  /// One folder may have changed.
+  void ask(NodeId folder);
+  /// One folder is not what its changes say.
+  void enumerateAnew(NodeId folder);
+  /// The contents of `file` began (+1) or ended (-1) to be fetched.
+  void fetching(NodeId file, int step);
+  /// No question begins any more; those under way end without effect.
+  void stop();
+
+ private:
+  enum class Phase { queued, asking, waiting };
+  struct Folder {
+    Phase phase = Phase::queued;
+    bool again = false;             // signalled while it was being asked
+    bool anew = false;              // only a whole enumeration will do
+    std::chrono::seconds delay{0};  // of the last wait
+    Timers::Token timer = 0;
+  };
+
+  void enqueue(NodeId folder, bool anew);
+  void pump();
+  void begin(NodeId folder, bool anew);
+  void askChanges(NodeId folder, LiveTree::FolderState state,
+                  std::optional<platform::NSFileProviderSyncAnchor> current);
+  void changed(NodeId folder, const platform::NSFileProviderSyncAnchor& before, bool behind,
+               Answer<ChangeSet> answer);
+  void list(NodeId folder);
+  void ended(NodeId folder, bool failed);
+  void report(NodeId folder, const platform::NSError& error);
+  bool fetchRunsBelow(NodeId folder);
+
+  // Constant.
+  const ExtensionPtr extension_;
+  const std::shared_ptr<LiveTree> tree_;
+  const std::shared_ptr<Timers> timers_;
+  const std::shared_ptr<HostLog> log_;
+
+  platform::Mutex mutex_;
+  bool stopped_ GUARDED_BY(mutex_) = false;
+  std::map<NodeId, Folder> folders_ GUARDED_BY(mutex_);  // those that are not idle
+  std::deque<NodeId> queue_ GUARDED_BY(mutex_);
+  std::size_t asking_ GUARDED_BY(mutex_) = 0;
+  std::map<NodeId, int> fetches_ GUARDED_BY(mutex_);      // files
+  std::set<NodeId> askedDuringFetch_ GUARDED_BY(mutex_);  // folders
+};
+
+}  // namespace kestrune::host

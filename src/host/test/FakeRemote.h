@@ -1,0 +1,138 @@
+// A remote store in memory and an extension for it, with verbs for what happens there. Tests of the host use it in their
+// own process, and mount it in another.
+//
+// Identifiers are opaque ("item-7"), so that a host that takes them for paths fails. Answers come from the shared
+// executor, as they do in life; a test may hold those of one folder or file back and let them go one by one, and every
+// call is counted.
+//
+// Threads: every operation may be called from any thread.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/file_provider/NSFileProviderReplicatedExtension.h"
+#include "platform/values/Date.h"
+#include "platform/values/Mutex.h"
+
+namespace kestrune::host::test {
+
+/// One file or folder as it is listed. Everything may be nonsense.
+struct RemoteItem {
+  std::string identifier;
+  std::string name;
+  bool isFolder = false;
+  std::string contents;
+  std::optional<std::int64_t> listedSize;  // unless that of the contents
+  platform::Date modified = platform::Date(std::chrono::seconds(1'700'000'000));
+  std::string version = "1";
+};
+
+/// What an extension is asked.
+enum class Ask { items, changes, contents };
+
+class FakeRemote : public std::enable_shared_from_this<FakeRemote> {
+ public:
+  FakeRemote();
+
+  // What there is. Paths are of names ("/docs/a.txt"); the root is "/". Nothing is announced until `announce`.
+  std::string putFolder(const std::string& path);
+  std::string putFile(const std::string& path, std::string contents);
+  /// As `putFile`, with a size in the listing that is not that of the contents.
+  void putFileListedAs(const std::string& path, std::string contents, std::int64_t listedSize);
+  /// A new version of a file.
+  void overwrite(const std::string& path, std::string contents);
+  void remove(const std::string& path);
+  /// The same item under another name, maybe in another folder.
+  void rename(const std::string& from, const std::string& to);
+  /// An item as it stands, whatever its name; its identifier is made up if it has none.
+  void putItem(const std::string& folder, RemoteItem item);
+  /// Lists a file whose contents turn out to be gone.
+  void loseContents(const std::string& path);
+
+  /// Moves the sync anchor; who watches for it is told by writing `signalFile`.
+  void announce();
+  void setSignalFile(std::filesystem::path file);
+
+  // How it answers.
+  /// From now on answers about `path` wait until they are released, or fail with `error`.
+  void hold(Ask ask, const std::string& path);
+  void release(Ask ask, const std::string& path, platform::NSErrorPtr error = nullptr);
+  /// Answers about `path` come at once again; those that wait are released.
+  void stopHolding(Ask ask, const std::string& path);
+  /// Every answer of this kind about `path` fails until told otherwise (null).
+  void failWith(Ask ask, const std::string& path, platform::NSErrorPtr error);
+  /// Change enumerations of all folders answer "no changes" with the old anchor: how some extensions fail.
+  void failChangesSilently(bool fail);
+  /// Change enumerations report every item as updated, and deletions of items that never were.
+  void exaggerateChanges(bool exaggerate);
+  /// How many items a page of an enumeration holds; 0: all.
+  void setPageSize(std::size_t items);
+  /// Changes come in pieces of so many, with more to come; 0: all.
+  void setChangesAtOnce(std::size_t changes);
+  void expireAnchors(bool expire);
+
+  // What was asked.
+  int asked(Ask ask, const std::string& path) const;
+  /// Waits until it was asked `count` times; false when the deadline passed first.
+  bool waitUntilAsked(Ask ask, const std::string& path, int count);
+  bool invalidated() const;
+  /// How many returned progress objects were cancelled.
+  int cancelled() const;
+
+  std::shared_ptr<platform::NSFileProviderReplicatedExtension> makeExtension();
+
+ private:
+  friend class FakeEnumerator;
+  friend class FakeExtension;
+
+  struct Held {
+    Ask ask;
+    std::string path;
+    std::function<void(platform::NSErrorPtr)> answer;
+  };
+  using Key = std::pair<Ask, std::string>;
+  struct Folder {
+    std::vector<RemoteItem> items;  // in the order of listing
+  };
+
+  // Counts a question and answers it on the executor, at once or when it is released.
+  void answerLater(Ask ask, const std::string& identifier,
+                   std::function<void(platform::NSErrorPtr)> answer);
+  std::string anchor() const;
+  std::vector<RemoteItem> listing(const std::string& folderIdentifier) const;
+  std::vector<RemoteItem> listingAt(const std::string& folderIdentifier, std::uint64_t time) const;
+
+  RemoteItem* find(const std::string& path) REQUIRES_LOCK(mutex_);
+  Folder& folderAt(const std::string& path) REQUIRES_LOCK(mutex_);
+  std::string newIdentifier() REQUIRES_LOCK(mutex_);
+  std::string pathOf(const std::string& identifier) const REQUIRES_LOCK(mutex_);
+
+  mutable platform::Mutex mutex_;
+  std::condition_variable asked_;
+  std::uint64_t nextIdentifier_ GUARDED_BY(mutex_) = 1;
+  std::uint64_t time_ GUARDED_BY(mutex_) = 1;
+  std::map<std::string, Folder> folders_ GUARDED_BY(mutex_);  // by identifier
+  std::map<std::uint64_t, std::map<std::string, Folder>> history_ GUARDED_BY(mutex_);
+  std::map<Key, int> counts_ GUARDED_BY(mutex_);
+  std::map<Key, bool> holding_ GUARDED_BY(mutex_);
+  std::map<Key, platform::NSErrorPtr> failures_ GUARDED_BY(mutex_);
+  std::deque<Held> held_ GUARDED_BY(mutex_);
+  std::filesystem::path signalFile_ GUARDED_BY(mutex_);
+  bool changesFail_ GUARDED_BY(mutex_) = false;
+  bool exaggerate_ GUARDED_BY(mutex_) = false;
+  bool anchorsExpired_ GUARDED_BY(mutex_) = false;
+  std::size_t pageSize_ GUARDED_BY(mutex_) = 0;
+  std::size_t changesAtOnce_ GUARDED_BY(mutex_) = 0;
+  bool invalidated_ GUARDED_BY(mutex_) = false;
+  int cancelled_ GUARDED_BY(mutex_) = 0;
+};
+
+}  // namespace kestrune::host::test
