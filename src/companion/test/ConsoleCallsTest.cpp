@@ -15,6 +15,7 @@ using namespace platform;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
+using testing::StartsWith;
 
 std::shared_ptr<FakeItem> reportItem() {
   auto item = std::make_shared<FakeItem>("/Docs/a.pdf", "/Docs", "a.pdf");
@@ -400,7 +401,7 @@ TEST(ConsoleCalls, CancelReachesEveryOpenCallOfThatId) {
   const auto lines = console.finish();
   EXPECT_THAT(
       lines, testing::Contains(HasSubstr(R"("domain":"NSCocoaErrorDomain","code":3072)")).Times(3));
-  EXPECT_THAT(lines, testing::Contains(HasSubstr(R"({"id":"c","event":"completion","seq":6})")));
+  EXPECT_THAT(lines, testing::Contains(StartsWith(R"({"id":"c","event":"completion",)")));
 }
 
 TEST(ConsoleCalls, CancelOfWhatIsNotOpenDoesNothing) {

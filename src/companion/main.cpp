@@ -1,0 +1,110 @@
+// The program `kestrune`: reads its command line, hands over to the command, and turns failures
+// into exit codes.
+
+#include <sys/prctl.h>
+#include <sys/resource.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+#include <functional>
+#include <iostream>
+#include <string>
+
+#include "companion/CommandError.h"
+#include "companion/ConfigureCommand.h"
+#include "companion/ConsoleCommand.h"
+#include "companion/InvalidateCommand.h"
+
+namespace {
+
+using namespace kestrune;
+
+constexpr int kFailure = 1;
+constexpr int kUsage = 2;
+
+constexpr const char* kFooter =
+    "Examples:\n"
+    "  kestrune configure --url https://files.example.org --token-file ~/token\n"
+    "  kestrune invalidate\n"
+    "  echo '{\"id\":1,\"op\":\"enumerateItems\",\"container\":\"/Docs\"}' | kestrune console\n"
+    "\n"
+    "Files lie below $XDG_DATA_HOME/Kestrune (or ~/.local/share/Kestrune).\n"
+    "Exit codes: 0 done, 1 failed (standard error says why), 2 wrong usage.";
+
+/// The token passes through this process's memory: no core dump, and no other process of the user
+/// may look inside.
+void protectMemory() {
+  const rlimit none{0, 0};
+  setrlimit(RLIMIT_CORE, &none);
+#ifndef KESTRUNE_SANITIZED  // The leak check traces its own process.
+  prctl(PR_SET_DUMPABLE, 0);
+#endif
+}
+
+using Command = std::function<void()>;
+
+void addConfigure(CLI::App& app, Command& chosen) {
+  auto* command = app.add_subcommand("configure", "Write the address of the service and the token");
+  auto options = std::make_shared<ConfigureOptions>();
+  command
+      ->add_option("--url", options->url, "the service's address, as in https://files.example.org")
+      ->required();
+  command
+      ->add_option("--token-file", options->tokenFile,
+                   "the file that holds the token; - for standard input")
+      ->required();
+  command->callback([&chosen, options] {
+    chosen = [options] { std::cout << configure(*options, std::cin) << "\n"; };
+  });
+}
+
+void addInvalidate(CLI::App& app, Command& chosen) {
+  auto* command = app.add_subcommand(
+      "invalidate", "Have all folders listed again when their changes are asked for");
+  command->callback([&chosen] { chosen = [] { std::cout << writeInvalidationToken() << "\n"; }; });
+}
+
+void addConsole(CLI::App& app, Command& chosen) {
+  auto* command =
+      app.add_subcommand("console", "Make calls to the extension: JSON lines in, JSON lines out");
+  auto options = std::make_shared<ConsoleOptions>();
+  command->add_option("--domain", options->domainIdentifier, "the domain's identifier")
+      ->capture_default_str();
+  command->add_flag("--show-private", options->showsPrivateArguments,
+                    "print the private arguments of log lines too");
+  command->footer("docs/console.md describes the calls and the lines.");
+  command->callback([&chosen, options] { chosen = [options] { runConsole(*options); }; });
+}
+
+int run(int argc, char** argv) {
+  CLI::App app("Kestrune: a remote file store as a folder.", "kestrune");
+  app.footer(kFooter);
+  app.set_version_flag("--version", "kestrune " KESTRUNE_VERSION);
+  app.require_subcommand(1);
+  Command chosen;
+  addConfigure(app, chosen);
+  addInvalidate(app, chosen);
+  addConsole(app, chosen);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : kUsage;
+  }
+  chosen();
+  std::cout.flush();
+  if (!std::cout) throw CommandError("Cannot write to standard output.");
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  protectMemory();
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "kestrune: %s\n", error.what());
+    return kFailure;
+  }
+}
