@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/values/Date.h"
@@ -20,6 +21,7 @@ struct SyncTransfer {
   std::int64_t totalBytes = 0;
   Direction direction = Direction::download;
   platform::Date startedAt;
+  bool operator==(const SyncTransfer&) const = default;
 };
 
 struct SyncStatus {
@@ -27,9 +29,11 @@ struct SyncStatus {
   platform::Date updatedAt;
   std::int64_t activeEnumerations = 0;
 
-  /// The file's contents: one compact JSON object. Throws NSCocoaError if a text is not valid
-  /// UTF-8.
+  /// The file's contents: one compact JSON object, its keys in the order of the fields above, dates
+  /// in whole seconds. Throws NSCocoaError if a text is not valid UTF-8.
   std::string encode() const;
+  /// Reads such contents; unknown keys are ignored. Throws NSCocoaError if `text` is no such record.
+  static SyncStatus decode(std::string_view text);
 };
 
 }  // namespace kestrune

@@ -77,7 +77,8 @@ void SyncStatusStore::flushLocked() const {
   status.updatedAt = platform::dateNow();
   status.activeEnumerations = activeEnumerations_;
   try {
-    platform::replaceFile(storage::syncStatusFile(), status.encode(), platform::Durability::atomic);
+    const std::string text = status.encode();
+    platform::replaceFile(storage::syncStatusFile(), text, platform::Durability::atomic);
   } catch (const platform::NSError&) {
     // The record is an aid to whoever watches; a transfer must not suffer because it cannot be
     // written.
