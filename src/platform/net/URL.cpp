@@ -1,10 +1,11 @@
 #include "platform/net/URL.h"
 
 #include <algorithm>
-#include <boost/locale/utf.hpp>
 #include <boost/url/encode.hpp>
 #include <boost/url/parse.hpp>
 #include <boost/url/rfc/pchars.hpp>
+
+#include "platform/values/UTF8.h"
 
 namespace kestrune::platform {
 
@@ -30,23 +31,16 @@ std::string effectivePort(std::string_view written, std::string_view scheme) {
   return {};
 }
 
-bool isUTF8(std::string_view text) {
-  const char* position = text.data();
-  const char* const end = position + text.size();
-  while (position != end) {
-    const auto character = boost::locale::utf::utf_traits<char>::decode(position, end);
-    if (character == boost::locale::utf::illegal || character == boost::locale::utf::incomplete)
-      return false;
-  }
-  return true;
-}
-
 }  // namespace
 
 std::optional<URL> URL::parse(std::string_view text) {
   if (text.empty()) return std::nullopt;
   const auto parsed = boost::urls::parse_uri_reference(text);
   if (!parsed) return std::nullopt;
+  // Boost.URL 1.81 takes "//host:port" with the path "port" for a reference; the grammar wants the
+  // path after an authority to be empty or to begin with a slash.
+  const std::string_view path = parsed->encoded_path();
+  if (parsed->has_authority() && !path.empty() && !path.starts_with('/')) return std::nullopt;
   URL url;
   url.text_ = text;
   url.scheme_ = asciiLowerCase(parsed->scheme());
@@ -59,7 +53,7 @@ std::optional<URL> URL::parse(std::string_view text) {
 }
 
 std::optional<std::string> percentEncodedForURLPath(std::string_view text) {
-  if (!isUTF8(text)) return std::nullopt;
+  if (!isValidUTF8(text)) return std::nullopt;
   return boost::urls::encode(text, boost::urls::pchars + '/');
 }
 

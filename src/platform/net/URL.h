@@ -21,7 +21,8 @@ class URL {
   /// In lower case; empty for a relative reference.
   const std::string& scheme() const { return scheme_; }
   /// Scheme, host and effective port ("https://example.org:443"), in lower case: what may see a
-  /// credential.
+  /// credential. Compared as text, so that two ways to write one host differ. Without a port where
+  /// the scheme has none of its own; empty where the URL names no scheme or no host.
   const std::string& origin() const { return origin_; }
 
  private:

@@ -60,7 +60,7 @@ TEST(PathsTest, ComponentsFollowThePlatformsRules) {
       {"a\uFF0Fb", "a\uFF0Fb", "", ""},  // a full-width slash separates nothing
       {"a\uFF0Eb", "a\uFF0Eb", "", ""},  // a full-width dot begins no extension
       {"/\xFF\xFE/\xC3.\x80", "\xC3.\x80", "/\xFF\xFE", "\x80"},
-      {std::string_view("/a\0b/c\0.d\0e", 12), std::string_view("c\0.d\0e", 6),
+      {std::string_view("/a\0b/c\0.d\0e", 11), std::string_view("c\0.d\0e", 6),
        std::string_view("/a\0b", 4), std::string_view("d\0e", 3)},
       {"/line\nbreak/x\ny.z", "x\ny.z", "/line\nbreak", "z"},
   };
