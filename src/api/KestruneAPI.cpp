@@ -49,9 +49,10 @@ void throwIfRefused(const URLReply& reply) {
 }  // namespace
 
 std::string KestruneAPI::filesPath(const std::string& path) {
-  const std::string encoded = platform::percentEncodedForURLPath(path).value_or(path);
   std::string result = "/files?path=";
-  for (const char c : encoded) {
+  const auto encoded = platform::percentEncodedForURLPath(path);
+  if (!encoded) return result + path;  // no text; makeRequest refuses the address
+  for (const char c : *encoded) {
     if (c == '/') {
       result += "%2F";
     } else {

@@ -63,8 +63,8 @@ class KestruneAPI {
   static platform::Task<void> directImport(std::string key, std::string path);
 
   /// "/files?path=" and the encoded path, for listing and deletion: the URL-path-allowed characters
-  /// stay ("&", "=",
-  /// "+" among them), "/" becomes "%2F", all else is percent-encoded.
+  /// stay ("&", "=", "+" and ";" among them), "/" becomes "%2F", all else is percent-encoded. A path
+  /// that is not valid UTF-8 stays as it is.
   static std::string filesPath(const std::string& path);
 
   /// An authenticated request; `path` is appended to the configured address as it stands.

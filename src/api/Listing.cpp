@@ -1,5 +1,6 @@
 #include "api/Listing.h"
 
+#include "platform/values/Json.h"
 #include "platform/values/JsonDocument.h"
 
 namespace kestrune {
@@ -29,6 +30,20 @@ std::vector<RemoteEntry> decodeListing(std::string_view reply) {
     entries.push_back(std::move(entry));
   }
   return entries;
+}
+
+std::string encodeListing(const std::vector<RemoteEntry>& entries, std::string_view path) {
+  platform::Json records = platform::Json::array();
+  for (const RemoteEntry& entry : entries) {
+    platform::Json record = {
+        {"name", entry.name},
+        {"type", entry.type},
+        {"size", entry.size},
+        {"modified_at", platform::formatISO8601Milliseconds(entry.modifiedAt)}};
+    if (entry.mimeType) record["mime_type"] = *entry.mimeType;
+    records.push_back(std::move(record));
+  }
+  return platform::encodeJson({{"entries", std::move(records)}, {"path", path}});
 }
 
 }  // namespace kestrune

@@ -19,6 +19,7 @@ struct RemoteEntry {
   std::int64_t size = 0;
   platform::Date modifiedAt;
   std::optional<std::string> mimeType;
+  bool operator==(const RemoteEntry&) const = default;
 };
 
 /// The time that `text` names, with or without a fraction; the present time if it names none: an
@@ -29,5 +30,8 @@ platform::Date modificationDate(std::string_view text);
 /// a listing: a missing required field, a wrong type, malformed JSON. The larger part of a
 /// listing's time is spent here.
 std::vector<RemoteEntry> decodeListing(std::string_view reply);
+
+/// Such a reply, with times in milliseconds. Throws NSCocoaError if a text is not valid UTF-8.
+std::string encodeListing(const std::vector<RemoteEntry>& entries, std::string_view path);
 
 }  // namespace kestrune

@@ -28,15 +28,27 @@ PresignResponse PresignResponse::decode(const Json& reply) {
   return {textField(reply, "url"), textField(reply, "method"), textField(reply, "path")};
 }
 
+Json PresignResponse::encode() const { return {{"url", url}, {"method", method}, {"path", path}}; }
+
 DirectPresignResponse DirectPresignResponse::decode(const Json& reply) {
   return {textField(reply, "uploadId"), textField(reply, "url"), textField(reply, "key")};
+}
+
+Json DirectPresignResponse::encode() const {
+  return {{"uploadId", uploadId}, {"url", url}, {"key", key}};
 }
 
 DirectMultipartInitResponse DirectMultipartInitResponse::decode(const Json& reply) {
   return {textField(reply, "uploadId"), textField(reply, "s3UploadId"), textField(reply, "key")};
 }
 
+Json DirectMultipartInitResponse::encode() const {
+  return {{"uploadId", uploadId}, {"s3UploadId", s3UploadId}, {"key", key}};
+}
+
 PartURLResponse PartURLResponse::decode(const Json& reply) { return {textField(reply, "url")}; }
+
+Json PartURLResponse::encode() const { return {{"url", url}}; }
 
 StringDictionary StringDictionary::decode(const Json& reply) {
   if (!reply.is_object()) refuse("the reply is not an object");

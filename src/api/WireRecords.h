@@ -1,6 +1,6 @@
 // The small replies of the remote service, as JSON objects. Every field is required and a text;
-// unknown keys are ignored. Each `decode` throws NSCocoaError if the value is not such a record.
-// Plain values.
+// unknown keys are ignored. Each `decode` throws NSCocoaError if the value is not such a record;
+// each `encode` writes the same keys back. Plain values.
 #pragma once
 
 #include <map>
@@ -17,6 +17,8 @@ struct PresignResponse {
   std::string method;  // the method to use with it
   std::string path;    // the remote path, as the service names it
   static PresignResponse decode(const platform::Json& reply);
+  platform::Json encode() const;
+  bool operator==(const PresignResponse&) const = default;
 };
 
 /// A pre-signed direct upload, imported afterwards under its key.
@@ -25,6 +27,8 @@ struct DirectPresignResponse {
   std::string url;
   std::string key;
   static DirectPresignResponse decode(const platform::Json& reply);
+  platform::Json encode() const;
+  bool operator==(const DirectPresignResponse&) const = default;
 };
 
 /// A started multipart upload.
@@ -33,12 +37,16 @@ struct DirectMultipartInitResponse {
   std::string s3UploadId;
   std::string key;
   static DirectMultipartInitResponse decode(const platform::Json& reply);
+  platform::Json encode() const;
+  bool operator==(const DirectMultipartInitResponse&) const = default;
 };
 
 /// The address of one part.
 struct PartURLResponse {
   std::string url;
   static PartURLResponse decode(const platform::Json& reply);
+  platform::Json encode() const;
+  bool operator==(const PartURLResponse&) const = default;
 };
 
 /// The reply of calls that have nothing to say: an object whose values are all texts. Anything else
