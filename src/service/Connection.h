@@ -29,6 +29,8 @@ class RequestHandler {
   /// Answers the request. A ServiceError that it throws before it began its answer becomes the
   /// answer.
   virtual boost::asio::awaitable<void> handle(std::shared_ptr<Exchange> exchange) = 0;
+  /// Ends the answers that have no end of their own; called when the server begins to stop.
+  virtual void endStreams() {}
 };
 
 class Connection : public std::enable_shared_from_this<Connection> {

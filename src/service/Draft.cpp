@@ -1,5 +1,6 @@
+#include "service/Draft.h"
+
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -7,7 +8,6 @@
 #include <utility>
 
 #include "service/ServiceError.h"
-#include "service/Staging.h"
 
 namespace kestrune::service {
 namespace {
@@ -24,11 +24,11 @@ Draft::~Draft() {
   if (!name_.empty()) ::unlinkat(folder_, name_.c_str(), 0);
 }
 
-void Draft::reserve(std::uint64_t length) const {
+void Draft::reserve(std::uint64_t offset, std::uint64_t length) const {
   if (length == 0) return;
   int failed = 0;
   do {
-    failed = ::fallocate(file_.get(), 0, 0, static_cast<off_t>(length));
+    failed = ::fallocate(file_.get(), 0, static_cast<off_t>(offset), static_cast<off_t>(length));
   } while (failed != 0 && errno == EINTR);
   // Without this call the disk's end shows while writing.
   if (failed != 0 && errno != EOPNOTSUPP && errno != ENOSYS) throw fileError(errno, "fallocate");
@@ -61,10 +61,17 @@ void Draft::truncate(std::uint64_t length) const {
 
 void Draft::copyFrom(const Draft& source, std::uint64_t from, std::uint64_t length,
                      std::uint64_t offset) const {
+  FileDescriptor reopened;
+  if (!source.file_) {
+    reopened = FileDescriptor(
+        ::openat(source.folder_, source.name_.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!reopened) throw fileError(errno, "open a part");
+  }
+  const int input = source.file_ ? source.file_.get() : reopened.get();
   auto in = static_cast<off_t>(from);
   auto out = static_cast<off_t>(offset);
   while (length > 0) {
-    const ssize_t copied = ::copy_file_range(source.file_.get(), &in, file_.get(), &out, length, 0);
+    const ssize_t copied = ::copy_file_range(input, &in, file_.get(), &out, length, 0);
     if (copied < 0 && errno == EINTR) continue;
     if (copied < 0) throw fileError(errno, "copy_file_range");
     if (copied == 0) throw fileError(EIO, "copy_file_range met the end of a part");

@@ -19,24 +19,34 @@ constexpr std::size_t kListingPieceBytes = 128U << 10U;
 
 }  // namespace
 
+std::string signedURL(const Parts& parts, const Exchange& exchange, const StorageGrant& grant) {
+  // The address comes from the operator or from the socket itself. A request's Host field is the
+  // client's word and would let anyone who can make a client send a request also choose where its
+  // contents go.
+  const std::string base = parts.options.publicURL.value_or("http://" + exchange.localAuthority());
+  return base + parts.signer.sign(grant, std::chrono::system_clock::now());
+}
+
 asio::awaitable<void> FilesEndpoints::handle(Endpoint endpoint,
                                              std::shared_ptr<Exchange> exchange) {
   switch (endpoint) {
     case Endpoint::list:
       co_return co_await list(std::move(exchange));
+    case Endpoint::remove:
+      co_return co_await remove(std::move(exchange));
+    case Endpoint::makeFolder:
+      co_return co_await makeFolder(std::move(exchange));
+    case Endpoint::move:
+      co_return co_await move(std::move(exchange));
+    case Endpoint::notify:
+      co_return co_await notify(std::move(exchange));
     case Endpoint::presignDownload:
       co_return co_await presignDownload(std::move(exchange));
+    case Endpoint::presignUpload:
+      co_return co_await presignUpload(std::move(exchange));
     default:
       throw notFound();
   }
-}
-
-std::string FilesEndpoints::signedURL(const Exchange& exchange, const StorageGrant& grant) const {
-  // The address comes from the operator or from the socket itself. A request's Host field is the
-  // client's word and would let anyone who can make a client send a request also choose where its
-  // contents go.
-  const std::string base = parts_.options.publicURL.value_or("http://" + exchange.localAuthority());
-  return base + parts_.signer.sign(grant, std::chrono::system_clock::now());
 }
 
 asio::awaitable<void> FilesEndpoints::list(std::shared_ptr<Exchange> exchange) {
@@ -70,6 +80,44 @@ asio::awaitable<void> FilesEndpoints::list(std::shared_ptr<Exchange> exchange) {
   }
 }
 
+asio::awaitable<void> FilesEndpoints::remove(std::shared_ptr<Exchange> exchange) {
+  const RemotePath path = RemotePath::parse(pathOfQuery(exchange->target()));
+  const bool trashed = co_await parts_.fileThreads.run([&] { return parts_.staging.remove(path); });
+  parts_.changes.announce();
+  if (trashed) parts_.housekeeper.wake();
+  co_await exchange->replyJson(Json::object());
+}
+
+asio::awaitable<void> FilesEndpoints::makeFolder(std::shared_ptr<Exchange> exchange) {
+  const RequestBody body = co_await RequestBody::read(exchange);
+  const RemotePath path = body.path("path");
+  co_await parts_.fileThreads.run([&] { parts_.tree.makeFolder(path); });
+  parts_.changes.announce();
+  co_await exchange->replyJson(Json::object());
+}
+
+asio::awaitable<void> FilesEndpoints::move(std::shared_ptr<Exchange> exchange) {
+  const RequestBody body = co_await RequestBody::read(exchange);
+  const RemotePath source = body.path("src");
+  const RemotePath destination = body.path("dst");
+  co_await parts_.fileThreads.run([&] { parts_.tree.move(source, destination); });
+  parts_.changes.announce();
+  co_await exchange->replyJson(Json::object());
+}
+
+asio::awaitable<void> FilesEndpoints::notify(std::shared_ptr<Exchange> exchange) {
+  const RequestBody body = co_await RequestBody::read(exchange);
+  const RemotePath path = body.path("path");
+  const std::uint64_t size = body.decimal("size");
+  const ItemAttributes present =
+      co_await parts_.fileThreads.run([&] { return parts_.tree.attributes(path); });
+  if (present.kind != ItemKind::file) throw notFound();
+  // The upload itself was complete when it was answered, so nothing is to be done here; a client
+  // that means another size than what lies there should know.
+  if (present.sizeBytes != size) throw conflict("the file has another size");
+  co_await exchange->replyJson(Json::object());
+}
+
 asio::awaitable<void> FilesEndpoints::presignDownload(std::shared_ptr<Exchange> exchange) {
   const RequestBody body = co_await RequestBody::read(exchange);
   const RemotePath path = body.path("path");
@@ -77,9 +125,21 @@ asio::awaitable<void> FilesEndpoints::presignDownload(std::shared_ptr<Exchange> 
       co_await parts_.fileThreads.run([&] { return parts_.tree.attributes(path); });
   if (present.kind == ItemKind::folder) throw conflict("the item is a folder");
   if (present.kind != ItemKind::file) throw notFound();
-  Json answer{{"url", signedURL(*exchange, {StorageKind::tree, "GET", path.text()})},
-              {"method", "GET"},
-              {"path", path.text()}};
+  co_await replyPresigned(std::move(exchange), path, "GET");
+}
+
+asio::awaitable<void> FilesEndpoints::presignUpload(std::shared_ptr<Exchange> exchange) {
+  const RequestBody body = co_await RequestBody::read(exchange);
+  const RemotePath path = body.path("path");
+  co_await parts_.fileThreads.run([&] { parts_.tree.checkPlace(path); });
+  co_await replyPresigned(std::move(exchange), path, "PUT");
+}
+
+asio::awaitable<void> FilesEndpoints::replyPresigned(std::shared_ptr<Exchange> exchange,
+                                                     RemotePath path, std::string method) {
+  const StorageGrant grant{StorageKind::tree, method, path.text()};
+  Json answer{
+      {"url", signedURL(parts_, *exchange, grant)}, {"method", method}, {"path", path.text()}};
   co_await exchange->replyJson(std::move(answer));
 }
 

@@ -1,4 +1,4 @@
-// The endpoints below "/files": listings, changes of the tree, and the hand-out of pre-signed URLs.
+// The endpoints below "/files" that list, change and hand out URLs for what lies in the tree.
 // The bearer token has been checked.
 //
 // Threads: callable from many connections at once. Fails: ServiceError.
@@ -19,16 +19,24 @@ class FilesEndpoints {
   /// `parts` outlives this object.
   explicit FilesEndpoints(Parts& parts) : parts_(parts) {}
 
-  /// REQUIRES: `endpoint` is one below "/files".
+  /// REQUIRES: `endpoint` is one of these.
   boost::asio::awaitable<void> handle(Endpoint endpoint, std::shared_ptr<Exchange> exchange);
 
  private:
   boost::asio::awaitable<void> list(std::shared_ptr<Exchange> exchange);
+  boost::asio::awaitable<void> remove(std::shared_ptr<Exchange> exchange);
+  boost::asio::awaitable<void> makeFolder(std::shared_ptr<Exchange> exchange);
+  boost::asio::awaitable<void> move(std::shared_ptr<Exchange> exchange);
+  boost::asio::awaitable<void> notify(std::shared_ptr<Exchange> exchange);
   boost::asio::awaitable<void> presignDownload(std::shared_ptr<Exchange> exchange);
-
-  std::string signedURL(const Exchange& exchange, const StorageGrant& grant) const;
+  boost::asio::awaitable<void> presignUpload(std::shared_ptr<Exchange> exchange);
+  boost::asio::awaitable<void> replyPresigned(std::shared_ptr<Exchange> exchange, RemotePath path,
+                                              std::string method);
 
   Parts& parts_;
 };
+
+/// The absolute URL that grants `grant` from now on, for the client of `exchange`.
+std::string signedURL(const Parts& parts, const Exchange& exchange, const StorageGrant& grant);
 
 }  // namespace kestrune::service

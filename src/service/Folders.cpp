@@ -63,10 +63,10 @@ std::vector<std::string> namesIn(int folder) {
   return names;
 }
 
-std::size_t removeContents(int folder) {
+std::size_t removeContents(int folder, const std::function<bool()>& goOn) {
   std::vector<std::string> pending = namesIn(folder);
   std::size_t left = 0;
-  while (!pending.empty()) {
+  while (!pending.empty() && goOn()) {
     const std::string name = std::move(pending.back());
     pending.pop_back();
     if (::unlinkat(folder, name.c_str(), 0) == 0 || errno == ENOENT) continue;

@@ -6,8 +6,11 @@
 #include <string>
 
 #include "service/BearerToken.h"
+#include "service/Changes.h"
 #include "service/FileThreads.h"
+#include "service/Housekeeper.h"
 #include "service/MimeTypes.h"
+#include "service/MultipartUploads.h"
 #include "service/Options.h"
 #include "service/Signing.h"
 #include "service/Staging.h"
@@ -22,9 +25,13 @@ struct Parts {
   const Options& options;
   Tree tree;
   Staging staging;
+  MultipartUploads uploads;
   Signer signer;
   BearerToken token;
   MimeTypes types;
+  Changes changes;
+  Housekeeper housekeeper;
+  /// Last, so that it is joined before anything that its work uses goes.
   FileThreads fileThreads;
 };
 

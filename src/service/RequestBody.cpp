@@ -1,5 +1,9 @@
 #include "service/RequestBody.h"
 
+#include <charconv>
+#include <limits>
+#include <system_error>
+
 #include "platform/values/NSError.h"
 #include "service/ServiceError.h"
 
@@ -21,12 +25,15 @@ boost::asio::awaitable<RequestBody> RequestBody::read(std::shared_ptr<Exchange> 
 
 RequestBody RequestBody::parse(const std::string& text) {
   try {
-    platform::Json value = platform::decodeJson(text);
-    if (value.is_object()) return RequestBody(std::move(value));
+    return of(platform::decodeJson(text));
   } catch (const platform::NSError&) {
     throw badRequest("the body is not valid JSON");
   }
-  throw badRequest("the body must be a JSON object");
+}
+
+RequestBody RequestBody::of(const platform::Json& value) {
+  if (!value.is_object()) throw badRequest("the body must be a JSON object");
+  return RequestBody(value);
 }
 
 std::string RequestBody::text(const char* member) const {
@@ -44,6 +51,17 @@ std::int64_t RequestBody::integer(const char* member) const {
                     (!found->is_number_unsigned() || found->get<std::uint64_t>() <= kMax);
   if (!fits) throw wrongMember(member, "an integer");
   return found->get<std::int64_t>();
+}
+
+std::uint64_t RequestBody::decimal(const char* member) const {
+  const std::string digits = text(member);
+  std::int64_t value = 0;
+  const char* end = digits.data() + digits.size();
+  const auto [parsed, error] = std::from_chars(digits.data(), end, value);
+  if (error != std::errc() || parsed != end || value < 0 || digits.front() == '-') {
+    throw wrongMember(member, "a string of decimal digits");
+  }
+  return static_cast<std::uint64_t>(value);
 }
 
 const platform::Json& RequestBody::array(const char* member) const {

@@ -22,9 +22,14 @@ class RequestBody {
   /// The same for a text that is there already.
   static RequestBody parse(const std::string& text);
 
+  /// The same for a value inside another body.
+  static RequestBody of(const platform::Json& value);
+
   std::string text(const char* member) const;
   RemotePath path(const char* member) const;
   std::int64_t integer(const char* member) const;
+  /// A text of decimal digits, and nothing else, that fits 63 bits.
+  std::uint64_t decimal(const char* member) const;
   const platform::Json& array(const char* member) const;
 
  private:

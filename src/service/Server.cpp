@@ -157,6 +157,7 @@ bool Server::stop() {
       raw->close(ignored);
     });
   }
+  handler_.endStreams();
   for (const auto& connection : present()) connection->finish();
   const bool drained = waitUntilEmpty(timeouts_.drain);
   if (!drained) {

@@ -8,6 +8,8 @@
 
 #include "platform/values/Secret.h"
 #include "service/Connection.h"
+#include "service/DirectEndpoints.h"
+#include "service/EventsEndpoint.h"
 #include "service/FilesEndpoints.h"
 #include "service/Parts.h"
 #include "service/StorageEndpoint.h"
@@ -21,12 +23,15 @@ class Service : public RequestHandler {
   ~Service() override;
 
   boost::asio::awaitable<void> handle(std::shared_ptr<Exchange> exchange) override;
+  void endStreams() override;
 
  private:
   const Options options_;
   Parts parts_;
   FilesEndpoints files_;
+  DirectEndpoints direct_;
   StorageEndpoint storage_;
+  EventsEndpoint events_;
 };
 
 }  // namespace kestrune::service

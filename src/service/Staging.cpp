@@ -137,17 +137,17 @@ std::unique_ptr<Draft> Staging::newDraft() const {
   return std::make_unique<Draft>(drafts_.get(), name, std::move(file));
 }
 
-void Staging::keep(std::unique_ptr<Draft> draft, const std::string& key) const {
-  if (::renameat(drafts_.get(), draft->name_.c_str(), objects_.get(), key.c_str()) != 0) {
+void Staging::keep(Draft& draft, const std::string& key) const {
+  if (::renameat(drafts_.get(), draft.name_.c_str(), objects_.get(), key.c_str()) != 0) {
     throw fileError(errno, "keep a draft");
   }
-  draft->name_.clear();
+  draft.name_.clear();
 }
 
-void Staging::place(std::unique_ptr<Draft> draft, const RemotePath& path) const {
-  if (tree_.durability() == platform::Durability::durable) draft->sync();
-  tree_.place(drafts_.get(), draft->name_, path);
-  draft->name_.clear();
+void Staging::place(Draft& draft, const RemotePath& path) const {
+  if (tree_.durability() == platform::Durability::durable) draft.sync();
+  tree_.place(drafts_.get(), draft.name_, path);
+  draft.name_.clear();
 }
 
 void Staging::import(const std::string& key, const RemotePath& path) const {
@@ -170,9 +170,8 @@ bool Staging::remove(const RemotePath& path) const {
   return tree_.remove(path, trash_.get(), newName());
 }
 
-void Staging::emptyTrash() {
-  const platform::MutexLock lock(emptying_);
-  const std::size_t left = removeContents(trash_.get());
+void Staging::emptyTrash(const std::function<bool()>& goOn) const {
+  const std::size_t left = removeContents(trash_.get(), goOn);
   if (left > 0) {
     serviceLog().write(platform::LogLevel::error, "%ld items in the trash cannot be removed", left);
   }

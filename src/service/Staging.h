@@ -15,49 +15,18 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 
-#include "platform/values/Mutex.h"
 #include "platform/values/Secret.h"
+#include "service/Draft.h"
 #include "service/FileDescriptor.h"
 #include "service/RemotePath.h"
 #include "service/Tree.h"
 
 namespace kestrune::service {
-
-/// A file that is being written. It vanishes with this object unless it was handed over
-/// (Staging::keep, Staging::place). Threads: one at a time; `write` to parts that do not overlap
-/// may run side by side.
-class Draft {
- public:
-  /// `folder` is the folder that holds the open file `name`; it outlives this object.
-  Draft(int folder, std::string name, FileDescriptor file);
-  ~Draft();
-  Draft(const Draft&) = delete;
-  Draft& operator=(const Draft&) = delete;
-
-  /// Reserves the disk space for `length` bytes, where the file system can; 507 if it does not have
-  /// them.
-  void reserve(std::uint64_t length) const;
-  /// Writes at `offset` and lets the disk begin to store what was written, so that a later sync is
-  /// short.
-  void write(std::uint64_t offset, const char* data, std::size_t length) const;
-  /// Gives the file exactly this length.
-  void truncate(std::uint64_t length) const;
-  /// Copies [from, from + length) of `source` to `offset`.
-  void copyFrom(const Draft& source, std::uint64_t from, std::uint64_t length,
-                std::uint64_t offset) const;
-  /// Blocks until the contents are on the disk.
-  void sync() const;
-
- private:
-  friend class Staging;
-  int folder_;
-  std::string name_;
-  FileDescriptor file_;
-};
 
 class Staging {
  public:
@@ -82,9 +51,9 @@ class Staging {
   std::unique_ptr<Draft> newDraft() const;
 
   /// Makes `draft` the object `key`. It replaces one of that key.
-  void keep(std::unique_ptr<Draft> draft, const std::string& key) const;
+  void keep(Draft& draft, const std::string& key) const;
   /// Puts `draft` into the tree, durably if the tree is.
-  void place(std::unique_ptr<Draft> draft, const RemotePath& path) const;
+  void place(Draft& draft, const RemotePath& path) const;
   /// Puts the object `key` into the tree. 404 if there is none.
   void import(const std::string& key, const RemotePath& path) const;
   /// Drops the object `key` if there is one.
@@ -93,8 +62,9 @@ class Staging {
   /// Removes the item from the tree; what a folder held is freed by the next `emptyTrash`. True if
   /// that is worth calling.
   bool remove(const RemotePath& path) const;
-  /// Frees what lies in the trash. Never throws; what cannot be removed is logged and stays.
-  void emptyTrash();
+  /// Frees what lies in the trash, as long as `goOn` says so. What cannot be removed is logged and
+  /// stays. REQUIRES: one thread at a time.
+  void emptyTrash(const std::function<bool()>& goOn) const;
 
   /// Removes the objects that are older than 24 hours.
   void sweep(std::int64_t nowSeconds) const;
@@ -108,7 +78,6 @@ class Staging {
   FileDescriptor drafts_;
   FileDescriptor objects_;
   FileDescriptor trash_;
-  platform::Mutex emptying_;
 };
 
 }  // namespace kestrune::service

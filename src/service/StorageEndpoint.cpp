@@ -2,10 +2,15 @@
 
 #include <fmt/format.h>
 
+#include <charconv>
+#include <exception>
+#include <system_error>
 #include <utility>
 
 #include "service/ByteRange.h"
 #include "service/ServiceError.h"
+#include "service/Time.h"
+#include "service/Upload.h"
 
 namespace kestrune::service {
 namespace {
@@ -21,6 +26,12 @@ std::string_view rangeOf(const Exchange& exchange, const std::string& tag,
   return holds ? exchange.field("Range") : std::string_view();
 }
 
+asio::awaitable<void> replyStored(std::shared_ptr<Exchange> exchange, std::string tag) {
+  Reply stored;
+  stored.fields = {{"ETag", std::move(tag)}};
+  co_await exchange->reply(std::move(stored));
+}
+
 }  // namespace
 
 std::string entityTagOf(const ItemAttributes& attributes) {
@@ -28,13 +39,35 @@ std::string entityTagOf(const ItemAttributes& attributes) {
                      attributes.modified.seconds, attributes.modified.nanoseconds);
 }
 
+std::string partKey(const std::string& uploadId, std::int64_t number) {
+  return fmt::format("{}/{}", uploadId, number);
+}
+
+std::pair<std::string, int> parsePartKey(const std::string& key) {
+  const std::size_t slash = key.find('/');
+  int number = 0;
+  if (slash == std::string::npos) throw notFound();
+  const char* end = key.data() + key.size();
+  const auto [parsed, error] = std::from_chars(key.data() + slash + 1, end, number);
+  if (error != std::errc() || parsed != end) throw notFound();
+  return {key.substr(0, slash), number};
+}
+
 asio::awaitable<void> StorageEndpoint::handle(std::shared_ptr<Exchange> exchange) {
-  const StorageGrant grant = parts_.signer.verify(exchange->method(), exchange->target(),
-                                                  std::chrono::system_clock::now());
-  if (grant.kind == StorageKind::tree && grant.method == "GET") {
-    co_return co_await download(std::move(exchange), RemotePath::parse(grant.key));
+  StorageGrant grant = parts_.signer.verify(exchange->method(), exchange->target(),
+                                            std::chrono::system_clock::now());
+  // Signed are only GET for the tree and PUT for all.
+  switch (grant.kind) {
+    case StorageKind::tree: {
+      RemotePath path = RemotePath::parse(grant.key);
+      if (grant.method == "GET") co_return co_await download(std::move(exchange), std::move(path));
+      co_return co_await uploadFile(std::move(exchange), std::move(path));
+    }
+    case StorageKind::staged:
+      co_return co_await uploadObject(std::move(exchange), std::move(grant.key));
+    case StorageKind::part:
+      co_return co_await uploadPart(std::move(exchange), std::move(grant.key));
   }
-  throw notFound();
 }
 
 asio::awaitable<void> StorageEndpoint::download(std::shared_ptr<Exchange> exchange,
@@ -71,6 +104,59 @@ asio::awaitable<void> StorageEndpoint::download(std::shared_ptr<Exchange> exchan
   reply.length = range.length;
   reply.contentType = parts_.types.typeOf(path.name()).value_or("application/octet-stream");
   co_await exchange->replyFile(std::move(reply), &parts_.fileThreads);
+}
+
+asio::awaitable<void> StorageEndpoint::uploadFile(std::shared_ptr<Exchange> exchange,
+                                                  RemotePath path) {
+  const Received received = co_await receiveUpload(exchange, &parts_.fileThreads, [this, &path] {
+    parts_.tree.checkPlace(path);
+    return UploadTarget{parts_.staging.newDraft()};
+  });
+  Draft& draft = *received.target.draft;
+  const std::string tag = co_await parts_.fileThreads.run([&] {
+    parts_.staging.place(draft, path);
+    return entityTagOf(attributesOf(draft.file()));
+  });
+  parts_.changes.announce();
+  co_await replyStored(std::move(exchange), tag);
+}
+
+asio::awaitable<void> StorageEndpoint::uploadObject(std::shared_ptr<Exchange> exchange,
+                                                    std::string key) {
+  const Received received = co_await receiveUpload(
+      exchange, &parts_.fileThreads, [this] { return UploadTarget{parts_.staging.newDraft()}; });
+  Draft& draft = *received.target.draft;
+  const std::string tag = co_await parts_.fileThreads.run([&] {
+    parts_.staging.keep(draft, key);
+    return entityTagOf(attributesOf(draft.file()));
+  });
+  co_await replyStored(std::move(exchange), tag);
+}
+
+asio::awaitable<void> StorageEndpoint::uploadPart(std::shared_ptr<Exchange> exchange,
+                                                  std::string key) {
+  const auto [uploadId, number] = parsePartKey(key);
+  MultipartUploads::Slot slot;
+  std::exception_ptr failure;
+  std::string tag;
+  const auto makeTarget = [this, &slot, &exchange, id = uploadId, wanted = number] {
+    slot = parts_.uploads.beginPart(id, wanted, exchange->bodyLength());
+    return UploadTarget{std::move(slot.draft), slot.offset};
+  };
+  try {
+    const Received received = co_await receiveUpload(exchange, &parts_.fileThreads, makeTarget);
+    slot.draft = received.target.draft;
+    tag = co_await parts_.fileThreads.run([&, id = uploadId] {
+      return parts_.uploads.finishPart(id, slot, received.length, secondsNow());
+    });
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  if (failure) {
+    parts_.uploads.failPart(uploadId, slot);
+    std::rethrow_exception(failure);
+  }
+  co_await replyStored(std::move(exchange), fmt::format("\"{}\"", tag));
 }
 
 }  // namespace kestrune::service

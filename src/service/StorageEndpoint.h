@@ -5,6 +5,8 @@
 
 #include <boost/asio/awaitable.hpp>
 #include <memory>
+#include <string>
+#include <utility>
 
 #include "service/Exchange.h"
 #include "service/Parts.h"
@@ -20,9 +22,17 @@ class StorageEndpoint {
 
  private:
   boost::asio::awaitable<void> download(std::shared_ptr<Exchange> exchange, RemotePath path);
+  boost::asio::awaitable<void> uploadFile(std::shared_ptr<Exchange> exchange, RemotePath path);
+  boost::asio::awaitable<void> uploadObject(std::shared_ptr<Exchange> exchange, std::string key);
+  boost::asio::awaitable<void> uploadPart(std::shared_ptr<Exchange> exchange, std::string key);
 
   Parts& parts_;
 };
+
+/// The key of a part's URL, and back: the upload's id and the number. Throws ServiceError 404 for
+/// another text.
+std::string partKey(const std::string& uploadId, std::int64_t number);
+std::pair<std::string, int> parsePartKey(const std::string& key);
 
 /// The entity tag of a file's present contents, in quotes: it changes with inode, size or time of
 /// modification.

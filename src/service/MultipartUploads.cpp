@@ -1,0 +1,190 @@
+#include "service/MultipartUploads.h"
+
+#include <utility>
+
+#include "service/Limits.h"
+#include "service/ServiceError.h"
+
+namespace kestrune::service {
+namespace {
+
+/// Each open upload holds a descriptor.
+constexpr std::size_t kMaxOpenUploads = 1000;
+/// A first part below this is more likely the short last one of a small file than the measure of
+/// all.
+constexpr std::uint64_t kLeastMeasure = 1U << 20U;
+constexpr std::int64_t kAbandonedSeconds = 24 * 60 * 60;
+
+std::string_view withoutQuotes(std::string_view tag) {
+  const bool quoted = tag.size() >= 2 && tag.front() == '"' && tag.back() == '"';
+  return quoted ? tag.substr(1, tag.size() - 2) : tag;
+}
+
+}  // namespace
+
+MultipartUploads::Upload& MultipartUploads::find(const std::string& id) {
+  const auto found = uploads_.find(id);
+  if (found == uploads_.end()) throw notFound();
+  return found->second;
+}
+
+const MultipartUploads::Upload& MultipartUploads::find(const std::string& id) const {
+  const auto found = uploads_.find(id);
+  if (found == uploads_.end()) throw notFound();
+  return found->second;
+}
+
+MultipartUploads::Opened MultipartUploads::open(std::int64_t nowSeconds) {
+  Opened opened{Staging::newName(), Staging::newName()};
+  const platform::MutexLock lock(mutex_);
+  if (uploads_.size() >= kMaxOpenUploads) throw ServiceError(503, "too many uploads are open");
+  Upload& upload = uploads_[opened.id];
+  upload.key = opened.key;
+  upload.touched = nowSeconds;
+  return opened;
+}
+
+void MultipartUploads::check(const std::string& key, const std::string& id,
+                             std::int64_t number) const {
+  if (number < 1 || number > kMaxPartNumber)
+    throw badRequest("the part number must be from 1 to 10000");
+  const platform::MutexLock lock(mutex_);
+  if (find(id).key != key) throw notFound();
+}
+
+MultipartUploads::Slot MultipartUploads::beginPart(const std::string& id, int number,
+                                                   std::optional<std::uint64_t> length) {
+  const platform::MutexLock lock(mutex_);
+  Upload& upload = find(id);
+  if (upload.completing) throw conflict("the upload is being completed");
+  if (!upload.whole && length && *length >= kLeastMeasure) {
+    upload.whole = staging_.newDraft();
+    upload.partLength = *length;
+  }
+  Slot slot;
+  slot.number = number;
+  const auto before = static_cast<std::uint64_t>(number - 1);
+  const bool fits = upload.whole && length && *length == upload.partLength &&
+                    before < kMaxUploadBytes / upload.partLength;
+  if (fits && upload.taken.insert(number).second) {
+    slot.inPlace = true;
+    slot.draft = upload.whole;
+    slot.offset = before * upload.partLength;
+    ++upload.writing;
+  } else {
+    slot.draft = staging_.newDraft();
+  }
+  return slot;
+}
+
+std::string MultipartUploads::finishPart(const std::string& id, const Slot& slot,
+                                         std::uint64_t length, std::int64_t nowSeconds) {
+  Part part{slot.draft, slot.offset, length, Staging::newName(), slot.inPlace};
+  std::string tag = part.tag;
+  if (!slot.inPlace) slot.draft->close();
+  const platform::MutexLock lock(mutex_);
+  Upload& upload = find(id);
+  if (slot.inPlace) --upload.writing;
+  // Complete has looked at the parts already; this one came too late for it.
+  if (upload.completing) throw conflict("the upload is being completed");
+  std::swap(upload.parts[slot.number], part);
+  upload.touched = nowSeconds;
+  return tag;
+}
+
+void MultipartUploads::failPart(const std::string& id, const Slot& slot) {
+  if (!slot.inPlace) return;
+  const platform::MutexLock lock(mutex_);
+  const auto found = uploads_.find(id);
+  if (found == uploads_.end()) return;
+  --found->second.writing;
+  found->second.taken.erase(slot.number);
+}
+
+MultipartUploads::Joining MultipartUploads::beginJoining(const std::string& key,
+                                                         const std::string& id,
+                                                         const std::vector<NamedPart>& parts) {
+  if (parts.empty()) throw badRequest("the list of parts is empty");
+  const platform::MutexLock lock(mutex_);
+  Upload& upload = find(id);
+  if (upload.key != key) throw notFound();
+  if (upload.completing) throw conflict("the upload is being completed");
+  Joining joining{upload.whole, upload.writing == 0, {}};
+  int previous = 0;
+  for (const NamedPart& named : parts) {
+    if (named.number <= previous) throw badRequest("the parts are not in ascending order");
+    previous = named.number;
+    const auto found = upload.parts.find(named.number);
+    if (found == upload.parts.end() || found->second.tag != withoutQuotes(named.tag)) {
+      throw badRequest("the list names a part that was not uploaded");
+    }
+    joining.parts.push_back(found->second);
+  }
+  upload.completing = true;
+  return joining;
+}
+
+std::shared_ptr<Draft> MultipartUploads::join(const Joining& joining) const {
+  // The common draft is the object if every part in it lies where it belongs and nobody writes
+  // there any more.
+  bool wholeFits = joining.whole && joining.wholeIsQuiet;
+  std::uint64_t total = 0;
+  for (const Part& part : joining.parts) {
+    if (part.inPlace && part.offset != total) wholeFits = false;
+    total += part.length;
+    if (total > kMaxUploadBytes) throw ServiceError(413, "the file is too large");
+  }
+  const std::shared_ptr<Draft> object =
+      wholeFits ? joining.whole : std::shared_ptr<Draft>(staging_.newDraft());
+  std::uint64_t offset = 0;
+  for (const Part& part : joining.parts) {
+    if (part.draft != object) object->copyFrom(*part.draft, part.offset, part.length, offset);
+    offset += part.length;
+  }
+  object->truncate(total);
+  return object;
+}
+
+void MultipartUploads::complete(const std::string& key, const std::string& id,
+                                const std::vector<NamedPart>& parts) {
+  const Joining joining = beginJoining(key, id, parts);
+  try {
+    const std::shared_ptr<Draft> object = join(joining);
+    staging_.keep(*object, key);
+  } catch (...) {
+    const platform::MutexLock lock(mutex_);
+    const auto found = uploads_.find(id);
+    if (found != uploads_.end()) found->second.completing = false;
+    throw;
+  }
+  decltype(uploads_)::node_type ended;  // Its drafts are removed after the lock is released.
+  const platform::MutexLock lock(mutex_);
+  ended = uploads_.extract(id);
+}
+
+void MultipartUploads::abort(const std::string& key, const std::string& id) {
+  // The drafts are removed after the lock is released.
+  std::optional<Upload> forgotten;
+  {
+    const platform::MutexLock lock(mutex_);
+    const auto found = uploads_.find(id);
+    if (found != uploads_.end() && found->second.key == key && !found->second.completing) {
+      forgotten = std::move(found->second);
+      uploads_.erase(found);
+    }
+  }
+  if (!forgotten) staging_.discard(key);
+}
+
+void MultipartUploads::sweep(std::int64_t nowSeconds) {
+  std::vector<Upload> forgotten;
+  const platform::MutexLock lock(mutex_);
+  for (auto upload = uploads_.begin(); upload != uploads_.end();) {
+    const bool abandoned =
+        nowSeconds - upload->second.touched >= kAbandonedSeconds && !upload->second.completing;
+    if (abandoned) forgotten.push_back(std::move(upload->second));
+    upload = abandoned ? uploads_.erase(upload) : std::next(upload);
+  }
+}
+
+}  // namespace kestrune::service
