@@ -30,6 +30,8 @@ using platform::Task;
 namespace {
 
 constexpr const char* kInitialToken = "initial";
+// A token is a line; it becomes an anchor, a log line and a part of each cached listing.
+constexpr std::uint64_t kMaximumTokenBytes = 1U << 20U;
 
 using Entries = std::vector<KestruneAPI::Entry>;
 
@@ -232,7 +234,8 @@ FileProviderEnumerator::FileProviderEnumerator(std::string containerPath)
 
 std::string FileProviderEnumerator::currentToken() {
   try {
-    const std::string text = platform::readFile(storage::invalidationTokenFile());
+    const std::string text =
+        platform::readFile(storage::invalidationTokenFile(), kMaximumTokenBytes);
     if (!platform::isValidUTF8(text)) return kInitialToken;
     const auto token = trimmed(text);
     return token.empty() ? kInitialToken : std::string(token);
