@@ -112,16 +112,9 @@ void DownloadSink::didReceiveResponse(const HTTPURLResponse& response, std::int6
   answered_ = true;
   counts_.countOfBytesExpectedToReceive = expectedBytes;
   createFile();
-  if (expectedBytes >= static_cast<std::int64_t>(kGatherBytes)) {
-    gathered_.reserve(kGatherBytes);
-#if defined(__linux__)
-    // Blocks at once are cheaper than blocks one by one, and a full disk shows now. File systems
-    // that cannot (EOPNOTSUPP) do without.
-    if (::fallocate(descriptor_, 0, 0, expectedBytes) != 0 && errno == ENOSPC) {
-      throwFileError(URLError::cannotWriteToFile, "write", location_);
-    }
-#endif
-  }
+  // The file's blocks are not reserved ahead: measured, reserved blocks that are written back while
+  // more arrive cost more than blocks that are found as they are written.
+  if (expectedBytes >= static_cast<std::int64_t>(kGatherBytes)) gathered_.reserve(kGatherBytes);
 }
 
 TransferSink::Take DownloadSink::didReceiveData(std::string_view bytes) {
