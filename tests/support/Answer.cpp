@@ -179,7 +179,8 @@ Answer Answer::stallingAt(std::uint64_t bodyByte) const {
 }
 
 std::string patternBytes(std::uint64_t offset, std::size_t count) {
-  // A sequence of 32-bit words, each its own index scrambled by an odd factor: a bijection, so no word comes twice.
+  // A sequence of 32-bit words, each its own index scrambled by an odd factor: a bijection, so no
+  // word comes twice.
   const std::size_t skipped = offset % 4;
   std::vector<std::uint32_t> words((skipped + count + 3) / 4);
   auto index = static_cast<std::uint32_t>(offset / 4);

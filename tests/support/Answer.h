@@ -1,16 +1,18 @@
-// What the fixture answers to one request, faults included. A value: built once, played any number of times.
+// What the fixture answers to one request, faults included. A value: built once, played any number
+// of times.
 //
 //     Answer(200, "hello").with("ETag", "\"v1\"")
-//     Answer(200, body).announcing(body.size() * 2)              // ends early
-//     Answer(200, body).resettingAt(1000)                        // reset after 1000 bytes of the body
-//     Answer::pattern(1 << 30).pieces(16 * 1024, 5ms)            // a slow gigabyte that is nowhere in memory
-//     Answer::never()                                            // the request is read, nothing comes back
+//     Answer(200, body).announcing(body.size() * 2)     // ends early
+//     Answer(200, body).resettingAt(1000)               // reset after 1000 bytes of the body
+//     Answer::pattern(1 << 30).pieces(16 * 1024, 5ms)   // a slow gigabyte that is nowhere in memory
+//     Answer::never()                                   // nothing comes back
 //
-// An answer is played in this order: wait for the request (whole, unless told otherwise); wait for the gate of the head;
-// the head's delay; informational answers; the head; wait for the gate of the body; the body's delay; the body piece by
-// piece; the end. Bytes are counted from the first one of the head for faults "in the head", from the first one of the
-// body for the others. Nothing is sent that was not asked for: the only header added is Content-Length (or
-// Transfer-Encoding), and Connection where the answer says that it closes.
+// An answer is played in this order: wait for the request (whole, unless told otherwise); wait for
+// the gate of the head; the head's delay; informational answers; the head; wait for the gate of the
+// body; the body's delay; the body piece by piece; the end. Bytes are counted from the first one of
+// the head for faults "in the head", from the first one of the body for the others. Nothing is sent
+// that was not asked for: the only header added is Content-Length (or Transfer-Encoding), and
+// Connection where the answer says that it closes.
 #pragma once
 
 #include <chrono>
@@ -107,7 +109,8 @@ class Answer {
   Answer hangingUp() const;
 
   // The request
-  /// Answers as soon as the request's head is there; what follows of it is read and dropped afterwards.
+  /// Answers as soon as the request's head is there; what follows of it is read and dropped
+  /// afterwards.
   Answer early() const { return afterRequestBytes(0); }
   /// The same after so many bytes of the request's body.
   Answer afterRequestBytes(std::uint64_t bytes) const;
@@ -144,8 +147,8 @@ class Answer {
   AnswerPlan plan_;
 };
 
-/// The pattern's bytes [offset, offset + count): no two places within 2 GiB look the same, so that a piece that is
-/// lost, repeated or exchanged shows.
+/// The pattern's bytes [offset, offset + count): no two places within 2 GiB look the same, so that
+/// a piece that is lost, repeated or exchanged shows.
 std::string patternBytes(std::uint64_t offset, std::size_t count);
 /// SHA-256 of the pattern's first `count` bytes.
 std::string patternSha256(std::uint64_t count);

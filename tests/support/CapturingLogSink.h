@@ -1,5 +1,5 @@
-// Takes over the process's log for the time of a scope and keeps what is written, so that a test can say what was
-// logged and, as important, what was not.
+// Takes over the process's log for the time of a scope and keeps what is written, so that a test
+// can say what was logged and, as important, what was not.
 //
 // Threads: every operation may be called from any thread; scopes of this kind nest on one thread.
 #pragma once

@@ -58,7 +58,8 @@ BlackHole::BlackHole() : listener_(bindLoopback()), port_(portOf(listener_)) {
   constexpr int kSettledMilliseconds = 50;
   require(::listen(listener_, 0) == 0, "listen");
   const sockaddr_in address = loopback(port_);
-  // Connections that nobody accepts fill the queue; the first that does not get in proves that it is full.
+  // Connections that nobody accepts fill the queue; the first that does not get in proves that it
+  // is full.
   for (int i = 0; i < kMostFillers; ++i) {
     const int filler = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     require(filler >= 0, "socket");

@@ -9,7 +9,8 @@
 
 namespace kestrune::support {
 
-/// Refuses every connection. The port is taken for as long as the object lives, so nobody else can begin to listen there.
+/// Refuses every connection. The port is taken for as long as the object lives, so nobody else can
+/// begin to listen there.
 class RefusingPort {
  public:
   RefusingPort();
@@ -26,7 +27,8 @@ class RefusingPort {
   std::uint16_t port_;
 };
 
-/// Answers nothing at all: packets of new connections are dropped, as behind a wall or on a dead host.
+/// Answers nothing at all: packets of new connections are dropped, as behind a wall or on a dead
+/// host.
 class BlackHole {
  public:
   BlackHole();

@@ -55,7 +55,8 @@ std::uint64_t parseNumber(std::string_view text, int base) {
 
 }  // namespace
 
-// The body of one request, announced by a length or in chunks: counts, hashes and keeps its beginning.
+// The body of one request, announced by a length or in chunks: counts, hashes and keeps its
+// beginning.
 class FixtureConnection::BodyReader {
  public:
   BodyReader(FixtureConnection& connection, const ReceivedRequest& head)
@@ -66,7 +67,8 @@ class FixtureConnection::BodyReader {
     isComplete_ = !chunked_ && left_ == 0;
   }
 
-  // Reads until the body's first `until` bytes are there, or its end. False if the connection ended first.
+  // Reads until the body's first `until` bytes are there, or its end. False if the connection ended
+  // first.
   bool readUntil(std::uint64_t until, const std::optional<AnswerPlan::Pace>& pace) {
     std::uint64_t nextPause = pace ? total_ + pace->pieceBytes : 0;
     while (!isComplete_ && total_ < until) {
@@ -104,7 +106,8 @@ class FixtureConnection::BodyReader {
     if (left_ == 0 && !chunked_) isComplete_ = true;
   }
 
-  // Reads the line with the next chunk's size; before every chunk but the first stands the end of the one before.
+  // Reads the line with the next chunk's size; before every chunk but the first stands the end of
+  // the one before.
   bool beginChunk() {
     for (;;) {
       const std::size_t from = anyChunk_ ? 2 : 0;
@@ -139,12 +142,20 @@ bool FixtureConnection::fill(const std::atomic<bool>* interrupted) {
   return count > 0;
 }
 
-std::optional<ReceivedRequest> FixtureConnection::readHead() {
+bool FixtureConnection::awaitRequest() {
+  if (!received_.empty()) return true;
   const auto idleFlag = state_.idleFlag();
+  ++state_.idleConnections;
+  const bool arrived = fill(idleFlag.get());
+  --state_.idleConnections;
+  return arrived;
+}
+
+std::optional<ReceivedRequest> FixtureConnection::readHead() {
+  if (!awaitRequest()) return std::nullopt;
   std::size_t end = 0;
   while ((end = received_.find("\r\n\r\n")) == std::string::npos) {
-    if (received_.size() > kHeadLimit || !fill(received_.empty() ? idleFlag.get() : nullptr))
-      return std::nullopt;
+    if (received_.size() > kHeadLimit || !fill()) return std::nullopt;
   }
   auto request = parseHead(std::string_view(received_).substr(0, end));
   received_.erase(0, end + 4);

@@ -1,4 +1,5 @@
-// One connection of the fixture: reads requests, plays answers, until one side ends it. Internal to the fixture.
+// One connection of the fixture: reads requests, plays answers, until one side ends it. Internal to
+// the fixture.
 //
 // Threads: belongs to the thread that runs it.
 #pragma once
@@ -29,6 +30,7 @@ class FixtureConnection {
   class BodyReader;
 
   // Requests
+  bool awaitRequest();
   std::optional<ReceivedRequest> readHead();
   std::optional<Answer> answerFor(std::size_t sequence, const FixtureState::Decision& decision,
                                   BodyReader& body);
@@ -43,7 +45,8 @@ class FixtureConnection {
   bool sendPiece(const AnswerPlan& plan, std::uint64_t offset, std::size_t size,
                  std::size_t sequence);
   bool send(std::string_view bytes, const std::function<void(std::size_t)>& sent = nullptr);
-  // Waits, as long as the client is there and the fixture runs, until `ready` (which may wait a little) says true.
+  // Waits, as long as the client is there and the fixture runs, until `ready` (which may wait a
+  // little) says true.
   bool pauseUntil(const std::function<bool(std::chrono::milliseconds)>& ready);
   bool pauseFor(std::chrono::milliseconds duration);
   bool passGate(const std::optional<Gate>& gate);

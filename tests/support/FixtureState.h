@@ -1,4 +1,5 @@
-// What the connections of one HttpFixture share: the routes and the record of what has happened. Internal to the fixture.
+// What the connections of one HttpFixture share: the routes and the record of what has happened.
+// Internal to the fixture.
 //
 // Threads: every operation may be called from any thread.
 #pragma once
@@ -65,9 +66,10 @@ class FixtureState {
   std::atomic<bool> stopping = false;
   std::atomic<std::size_t> connectionsAccepted = 0;
   std::atomic<std::size_t> openConnections = 0;
+  std::atomic<std::size_t> idleConnections = 0;
   std::atomic<std::size_t> failedHandshakes = 0;
-  /// Moved to end the connections that are idle at that moment: each waits with the flag that is current when it
-  /// becomes idle, and ends when that flag is set.
+  /// Moved to end the connections that are idle at that moment: each waits with the flag that is
+  /// current when it becomes idle, and ends when that flag is set.
   std::shared_ptr<const std::atomic<bool>> idleFlag() const;
   void raiseIdleFlag();
 

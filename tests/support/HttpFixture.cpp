@@ -227,6 +227,8 @@ std::size_t HttpFixture::connectionsAccepted() const { return server_->state.con
 
 std::size_t HttpFixture::openConnections() const { return server_->state.openConnections; }
 
+std::size_t HttpFixture::idleConnections() const { return server_->state.idleConnections; }
+
 std::size_t HttpFixture::failedHandshakes() const { return server_->state.failedHandshakes; }
 
 std::size_t HttpFixture::maxConcurrentRequests() const {

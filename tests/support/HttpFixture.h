@@ -1,22 +1,23 @@
-// A scripted HTTP/1.1 server inside the test process, on 127.0.0.1 and a free port: it records what arrives, byte for
-// byte, and answers what the test says, faults included (Answer.h).
+// A scripted HTTP/1.1 server inside the test process, on 127.0.0.1 and a free port: it records what
+// arrives, byte for byte, and answers what the test says, faults included (Answer.h).
 //
 //     HttpFixture fixture;
 //     fixture.on("GET", "/files", Answer(200, "[]"));
 //     fixture.next("GET", "/files", Answer(503));            // once, before the standing answer
-//     fixture.hold("PUT", "/part");                          // pending until the test answers each by hand
+//     fixture.hold("PUT", "/part");                          // pending until answered by hand
 //     …
 //     ASSERT_TRUE(fixture.waitForRequests(2));
 //     EXPECT_EQ(fixture.request(0).target, "/files?limit=5");
 //
-// Routes are looked up by method and by the target up to its query, both compared byte by byte. In this order: an answer
-// queued with `next`; `hold`; what `on` set; what `otherwise` set; else 404.
+// Routes are looked up by method and by the target up to its query, both compared byte by byte. In
+// this order: an answer queued with `next`; `hold`; what `on` set; what `otherwise` set; else 404.
 //
-// Threads: every operation may be called from any thread. Each connection is served by a thread of its own; handlers run
-// there, so they may block.
-// Owns: all its threads; the destructor ends them, whatever they wait for, and closes all connections.
-// Fails: the constructor throws std::system_error if it cannot listen. A test that asks for a request which is not there
-// gets std::runtime_error.
+// Threads: every operation may be called from any thread. Each connection is served by a thread of
+// its own; handlers run there, so they may block.
+// Owns: all its threads; the destructor ends them, whatever they wait for, and closes all
+// connections.
+// Fails: the constructor throws std::system_error if it cannot listen. A test that asks for a
+// request which is not there gets std::runtime_error.
 #pragma once
 
 #include <chrono>
@@ -44,7 +45,8 @@ struct HttpFixtureOptions {
   std::optional<TLS> tls;
   /// How much of a request's body is kept for looking at; the rest is counted and hashed.
   std::size_t keptBodyBytes = 1U << 20U;
-  /// Sizes of the sockets' buffers; none leaves them to the kernel, which lets them grow to many megabytes.
+  /// Sizes of the sockets' buffers; none leaves them to the kernel, which lets them grow to many
+  /// megabytes.
   std::optional<int> sendBufferBytes;
   std::optional<int> receiveBufferBytes;
 };
@@ -91,7 +93,8 @@ class HttpFixture {
   /// For every request without a route.
   void otherwise(Handler handler);
 
-  /// The held request that arrived first and has not been given out. Throws std::runtime_error after `deadline`.
+  /// The held request that arrived first and has not been given out. Throws std::runtime_error
+  /// after `deadline`.
   HeldRequest nextHeld(std::chrono::milliseconds deadline = kDeadline);
 
   // What has happened
@@ -106,12 +109,16 @@ class HttpFixture {
   ReceivedRequest request(std::size_t sequence) const;
   /// The one request there is: a test that expects one says so.
   ReceivedRequest onlyRequest() const;
-  /// Waits until the answer to a request is no longer underway, and returns how it ended; `underway` after `deadline`.
+  /// Waits until the answer to a request is no longer underway, and returns how it ended;
+  /// `underway` after `deadline`.
   [[nodiscard]] AnswerOutcome waitForOutcome(std::size_t sequence,
                                              std::chrono::milliseconds deadline = kDeadline) const;
 
   std::size_t connectionsAccepted() const;
+  /// Accepted and not yet closed by both sides.
   std::size_t openConnections() const;
+  /// Those that wait for a request.
+  std::size_t idleConnections() const;
   /// TLS connections whose client turned away before its first request.
   std::size_t failedHandshakes() const;
   /// The most requests that were underway at one time.

@@ -1,4 +1,5 @@
-// Time that the test moves: a clock that stands still, and a sleeper whose sleeps end when the test says so.
+// Time that the test moves: a clock that stands still, and a sleeper whose sleeps end when the test
+// says so.
 //
 // Threads: every operation may be called from any thread.
 #pragma once
@@ -31,9 +32,9 @@ class ManualClock : public platform::Clock {
   platform::Date now_ GUARDED_BY(mutex_);
 };
 
-/// Records how long everybody wanted to sleep. In the mode `automatic` each sleep ends at once; in the mode `held`
-/// each lasts until `release`, or until its task is cancelled, when it throws CancellationError.
-/// It must outlive the sleeps.
+/// Records how long everybody wanted to sleep. In the mode `automatic` each sleep ends at once; in
+/// the mode `held` each lasts until `release`, or until its task is cancelled, when it throws
+/// CancellationError. It must outlive the sleeps.
 class ManualSleeper : public platform::Sleeper {
  public:
   enum class Mode { automatic, held };

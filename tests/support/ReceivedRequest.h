@@ -35,7 +35,8 @@ struct ReceivedRequest {
   /// Names and order as received; values without the space around them.
   RawHeaders headers;
 
-  /// The body's first bytes, up to HttpFixtureOptions::keptBodyBytes, with the length and digest of the whole.
+  /// The body's first bytes, up to HttpFixtureOptions::keptBodyBytes, with the length and digest of
+  /// the whole.
   std::string body;
   std::uint64_t bodyBytes = 0;
   std::string bodySha256;
@@ -43,8 +44,8 @@ struct ReceivedRequest {
   bool bodyIsComplete = false;
 
   AnswerOutcome outcome = AnswerOutcome::underway;
-  /// Bytes of the answer's body that the socket has taken, without chunk framing. Counted just after they were taken,
-  /// so a client may see a byte a moment before it is counted.
+  /// Bytes of the answer's body that the socket has taken, without chunk framing. Counted just
+  /// after they were taken, so a client may see a byte a moment before it is counted.
   std::uint64_t answerBytesSent = 0;
 
   /// The target up to its query.

@@ -7,8 +7,8 @@
 //     running.cancel();
 //     EXPECT_EQ(running.failure()->code(), URLError::cancelled);
 //
-// A task that does not end before the deadline is a failed test: std::runtime_error is thrown, and the task is left
-// running, since nothing could join it.
+// A task that does not end before the deadline is a failed test: std::runtime_error is thrown, and
+// the task is left running, since nothing could join it.
 //
 // Threads: an object belongs to one thread; tasks run on the shared executor.
 #pragma once
@@ -44,7 +44,8 @@ struct TaskOutcome {
   std::promise<void> ended;
 };
 
-// The value goes into a slot of its own, because the executor's own way of returning it wants a default constructor.
+// The value goes into a slot of its own, because the executor's own way of returning it wants a
+// default constructor.
 template <class T>
 platform::Task<void> keepOutcome(platform::Task<T> task, std::shared_ptr<TaskOutcome<T>> outcome) {
   if constexpr (std::is_void_v<T>) {
@@ -93,7 +94,8 @@ class RunningTask {
     });
   }
 
-  /// Waits for the value, or throws what the task threw. REQUIRES: neither this nor `failure` was called before.
+  /// Waits for the value, or throws what the task threw. REQUIRES: neither this nor `failure` was
+  /// called before.
   T value(std::chrono::milliseconds deadline = kTaskDeadline) {
     if (!waitUntilDone(deadline))
       throw std::runtime_error("the task did not end before the deadline");
@@ -115,7 +117,8 @@ class RunningTask {
 
  private:
   using Outcome = detail::TaskOutcome<T>;
-  // A signal may be used on one thread at a time: it is emitted on the strand on which the task runs.
+  // A signal may be used on one thread at a time: it is emitted on the strand on which the task
+  // runs.
   struct Control {
     boost::asio::strand<boost::asio::any_io_executor> strand =
         boost::asio::make_strand(platform::sharedExecutor());

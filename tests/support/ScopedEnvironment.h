@@ -1,5 +1,6 @@
-// An environment variable with another value (or none) for the time of a scope. It is the environment of the whole
-// process: each test case runs in a process of its own, and no other thread may read the environment at that moment.
+// An environment variable with another value (or none) for the time of a scope. It is the
+// environment of the whole process: each test case runs in a process of its own, and no other
+// thread may read the environment at that moment.
 #pragma once
 
 #include <optional>

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -41,9 +42,10 @@ std::size_t TemporaryDirectory::entryCount() const {
 
 std::string contentsOf(const std::filesystem::path& file) {
   std::ifstream in(file, std::ios::binary);
-  std::string contents(std::istreambuf_iterator<char>(in), {});
-  if (!in) throw std::runtime_error("cannot read '" + file.string() + "'");
-  return contents;
+  std::ostringstream contents;
+  if (std::filesystem::file_size(file) > 0) contents << in.rdbuf();
+  if (!in || !contents) throw std::runtime_error("cannot read '" + file.string() + "'");
+  return std::move(contents).str();
 }
 
 }  // namespace kestrune::support

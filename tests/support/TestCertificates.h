@@ -1,4 +1,5 @@
-// Certificates made on the spot: an authority that nobody trusts unless told to, and what it issues for servers.
+// Certificates made on the spot: an authority that nobody trusts unless told to, and what it issues
+// for servers.
 //
 // Threads: an object belongs to one thread.
 #pragma once

@@ -10,8 +10,8 @@ namespace kestrune::support {
 [[nodiscard]] bool waitUntil(const std::function<bool()>& condition,
                              std::chrono::milliseconds deadline = std::chrono::seconds(10));
 
-/// Whether `condition` stays true for the whole of `duration`. For "nothing happens": it can miss a late event, it
-/// never fails for a slow machine.
+/// Whether `condition` stays true for the whole of `duration`. For "nothing happens": it can miss a
+/// late event, it never fails for a slow machine.
 [[nodiscard]] bool staysTrue(const std::function<bool()>& condition,
                              std::chrono::milliseconds duration);
 

@@ -26,7 +26,8 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 using namespace std::chrono_literals;
 
-// A client that does exactly what it is told, so that the fixture is not judged by another client's habits.
+// A client that does exactly what it is told, so that the fixture is not judged by another client's
+// habits.
 class PlainClient {
  public:
   explicit PlainClient(const HttpFixture& fixture) : socket_(context_) {
@@ -208,13 +209,18 @@ TEST(HttpFixture, AClientThatLeavesIsNoticed) {
 
 TEST(HttpFixture, IdleConnectionsAreClosedOnDemand) {
   HttpFixture fixture;
-  PlainClient client(fixture);
-  client.get("/");
-  client.readUntil("fixture");
-  ASSERT_TRUE(waitUntil([&] {
-    fixture.closeIdleConnections();  // again and again: the connection may not have become idle yet
-    return fixture.openConnections() == 0 || client.readToEnd().empty();
-  }));
+  fixture.hold("GET", "/held");
+  PlainClient idle(fixture);
+  PlainClient busy(fixture);
+  idle.get("/");
+  idle.readUntil("fixture");
+  busy.get("/held");
+  const HeldRequest held = fixture.nextHeld();
+  ASSERT_TRUE(waitUntil([&] { return fixture.idleConnections() == 1; }));
+  fixture.closeIdleConnections();
+  EXPECT_EQ(idle.readToEnd(), "");
+  held.answer(Answer(200, "there"));
+  EXPECT_THAT(busy.readUntil("there"), EndsWith("there"));
 }
 
 TEST(HttpFixture, EndsWithEverythingHeld) {
