@@ -3,11 +3,13 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <strings.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -26,6 +28,7 @@ constexpr long kMaximumRedirects = 16;
 // Measured: 16 KiB, libcurl's default, costs up to three times the processor time of 512 KiB.
 constexpr long kReceiveBufferBytes = 512L << 10U;
 constexpr std::uint64_t kMaximumSendBufferBytes = 2U << 20U;
+constexpr int kMaximumUnsentBytes = 128 << 10;
 constexpr std::uint64_t kMinimumSendBufferBytes = 16U << 10U;
 
 class DataBody final : public BodySource {
@@ -136,7 +139,10 @@ bool isLinkLocal(const sockaddr& address) {
   if (address.sa_family == AF_INET6) {
     sockaddr_in6 ipv6{};
     std::memcpy(&ipv6, &address, sizeof ipv6);
-    return IN6_IS_ADDR_LINKLOCAL(&ipv6.sin6_addr);
+    const bool isMapped = IN6_IS_ADDR_V4MAPPED(&ipv6.sin6_addr);
+    const auto* bytes = ipv6.sin6_addr.s6_addr;
+    return IN6_IS_ADDR_LINKLOCAL(&ipv6.sin6_addr) ||
+           (isMapped && bytes[12] == 169 && bytes[13] == 254);
   }
   return false;
 }
@@ -146,6 +152,12 @@ bool hasHeader(const HTTPHeaders& headers, const char* name) {
     if (strcasecmp(header.first.c_str(), name) == 0) return true;
   }
   return false;
+}
+
+// RFC 9110, 9.2.2: what may be sent twice without another effect.
+bool isIdempotent(std::string_view method) {
+  return method == "GET" || method == "HEAD" || method == "PUT" || method == "DELETE" ||
+         method == "OPTIONS";
 }
 
 std::string_view trimmed(std::string_view text) {
@@ -197,6 +209,8 @@ void Transfer::setAddressAndLimits() {
   setOption(easy_, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
   setOption(easy_, CURLOPT_FOLLOWLOCATION, 1L);
   setOption(easy_, CURLOPT_MAXREDIRS, kMaximumRedirects);
+  // A name and a password in the address would otherwise become a header that nobody set.
+  setOption(easy_, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_NONE));
   setOption(easy_, CURLOPT_NOSIGNAL, 1L);
   setOption(easy_, CURLOPT_TCP_KEEPALIVE, 1L);
   setOption(easy_, CURLOPT_BUFFERSIZE, kReceiveBufferBytes);
@@ -256,6 +270,8 @@ void Transfer::setHeaders() {
 }
 
 void Transfer::setCallbacks() {
+  setOption(easy_, CURLOPT_PREREQFUNCTION, &Transfer::onRequest);
+  setOption(easy_, CURLOPT_PREREQDATA, this);
   setOption(easy_, CURLOPT_HEADERFUNCTION, &Transfer::onHeader);
   setOption(easy_, CURLOPT_HEADERDATA, this);
   setOption(easy_, CURLOPT_WRITEFUNCTION, &Transfer::onData);
@@ -298,7 +314,16 @@ void Transfer::announceResponse() {
 
 void Transfer::finish(CURLcode code) {
   if (failure_) return fail(failure_);
+  // An answer in no protocol that libcurl knows has the code of an address in none, but comes after
+  // a request.
+  if (code == CURLE_UNSUPPORTED_PROTOCOL && sentAfterRedirects_ == redirectCount()) {
+    return fail(std::make_exception_ptr(URLError(URLError::badServerResponse)));
+  }
   if (code != CURLE_OK) return fail(std::make_exception_ptr(errorFromCurl(code)));
+  // libcurl 7.88 takes the end of the connection inside a head for the end of the head.
+  if (!headIsComplete_) {
+    return fail(std::make_exception_ptr(URLError(URLError::networkConnectionLost)));
+  }
   try {
     announceResponse();
   } catch (...) {
@@ -316,8 +341,13 @@ bool Transfer::acceptHeaderLine(std::string_view line) {
     return false;
   }
   while (!line.empty() && (line.back() == '\r' || line.back() == '\n')) line.remove_suffix(1);
-  if (line.substr(0, 5) ==
-      "HTTP/") {  // a new answer begins: an informational one or a redirect came before
+  if (line.empty()) {
+    headIsComplete_ = !headIsInformational_;
+  } else if (line.substr(0, 5) == "HTTP/") {
+    // A new answer begins: an informational one or a redirect came before.
+    const auto status = std::min(line.find(' '), line.size());
+    headIsInformational_ = line.substr(status, 2) == " 1";
+    headIsComplete_ = false;
     response_.headers.clear();
   } else if (const auto colon = line.find(':'); colon != std::string_view::npos) {
     response_.headers.emplace_back(std::string(line.substr(0, colon)),
@@ -366,6 +396,23 @@ int Transfer::onSeek(void* self, curl_off_t offset, int origin) {
   return CURL_SEEKFUNC_OK;
 }
 
+long Transfer::redirectCount() const {
+  long count = 0;
+  curl_easy_getinfo(easy_, CURLINFO_REDIRECT_COUNT, &count);
+  return count;
+}
+
+int Transfer::onRequest(void* self, char*, char*, int, int) {
+  auto& transfer = *static_cast<Transfer*>(self);
+  const long redirects = transfer.redirectCount();
+  const bool isRepetition = std::exchange(transfer.sentAfterRedirects_, redirects) == redirects;
+  const char* method = "";
+  curl_easy_getinfo(transfer.easy_, CURLINFO_EFFECTIVE_METHOD, &method);
+  if (!isRepetition || isIdempotent(method)) return CURL_PREREQFUNC_OK;
+  transfer.failure_ = std::make_exception_ptr(URLError(URLError::networkConnectionLost));
+  return CURL_PREREQFUNC_ABORT;
+}
+
 int Transfer::onProgress(void* self, curl_off_t, curl_off_t received, curl_off_t, curl_off_t sent) {
   auto& transfer = *static_cast<Transfer*>(self);
   const curl_off_t moved = received + sent;
@@ -377,10 +424,17 @@ int Transfer::onProgress(void* self, curl_off_t, curl_off_t received, curl_off_t
 curl_socket_t Transfer::onOpenSocket(void* self, curlsocktype, curl_sockaddr* address) {
   // A redirect must not lead to this machine's own link, where credentials of cloud machines are
   // served.
-  long redirects = 0;
-  curl_easy_getinfo(static_cast<Transfer*>(self)->easy_, CURLINFO_REDIRECT_COUNT, &redirects);
-  if (redirects > 0 && isLinkLocal(address->addr)) return CURL_SOCKET_BAD;
-  return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  const bool isRedirected = static_cast<Transfer*>(self)->redirectCount() > 0;
+  if (isRedirected && isLinkLocal(address->addr)) return CURL_SOCKET_BAD;
+  const int descriptor =
+      ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  // The idle clock sees what the kernel takes. A kernel that took megabytes at once would then be
+  // silent for as long as a slow line needs to carry them.
+  if (descriptor >= 0) {
+    ::setsockopt(descriptor, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &kMaximumUnsentBytes,
+                 sizeof kMaximumUnsentBytes);
+  }
+  return descriptor;
 }
 
 std::optional<std::string> HTTPURLResponse::valueForHTTPHeaderField(std::string_view name) const {

@@ -87,8 +87,12 @@ class Transfer : public std::enable_shared_from_this<Transfer> {
   /// Keeps the exception being handled as the reason to stop. REQUIRES: called inside a catch
   /// block.
   void stopWithCurrentException() { failure_ = std::current_exception(); }
+  long redirectCount() const;
   bool acceptHeaderLine(std::string_view line);
 
+  /// Called before each request that goes out. libcurl sends one again whose kept connection ended
+  /// without an answer; where that could carry it out twice, the transfer ends instead.
+  static int onRequest(void* self, char*, char*, int, int);
   static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* self);
   static std::size_t onData(char* data, std::size_t size, std::size_t count, void* self);
   static std::size_t onRead(char* data, std::size_t size, std::size_t count, void* self);
@@ -108,6 +112,9 @@ class Transfer : public std::enable_shared_from_this<Transfer> {
   HTTPURLResponse response_;
   std::size_t headerBytes_ = 0;
   std::size_t headerLines_ = 0;
+  bool headIsInformational_ = false;
+  bool headIsComplete_ = false;   // of an answer that is not informational
+  long sentAfterRedirects_ = -1;  // how many redirects came before the last request that went out
   std::uint64_t bodyOffset_ = 0;
   curl_off_t movedBytes_ = 0;
   std::optional<Instant> lastActivity_;  // none until the request has a connection or looks for one

@@ -30,6 +30,13 @@ Task<URLReply> collect(std::shared_ptr<CurlDriver> driver, URLSessionConfigurati
   co_return reply;
 }
 
+Task<URLReply> collectFromFile(std::shared_ptr<CurlDriver> driver,
+                               URLSessionConfiguration configuration, URLRequest request,
+                               std::filesystem::path file) {
+  auto body = BodySource::fromFile(file);
+  co_return co_await collect(std::move(driver), configuration, std::move(request), std::move(body));
+}
+
 Task<URLByteStream> openStream(std::shared_ptr<CurlDriver> driver,
                                URLSessionConfiguration configuration, URLRequest request) {
   auto source = std::make_shared<URLByteStream::Source>(driver);
@@ -103,7 +110,7 @@ Task<URLReply> URLSession::data(URLRequest request) {
 }
 
 Task<URLReply> URLSession::uploadFromFile(URLRequest request, std::filesystem::path file) {
-  return collect(driver_, configuration_, std::move(request), BodySource::fromFile(file));
+  return collectFromFile(driver_, configuration_, std::move(request), std::move(file));
 }
 
 Task<URLReply> URLSession::uploadFromData(URLRequest request,

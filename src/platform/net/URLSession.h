@@ -6,11 +6,13 @@
 // most 16, to http and https alone; a 3xx without one is handed back as it is. "Authorization" goes
 // to the first request's scheme, host and port and to no other. TLS certificates are always
 // verified, against the system's store or $SSL_CERT_FILE. Requests carry only the headers that were
-// set, "Host", and those of their body.
+// set, "Host", and those of their body. A request whose kept connection ends without an answer goes
+// out again on another if its method is idempotent (RFC 9110); else it fails, since the server may
+// have carried it out.
 //
-// Time: a request's time-out is an idle time-out; its clock restarts whenever a byte moves in
-// either direction, and stands still while the request waits for a connection or its reader holds
-// the network back. The resource time-out bounds the whole transfer.
+// Time: a request's time-out is an idle time-out; its clock restarts whenever a byte of a body or a
+// line of a head moves, in either direction, and stands still while the request waits for a
+// connection or its reader holds the network back. The resource time-out bounds the whole transfer.
 //
 // Threads: every operation may be called from any thread. Handlers of download tasks are called as
 // documented there. Fails: URLError with the codes of URLError.h, for transport alone: any status
