@@ -6,11 +6,14 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <set>
+#include <thread>
 
 #include "tests/console/ConsoleProgram.h"
 #include "tests/support/IsolatedStorage.h"
 #include "tests/support/ServiceFixture.h"
 #include "tests/support/TemporaryDirectory.h"
+#include "tests/support/Waiting.h"
 
 namespace kestrune {
 namespace {
@@ -251,6 +254,26 @@ TEST(ConsoleProgramTest, WithoutAConfigurationEveryRequestSaysSo) {
                                  {"case", "notConfigured"},
                                  {"description", "API URL or auth token missing"}}));
   EXPECT_EQ(console.lines().at(0)["arguments"], (Json{"main", "nil", "missing"}));
+  EXPECT_EQ(console.program().finish(), 0);
+}
+
+TEST(ConsoleProgramTest, NothingIsWrittenToTheStatusFileAfterTheLastCallHasSettled) {
+  const support::IsolatedStorage storage;
+  ConsoleProgram console;
+  constexpr int kCalls = 1000;  // each fails at once and has the file written twice
+  std::string calls;
+  for (int i = 0; i < kCalls; ++i)
+    calls += R"({"id":1,"op":"enumerateItems","container":"/"})"
+             "\n";
+  std::thread writing([&] { console.program().write(calls); });
+  for (int i = 0; i < kCalls; ++i) console.readUntil("settled");
+  const auto file = storage.shared() / "sync-status.json";
+  const std::string last = contentsOf(file);
+  const auto written = fs::last_write_time(file);
+  EXPECT_EQ(Json::parse(last)["activeEnumerations"], 0);
+  EXPECT_TRUE(support::staysTrue([&] { return fs::last_write_time(file) == written; },
+                                 std::chrono::milliseconds(200)));
+  writing.join();
   EXPECT_EQ(console.program().finish(), 0);
 }
 

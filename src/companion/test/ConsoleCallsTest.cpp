@@ -267,16 +267,17 @@ TEST(ConsoleCalls, SettledComesAfterTheTaskAndAfterTheStatusStore) {
     return std::make_shared<NSProgress>(1);
   };
   std::promise<void> draining;
+  auto hasBegunToDrain = draining.get_future();
   ConsoleHarness console(extension, {}, [&] {
     draining.set_value();
     mayDrain.wait();
   });
   console.send(R"({"id":1,"op":"item","identifier":"/x"})");
   console.lineWith("completion");
-  EXPECT_EQ(draining.get_future().wait_for(std::chrono::milliseconds(50)),
-            std::future_status::timeout);
+  EXPECT_EQ(hasBegunToDrain.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
   letTaskEnd.set_value();
-  console.lineWith("after the handler");
+  ASSERT_EQ(hasBegunToDrain.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  EXPECT_TRUE(console.hasLineWith("after the handler"));
   EXPECT_FALSE(console.hasLineWith("settled"));
   letDrain.set_value();
   const auto lines = console.finish();
