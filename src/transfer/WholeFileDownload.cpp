@@ -169,6 +169,8 @@ Task<std::int64_t> expectedSize(ItemLocation location) {
 Task<void> runWholeFileDownload(WholeFileDownload download) {
   const std::string transferId = platform::newUUIDString();
   auto& status = SyncStatusStore::shared();
+  std::filesystem::path file;
+  std::shared_ptr<FileProviderItem> item;
   NSErrorPtr failure;
   bool registered = false;
   try {
@@ -176,21 +178,23 @@ Task<void> runWholeFileDownload(WholeFileDownload download) {
     const std::int64_t expected = co_await expectedSize(std::move(location));
     status.begin(transferId, download.path, expected, SyncTransfer::Direction::download);
     registered = true;
-    const std::filesystem::path file = co_await downloadWithRetries(
-        download.path, transferId, download.progress, download.session, download.sleeper);
+    file = co_await downloadWithRetries(download.path, transferId, download.progress,
+                                        download.session, download.sleeper);
     const LocalFile local = attributesOrRemove(file);
-    auto item =
-        std::make_shared<FileProviderItem>(download.path, false, local.size, local.modified);
+    item = std::make_shared<FileProviderItem>(download.path, false, local.size, local.modified);
     download.progress->setCompletedUnitCount(kPercentWhole);
     status.update(transferId, local.size);
-    download.completionHandler(file, std::move(item), nullptr);
-    status.finish(transferId);
   } catch (...) {
     failure = platform::currentError();
   }
-  if (!failure) co_return;
-  if (registered) status.finish(transferId);
-  download.completionHandler(std::nullopt, nullptr, failure);
+  // Answered outside of the try: nothing that a handler does may bring it a second call.
+  if (failure) {
+    if (registered) status.finish(transferId);
+    download.completionHandler(std::nullopt, nullptr, failure);
+  } else {
+    download.completionHandler(file, std::move(item), nullptr);
+    status.finish(transferId);
+  }
 }
 
 }  // namespace kestrune
