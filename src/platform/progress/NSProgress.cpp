@@ -111,7 +111,7 @@ void NSProgress::setCancellationHandler(std::function<void()> handler) {
   {
     MutexLock lock(mutex_);
     if (!cancelled_) {
-      cancellationHandler_ = std::move(handler);
+      cancellationHandler_.swap(handler);  // the old one is destroyed without the lock
       return;
     }
   }
@@ -136,9 +136,10 @@ NSProgress::Observation& NSProgress::Observation::operator=(Observation&& other)
 
 void NSProgress::Observation::invalidate() {
   if (!registration_) return;
+  Observer ended;  // destroyed without the lock
   {
     std::lock_guard running(registration_->running);
-    registration_->observer = nullptr;
+    ended.swap(registration_->observer);
   }
   registration_.reset();
 }

@@ -15,7 +15,9 @@
 #include <boost/asio/associated_cancellation_slot.hpp>
 #include <boost/asio/associated_executor.hpp>
 #include <boost/asio/async_result.hpp>
+#include <boost/asio/cancellation_type.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <exception>
 #include <functional>
@@ -49,13 +51,28 @@ class Continuation {
     virtual ~State() = default;
     bool complete(std::exception_ptr error, std::optional<T> value) {
       if (resumed_.exchange(true)) return false;
-      deliver(std::move(error), std::move(value));
+      error_ = std::move(error);
+      value_ = std::move(value);
+      arrive();
       return true;
     }
+    /// `begin` has returned.
+    void begun() { arrive(); }
 
    protected:
-    virtual void deliver(std::exception_ptr error, std::optional<T> value) = 0;
+    virtual void deliver() = 0;
+
     std::atomic<bool> resumed_ = false;
+    // Written by whoever resumes, read by whoever delivers.
+    std::exception_ptr error_;
+    std::optional<T> value_;
+
+   private:
+    /// The second to arrive, of the resumption and the end of `begin`, lets the task go on.
+    void arrive() {
+      if (arrivals_.fetch_add(1) == 1) deliver();
+    }
+    std::atomic<int> arrivals_ = 0;
   };
   explicit Continuation(std::shared_ptr<State> state) : state_(std::move(state)) {}
 
@@ -69,18 +86,17 @@ template <class T, class Handler>
 struct ContinuationState final : Continuation<T>::State {
   explicit ContinuationState(Handler handler) : handler_(std::move(handler)) {}
   ~ContinuationState() override {
-    if (!this->resumed_.exchange(true)) {
-      deliver(std::make_exception_ptr(NSCocoaError(NSCocoaError::fileReadUnknown,
-                                                   "an operation ended without an answer")),
-              std::nullopt);
-    }
+    if (this->resumed_) return;
+    this->error_ = std::make_exception_ptr(
+        NSCocoaError(NSCocoaError::fileReadUnknown, "an operation ended without an answer"));
+    deliver();
   }
 
  protected:
-  void deliver(std::exception_ptr error, std::optional<T> value) override {
+  void deliver() override {
     auto executor = boost::asio::get_associated_executor(handler_);
-    boost::asio::post(executor, [handler = std::move(handler_), error = std::move(error),
-                                 value = std::move(value)]() mutable {
+    boost::asio::post(executor, [handler = std::move(handler_), error = std::move(this->error_),
+                                 value = std::move(this->value_)]() mutable {
       // On the task's own executor: a cancellation can no longer reach the operation that has
       // ended.
       auto slot = boost::asio::get_associated_cancellation_slot(handler);
@@ -96,21 +112,31 @@ struct ContinuationState final : Continuation<T>::State {
 }  // namespace detail
 
 /// Suspends the calling task, calls `begin` with its continuation on the task's thread, and returns
-/// what it is resumed with (or throws what it is failed with). `onCancel`, if given, is called on
-/// the task's executor when the task is cancelled while suspended; it may be called after the
-/// continuation was resumed, and must then do nothing.
+/// what it is resumed with (or throws what it is failed with, or what `begin` throws). The task does
+/// not go on before `begin` has returned, so `begin` may use the task's variables throughout.
+/// `onCancel`, if given, is called on the task's executor when the task is cancelled while
+/// suspended, and after `begin` if it is cancelled already; it may be called after the continuation
+/// was resumed, and must then do nothing.
 template <class T>
 Task<T> suspendUntilResumed(std::function<void(Continuation<T>)> begin,
                             std::function<void()> onCancel = nullptr) {
   using Signature = void(std::exception_ptr, std::optional<T>);
-  auto initiate = [&begin, &onCancel](auto handler) {
+  const auto cancellation = co_await boost::asio::this_coro::cancellation_state;
+  const bool isCancelled = cancellation.cancelled() != boost::asio::cancellation_type::none;
+  auto initiate = [&begin, &onCancel, isCancelled](auto handler) {
     using Handler = decltype(handler);
     auto slot = boost::asio::get_associated_cancellation_slot(handler);
     if (onCancel && slot.is_connected()) {
-      slot.assign([onCancel = std::move(onCancel)](boost::asio::cancellation_type) { onCancel(); });
+      slot.assign([onCancel](boost::asio::cancellation_type) { onCancel(); });
     }
-    begin(Continuation<T>(
-        std::make_shared<detail::ContinuationState<T, Handler>>(std::move(handler))));
+    auto state = std::make_shared<detail::ContinuationState<T, Handler>>(std::move(handler));
+    try {
+      begin(Continuation<T>(state));
+      if (isCancelled && onCancel) onCancel();
+    } catch (...) {
+      state->complete(std::current_exception(), std::nullopt);
+    }
+    state->begun();
   };
   std::optional<T> value =
       co_await boost::asio::async_initiate<const boost::asio::use_awaitable_t<>&, Signature>(

@@ -67,7 +67,10 @@ void SerialQueue::run() {
       if (queue_.empty()) return;
       batch.swap(queue_);
     }
-    for (auto& work : batch) work();
+    for (auto& work : batch) {
+      work();
+      work = nullptr;  // what it holds is released before the next runs
+    }
   }
 }
 

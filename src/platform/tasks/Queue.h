@@ -60,7 +60,7 @@ class ConcurrentQueue {
   /// Runs `work` on this thread, side by side with other plain blocks. REQUIRES: not called from
   /// work on this queue.
   template <class Work>
-  auto sync(const Work& work) {
+  auto sync(const Work& work) noexcept {
     std::shared_lock<std::shared_mutex> lock;
     {
       std::lock_guard order(turnstile_);
@@ -72,7 +72,7 @@ class ConcurrentQueue {
   /// Runs `work` on this thread when every block before it has ended, and lets none begin until it
   /// has.
   template <class Work>
-  auto syncBarrier(const Work& work) {
+  auto syncBarrier(const Work& work) noexcept {
     std::unique_lock<std::shared_mutex> lock;
     {
       std::lock_guard order(turnstile_);

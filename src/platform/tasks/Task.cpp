@@ -30,6 +30,12 @@ std::size_t executorThreads() {
   return std::max<std::size_t>(4, std::thread::hardware_concurrency());
 }
 
+asio::thread_pool& pool() {
+  // Never destroyed: detached tasks may run until the process ends.
+  static auto* const instance = new asio::thread_pool(executorThreads());
+  return *instance;
+}
+
 [[noreturn]] void reportEscaped(const std::string& name, const NSErrorPtr& error) {
   std::fprintf(stderr, "kestrune: task '%s' ended with an error that nobody handles: %s\n",
                name.c_str(), error->localizedDescription().c_str());
@@ -40,11 +46,7 @@ thread_local std::shared_ptr<TaskLedger> currentLedger;
 
 }  // namespace
 
-asio::any_io_executor sharedExecutor() {
-  // Never destroyed: detached tasks may run until the process ends.
-  static asio::thread_pool* const pool = new asio::thread_pool(executorThreads());
-  return pool->get_executor();
-}
+asio::any_io_executor sharedExecutor() { return pool().get_executor(); }
 
 struct TaskLedger::State {
   Mutex mutex;
@@ -63,6 +65,19 @@ struct TaskLedger::State {
       }
     }
     launch();
+  }
+
+  void open() {
+    std::vector<std::function<void()>> launches;
+    std::function<void()> handler;
+    {
+      MutexLock lock(mutex);
+      isOpen = true;
+      launches.swap(held);
+      if (running == 0) handler = std::exchange(idleHandler, nullptr);
+    }
+    for (auto& launch : launches) launch();
+    if (handler) handler();
   }
 
   void ended() {
@@ -85,19 +100,14 @@ TaskLedger::Scope::Scope(std::shared_ptr<TaskLedger> ledger)
 
 TaskLedger::Scope::~Scope() { currentLedger = std::move(previous_); }
 
-void TaskLedger::open() {
-  std::vector<std::function<void()>> launches;
-  {
-    MutexLock lock(state_->mutex);
-    state_->isOpen = true;
-    launches.swap(state_->held);
-  }
-  for (auto& launch : launches) launch();
-}
+TaskLedger::~TaskLedger() { open(); }
+
+void TaskLedger::open() { state_->open(); }
 
 void TaskLedger::whenIdle(std::function<void()> handler) {
   {
     MutexLock lock(state_->mutex);
+    assert(!state_->idleHandler);
     if (state_->running > 0 || !state_->isOpen) {
       state_->idleHandler = std::move(handler);
       return;
@@ -127,6 +137,7 @@ void spawnDetached(std::string name, Task<void> task) {
 }
 
 void runBlocking(Task<void> task) {
+  assert(!pool().get_executor().running_in_this_thread());
   std::promise<void> promise;
   auto done = promise.get_future();
   asio::co_spawn(sharedExecutor(), std::move(task),
@@ -141,6 +152,8 @@ void runBlocking(Task<void> task) {
 }
 
 Task<void> sleepFor(std::chrono::nanoseconds duration) {
+  const auto cancellation = co_await asio::this_coro::cancellation_state;
+  if (cancellation.cancelled() != asio::cancellation_type::none) throw CancellationError();
   auto executor = co_await asio::this_coro::executor;
   asio::steady_timer timer(executor, duration);
   bool cancelled = false;

@@ -38,7 +38,8 @@ void spawnDetached(std::string name, Task<void> task);
 /// thrown here. REQUIRES: not called on an executor thread. For programs' main threads and tests.
 void runBlocking(Task<void> task);
 
-/// Suspends the task. Throws CancellationError as soon as the task is cancelled.
+/// Suspends the task. Throws CancellationError as soon as the task is cancelled, at once if it is
+/// already.
 Task<void> sleepFor(std::chrono::nanoseconds duration);
 
 /// How code that waits between attempts sleeps; tests put a clock of their own behind it.
@@ -62,6 +63,10 @@ class TimerSleeper : public Sleeper {
 class TaskLedger : public std::enable_shared_from_this<TaskLedger> {
  public:
   static std::shared_ptr<TaskLedger> make();
+  /// Opens the gate: a task that was started always runs.
+  ~TaskLedger();
+  TaskLedger(const TaskLedger&) = delete;
+  TaskLedger& operator=(const TaskLedger&) = delete;
 
   /// While it lives, `spawnDetached` on this thread reports to `ledger`. Scopes nest.
   class Scope {

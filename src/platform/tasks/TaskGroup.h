@@ -7,8 +7,9 @@
 // rethrowing a child's error out of `next`), the group cancels all children, waits until each has
 // ended, and the error goes on.
 //
-// Cancelling a child interrupts what it waits for (a sleep, a transfer), which then throws in the
-// child.
+// Cancelling a child interrupts what it waits for or begins to wait for (a sleep, a transfer), which
+// then throws its own error in the child, and cancels the children of a group that it waits for. A
+// child that waits for nothing goes on to its end.
 //
 // Threads: a group belongs to the one task that made it; its children run on the shared executor.
 #pragma once
@@ -18,6 +19,7 @@
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/strand.hpp>
+#include <boost/asio/this_coro.hpp>
 #include <cassert>
 #include <deque>
 #include <exception>
@@ -52,7 +54,7 @@ class TaskGroup {
       shared->put(Result{std::move(error), std::optional<T>(std::move(value))});
     };
     boost::asio::co_spawn(
-        running->strand, std::move(child),
+        running->strand, childBody(std::move(child)),
         boost::asio::bind_cancellation_slot(running->signal.slot(), std::move(done)));
     if (cancelled_) running->cancel();
   }
@@ -61,14 +63,14 @@ class TaskGroup {
   /// error.
   Task<std::optional<T>> next() {
     if (pending_ == 0) co_return std::nullopt;
-    Result result = co_await shared_->take();
-    --pending_;
+    Result result = co_await takeResult();
     if (result.error) std::rethrow_exception(result.error);
     co_return std::move(result.value);
   }
 
   /// Cancels every child, those running and those still to be added.
   void cancelAll() {
+    if (cancelled_) return;
     cancelled_ = true;
     for (const auto& child : children_) child->cancel();
   }
@@ -76,8 +78,7 @@ class TaskGroup {
   /// Waits for every child and drops what they return or throw.
   Task<void> drain() {
     while (pending_ > 0) {
-      co_await shared_->take();
-      --pending_;
+      co_await takeResult();
     }
   }
 
@@ -118,7 +119,8 @@ class TaskGroup {
       resumed->resume(std::move(result));
     }
 
-    Task<Result> take() {
+    /// Calls `onCancel` on the owner's executor if the owner is cancelled.
+    Task<Result> take(std::function<void()> onCancel) {
       auto begin = [this](Continuation<Result> continuation) {
         Result ready;
         {
@@ -132,9 +134,24 @@ class TaskGroup {
         }
         continuation.resume(std::move(ready));
       };
-      return suspendUntilResumed<Result>(begin);
+      return suspendUntilResumed<Result>(begin, std::move(onCancel));
     }
   };
+
+  /// Asio's default is that in a cancelled task every await throws an error of its own, also those
+  /// that have to wait for others. Here each wait says itself whether it can be interrupted.
+  static Task<T> childBody(Task<T> child) {
+    co_await boost::asio::this_coro::throw_if_cancelled(false);
+    co_return co_await std::move(child);
+  }
+
+  /// REQUIRES: pending_ > 0.
+  Task<Result> takeResult() {
+    auto onCancel = [this] { cancelAll(); };
+    Result result = co_await shared_->take(onCancel);
+    --pending_;
+    co_return result;
+  }
 
   // Used by the owning task alone.
   std::shared_ptr<Shared> shared_;
