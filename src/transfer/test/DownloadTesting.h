@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/files/Directories.h"
 #include "platform/progress/NSProgress.h"
 #include "platform/tasks/Task.h"
 #include "platform/values/Mutex.h"
@@ -33,6 +34,8 @@ class DownloadTesting : public testing::Test {
     std::vector<SyncTransfer> transfers;
   };
 
+  // Some tests take the directory away in the middle of a download.
+  DownloadTesting() { platform::setTemporaryDirectory(service_.storage().temporary()); }
   ~DownloadTesting() override { EXPECT_TRUE(transfers().empty()) << "a transfer stays registered"; }
 
   /// Begins a download that tells `progress_` and `outcome()`.
