@@ -3,6 +3,7 @@
 
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -15,6 +16,8 @@
 #include "companion/ConfigureCommand.h"
 #include "companion/ConsoleCommand.h"
 #include "companion/InvalidateCommand.h"
+#include "companion/ListCommands.h"
+#include "companion/MountCommand.h"
 
 namespace {
 
@@ -26,6 +29,9 @@ constexpr int kUsage = 2;
 constexpr const char* kFooter =
     "Examples:\n"
     "  kestrune configure --url https://files.example.org --token-file ~/token\n"
+    "  kestrune mount ~/Kestrune\n"
+    "  kestrune ls -l /Docs\n"
+    "  kestrune cat /Docs/a.pdf >a.pdf\n"
     "  kestrune invalidate\n"
     "  echo '{\"id\":1,\"op\":\"enumerateItems\",\"container\":\"/Docs\"}' | kestrune console\n"
     "\n"
@@ -65,6 +71,37 @@ void addInvalidate(CLI::App& app, Command& chosen) {
   command->callback([&chosen] { chosen = [] { std::cout << writeInvalidationToken() << "\n"; }; });
 }
 
+void addMount(CLI::App& app, Command& chosen) {
+  auto* command = app.add_subcommand("mount", "Show the store as a folder, until Ctrl-C");
+  auto options = std::make_shared<MountOptions>();
+  command->add_option("MOUNTPOINT", options->mountPoint, "an empty folder")->required();
+  command->add_option("--replica", options->replicaDirectory,
+                      "where fetched contents are kept; default: below the shared directory");
+  command->add_option("--domain", options->domainIdentifier, "the domain's identifier")
+      ->capture_default_str();
+  command->add_flag("--allow-other", options->allowOtherUsers,
+                    "let other users look inside (needs user_allow_other in /etc/fuse.conf)");
+  command->callback([&chosen, options] { chosen = [options] { runMount(*options); }; });
+}
+
+void addList(CLI::App& app, Command& chosen) {
+  auto* command = app.add_subcommand("ls", "List a folder of the store, without a mount");
+  auto options = std::make_shared<ListOptions>();
+  command->add_option("PATH", options->path, "as in /Docs")->capture_default_str();
+  command->add_flag("-l", options->isLong, "also sizes and times");
+  command->callback([&chosen, options] {
+    options->escapesNames = ::isatty(STDOUT_FILENO) != 0;
+    chosen = [options] { runList(*options); };
+  });
+}
+
+void addCat(CLI::App& app, Command& chosen) {
+  auto* command = app.add_subcommand("cat", "Print a file of the store, without a mount");
+  auto path = std::make_shared<std::string>();
+  command->add_option("PATH", *path, "as in /Docs/a.pdf")->required();
+  command->callback([&chosen, path] { chosen = [path] { runCat(*path); }; });
+}
+
 void addConsole(CLI::App& app, Command& chosen) {
   auto* command =
       app.add_subcommand("console", "Make calls to the extension: JSON lines in, JSON lines out");
@@ -85,6 +122,9 @@ int run(int argc, char** argv) {
   Command chosen;
   addConfigure(app, chosen);
   addInvalidate(app, chosen);
+  addMount(app, chosen);
+  addList(app, chosen);
+  addCat(app, chosen);
   addConsole(app, chosen);
   try {
     app.parse(argc, argv);

@@ -1,0 +1,188 @@
+#include "companion/ListCommands.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <future>
+#include <iterator>
+#include <optional>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "companion/CommandError.h"
+#include "companion/ScratchDirectory.h"
+#include "extension/FileProviderExtension.h"
+#include "host/Enumeration.h"
+#include "host/ItemName.h"
+#include "platform/log/Log.h"
+#include "platform/values/NSError.h"
+
+namespace kestrune {
+
+namespace {
+
+using host::ItemRecord;
+
+constexpr std::size_t kCopyBytes = 1U << 20U;
+
+std::string inQuotes(const std::string& path) { return "'" + platform::escapeForDisplay(path) + "'"; }
+
+[[noreturn]] void fail(const std::string& what, const std::string& path, const std::string& why) {
+  throw CommandError("Cannot " + what + " " + inQuotes(path) + ": " + why);
+}
+
+std::vector<std::string> components(const std::string& path) {
+  std::vector<std::string> parts;
+  for (std::size_t start = 0; start < path.size();) {
+    const std::size_t end = std::min(path.find('/', start), path.size());
+    if (end > start) parts.push_back(path.substr(start, end - start));
+    start = end + 1;
+  }
+  return parts;
+}
+
+std::vector<ItemRecord> children(const ExtensionPtr& extension, const std::string& identifier,
+                                 const std::string& what, const std::string& path) {
+  std::promise<host::Answer<host::Listing>> promise;
+  auto done = promise.get_future();
+  host::enumerateFolder(extension, identifier, [&promise](host::Answer<host::Listing> answer) {
+    promise.set_value(std::move(answer));
+  });
+  auto answer = done.get();
+  if (!answer.ok()) fail(what, path, answer.error()->localizedDescription());
+  auto items = std::move(answer.value().items);
+  std::erase_if(items,
+                [](const auto& item) { return host::whyNotAFileName(item.name) != nullptr; });
+  return items;
+}
+
+// The item at `path`; none for the root.
+std::optional<ItemRecord> resolve(const ExtensionPtr& extension, const std::string& what,
+                                  const std::string& path) {
+  std::optional<ItemRecord> at;
+  for (const auto& name : components(path)) {
+    if (at && !at->isFolder) fail(what, path, inQuotes(at->name) + " is a file, not a folder.");
+    const auto items = children(
+        extension, at ? at->identifier : platform::NSFileProviderRootContainerItemIdentifier, what,
+        path);
+    const auto found = std::find_if(items.begin(), items.end(),
+                                    [&name](const auto& item) { return item.name == name; });
+    if (found == items.end()) fail(what, path, "the store has no " + inQuotes(name) + " there.");
+    at = *found;
+  }
+  return at;
+}
+
+std::string line(const ItemRecord& item, const ListOptions& options) {
+  std::string text;
+  if (options.isLong) {
+    std::array<char, 32> size{};
+    std::snprintf(size.data(), size.size(), "%14lld ", static_cast<long long>(item.sizeBytes));
+    text = size.data() + platform::formatISO8601(item.modified) + " ";
+  }
+  text += options.escapesNames ? platform::escapeForDisplay(item.name) : item.name;
+  return text + (item.isFolder ? "/\n" : "\n");
+}
+
+class Descriptor {
+ public:
+  explicit Descriptor(int value) : value_(value) {}
+  ~Descriptor() {
+    if (value_ >= 0) ::close(value_);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int get() const { return value_; }
+
+ private:
+  int value_;
+};
+
+// False when nobody reads any more.
+bool writeAll(int descriptor, const char* bytes, std::size_t count) {
+  while (count > 0) {
+    const ssize_t written = ::write(descriptor, bytes, count);
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0 && errno == EPIPE) return false;
+    if (written < 0) {
+      throw CommandError("Cannot write to standard output: " + platform::errnoText(errno));
+    }
+    bytes += written;
+    count -= static_cast<std::size_t>(written);
+  }
+  return true;
+}
+
+void copyFile(const std::filesystem::path& file, const std::string& path, int descriptor) {
+  const Descriptor source(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  const int openError = errno;
+  std::error_code ignored;  // the name is not needed any more; the open file is
+  std::filesystem::remove(file, ignored);
+  if (source.get() < 0) fail("read", path, platform::errnoText(openError));
+  std::vector<char> buffer(kCopyBytes);
+  for (;;) {
+    const ssize_t got = ::read(source.get(), buffer.data(), buffer.size());
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) fail("read", path, platform::errnoText(errno));
+    if (got == 0 || !writeAll(descriptor, buffer.data(), static_cast<std::size_t>(got))) return;
+  }
+}
+
+ExtensionPtr realExtension() {
+  return FileProviderExtension::make(
+      std::make_shared<platform::NSFileProviderDomain>("main", "Kestrune"));
+}
+
+}  // namespace
+
+std::string listing(const ExtensionPtr& extension, const ListOptions& options) {
+  const auto item = resolve(extension, "list", options.path);
+  if (item && !item->isFolder) return line(*item, options);
+  auto items = children(
+      extension, item ? item->identifier : platform::NSFileProviderRootContainerItemIdentifier,
+      "list", options.path);
+  std::sort(items.begin(), items.end(),
+            [](const auto& a, const auto& b) { return a.name < b.name; });
+  std::string text;
+  for (const auto& child : items) text += line(child, options);
+  return text;
+}
+
+void copyContents(const ExtensionPtr& extension, const std::string& path, int descriptor) {
+  const auto item = resolve(extension, "read", path);
+  if (!item || item->isFolder) fail("read", path, "it is a folder.");
+  struct Outcome {
+    std::optional<std::filesystem::path> file;
+    platform::NSErrorPtr error;
+  };
+  std::promise<Outcome> promise;
+  auto done = promise.get_future();
+  extension->fetchContents(item->identifier, std::nullopt, {},
+                           [&promise](auto file, auto, auto error) {
+                             promise.set_value({std::move(file), std::move(error)});
+                           });
+  const Outcome outcome = done.get();
+  if (outcome.error) fail("read", path, outcome.error->localizedDescription());
+  copyFile(*outcome.file, path, descriptor);
+}
+
+void runList(const ListOptions& options) {
+  std::signal(SIGPIPE, SIG_IGN);
+  const ScratchDirectory scratch;
+  const std::string text = listing(realExtension(), options);
+  writeAll(STDOUT_FILENO, text.data(), text.size());
+}
+
+void runCat(const std::string& path) {
+  std::signal(SIGPIPE, SIG_IGN);
+  const ScratchDirectory scratch;
+  copyContents(realExtension(), path, STDOUT_FILENO);
+}
+
+}  // namespace kestrune

@@ -1,0 +1,58 @@
+#include "companion/MountCommand.h"
+
+#include <cstdio>
+#include <utility>
+
+#include "companion/CommandError.h"
+#include "config/SharedConfig.h"
+#include "config/StorageLocations.h"
+#include "extension/FileProviderExtension.h"
+#include "host/MountHost.h"
+#include "platform/values/NSError.h"
+
+namespace kestrune {
+
+namespace {
+
+void requireConfiguration() {
+  if (SharedConfig::apiURL() && SharedConfig::token()) return;
+  throw CommandError("There is no service to mount: '" + SharedConfig::file().string() +
+                     "' holds no address and token. Write it with: kestrune configure --url URL "
+                     "--token-file FILE");
+}
+
+void requireFuse() {
+  if (std::filesystem::exists("/dev/fuse")) return;
+  throw CommandError(
+      "Nothing can be mounted on this machine: there is no /dev/fuse (load the kernel's module "
+      "fuse, or give the container the device). kestrune ls and kestrune cat work without it.");
+}
+
+}  // namespace
+
+void runMount(const MountOptions& options) {
+  requireFuse();
+  requireConfiguration();
+  host::HostOptions host;
+  host.mountPoint = options.mountPoint;
+  host.replicaDirectory = options.replicaDirectory.empty()
+                              ? storage::sharedDirectory() / "replica" / options.domainIdentifier
+                              : options.replicaDirectory;
+  host.signalFile = storage::invalidationTokenFile();
+  host.domainIdentifier = options.domainIdentifier;
+  host.allowOtherUsers = options.allowOtherUsers;
+  host.mounted = [&options] {
+    std::printf("Mounted at %s; Ctrl-C or fusermount3 -u ends it.\n", options.mountPoint.c_str());
+    std::fflush(stdout);
+  };
+  try {
+    host::runMountHost(host, [](platform::NSFileProviderDomainPtr domain) {
+      return FileProviderExtension::make(std::move(domain));
+    });
+  } catch (const platform::NSError& error) {
+    throw CommandError("Cannot mount at '" + options.mountPoint.string() +
+                       "': " + error.localizedDescription());
+  }
+}
+
+}  // namespace kestrune

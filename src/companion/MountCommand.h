@@ -1,0 +1,26 @@
+// `kestrune mount`: the extension as a folder, until somebody ends it.
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+namespace kestrune {
+
+struct MountOptions {
+  /// An empty folder.
+  std::filesystem::path mountPoint;
+  /// Where fetched contents are kept; empty: "replica" and the domain's identifier in the shared
+  /// directory.
+  std::filesystem::path replicaDirectory;
+  std::string domainIdentifier = "main";
+  /// Whether users other than the one who mounts may look inside (needs user_allow_other in
+  /// /etc/fuse.conf where not root).
+  bool allowOtherUsers = false;
+};
+
+/// Prints where the folder is once it can be used, and returns after SIGINT, SIGTERM, SIGHUP or an
+/// unmount from outside. Throws CommandError if nothing can be mounted.
+/// REQUIRES: called on the main thread before any other thread runs.
+void runMount(const MountOptions& options);
+
+}  // namespace kestrune
