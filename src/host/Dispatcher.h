@@ -57,6 +57,9 @@ class FolderSink {
 struct OpenFile {
   NodeId node = 0;
   std::shared_ptr<FileContents> contents;
+  /// Its listed size is 0 and its contents are not here. That may not be so in truth, and the kernel asks for no bytes of a
+  /// file that it takes for empty, unless it is told to pass every read on.
+  bool listedEmpty = false;
 };
 using OpenFilePtr = std::shared_ptr<const OpenFile>;
 

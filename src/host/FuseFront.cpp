@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "host/ErrorToErrno.h"
+#include "host/Interruption.h"
 #include "host/ItemName.h"
 
 namespace kestrune::host {
@@ -69,32 +70,55 @@ void replyError(fuse_req_t request, const platform::NSError& error) {
   fuse_reply_err(request, errnoFor(error));
 }
 
+// How long a program that waits for a mapped page may be killed before it is noticed.
+constexpr std::chrono::milliseconds kKilledCheck{100};
+
+void interruptLater(const std::shared_ptr<Timers>& timers, const std::weak_ptr<OpenCalls>& calls,
+                    std::uint64_t number, pid_t thread) {
+  timers->after(kKilledCheck, [timers, calls, number, thread] {
+    const auto live = calls.lock();
+    if (!live || !live->isOpen(number)) return;
+    if (signalEndsRead(thread)) {
+      live->interrupt(number);
+    } else {
+      interruptLater(timers, calls, number, thread);
+    }
+  });
+}
+
 // libfuse calls the interrupt handler at once, inside fuse_req_interrupt_func, for a request that was interrupted before;
 // the request must not be answered there.
 thread_local bool* interruptedWhileArming = nullptr;
 
+template <bool reads>
 void onInterrupt(fuse_req_t request, void* number) {
   if (interruptedWhileArming != nullptr) {
     *interruptedWhileArming = true;
   } else {
-    frontOf(request).calls().interrupt(reinterpret_cast<std::uintptr_t>(number));
+    frontOf(request).interrupted(reinterpret_cast<std::uintptr_t>(number),
+                                 fuse_req_ctx(request)->pid, reads);
   }
 }
 
 // Registers a request that may wait. Null: it has been answered.
+template <bool reads = false>
 OpenCalls::CallPtr beginCall(fuse_req_t request) {
-  auto arm = [request](std::uint64_t number) {
-    bool interrupted = false;
+  FuseFront& front = frontOf(request);
+  const pid_t thread = fuse_req_ctx(request)->pid;
+  bool interrupted = false;
+  auto arm = [request, &interrupted](std::uint64_t number) {
     interruptedWhileArming = &interrupted;
-    fuse_req_interrupt_func(request, &onInterrupt,
+    fuse_req_interrupt_func(request, &onInterrupt<reads>,
                             reinterpret_cast<void*>(static_cast<std::uintptr_t>(number)));
     interruptedWhileArming = nullptr;
-    return !interrupted;
   };
-  auto begun =
-      frontOf(request).calls().begin(arm, [request](int error) { fuse_reply_err(request, error); });
-  if (!begun.call) fuse_reply_err(request, begun.error);
-  return begun.call;
+  auto call = front.calls().begin(arm, [request](int error) { fuse_reply_err(request, error); });
+  if (!call) {
+    fuse_reply_err(request, ENOTCONN);
+    return nullptr;
+  }
+  if (interrupted) front.interrupted(call->number(), thread, reads);
+  return call->isClaimed() ? nullptr : call;
 }
 
 // Answers a lookup. References that do not reach the kernel are given back.
@@ -109,9 +133,9 @@ void replyEntry(Dispatcher& dispatcher, OpenCalls::Call& call, fuse_req_t reques
 }
 
 void lookup(fuse_req_t request, fuse_ino_t folder, const char* name) {
+  Dispatcher& dispatcher = dispatcherOf(request);
   auto call = beginCall(request);
   if (!call) return;
-  Dispatcher& dispatcher = dispatcherOf(request);
   dispatcher.lookup(folder, name, [&dispatcher, call, request](const Answer<Entry>& answer) {
     replyEntry(dispatcher, *call, request, answer);
   });
@@ -139,12 +163,13 @@ void getAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info*) {
 }
 
 void openFolder(fuse_req_t request, fuse_ino_t folder, fuse_file_info* info) {
+  Dispatcher& dispatcher = dispatcherOf(request);
   auto call = beginCall(request);
   if (!call) return;
   fuse_file_info answered = *info;
   answered.cache_readdir = 1;
   answered.keep_cache = 1;
-  dispatcherOf(request).openFolder(folder, [call, request, answered](const Answer<Done>& answer) {
+  dispatcher.openFolder(folder, [call, request, answered](const Answer<Done>& answer) {
     if (!call->claim()) return;
     if (answer.ok()) {
       fuse_reply_open(request, &answered);
@@ -225,6 +250,7 @@ void openFile(fuse_req_t request, fuse_ino_t node, fuse_file_info* info) {
   auto handle = std::make_unique<OpenFilePtr>(answer.value());
   info->fh = reinterpret_cast<std::uintptr_t>(handle.get());
   info->keep_cache = 1;  // a node's contents never change
+  info->direct_io = answer.value()->listedEmpty ? 1 : 0;
   if (fuse_reply_open(request, info) == 0) {
     handle.release();  // until it is released
   } else {
@@ -264,7 +290,7 @@ void readFile(fuse_req_t request, fuse_ino_t, std::size_t size, off_t offset,
     replyBytes(request, *present, size, offset);
     return;
   }
-  auto call = beginCall(request);
+  auto call = beginCall<true>(request);
   if (!call) return;
   dispatcher.read(file, [call, request, size, offset](const Answer<LocalFilePtr>& answer) {
     if (!call->claim()) return;
@@ -298,6 +324,8 @@ void statFileSystem(fuse_req_t request, fuse_ino_t) {
 }
 
 void initialise(void*, fuse_conn_info* connection) {
+  // Reads are asked for by the program that waits for them, not in the background: only so does its signal reach us.
+  connection->want &= ~static_cast<unsigned>(FUSE_CAP_ASYNC_READ);
   // Bytes are copied through memory of ours: splicing them made reads slower.
   connection->want &=
       ~static_cast<unsigned>(FUSE_CAP_SPLICE_READ | FUSE_CAP_SPLICE_WRITE | FUSE_CAP_SPLICE_MOVE);
@@ -325,6 +353,14 @@ fuse_session* FuseFront::newSession(fuse_args& arguments) {
   return fuse_session_new(&arguments, &operations, sizeof(operations), this);
 }
 
-void FuseFront::endAll() { calls_.endAll(ENOTCONN); }
+void FuseFront::interrupted(std::uint64_t number, pid_t thread, bool reads) {
+  if (reads && !signalEndsRead(thread)) {
+    interruptLater(timers_, calls_, number, thread);
+  } else {
+    calls_->interrupt(number);
+  }
+}
+
+void FuseFront::endAll() { calls_->endAll(ENOTCONN); }
 
 }  // namespace kestrune::host

@@ -6,10 +6,14 @@
 // Threads: requests come on the session's threads and are answered on any. Nothing blocks here.
 #pragma once
 
+#include <sys/types.h>
+
 #include <memory>
+#include <utility>
 
 #include "host/Dispatcher.h"
 #include "host/OpenCalls.h"
+#include "host/Timers.h"
 
 struct fuse_args;
 struct fuse_session;
@@ -19,7 +23,8 @@ namespace kestrune::host {
 class FuseFront {
  public:
   /// The dispatcher outlives the front.
-  explicit FuseFront(Dispatcher& dispatcher) : dispatcher_(dispatcher) {}
+  FuseFront(Dispatcher& dispatcher, std::shared_ptr<Timers> timers)
+      : dispatcher_(dispatcher), timers_(std::move(timers)) {}
   FuseFront(const FuseFront&) = delete;
   FuseFront& operator=(const FuseFront&) = delete;
 
@@ -30,11 +35,14 @@ class FuseFront {
   void endAll();
 
   Dispatcher& dispatcher() { return dispatcher_; }
-  OpenCalls& calls() { return calls_; }
+  OpenCalls& calls() { return *calls_; }
+  /// A signal reached `thread`, which waits for the request `number`; `reads` if it waits for the bytes of a file.
+  void interrupted(std::uint64_t number, pid_t thread, bool reads);
 
  private:
   Dispatcher& dispatcher_;
-  OpenCalls calls_;
+  const std::shared_ptr<Timers> timers_;
+  const std::shared_ptr<OpenCalls> calls_ = std::make_shared<OpenCalls>();
 };
 
 }  // namespace kestrune::host

@@ -224,7 +224,8 @@ Answer<OpenFilePtr> LiveTree::open(NodeId node) {
   if (!found->contents) found->contents = contentsFactory_(node, found->item.identifier);
   ++found->openFiles;
   found->contents->opened();
-  return OpenFilePtr(std::make_shared<OpenFile>(OpenFile{node, found->contents}));
+  const bool listedEmpty = !found->storedBytes && found->sizeBytes() == 0;
+  return OpenFilePtr(std::make_shared<OpenFile>(OpenFile{node, found->contents, listedEmpty}));
 }
 
 void LiveTree::release(const OpenFile& file) {
@@ -234,19 +235,24 @@ void LiveTree::release(const OpenFile& file) {
 }
 
 void LiveTree::contentsArrived(NodeId node, std::int64_t sizeBytes, std::function<void()> then) {
+  bool larger = false;
   {
     MutexLock lock(mutex_);
     Node* found = tree_.find(node);
     if (found != nullptr) {
-      const bool sizeChanged = found->sizeBytes() != sizeBytes;
+      larger = found->sizeBytes() < sizeBytes;
       found->storedBytes = sizeBytes;
-      // Only a new size has to be known before the bytes; that the file now takes space may be learned later.
-      std::vector<CacheUpdate> updates = {{CacheUpdate::Kind::attributes, node}};
-      services_.kernel->tell(std::move(updates),
-                             sizeChanged ? std::exchange(then, nullptr) : nullptr);
     }
   }
-  if (then) then();
+  // A larger file must be announced before its bytes, or the reader stops at the size that was listed. A smaller one must
+  // not: the kernel shortens the file by itself when a read ends early, but only if it heard nothing newer meanwhile.
+  std::vector<CacheUpdate> updates = {{CacheUpdate::Kind::attributes, node}};
+  if (larger) {
+    services_.kernel->tell(std::move(updates), std::move(then));
+  } else {
+    then();
+    services_.kernel->tell(std::move(updates), nullptr);
+  }
 }
 
 std::vector<NodeId> LiveTree::listedFolders() {

@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -79,9 +79,10 @@ fs::path absolutePlace(const fs::path& directory) {
   return error ? plain : parent / plain.filename();
 }
 
+// Asked in the one way that the kernel never answers from its own memory.
 bool lostItsHost(const fs::path& directory) {
-  struct stat status = {};
-  return ::stat(directory.c_str(), &status) != 0 && errno == ENOTCONN;
+  struct statvfs status = {};
+  return ::statvfs(directory.c_str(), &status) != 0 && errno == ENOTCONN;
 }
 
 bool isEmptyFolder(const fs::path& directory) {
@@ -100,10 +101,12 @@ bool contains(const fs::path& outer, const fs::path& inner) {
 
 void prepareMountPoint(const fs::path& directory) {
   const fs::path place = absolutePlace(directory);
-  if (lostItsHost(place)) {
+  const auto mount = mountAt(place);
+  if (mount && mount->type == kFileSystemType) {
+    if (!lostItsHost(place)) {
+      throw NSPOSIXError(EBUSY, "mount on '" + directory.string() + "', which is mounted already");
+    }
     detachMount(place);
-  } else if (const auto mount = mountAt(place); mount && mount->type == kFileSystemType) {
-    throw NSPOSIXError(EBUSY, "mount on '" + directory.string() + "', which is mounted already");
   }
   if (!isEmptyFolder(place)) throw NSPOSIXError(ENOTEMPTY, "mount on '" + directory.string() + "'");
 }

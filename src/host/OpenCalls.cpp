@@ -13,14 +13,19 @@ bool OpenCalls::Call::claim() {
   return true;
 }
 
-OpenCalls::Begun OpenCalls::begin(const std::function<bool(std::uint64_t)>& arm,
-                                  std::function<void(int error)> fail) {
+OpenCalls::CallPtr OpenCalls::begin(const std::function<void(std::uint64_t)>& arm,
+                                    std::function<void(int error)> fail) {
   MutexLock lock(mutex_);
-  if (ended_ != 0) return {nullptr, ended_};
+  if (ended_) return nullptr;
   CallPtr call(new Call(*this, next_++, std::move(fail)));
-  if (!arm(call->number())) return {nullptr, EINTR};
+  arm(call->number());
   calls_.emplace(call->number(), call);
-  return {std::move(call), 0};
+  return call;
+}
+
+bool OpenCalls::isOpen(std::uint64_t number) const {
+  MutexLock lock(mutex_);
+  return calls_.contains(number);
 }
 
 void OpenCalls::interrupt(std::uint64_t number) {
@@ -38,7 +43,7 @@ void OpenCalls::endAll(int error) {
   std::unordered_map<std::uint64_t, CallPtr> open;
   {
     MutexLock lock(mutex_);
-    ended_ = error;
+    ended_ = true;
     open.swap(calls_);
   }
   for (const auto& [number, call] : open) fail(call, error);

@@ -26,6 +26,7 @@ class OpenCalls {
     std::uint64_t number() const { return number_; }
     /// True for the first who asks, who then answers; everybody else keeps away from the request.
     bool claim();
+    bool isClaimed() const { return claimed_; }
 
    private:
     friend class OpenCalls;
@@ -42,29 +43,25 @@ class OpenCalls {
   OpenCalls(const OpenCalls&) = delete;
   OpenCalls& operator=(const OpenCalls&) = delete;
 
-  /// A request that may wait, or why it must be answered at once instead.
-  struct Begun {
-    CallPtr call;
-    int error = 0;  // set where there is no call
-  };
-
-  /// Registers a request. `arm` gets its number and sees to it that `interrupt` is called for it, or returns false if the
-  /// request was interrupted already; it runs with the lock held, so that nobody answers the request before it returns.
-  /// `fail` answers the request with an errno; it is called at most once, and never after `claim` succeeded elsewhere.
-  Begun begin(const std::function<bool(std::uint64_t number)>& arm,
-              std::function<void(int error)> fail);
+  /// Registers a request. `arm` gets its number and sees to it that interrupts of it are told; it runs with the lock held,
+  /// so that nobody answers the request before it returns. `fail` answers the request with an errno; it is called at most
+  /// once, and never after `claim` succeeded elsewhere. Null after `endAll`: nothing has been done.
+  CallPtr begin(const std::function<void(std::uint64_t number)>& arm,
+                std::function<void(int error)> fail);
+  /// Whether the request has not been answered yet.
+  bool isOpen(std::uint64_t number) const;
   /// Answers the request with EINTR if it is still open.
   void interrupt(std::uint64_t number);
-  /// Answers all open requests with `error`; every later one gets it as it begins.
+  /// Answers all open requests with `error`. No other begins.
   void endAll(int error);
 
  private:
   void forget(std::uint64_t number);
   static void fail(const CallPtr& call, int error);
 
-  platform::Mutex mutex_;
+  mutable platform::Mutex mutex_;
   std::uint64_t next_ GUARDED_BY(mutex_) = 1;
-  int ended_ GUARDED_BY(mutex_) = 0;  // the error of endAll
+  bool ended_ GUARDED_BY(mutex_) = false;
   std::unordered_map<std::uint64_t, CallPtr> calls_ GUARDED_BY(mutex_);
 };
 
