@@ -97,7 +97,8 @@ void replaceFile(const std::filesystem::path& path, std::string_view contents,
                  Durability durability) {
   refuseZeroBytes(path, "replace");
   const std::filesystem::path parent = path.has_parent_path() ? path.parent_path() : ".";
-  // Everything happens below this descriptor, so that a folder that is moved meanwhile takes both files along.
+  // Everything happens below this descriptor, so that a folder that is moved meanwhile takes both
+  // files along.
   const Descriptor folder(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!folder.isOpen()) fail(errno, "open the folder of", path);
 
@@ -123,7 +124,8 @@ std::string readFile(const std::filesystem::path& path, std::uint64_t limitBytes
   const auto announced = static_cast<std::uint64_t>(std::max<off_t>(status.st_size, 0));
   if (announced > limitBytes) fail(EFBIG, "read", path);
 
-  // The size is a hint: the file may grow or shrink while it is read. One byte more than expected shows the end.
+  // The size is a hint: the file may grow or shrink while it is read. One byte more than expected
+  // shows the end.
   std::string contents(announced + 1, '\0');
   std::size_t used = 0;
   for (;;) {

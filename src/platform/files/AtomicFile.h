@@ -14,8 +14,9 @@ namespace kestrune::platform {
 
 /// Whether a replacement waits for the disk.
 enum class Durability {
-  /// Readers see the old or the new contents, never a mixture; after a power cut the file may be
-  /// the older one.
+  /// Readers see the old or the new contents, never a mixture. After a power cut the file may be
+  /// the
+  /// older one; on file systems that do not write data before a rename (XFS) it may also be empty.
   atomic,
   /// The same, and the new contents are on the disk when the call returns (file first, then its
   /// folder).
@@ -24,13 +25,15 @@ enum class Durability {
 
 /// Replaces `path` by `contents`, mode 0600: writes a new file beside it, then renames. On failure
 /// the old file stays as it was, nothing is left beside it, and NSPOSIXError is thrown with the
-/// path in its description. A symbolic link at `path` is replaced, not followed.
+/// path in its description. Two exceptions: when only the folder cannot be flushed, the new file is
+/// in place already; a process that is killed meanwhile leaves a ".kestrune-….tmp" behind. A
+/// symbolic link at `path` is replaced, not followed.
 void replaceFile(const std::filesystem::path& path, std::string_view contents,
                  Durability durability);
 
 /// The whole contents of a regular file. Throws NSPOSIXError if it cannot be read, is no regular
-/// file, or is larger than `limitBytes` (EFBIG): what lies in a shared directory is never trusted
-/// to be small.
+/// file (it never waits for a named pipe), or is or becomes larger than `limitBytes` (EFBIG): what
+/// lies in a shared directory is never trusted to be small.
 std::string readFile(const std::filesystem::path& path, std::uint64_t limitBytes = 64ULL << 20U);
 
 }  // namespace kestrune::platform

@@ -9,13 +9,13 @@
 namespace kestrune::platform {
 
 /// The Application Support directory of the user domain: $XDG_DATA_HOME where that is an absolute
-/// path, else
-/// ~/.local/share (XDG Base Directory Specification 0.8). It is not created. Without any home
+/// path, else .local/share in the home directory (XDG Base Directory Specification 0.8): $HOME
+/// where that is an absolute path, else the account's. It is not created. Without any home
 /// directory the process ends with a line on standard error: nothing of the project can work then.
 std::filesystem::path applicationSupportDirectory();
 
 /// The directory for files that are handed over and soon gone: the one set by the host, else
-/// $TMPDIR, else /tmp.
+/// $TMPDIR where that is an absolute path, else /tmp.
 std::filesystem::path temporaryDirectory();
 
 /// Sets the temporary directory of this process, which should lie on the file system that takes the

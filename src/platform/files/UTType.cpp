@@ -39,7 +39,8 @@ struct Registration {
   bool caseSensitive = false;
 };
 
-/// What one "globs2" file says: patterns, and the types whose patterns in files of less precedence do not count.
+/// What one "globs2" file says: patterns, and the types whose patterns in files of less precedence
+/// do not count.
 struct GlobFile {
   std::vector<Registration> registrations;
   std::set<std::string> discarded;
@@ -92,7 +93,8 @@ GlobFile readGlobFile(const std::filesystem::path& path) {
   try {
     text = readFile(path, kLargestGlobFile);
   } catch (const NSPOSIXError&) {
-    return file;  // most directories have no database, and a broken one must not take the others away
+    // Most directories have no database, and a broken one must not take the others away.
+    return file;
   }
   std::string_view rest = text;
   while (!rest.empty()) readLine(takeField(rest, '\n'), file);

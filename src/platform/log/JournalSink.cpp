@@ -37,7 +37,8 @@ iovec field(const std::string& text) {
 }
 
 bool writeToJournal(const LogRecord& record) {
-  // The library reports success where no journal runs. It may start, stop or be restarted while we run.
+  // The library reports success where no journal runs. It may start, stop or be restarted while we
+  // run.
   if (::access("/run/systemd/journal/socket", W_OK) != 0) return false;
   const std::array<std::string, 5> texts = {
       "MESSAGE=" + escapeForDisplay(record.message()),

@@ -28,11 +28,12 @@ struct Conversion {
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
-/// Reads what follows a percent sign and cuts it off `rest`; nothing, and `rest` unchanged, if it is no conversion.
+/// Reads what follows a percent sign.
 class ConversionReader {
  public:
   explicit ConversionReader(std::string_view rest) : rest_(rest) {}
 
+  /// Sets `rest` to what follows the conversion; nothing, and `rest` unchanged, if it is none.
   std::optional<Conversion> read(std::string_view& rest) {
     if (!readAttributes()) return std::nullopt;
     readPrecision();

@@ -19,8 +19,8 @@ std::string asciiLowerCase(std::string_view text) {
   return lower;
 }
 
-/// The port that is written, without leading zeros (it may be no port at all: the grammar takes any digits), else the
-/// scheme's own; empty if it has none.
+/// The port that is written, without leading zeros (it may be no port at all: the grammar takes any
+/// digits), else the scheme's own; empty if it has none.
 std::string effectivePort(std::string_view written, std::string_view scheme) {
   if (!written.empty()) {
     const std::size_t first = std::min(written.find_first_not_of('0'), written.size() - 1);

@@ -112,8 +112,8 @@ struct ContinuationState final : Continuation<T>::State {
 }  // namespace detail
 
 /// Suspends the calling task, calls `begin` with its continuation on the task's thread, and returns
-/// what it is resumed with (or throws what it is failed with, or what `begin` throws). The task does
-/// not go on before `begin` has returned, so `begin` may use the task's variables throughout.
+/// what it is resumed with (or throws what it is failed with, or what `begin` throws). The task
+/// does not go on before `begin` has returned, so `begin` may use the task's variables throughout.
 /// `onCancel`, if given, is called on the task's executor when the task is cancelled while
 /// suspended, and after `begin` if it is cancelled already; it may be called after the continuation
 /// was resumed, and must then do nothing.

@@ -7,9 +7,9 @@
 // rethrowing a child's error out of `next`), the group cancels all children, waits until each has
 // ended, and the error goes on.
 //
-// Cancelling a child interrupts what it waits for or begins to wait for (a sleep, a transfer), which
-// then throws its own error in the child, and cancels the children of a group that it waits for. A
-// child that waits for nothing goes on to its end.
+// Cancelling a child interrupts what it waits for or begins to wait for (a sleep, a transfer),
+// which then throws its own error in the child, and cancels the children of a group that it waits
+// for. A child that waits for nothing goes on to its end.
 //
 // Threads: a group belongs to the one task that made it; its children run on the shared executor.
 #pragma once

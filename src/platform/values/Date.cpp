@@ -15,8 +15,8 @@ using std::chrono::milliseconds;
 using std::chrono::minutes;
 using std::chrono::seconds;
 
-// The library's own parsers take signs, blanks and short fields that the form forbids; reading fixed fields is shorter
-// than guarding them. The calendar is the library's.
+// The library's own parsers take signs, blanks and short fields that the form forbids; reading
+// fixed fields is shorter than guarding them. The calendar is the library's.
 class Reader {
  public:
   explicit Reader(std::string_view text) : rest_(text) {}

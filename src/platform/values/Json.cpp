@@ -13,8 +13,9 @@ namespace {
                      "invalid JSON at byte " + std::to_string(byte) + ": " + reason);
 }
 
-/// Refuses what the parser does not: nesting beyond the bound, and zero bytes, which it takes for the end of the text.
-/// On a text that is malformed this may count wrongly, but then the parser stops before the place where it does.
+/// Refuses what the parser does not: nesting beyond the bound, and zero bytes, which it takes for
+/// the end of the text. On a text that is malformed this may count wrongly, but then the parser
+/// stops before the place where it does.
 void checkBounds(std::string_view text) {
   int depth = 0;
   bool inString = false;

@@ -50,7 +50,8 @@ class AtomicFileTest : public testing::Test {
     return found;
   }
 
-  /// The errno of the NSPOSIXError that `action` throws, which must name `path`; 0 and a failure if it throws none.
+  /// The errno of the NSPOSIXError that `action` throws, which must name `path`; 0 and a failure if
+  /// it throws none.
   template <class Action>
   std::int64_t failure(const fs::path& path, const Action& action) const {
     try {
@@ -157,7 +158,8 @@ TEST_F(AtomicFileTest, EmptyPathIsRefused) {
 
 TEST_F(AtomicFileTest, WriteThatFailsHalfwayKeepsTheOldFile) {
   write(at("file"), "old");
-  // The system refuses what goes beyond the limit after it took what lies below it, like a full disk.
+  // The system refuses what goes beyond the limit after it took what lies below it, like a full
+  // disk.
   std::signal(SIGXFSZ, SIG_IGN);
   const rlimit limit{100'000, RLIM_INFINITY};
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);

@@ -13,8 +13,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// Databases of the test's own: the user's, and two of the system, "first" before "second". They are written before the
-/// first question, because a process reads them once; each case runs in a process of its own.
+/// Databases of the test's own: the user's, and two of the system, "first" before "second". They
+/// are written before the first question, because a process reads them once; each case runs in a
+/// process of its own.
 class UTTypeTest : public testing::Test {
  protected:
   UTTypeTest() : root_(fs::path(testing::TempDir()) / ("mime-" + newUUIDString())) {

@@ -60,8 +60,9 @@ std::string readAll(int descriptor) {
   return text;
 }
 
-/// Runs `body` in a process that has a /run of its own, with or without a journal in it, and returns what the process
-/// wrote to standard error, followed by each datagram that the journal got. None where that is not allowed.
+/// Runs `body` in a process that has a /run of its own, with or without a journal in it, and
+/// returns what the process wrote to standard error, followed by each datagram that the journal
+/// got. None where that is not allowed.
 std::optional<std::string> outputOf(bool withJournal, const std::function<void()>& body) {
   constexpr int kNotAllowed = 77;
   int ends[2];

@@ -16,7 +16,8 @@ using Snapshot = NSProgress::Snapshot;
 
 constexpr std::chrono::seconds kPatience(30);
 
-/// Keeps what it is told. Observers of one progress never run side by side, so it needs no lock of its own.
+/// Keeps what it is told. Observers of one progress never run side by side, so it needs no lock of
+/// its own.
 struct Witness {
   std::vector<Snapshot> seen;
   NSProgress::Observer observer() {

@@ -23,10 +23,12 @@ using Body = std::function<Task<void>(Group&)>;
 
 constexpr std::chrono::hours kLong(1);
 
-/// Points where children wait until the test lets them go on, by number, and what became of the children.
+/// Points where children wait until the test lets them go on, by number, and what became of the
+/// children.
 class Stage {
  public:
-  /// Suspends the calling child; no cancellation interrupts this. Throws what the test fails it with.
+  /// Suspends the calling child; no cancellation interrupts this. Throws what the test fails it
+  /// with.
   Task<Unit> waitFor(int number) {
     return suspendUntilResumed<Unit>([this, number](Continuation<Unit> continuation) {
       MutexLock lock(mutex_);

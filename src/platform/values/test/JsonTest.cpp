@@ -11,7 +11,8 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
-/// The description of the error that decoding `text` throws; fails the test if it throws none or another one.
+/// The description of the error that decoding `text` throws; fails the test if it throws none or
+/// another one.
 std::string refusal(std::string_view text) {
   try {
     const Json value = decodeJson(text);
