@@ -31,7 +31,9 @@ using host::ItemRecord;
 
 constexpr std::size_t kCopyBytes = 1U << 20U;
 
-std::string inQuotes(const std::string& path) { return "'" + platform::escapeForDisplay(path) + "'"; }
+std::string inQuotes(const std::string& path) {
+  return "'" + platform::escapeForDisplay(path) + "'";
+}
 
 [[noreturn]] void fail(const std::string& what, const std::string& path, const std::string& why) {
   throw CommandError("Cannot " + what + " " + inQuotes(path) + ": " + why);
@@ -134,7 +136,14 @@ void copyFile(const std::filesystem::path& file, const std::string& path, int de
   }
 }
 
+// What goes wrong is this command's own message; what goes well is its output.
+class SilentSink final : public platform::LogSink {
+ public:
+  void write(const platform::LogRecord&) override {}
+};
+
 ExtensionPtr realExtension() {
+  platform::setLogSink(std::make_shared<SilentSink>());
   return FileProviderExtension::make(
       std::make_shared<platform::NSFileProviderDomain>("main", "Kestrune"));
 }
