@@ -235,23 +235,30 @@ void LiveTree::release(const OpenFile& file) {
 }
 
 void LiveTree::contentsArrived(NodeId node, std::int64_t sizeBytes, std::function<void()> then) {
+  std::vector<CacheUpdate> updates;
   bool larger = false;
   {
     MutexLock lock(mutex_);
     Node* found = tree_.find(node);
     if (found != nullptr) {
       larger = found->sizeBytes() < sizeBytes;
+      const bool smaller = found->sizeBytes() > sizeBytes;
       found->storedBytes = sizeBytes;
+      if (!smaller) {
+        updates.push_back({CacheUpdate::Kind::attributes, node});
+      } else if (found->parent != nullptr) {
+        updates.push_back({CacheUpdate::Kind::entry, found->parent->id, found->item.name});
+      }
     }
   }
   // A larger file must be announced before its bytes, or the reader stops at the size that was listed. A smaller one must
-  // not: the kernel shortens the file by itself when a read ends early, but only if it heard nothing newer meanwhile.
-  std::vector<CacheUpdate> updates = {{CacheUpdate::Kind::attributes, node}};
+  // not be: when a read ends early the kernel shortens the file by itself, but not if it was told to doubt the attributes
+  // meanwhile, and then the reader would see zeros. So it only looks up the name again, and learns the size with that.
   if (larger) {
     services_.kernel->tell(std::move(updates), std::move(then));
   } else {
     then();
-    services_.kernel->tell(std::move(updates), nullptr);
+    if (!updates.empty()) services_.kernel->tell(std::move(updates), nullptr);
   }
 }
 
