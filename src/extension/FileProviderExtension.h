@@ -37,6 +37,8 @@ class FileProviderExtension final : public platform::NSFileProviderReplicatedExt
   /// log.
   explicit FileProviderExtension(platform::NSFileProviderDomainPtr domain);
   FileProviderExtension(platform::NSFileProviderDomainPtr domain, Services services);
+  FileProviderExtension(const FileProviderExtension&) = delete;
+  FileProviderExtension& operator=(const FileProviderExtension&) = delete;
 
   static std::shared_ptr<FileProviderExtension> make(platform::NSFileProviderDomainPtr domain,
                                                      Services services);
