@@ -56,6 +56,9 @@ void FileContents::read(Reply<LocalFilePtr> reply) {
       answer = file_;
     } else if (answer.ok() && state_ == State::absent && abandoned_) {
       answer = NSPOSIXError(ESTALE, "read a version that is no longer there").share();
+    } else if (answer.ok() && state_ == State::absent && failure_ &&
+               services_->timers->now() - failedAt_ < kFailureHolds) {
+      answer = failure_;
     } else if (answer.ok()) {
       waiters_.push_back(std::exchange(reply, nullptr));
       if (state_ == State::fetching) return;
@@ -166,6 +169,8 @@ void FileContents::fail(NSErrorPtr error) {
   {
     MutexLock lock(mutex_);
     state_ = State::absent;
+    failure_ = error;
+    failedAt_ = services_->timers->now();
     progress_.reset();
     waiters.swap(waiters_);
   }

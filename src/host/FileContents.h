@@ -4,8 +4,9 @@
 //     ▲                   │
 //     └──── failed ───────┘
 //
-// Everybody who reads while a fetch is under way waits for that one fetch. A fetch that failed answers those who waited,
-// and the next read tries again. When nobody has the file open any more, a running fetch is cancelled; an extension that
+// Everybody who reads while a fetch is under way waits for that one fetch. A fetch that failed answers those who waited.
+// For a second the same failure answers whoever reads, since the kernel repeats a failed read by itself in several ways;
+// then the next read tries again. When nobody has the file open any more, a running fetch is cancelled; an extension that
 // does not stop for that finishes all the same, and its file is kept.
 //
 // `abandon` ends the node's link to its item: the item has another version or is gone. Contents that are here stay for
@@ -15,6 +16,7 @@
 // Threads: every operation may be called from any thread; replies come on any thread, without a lock held.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -24,6 +26,7 @@
 #include "host/Enumeration.h"
 #include "host/KernelCache.h"
 #include "host/Replica.h"
+#include "host/Timers.h"
 #include "platform/values/Mutex.h"
 
 namespace kestrune::host {
@@ -32,6 +35,7 @@ namespace kestrune::host {
 struct ContentsServices {
   ExtensionPtr extension;
   std::shared_ptr<Replica> replica;
+  std::shared_ptr<const Timers> timers;
   /// Told before anybody gets the bytes of `node`: how many they are. Runs `then` when the kernel knows.
   std::function<void(NodeId node, std::int64_t sizeBytes, std::function<void()> then)> arrived;
   /// Told whenever a fetch begins (+1) and ends (-1).
@@ -42,6 +46,8 @@ struct ContentsServices {
 
 class FileContents : public std::enable_shared_from_this<FileContents> {
  public:
+  static constexpr std::chrono::seconds kFailureHolds{1};
+
   FileContents(std::shared_ptr<const ContentsServices> services, NodeId node,
                platform::NSFileProviderItemIdentifier identifier)
       : services_(std::move(services)), node_(node), identifier_(std::move(identifier)) {}
@@ -79,6 +85,8 @@ class FileContents : public std::enable_shared_from_this<FileContents> {
   std::size_t openCount_ GUARDED_BY(mutex_) = 0;
   LocalFilePtr file_ GUARDED_BY(mutex_);  // open only while the file is open
   platform::NSProgressPtr progress_ GUARDED_BY(mutex_);
+  platform::NSErrorPtr failure_ GUARDED_BY(mutex_);  // of the last fetch
+  std::chrono::nanoseconds failedAt_ GUARDED_BY(mutex_){0};
   Waiters waiters_ GUARDED_BY(mutex_);
 };
 

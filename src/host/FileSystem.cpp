@@ -17,6 +17,7 @@ FileSystem::FileSystem(LiveTree::Services services, std::shared_ptr<Replica> rep
   auto contents = std::make_shared<ContentsServices>();
   contents->extension = extension_;
   contents->replica = std::move(replica);
+  contents->timers = services.timers;
   contents->arrived = [tree](NodeId node, std::int64_t sizeBytes, std::function<void()> then) {
     if (auto live = tree.lock()) {
       live->contentsArrived(node, sizeBytes, std::move(then));

@@ -33,6 +33,10 @@ class SystemTimers final : public Timers, public std::enable_shared_from_this<Sy
     if (auto timer = take(token)) timer->cancel();
   }
 
+  std::chrono::nanoseconds now() const override {
+    return std::chrono::steady_clock::now().time_since_epoch();
+  }
+
  private:
   std::shared_ptr<boost::asio::steady_timer> take(Token token) {
     MutexLock lock(mutex_);

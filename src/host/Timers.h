@@ -20,6 +20,8 @@ class Timers {
   virtual Token after(std::chrono::nanoseconds delay, std::function<void()> work) = 0;
   /// Drops the work. It may run all the same if its time has just come. Unknown and past tokens are ignored.
   virtual void cancel(Token token) = 0;
+  /// The time by which delays are measured, since some moment in the past.
+  virtual std::chrono::nanoseconds now() const = 0;
 };
 
 /// Timers on the shared executor and the system's steady clock.

@@ -396,6 +396,7 @@ TEST_F(MountTest, FailuresHaveTheirErrno) {
   const OpenedFile file(store() / "a");
   char byte = 0;
   EXPECT_EQ(errnoOf([&] { return ::pread(file.number(), &byte, 1, 0); }), EHOSTUNREACH);
+  EXPECT_EQ(asked("contents", "/a"), 1);
   EXPECT_EQ(errnoOf([&] { return ::open((store() / "docs").c_str(), O_RDONLY | O_DIRECTORY); }),
             EHOSTUNREACH);
   EXPECT_EQ(errnoOf([&] { return ::access((store() / "docs/a").c_str(), F_OK); }), EHOSTUNREACH);

@@ -103,6 +103,10 @@ TEST_F(FileContentsTest, AFailedFetchAnswersAllWhoWaitAndTheNextReadTriesAgain) 
   EXPECT_EQ(errnoOf(other.get().error()), EHOSTUNREACH);
   EXPECT_TRUE(log.contains("fetch '/a': The server could not be reached."));
   remote().stopHolding(Ask::contents, "/a");
+  // The kernel repeats a failed read at once, in several ways.
+  EXPECT_EQ(errnoOf(startRead(file).get().error()), EHOSTUNREACH);
+  EXPECT_EQ(remote().asked(Ask::contents, "/a"), 1);
+  timers().advance(FileContents::kFailureHolds);
   EXPECT_EQ(readAll(file), "hello");
 }
 

@@ -29,6 +29,11 @@ void ManualTimers::cancel(Token token) {
   std::erase_if(entries_, [&](const Entry& entry) { return entry.token == token; });
 }
 
+std::chrono::nanoseconds ManualTimers::now() const {
+  MutexLock lock(mutex_);
+  return now_;
+}
+
 void ManualTimers::advance(std::chrono::nanoseconds duration) {
   std::vector<std::function<void()>> due;
   {

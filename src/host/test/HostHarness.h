@@ -25,6 +25,7 @@ class ManualTimers final : public Timers {
  public:
   Token after(std::chrono::nanoseconds delay, std::function<void()> work) override;
   void cancel(Token token) override;
+  std::chrono::nanoseconds now() const override;
 
   /// Lets `duration` pass and runs, on this thread, what has become due.
   void advance(std::chrono::nanoseconds duration);
