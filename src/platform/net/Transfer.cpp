@@ -342,11 +342,9 @@ bool Transfer::acceptHeaderLine(std::string_view line) {
   }
   while (!line.empty() && (line.back() == '\r' || line.back() == '\n')) line.remove_suffix(1);
   if (line.empty()) {
-    headIsComplete_ = !headIsInformational_;
+    headIsComplete_ = true;
   } else if (line.substr(0, 5) == "HTTP/") {
     // A new answer begins: an informational one or a redirect came before.
-    const auto status = std::min(line.find(' '), line.size());
-    headIsInformational_ = line.substr(status, 2) == " 1";
     headIsComplete_ = false;
     response_.headers.clear();
   } else if (const auto colon = line.find(':'); colon != std::string_view::npos) {

@@ -112,8 +112,7 @@ class Transfer : public std::enable_shared_from_this<Transfer> {
   HTTPURLResponse response_;
   std::size_t headerBytes_ = 0;
   std::size_t headerLines_ = 0;
-  bool headIsInformational_ = false;
-  bool headIsComplete_ = false;   // of an answer that is not informational
+  bool headIsComplete_ = false;   // of the last answer that has begun
   long sentAfterRedirects_ = -1;  // how many redirects came before the last request that went out
   std::uint64_t bodyOffset_ = 0;
   curl_off_t movedBytes_ = 0;
