@@ -69,6 +69,7 @@ TEST(URLSessionFault, AConnectionThatBreaksOffInTheMiddle) {
       {"closed in the status line", body.closingInHead(7)},
       {"closed in the headers", body.with("X-One", "1").closingInHead(30)},
       {"closed after an informational answer", body.afterInformational(1).closingInHead(0)},
+      {"closed in the head after one", body.afterInformational(1).closingInHead(10)},
       {"closed before the body", body.closingAt(0)},
       {"closed after the first byte", body.closingAt(1)},
       {"closed before the last byte", body.closingAt(9)},

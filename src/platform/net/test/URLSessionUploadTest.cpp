@@ -56,15 +56,18 @@ TEST_P(UploadFrom, SendsTheBytesTheirLengthAndNothingElse) {
   }
 }
 
-TEST_P(UploadFrom, ALengthThatTheCallerSetIsNotSentTwice) {
-  HttpFixture fixture;
-  fixture.on("PUT", "/", Answer(200));
-  URLSession session({});
-  URLRequest request = requestTo(fixture.url("/"), "PUT");
-  request.headers = {{"Content-Length", "5"}};
-  runTask(upload(session, request, "12345"));
-  EXPECT_EQ(fixture.onlyRequest().headerCount("Content-Length"), 1U);
-  EXPECT_EQ(fixture.onlyRequest().body, "12345");
+TEST_P(UploadFrom, ALengthThatTheCallerSetNeitherRepeatsNorReplacesTheTrueOne) {
+  for (const char* length : {"5", "99", "1"}) {
+    HttpFixture fixture;
+    fixture.on("PUT", "/", Answer(200));
+    URLSession session(withIdleTimeout(std::chrono::seconds(2)));
+    URLRequest request = requestTo(fixture.url("/"), "PUT");
+    request.headers = {{"Content-Length", length}};
+    runTask(upload(session, request, "12345"));
+    EXPECT_EQ(fixture.onlyRequest().headerCount("Content-Length"), 1U);
+    EXPECT_EQ(fixture.onlyRequest().header("Content-Length"), "5");
+    EXPECT_EQ(fixture.onlyRequest().body, "12345");
+  }
 }
 
 TEST_P(UploadFrom, TheBodyOfTheRequestIsIgnored) {
