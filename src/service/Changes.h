@@ -25,7 +25,8 @@ class Changes {
   class Listener {
    public:
     /// Waits for a change since the last call (or since the listener was made), but not longer than
-    /// `limit`. REQUIRES: awaited on the listener's executor.
+    /// `limit`.
+    /// REQUIRES: awaited on the listener's executor.
     boost::asio::awaitable<Wake> wait(std::chrono::milliseconds limit);
 
    private:

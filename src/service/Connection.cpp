@@ -65,6 +65,7 @@ void Connection::finish() {
   finishing_ = true;
   asio::dispatch(executor_, [self = shared_from_this()] {
     if (self->waiting_) self->stream_->close();
+    if (self->present_) self->present_->closeAfterwards();
   });
 }
 
@@ -140,6 +141,7 @@ asio::awaitable<bool> Connection::serveOne() {
 }
 
 asio::awaitable<bool> Connection::answer(std::shared_ptr<Exchange> exchange) {
+  present_ = exchange;
   if (finishing_) exchange->closeAfterwards();
   std::optional<ServiceError> failure;
   bool lost = false;
@@ -153,12 +155,14 @@ asio::awaitable<bool> Connection::answer(std::shared_ptr<Exchange> exchange) {
     serviceLog().write(platform::LogLevel::error, "request failed: %{public}s", failure->detail());
   }
   if (lost || (failure && exchange->answerBegun())) {
+    present_.reset();
     stream_->abort();
     co_return false;
   }
   if (failure) co_await exchange->reply(replyFor(*failure));
-  if (exchange->keepAlive() && !finishing_) co_return true;
-  co_await stream_->closeGently();
+  present_.reset();
+  if (exchange->keepAlive()) co_return true;
+  if (!exchange->bodyRead()) co_await stream_->closeGently();
   co_return false;
 }
 

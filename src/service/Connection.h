@@ -31,6 +31,9 @@ class RequestHandler {
   virtual boost::asio::awaitable<void> handle(std::shared_ptr<Exchange> exchange) = 0;
   /// Ends the answers that have no end of their own; called when the server begins to stop.
   virtual void endStreams() {}
+  /// Called when the last request has been answered: returns when no thread of the handler's own
+  /// holds anything of a connection, down to its executor, which ends with the server.
+  virtual void settle() {}
 };
 
 class Connection : public std::enable_shared_from_this<Connection> {
@@ -59,6 +62,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   std::shared_ptr<Stream> stream_;
   boost::beast::flat_buffer buffer_;
   bool waiting_ = false;
+  /// The exchange that the handler works on; null between requests.
+  std::shared_ptr<Exchange> present_;
   std::atomic<bool> finishing_ = false;
 };
 

@@ -5,7 +5,8 @@
 // beginning is only checked for its form, because the tree may look different by the time of the
 // import.
 //
-// Threads: callable from many connections at once. Fails: ServiceError.
+// Threads: callable from many connections at once.
+// Fails: ServiceError.
 #pragma once
 
 #include <boost/asio/awaitable.hpp>

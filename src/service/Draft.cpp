@@ -17,8 +17,8 @@ constexpr std::uint64_t kWriteBackBytes = 8U << 20U;
 
 }  // namespace
 
-Draft::Draft(int folder, std::string name, FileDescriptor file)
-    : folder_(folder), name_(std::move(name)), file_(std::move(file)) {}
+Draft::Draft(int folder, std::string name, FileDescriptor file, platform::Durability durability)
+    : folder_(folder), name_(std::move(name)), file_(std::move(file)), durability_(durability) {}
 
 Draft::~Draft() {
   if (!name_.empty()) ::unlinkat(folder_, name_.c_str(), 0);
@@ -47,7 +47,7 @@ void Draft::write(std::uint64_t offset, const char* data, std::size_t length) co
   }
   const std::uint64_t begun = offset / kWriteBackBytes * kWriteBackBytes;
   const std::uint64_t complete = end / kWriteBackBytes * kWriteBackBytes;
-  if (complete > begun) {
+  if (durability_ == platform::Durability::durable && complete > begun) {
     // Only a hint: where the file system does not know it, the sync takes longer.
     ::sync_file_range(file_.get(), static_cast<off_t>(begun), static_cast<off_t>(complete - begun),
                       SYNC_FILE_RANGE_WRITE);

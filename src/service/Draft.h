@@ -10,22 +10,23 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/files/AtomicFile.h"
 #include "service/FileDescriptor.h"
 
 namespace kestrune::service {
 
 class Draft {
  public:
-  /// `folder` is the folder that holds the open file `name`; it outlives this object.
-  Draft(int folder, std::string name, FileDescriptor file);
+  /// `folder` is the folder that holds the open file `name`; it outlives this object. With
+  /// `durable`, a sync is expected in the end, and the disk begins early with what was written.
+  Draft(int folder, std::string name, FileDescriptor file, platform::Durability durability);
   ~Draft();
   Draft(const Draft&) = delete;
   Draft& operator=(const Draft&) = delete;
 
   /// Reserves the disk space of [offset, offset + length), where the file system can.
   void reserve(std::uint64_t offset, std::uint64_t length) const;
-  /// Writes at `offset` and lets the disk begin to store what was written, so that a later sync is
-  /// short.
+  /// Writes all of it at `offset`.
   void write(std::uint64_t offset, const char* data, std::size_t length) const;
   /// Gives the file exactly this length.
   void truncate(std::uint64_t length) const;
@@ -36,7 +37,8 @@ class Draft {
   void sync() const;
   /// Gives the descriptor back while the file waits; afterwards only `copyFrom` reads it.
   void close() { file_.reset(); }
-  /// The open file. REQUIRES: not closed.
+  /// The open file.
+  /// REQUIRES: not closed.
   const FileDescriptor& file() const { return file_; }
 
  private:
@@ -45,6 +47,7 @@ class Draft {
   /// Empty once the file was handed over.
   std::string name_;
   FileDescriptor file_;
+  platform::Durability durability_;
 };
 
 }  // namespace kestrune::service

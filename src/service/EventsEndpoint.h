@@ -5,7 +5,8 @@
 //     data: {}
 //     : keep-alive
 //
-// Threads: callable from many connections at once. Fails: ServiceError 503 when too many listen.
+// Threads: callable from many connections at once.
+// Fails: ServiceError 503 when too many listen.
 #pragma once
 
 #include <boost/asio/awaitable.hpp>

@@ -1,6 +1,7 @@
 // An open descriptor of the operating system and the duty to close it.
 //
-// Owns: the descriptor. Threads: like an int: one thread at a time, or const operations from
+// Owns: the descriptor.
+// Threads: like an int: one thread at a time, or const operations from
 // several.
 #pragma once
 

@@ -4,7 +4,8 @@
 // a file runs here. A task that copies or syncs a large file holds one thread for as long as it
 // takes; there are enough of them that others go on.
 //
-// Threads: `run` may be awaited from any coroutine. Owns: its threads, joined by the destructor
+// Threads: `run` may be awaited from any coroutine.
+// Owns: its threads, joined by the destructor
 // after what was begun has ended.
 #pragma once
 
@@ -24,12 +25,13 @@ namespace kestrune::service {
 class FileThreads {
  public:
   explicit FileThreads(std::size_t count) : pool_(count) {}
-  ~FileThreads() { pool_.join(); }
+  ~FileThreads() { join(); }
   FileThreads(const FileThreads&) = delete;
   FileThreads& operator=(const FileThreads&) = delete;
 
   /// Runs `work` on a file thread and returns, or throws, what it does, back on the coroutine's own
-  /// executor. REQUIRES: what `work` refers to lives until the awaiting coroutine goes on, which a
+  /// executor.
+  /// REQUIRES: what `work` refers to lives until the awaiting coroutine goes on, which a
   /// frame of that coroutine does.
   template <class Work>
   boost::asio::awaitable<std::invoke_result_t<Work&>> run(Work work) {
@@ -60,11 +62,10 @@ class FileThreads {
     }
   }
 
-  /// Runs `work` some time later, awaited by nobody. It must not throw.
-  template <class Work>
-  void post(Work work) {
-    boost::asio::post(pool_, std::move(work));
-  }
+  /// Ends the threads after what was begun has ended. A coroutine may have gone on, and even
+  /// ended, while the file thread that it came from still lets go of its executor; that executor
+  /// must not end before this returns. Nothing runs afterwards.
+  void join() { pool_.join(); }
 
  private:
   boost::asio::thread_pool pool_;

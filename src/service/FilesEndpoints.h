@@ -1,7 +1,8 @@
 // The endpoints below "/files" that list, change and hand out URLs for what lies in the tree.
 // The bearer token has been checked.
 //
-// Threads: callable from many connections at once. Fails: ServiceError.
+// Threads: callable from many connections at once.
+// Fails: ServiceError.
 #pragma once
 
 #include <boost/asio/awaitable.hpp>

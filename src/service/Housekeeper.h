@@ -1,6 +1,7 @@
 // The thread that clears up: the trash as soon as something is in it, abandoned uploads every hour.
 //
-// Threads: `wake` from any thread. Owns: its thread; the destructor ends and joins it, without
+// Threads: `wake` from any thread.
+// Owns: its thread; the destructor ends and joins it, without
 // waiting for a long removal.
 #pragma once
 

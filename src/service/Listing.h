@@ -1,7 +1,8 @@
 // One folder's listing as JSON text, made piece by piece while the folder is read: a listing of any
 // length needs one piece of memory.
 //
-//     {"path":"/Docs","entries":[{"name":"a.pdf","type":"file","size":1,"modified_at":"2024-05-01T12:30:45.123Z",
+//     {"path":"/Docs","entries":[{"name":"a.pdf","type":"file","size":1,
+//      "modified_at":"2024-05-01T12:30:45.123Z",
 //      "mime_type":"application/pdf"},...]}
 //
 // Entries come in the folder's own order. Left out, and counted: what is neither a regular file nor
@@ -9,7 +10,8 @@
 // while the folder is read is left out as well. A change during the reading may be seen or not, as
 // with any reading of a folder.
 //
-// Threads: one at a time. Blocks on the disk. Fails: ServiceError; the text so far is then
+// Threads: one at a time. Blocks on the disk.
+// Fails: ServiceError; the text so far is then
 // incomplete and must not be finished.
 #pragma once
 
@@ -51,7 +53,8 @@ class Listing {
   std::uint64_t refusedNames_ = 0;
 };
 
-/// Appends `text` as a JSON string with its quotes. REQUIRES: valid UTF-8.
+/// Appends `text` as a JSON string with its quotes.
+/// REQUIRES: valid UTF-8.
 void appendJsonString(std::string& out, std::string_view text);
 
 /// Appends `time` as "2024-05-01T12:30:45.123Z"; finer parts are cut. Times outside the years 0 to

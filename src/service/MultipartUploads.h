@@ -13,7 +13,8 @@
 //     open  (beginPart (finishPart | failPart))*  (complete | abort)
 //
 // Threads: callable from any thread; all but `open` block on the disk.
-// Owns: the drafts of open uploads. Fails: ServiceError; 404 for an upload that is not open.
+// Owns: the drafts of open uploads.
+// Fails: ServiceError; 404 for an upload that is not open.
 #pragma once
 
 #include <cstdint>

@@ -27,9 +27,11 @@ class RemotePath {
 
   const std::string& text() const { return text_; }
   bool isRoot() const { return text_.size() == 1; }
-  /// The last component. REQUIRES: not the root.
+  /// The last component.
+  /// REQUIRES: not the root.
   std::string name() const;
-  /// The folder that holds the item. REQUIRES: not the root.
+  /// The folder that holds the item.
+  /// REQUIRES: not the root.
   RemotePath parent() const;
   /// The path relative to the root, "." for the root itself.
   std::string relative() const { return isRoot() ? "." : text_.substr(1); }

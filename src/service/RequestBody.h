@@ -1,7 +1,8 @@
 // The JSON bodies of requests, read strictly: an object of at most 1 MiB whose named members have
 // exactly the stated types. Other members are ignored.
 //
-// Threads: values; const operations. Fails: ServiceError 400 that names the member.
+// Threads: values; const operations.
+// Fails: ServiceError 400 that names the member.
 #pragma once
 
 #include <boost/asio/awaitable.hpp>

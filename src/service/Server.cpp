@@ -165,6 +165,7 @@ bool Server::stop() {
   }
   for (auto& thread : threads_) thread.join();
   threads_.clear();
+  handler_.settle();
   return drained;
 }
 

@@ -5,8 +5,10 @@
 // Stopping: no connection is accepted any more, waiting ones are closed, running requests get
 // Timeouts::drain to finish, then the rest is reset.
 //
-// Threads: start and stop from one thread at a time. Owns: its threads; the destructor stops and
-// joins them. Fails: `start` throws std::runtime_error that names the address.
+// Threads: start and stop from one thread at a time.
+// Owns: its threads; the destructor stops and
+// joins them.
+// Fails: `start` throws std::runtime_error that names the address.
 #pragma once
 
 #include <boost/asio/io_context.hpp>
@@ -36,7 +38,8 @@ class Server {
 
   /// Listens and serves from then on.
   void start();
-  /// The port that it listens on. REQUIRES: started.
+  /// The port that it listens on.
+  /// REQUIRES: started.
   std::uint16_t port() const { return port_; }
   /// Drains and stops; returns when every connection has ended. True if none had to be cut off.
   /// Does nothing the second time.

@@ -37,6 +37,8 @@ Service::~Service() = default;
 
 void Service::endStreams() { parts_.changes.end(); }
 
+void Service::settle() { parts_.fileThreads.join(); }
+
 boost::asio::awaitable<void> Service::handle(std::shared_ptr<Exchange> exchange) {
   const Endpoint endpoint = routeOf(exchange->method(), exchange->target());
   if (endpoint == Endpoint::storage) co_return co_await storage_.handle(std::move(exchange));

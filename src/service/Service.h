@@ -1,6 +1,7 @@
 // The whole service behind one RequestHandler: routing, the bearer token, the endpoints.
 //
-// Threads: `handle` from many connections at once. Owns: every long-lived part, the file threads
+// Threads: `handle` from many connections at once.
+// Owns: every long-lived part, the file threads
 // included; its destructor waits for what runs there.
 #pragma once
 
@@ -24,6 +25,7 @@ class Service : public RequestHandler {
 
   boost::asio::awaitable<void> handle(std::shared_ptr<Exchange> exchange) override;
   void endStreams() override;
+  void settle() override;
 
  private:
   const Options options_;

@@ -40,7 +40,8 @@ struct StorageGrant {
 
 class Signer {
  public:
-  /// `lifetime` is how long a URL is valid. REQUIRES: `key` holds 32 random bytes.
+  /// `lifetime` is how long a URL is valid.
+  /// REQUIRES: `key` holds 32 random bytes.
   Signer(platform::Secret key, std::chrono::seconds lifetime);
 
   /// The target (path and query) that grants `grant` from `now` on.

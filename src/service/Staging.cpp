@@ -134,7 +134,7 @@ std::unique_ptr<Draft> Staging::newDraft() const {
   FileDescriptor file(::openat(drafts_.get(), name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC,
                                kModeBeforeMask));
   if (!file) throw fileError(errno, "create a draft");
-  return std::make_unique<Draft>(drafts_.get(), name, std::move(file));
+  return std::make_unique<Draft>(drafts_.get(), name, std::move(file), tree_.durability());
 }
 
 void Staging::keep(Draft& draft, const std::string& key) const {

@@ -9,7 +9,8 @@
 // One process at a time uses a staging directory (a lock on the last file); a directory that holds
 // other things is refused.
 //
-// Threads: callable from any thread; all operations block on the disk. Fails: ServiceError, except
+// Threads: callable from any thread; all operations block on the disk.
+// Fails: ServiceError, except
 // for the constructor.
 #pragma once
 
@@ -63,7 +64,8 @@ class Staging {
   /// that is worth calling.
   bool remove(const RemotePath& path) const;
   /// Frees what lies in the trash, as long as `goOn` says so. What cannot be removed is logged and
-  /// stays. REQUIRES: one thread at a time.
+  /// stays.
+  /// REQUIRES: one thread at a time.
   void emptyTrash(const std::function<bool()>& goOn) const;
 
   /// Removes the objects that are older than 24 hours.

@@ -1,6 +1,7 @@
 // The storage behind pre-signed URLs: downloads from the tree and uploads.
 //
-// Threads: callable from many connections at once. Fails: ServiceError.
+// Threads: callable from many connections at once.
+// Fails: ServiceError.
 #pragma once
 
 #include <boost/asio/awaitable.hpp>

@@ -4,7 +4,8 @@
 // TimedOut, and the stream can still be written to: the client is told before the connection is
 // closed.
 //
-// Threads: only on the executor of the socket, which runs one handler at a time. Owns: the socket.
+// Threads: only on the executor of the socket, which runs one handler at a time.
+// Owns: the socket.
 // Fails: boost::system::system_error when the connection is lost, TimedOut.
 #pragma once
 
@@ -69,7 +70,8 @@ class Stream : public std::enable_shared_from_this<Stream> {
 
   /// Sends `length` bytes of the regular file `file` from `offset`, without copying them through
   /// this process. Parts that are not in the page cache are fetched on a file thread first. A file
-  /// that turns out shorter than announced fails with boost::asio::error::eof. REQUIRES: `file`
+  /// that turns out shorter than announced fails with boost::asio::error::eof.
+  /// REQUIRES: `file`
   /// stays open until it ends; the thread has SIGPIPE blocked.
   boost::asio::awaitable<void> sendFile(int file, std::uint64_t offset, std::uint64_t length,
                                         std::chrono::milliseconds idle, FileThreads* fileThreads);

@@ -10,8 +10,8 @@
 // out of the tree as a whole.
 //
 // Threads: const operations only, callable from any thread; they block on the disk, so they run on
-// the file threads. Two changes of the same item at the same time happen in some order. Fails:
-// ServiceError (see fileError), except for the constructor.
+// the file threads. Two changes of the same item at the same time happen in some order.
+// Fails: ServiceError (see fileError), except for the constructor.
 #pragma once
 
 #include <cstdint>
@@ -72,7 +72,8 @@ class Tree {
   /// the root.
   bool remove(const RemotePath& path, int trash, const std::string& trashName) const;
   /// Moves the file `name` of the folder `from` to `path`; replaces a file there. 409 if a folder
-  /// is there, 404 if the parent is missing; the file then stays where it was. REQUIRES: the file's
+  /// is there, 404 if the parent is missing; the file then stays where it was.
+  /// REQUIRES: the file's
   /// contents are as durable as they need to be.
   void place(int from, const std::string& name, const RemotePath& path) const;
   /// Whether `place` would find its way: throws what it would throw for a missing parent or a
