@@ -1,6 +1,7 @@
 // The program `kestrune`: reads its command line, hands over to the command, and turns failures
 // into exit codes.
 
+#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -46,6 +47,14 @@ void protectMemory() {
 #ifndef KESTRUNE_SANITIZED  // The leak check traces its own process.
   prctl(PR_SET_DUMPABLE, 0);
 #endif
+}
+
+/// A standard descriptor that the caller has closed would go to the next file or socket opened, and
+/// output would land there.
+void occupyStandardDescriptors() {
+  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (::fcntl(descriptor, F_GETFD) < 0) ::open("/dev/null", O_RDWR);  // takes the lowest free one
+  }
 }
 
 using Command = std::function<void()>;
@@ -141,6 +150,7 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   protectMemory();
+  occupyStandardDescriptors();
   try {
     return run(argc, argv);
   } catch (const std::exception& error) {

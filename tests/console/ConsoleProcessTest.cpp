@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -312,6 +313,17 @@ TEST(ConsoleProgramTest, AClosedOutputEndsItQuietly) {
   console.program().write("{\"id\":1,\"op\":\"invalidate\"}\n");
   EXPECT_EQ(console.program().finish(), 0);
   EXPECT_EQ(console.program().errors(), "");
+}
+
+TEST(KestruneProgram, ClosedStandardDescriptorsReceiveNoFile) {
+  const support::IsolatedStorage storage;
+  storage.writeShared("config.json", R"({"apiURL":"http://127.0.0.1:1","token":"t"})");
+  const std::string command =
+      std::string("echo '{\"id\":1,\"op\":\"enumerateItems\",\"container\":\"/\"}' | ") +
+      KESTRUNE_BIN_DIR "/kestrune console >&- 2>&-";
+  EXPECT_EQ(std::system(command.c_str()), 0);
+  EXPECT_EQ(Json::parse(contentsOf(storage.shared() / "sync-status.json"))["activeEnumerations"],
+            0);
 }
 
 TEST(KestruneProgram, ExitCodesTellFailureFromWrongUsage) {

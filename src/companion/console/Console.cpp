@@ -38,10 +38,12 @@ Console::~Console() {
 
 void Console::run(std::istream& input) {
   ConsoleLineReader lines(input);
-  while (const auto line = lines.next()) {
+  for (;;) {
+    const auto line = lines.next();
+    if (!line.has_value()) break;
     if (line->isCut) {
-      writer_->write(nullptr, "invalid",
-                     {{"message", "the line is not a JSON object: it is longer than 64 MiB"}});
+      const std::string message = "the line is not a JSON object: it is longer than 64 MiB";
+      writer_->write(nullptr, "invalid", {{"message", message}});
     } else {
       handle(line->text);
     }
