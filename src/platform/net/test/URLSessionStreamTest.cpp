@@ -137,9 +137,11 @@ TEST(URLSessionStream, ASlowReaderStopsTheNetwork) {
   };
   ASSERT_TRUE(support::waitUntil(standsStill));
   EXPECT_LT(sent(), kSize / 2);
-  // What the server has sent and the kernel no longer holds is in this process; "about" allows the
-  // pieces in hand.
-  EXPECT_LT(sent() - bytesInKernel(fixture.port()), kBuffered + (kBuffered / 2));
+  // What the server has sent and the kernel no longer holds is in this process: the stream's buffer,
+  // which may pass its mark by the piece that reached it, and libcurl's receive buffer.
+  constexpr std::uint64_t kPiece = 16U << 10U;
+  constexpr std::uint64_t kReceiveBuffer = 512U << 10U;
+  EXPECT_LE(sent() - bytesInKernel(fixture.port()), kBuffered + kPiece + kReceiveBuffer);
   EXPECT_GT(sent() - bytesInKernel(fixture.port()), kBuffered / 4);
 
   // Reading lets as much more through, and no more.
