@@ -97,10 +97,7 @@ struct ContinuationState final : Continuation<T>::State {
     auto executor = boost::asio::get_associated_executor(handler_);
     boost::asio::post(executor, [handler = std::move(handler_), error = std::move(this->error_),
                                  value = std::move(this->value_)]() mutable {
-      // On the task's own executor: a cancellation can no longer reach the operation that has
-      // ended.
-      auto slot = boost::asio::get_associated_cancellation_slot(handler);
-      if (slot.is_connected()) slot.clear();
+      // The coroutine takes `onCancel` out of its slot itself.
       handler(std::move(error), std::move(value));
     });
   }

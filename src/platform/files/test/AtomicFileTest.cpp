@@ -161,7 +161,9 @@ TEST_F(AtomicFileTest, WriteThatFailsHalfwayKeepsTheOldFile) {
   // The system refuses what goes beyond the limit after it took what lies below it, like a full
   // disk.
   std::signal(SIGXFSZ, SIG_IGN);
-  const rlimit limit{100'000, RLIM_INFINITY};
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+  const rlimit limit{100'000, before.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
   EXPECT_EQ(
       failure(at("file"),
@@ -170,6 +172,7 @@ TEST_F(AtomicFileTest, WriteThatFailsHalfwayKeepsTheOldFile) {
   EXPECT_EQ(names(), std::set<std::string>{"file"});
   EXPECT_EQ(contentsOf(at("file")), "old");
   EXPECT_NO_THROW(replaceFile(at("file"), std::string(100'000, 'x'), Durability::atomic));
+  ::setrlimit(RLIMIT_FSIZE, &before);
 }
 
 TEST_F(AtomicFileTest, ReadersSeeOneWholeFileWhileWritersRace) {
@@ -220,15 +223,18 @@ TEST_F(AtomicFileTest, FilesWhoseSizeIsUnknownAreReadToTheirEnd) {
 
 TEST_F(AtomicFileTest, FileThatGrowsWhileItIsReadStaysWithinTheLimit) {
   write(at("file"), std::string(1000, 'x'));
-  std::atomic<bool> done = false;
+  std::atomic<bool> written = false;
   std::thread writer([&] {
     std::ofstream file(at("file"), std::ios::app | std::ios::binary);
     const std::string more(10'000, 'x');
-    for (int i = 0; i < 1000 && !done; ++i) file << more << std::flush;
+    for (int i = 0; i < 1000; ++i) file << more << std::flush;
+    written = true;
   });
   constexpr std::uint64_t kLimit = 2'000'000;
   bool refused = false;
-  while (!refused) {
+  bool last = false;
+  while (!refused && !last) {
+    last = written;
     try {
       const std::string seen = readFile(at("file"), kLimit);
       EXPECT_LE(seen.size(), kLimit);
@@ -238,8 +244,8 @@ TEST_F(AtomicFileTest, FileThatGrowsWhileItIsReadStaysWithinTheLimit) {
       refused = true;
     }
   }
-  done = true;
   writer.join();
+  EXPECT_TRUE(refused);
 }
 
 TEST_F(AtomicFileTest, OnlyRegularFilesAreRead) {

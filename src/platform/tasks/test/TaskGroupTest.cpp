@@ -70,6 +70,13 @@ class Stage {
   std::map<int, Continuation<Unit>> waiting_ GUARDED_BY(mutex_);
 };
 
+/// Waits until `count` has come to `number`.
+bool reaches(const std::atomic<int>& count, int number) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (count < number && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  return count >= number;
+}
+
 Task<int> returning(int number) { co_return number; }
 
 /// Waits at the stage, then returns its number.
@@ -158,7 +165,7 @@ TEST(TaskGroupTest, ResultsComeInTheOrderInWhichChildrenEnd) {
     stage.letGo(number);
     // The next is let go when this one has ended.
     ++ended;
-    while (stage.ended < ended) std::this_thread::yield();
+    ASSERT_TRUE(reaches(stage.ended, ended));
   }
   EXPECT_EQ(running.error(), "");
   EXPECT_EQ(results, (std::vector<int>{2, 0, 3, 1}));
@@ -275,7 +282,7 @@ TEST(TaskGroupTest, SleepThatBeginsAfterTheCancellationIsInterruptedToo) {
   });
   stage.expectAt(1);
   stage.letGo(100);
-  while (stage.cancelled < 1) std::this_thread::yield();  // the cancellation has been given to all
+  ASSERT_TRUE(reaches(stage.cancelled, 1)) << "the cancellation has been given to all";
   EXPECT_FALSE(running.endsWithin(std::chrono::milliseconds(20)));
   stage.letGo(1);
   EXPECT_EQ(running.error(), "");
@@ -329,7 +336,7 @@ TEST(TaskGroupTest, CancelledChildCancelsItsOwnGroupAndWaitsForIt) {
   });
   stage.expectAt(1);
   stage.letGo(100);
-  while (stage.cancelled < 1) std::this_thread::yield();
+  ASSERT_TRUE(reaches(stage.cancelled, 1));
   EXPECT_FALSE(running.endsWithin(std::chrono::milliseconds(20)));
   EXPECT_EQ(stage.ended, 1) << "the inner group is still waited for";
   stage.letGo(1);
@@ -346,9 +353,9 @@ TEST(TaskGroupTest, GroupOfAChildThatIsCancelledAlreadyStartsCancelled) {
   });
   stage.expectAt(1);
   stage.letGo(100);
-  while (stage.cancelled < 1) std::this_thread::yield();
+  ASSERT_TRUE(reaches(stage.cancelled, 1));
   stage.letGo(1);
-  while (stage.cancelled < 2) std::this_thread::yield();
+  ASSERT_TRUE(reaches(stage.cancelled, 2));
   EXPECT_FALSE(running.endsWithin(std::chrono::milliseconds(20)));
   stage.letGo(2);
   EXPECT_EQ(running.error(), "");
