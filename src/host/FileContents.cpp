@@ -87,7 +87,11 @@ Answer<LocalFilePtr> FileContents::openAgain() {
 void FileContents::abandon() {
   MutexLock lock(mutex_);
   abandoned_ = true;
-  // Without a name: those who have it open keep it, and nobody opens a node without a name.
+}
+
+void FileContents::discard() {
+  MutexLock lock(mutex_);
+  // Who has them open keeps them without a name; nobody opens them anew.
   if (state_ == State::here) services_->replica->remove(node_);
 }
 

@@ -60,7 +60,10 @@ class FileContents : public std::enable_shared_from_this<FileContents> {
   LocalFilePtr present() const;
   /// Answers with the bytes; fetches them if need be. REQUIRES: opened.
   void read(Reply<LocalFilePtr> reply);
+  /// The item has another version now, or is gone. No input or output: may be called with the tree's lock held.
   void abandon();
+  /// Removes abandoned contents from the replica. Once after `abandon`.
+  void discard();
 
  private:
   enum class State { absent, fetching, here };

@@ -14,7 +14,6 @@
 #include <vector>
 
 #include "host/ErrorToErrno.h"
-#include "host/Interruption.h"
 #include "host/ItemName.h"
 
 namespace kestrune::host {
@@ -70,54 +69,36 @@ void replyError(fuse_req_t request, const platform::NSError& error) {
   fuse_reply_err(request, errnoFor(error));
 }
 
-// How long a program that waits for a mapped page may be killed before it is noticed.
-constexpr std::chrono::milliseconds kKilledCheck{100};
-
-void interruptLater(const std::shared_ptr<Timers>& timers, const std::weak_ptr<OpenCalls>& calls,
-                    std::uint64_t number, pid_t thread) {
-  timers->after(kKilledCheck, [timers, calls, number, thread] {
-    const auto live = calls.lock();
-    if (!live || !live->isOpen(number)) return;
-    if (signalEndsRead(thread)) {
-      live->interrupt(number);
-    } else {
-      interruptLater(timers, calls, number, thread);
-    }
-  });
-}
-
 // libfuse calls the interrupt handler at once, inside fuse_req_interrupt_func, for a request that was interrupted before;
 // the request must not be answered there.
 thread_local bool* interruptedWhileArming = nullptr;
 
-template <bool reads>
+// A program that waits for a mapped page is reported like one in `read`. Its page fault ends without an error to it: it
+// handles its signal and touches the page again.
 void onInterrupt(fuse_req_t request, void* number) {
   if (interruptedWhileArming != nullptr) {
     *interruptedWhileArming = true;
   } else {
-    frontOf(request).interrupted(reinterpret_cast<std::uintptr_t>(number),
-                                 fuse_req_ctx(request)->pid, reads);
+    frontOf(request).calls().interrupt(reinterpret_cast<std::uintptr_t>(number));
   }
 }
 
 // Registers a request that may wait. Null: it has been answered.
-template <bool reads = false>
 OpenCalls::CallPtr beginCall(fuse_req_t request) {
-  FuseFront& front = frontOf(request);
-  const pid_t thread = fuse_req_ctx(request)->pid;
+  OpenCalls& calls = frontOf(request).calls();
   bool interrupted = false;
   auto arm = [request, &interrupted](std::uint64_t number) {
     interruptedWhileArming = &interrupted;
-    fuse_req_interrupt_func(request, &onInterrupt<reads>,
+    fuse_req_interrupt_func(request, &onInterrupt,
                             reinterpret_cast<void*>(static_cast<std::uintptr_t>(number)));
     interruptedWhileArming = nullptr;
   };
-  auto call = front.calls().begin(arm, [request](int error) { fuse_reply_err(request, error); });
+  auto call = calls.begin(arm, [request](int error) { fuse_reply_err(request, error); });
   if (!call) {
     fuse_reply_err(request, ENOTCONN);
     return nullptr;
   }
-  if (interrupted) front.interrupted(call->number(), thread, reads);
+  if (interrupted) calls.interrupt(call->number());
   return call->isClaimed() ? nullptr : call;
 }
 
@@ -290,7 +271,7 @@ void readFile(fuse_req_t request, fuse_ino_t, std::size_t size, off_t offset,
     replyBytes(request, *present, size, offset);
     return;
   }
-  auto call = beginCall<true>(request);
+  auto call = beginCall(request);
   if (!call) return;
   dispatcher.read(file, [call, request, size, offset](const Answer<LocalFilePtr>& answer) {
     if (!call->claim()) return;
@@ -353,14 +334,6 @@ fuse_session* FuseFront::newSession(fuse_args& arguments) {
   return fuse_session_new(&arguments, &operations, sizeof(operations), this);
 }
 
-void FuseFront::interrupted(std::uint64_t number, pid_t thread, bool reads) {
-  if (reads && !signalEndsRead(thread)) {
-    interruptLater(timers_, calls_, number, thread);
-  } else {
-    calls_->interrupt(number);
-  }
-}
-
-void FuseFront::endAll() { calls_->endAll(ENOTCONN); }
+void FuseFront::endAll() { calls_.endAll(ENOTCONN); }
 
 }  // namespace kestrune::host

@@ -6,14 +6,10 @@
 // Threads: requests come on the session's threads and are answered on any. Nothing blocks here.
 #pragma once
 
-#include <sys/types.h>
-
 #include <memory>
-#include <utility>
 
 #include "host/Dispatcher.h"
 #include "host/OpenCalls.h"
-#include "host/Timers.h"
 
 struct fuse_args;
 struct fuse_session;
@@ -23,8 +19,7 @@ namespace kestrune::host {
 class FuseFront {
  public:
   /// The dispatcher outlives the front.
-  FuseFront(Dispatcher& dispatcher, std::shared_ptr<Timers> timers)
-      : dispatcher_(dispatcher), timers_(std::move(timers)) {}
+  explicit FuseFront(Dispatcher& dispatcher) : dispatcher_(dispatcher) {}
   FuseFront(const FuseFront&) = delete;
   FuseFront& operator=(const FuseFront&) = delete;
 
@@ -35,14 +30,11 @@ class FuseFront {
   void endAll();
 
   Dispatcher& dispatcher() { return dispatcher_; }
-  OpenCalls& calls() { return *calls_; }
-  /// A signal reached `thread`, which waits for the request `number`; `reads` if it waits for the bytes of a file.
-  void interrupted(std::uint64_t number, pid_t thread, bool reads);
+  OpenCalls& calls() { return calls_; }
 
  private:
   Dispatcher& dispatcher_;
-  const std::shared_ptr<Timers> timers_;
-  const std::shared_ptr<OpenCalls> calls_ = std::make_shared<OpenCalls>();
+  OpenCalls calls_;
 };
 
 }  // namespace kestrune::host

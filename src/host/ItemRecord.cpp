@@ -18,6 +18,7 @@ constexpr Date kLatest =
 ItemRecord ItemRecord::from(const platform::NSFileProviderItem& item) {
   ItemRecord record;
   record.identifier = item.itemIdentifier();
+  record.parentIdentifier = item.parentItemIdentifier();
   record.name = item.filename();
   record.isFolder = item.contentType() == platform::UTType::folder();
   if (!record.isFolder)

@@ -15,6 +15,8 @@ namespace kestrune::host {
 
 struct ItemRecord {
   platform::NSFileProviderItemIdentifier identifier;
+  /// The folder that the item says it lies in; none where nobody said.
+  std::optional<platform::NSFileProviderItemIdentifier> parentIdentifier;
   std::string name;
   bool isFolder = false;
   /// 0 for folders; at least 0.

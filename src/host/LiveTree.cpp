@@ -172,6 +172,8 @@ void LiveTree::takeEffects(const Node& folder, Effects effects, Aftermath& after
     }
   }
   aftermath.abandoned = std::move(effects.abandonedContents);
+  // At once: nobody who sees the new version may have the old one fetched.
+  for (const auto& contents : aftermath.abandoned) contents->abandon();
   if (effects.leftOut > 0) {
     aftermath.leftOut = std::to_string(effects.leftOut) + " items of '" + tree_.path(folder) +
                         "' cannot be shown as files; the first is " + effects.firstLeftOut;
@@ -181,7 +183,7 @@ void LiveTree::takeEffects(const Node& folder, Effects effects, Aftermath& after
 
 void LiveTree::finish(Aftermath aftermath) {
   if (!aftermath.leftOut.empty()) services_.log->note("names", aftermath.leftOut);
-  for (const auto& contents : aftermath.abandoned) contents->abandon();
+  for (const auto& contents : aftermath.abandoned) contents->discard();
   for (const auto& waiter : aftermath.orphans) {
     services_.timers->cancel(waiter.timeOut);
     waiter.reply.answer(folderGone());

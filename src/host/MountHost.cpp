@@ -77,7 +77,7 @@ void runMountHost(const HostOptions& options, const ExtensionFactory& makeExtens
   services.clock = std::make_shared<const platform::SystemClock>();
   services.log = std::make_shared<HostLog>();
   FileSystem fileSystem(services, std::move(replica));
-  FuseFront front(fileSystem, services.timers);
+  FuseFront front(fileSystem);
   MountSession session(front, {options.mountPoint, options.allowOtherUsers});
   kernelCache->attach(session.kernelSession());
   {

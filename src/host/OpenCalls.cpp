@@ -23,11 +23,6 @@ OpenCalls::CallPtr OpenCalls::begin(const std::function<void(std::uint64_t)>& ar
   return call;
 }
 
-bool OpenCalls::isOpen(std::uint64_t number) const {
-  MutexLock lock(mutex_);
-  return calls_.contains(number);
-}
-
 void OpenCalls::interrupt(std::uint64_t number) {
   CallPtr call;
   {

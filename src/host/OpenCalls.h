@@ -48,8 +48,6 @@ class OpenCalls {
   /// once, and never after `claim` succeeded elsewhere. Null after `endAll`: nothing has been done.
   CallPtr begin(const std::function<void(std::uint64_t number)>& arm,
                 std::function<void(int error)> fail);
-  /// Whether the request has not been answered yet.
-  bool isOpen(std::uint64_t number) const;
   /// Answers the request with EINTR if it is still open.
   void interrupt(std::uint64_t number);
   /// Answers all open requests with `error`. No other begins.
@@ -59,7 +57,7 @@ class OpenCalls {
   void forget(std::uint64_t number);
   static void fail(const CallPtr& call, int error);
 
-  mutable platform::Mutex mutex_;
+  platform::Mutex mutex_;
   std::uint64_t next_ GUARDED_BY(mutex_) = 1;
   bool ended_ GUARDED_BY(mutex_) = false;
   std::unordered_map<std::uint64_t, CallPtr> calls_ GUARDED_BY(mutex_);

@@ -143,6 +143,10 @@ void Tree::forgetIfUnused(Node& node) {
 const char* Tree::whyNotShown(const Node& folder, const ItemRecord& item,
                               const Shown& shown) const {
   if (const char* reason = whyNotAFileName(item.name)) return reason;
+  // A remote name with a slash in it can read as an item of some other folder.
+  if (item.parentIdentifier && *item.parentIdentifier != folder.item.identifier) {
+    return "it says that it lies in another folder";
+  }
   if (const Node* named = child(folder, item.name); named != nullptr && shown.contains(named)) {
     return "another item has its name";
   }

@@ -319,6 +319,7 @@ TEST_F(MountTest, ChangesShowWithoutWaitingForAnyTimeOut) {
   store().say("putFile", "/goes", "x");
   EXPECT_EQ(namesIn(store().mountPoint()).size(), 2U);
   EXPECT_EQ(contentsOf(store() / "changes"), "before");
+  const OpenedFile stillOpen(store() / "changes");
   const auto inode = statusOf(store() / "changes").st_ino;
   const auto folderTime = statusOf(store().mountPoint()).st_mtim;
   EXPECT_EQ(errnoOf([&] { return ::access((store() / "comes").c_str(), F_OK); }), ENOENT);
@@ -327,12 +328,23 @@ TEST_F(MountTest, ChangesShowWithoutWaitingForAnyTimeOut) {
   store().say("putFile", "/comes", "x");
   store().announce();
   EXPECT_TRUE(waitUntil([&] { return ::access((store() / "comes").c_str(), F_OK) == 0; }));
+  // Without opening it, which alone would have the kernel look again; and though the old version is still in use.
+  EXPECT_TRUE(waitUntil([&] { return statusOf(store() / "changes").st_size == 17; }));
   EXPECT_THAT(namesIn(store().mountPoint()), UnorderedElementsAre("changes", "comes"));
   EXPECT_EQ(errnoOf([&] { return ::access((store() / "goes").c_str(), F_OK); }), ENOENT);
   EXPECT_EQ(contentsOf(store() / "changes"), "after, and longer");
   EXPECT_EQ(statusOf(store() / "changes").st_ino, inode);
   const auto newTime = statusOf(store().mountPoint()).st_mtim;
   EXPECT_TRUE(newTime.tv_sec != folderTime.tv_sec || newTime.tv_nsec != folderTime.tv_nsec);
+}
+
+TEST_F(MountTest, ANameThatNobodyLookedForShowsInAListingThatTheKernelKept) {
+  store().say("putFile", "/a", "x");
+  for (int round = 0; round < 2; ++round)
+    EXPECT_THAT(namesIn(store().mountPoint()), ElementsAre("a"));
+  store().say("putFile", "/b", "x");
+  store().announce();
+  EXPECT_TRUE(waitUntil([&] { return namesIn(store().mountPoint()).size() == 2; }));
 }
 
 TEST_F(MountTest, RenamesShowAndKeepTheInode) {

@@ -42,6 +42,8 @@ TEST_F(FileSystemTest, VisitorsOfOneFolderWaitForOneEnumeration) {
   fileSystem().lookup(kRootNode, "a", found.reply());
   fileSystem().lookup(kRootNode, "b", missing.reply());
   ASSERT_TRUE(remote().waitUntilAsked(Ask::items, "/", 1));
+  EXPECT_TRUE(support::staysTrue([&] { return remote().asked(Ask::items, "/") == 1; },
+                                 std::chrono::milliseconds(100)));
   EXPECT_FALSE(opened.ready());
   EXPECT_FALSE(found.ready());
   remote().release(Ask::items, "/");

@@ -94,6 +94,16 @@ TEST_F(TreeTest, ItemsThatCannotBeShownAreLeftOutAndCounted) {
   EXPECT_EQ(effects.firstLeftOut, "'../x': it contains a slash");
 }
 
+TEST_F(TreeTest, AnItemThatSaysItLiesElsewhereIsLeftOut) {
+  ItemRecord stray = file("/folder/a/b", "b");
+  stray.parentIdentifier = "/folder/a";
+  ItemRecord own = file("/own", "own");
+  own.parentIdentifier = root_.item.identifier;
+  const Effects effects = list(root_, {stray, own});
+  EXPECT_THAT(names(root_), ElementsAre("own"));
+  EXPECT_EQ(effects.leftOut, 1U);
+}
+
 TEST_F(TreeTest, OfTwoItemsWithOneNameTheFirstIsShown) {
   const Effects effects = list(root_, {file("1", "a"), folder("2", "a")});
   EXPECT_THAT(names(root_), ElementsAre("a"));
