@@ -259,7 +259,9 @@ void Transfer::setHeaders() {
     if ((name + value).find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos) {
       throw URLError(URLError::unknown, "a header of the request holds a line break");
     }
-    lines.push_back(value.empty() ? name + ";" : name + ": " + value);
+    std::string line = name;
+    line.append(value.empty() ? ";" : ": ").append(value);
+    lines.push_back(std::move(line));
   }
   for (const std::string& line : lines) {
     curl_slist* extended = curl_slist_append(headerList_, line.c_str());

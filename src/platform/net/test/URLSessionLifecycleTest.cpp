@@ -13,7 +13,6 @@ namespace kestrune::platform {
 namespace {
 
 using support::Answer;
-using support::AnswerOutcome;
 using support::HttpFixture;
 using support::runTask;
 using support::startTask;
