@@ -1,6 +1,7 @@
 #include "service/Draft.h"
 
 #include <fcntl.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,6 +27,12 @@ Draft::~Draft() {
 
 void Draft::reserve(std::uint64_t offset, std::uint64_t length) const {
   if (length == 0) return;
+  // A reservation that fails takes the whole disk for a moment, so hopeless ones are not tried.
+  struct statvfs disk {};
+  if (::fstatvfs(file_.get(), &disk) != 0) throw fileError(errno, "fstatvfs");
+  // Some file systems tell no size at all.
+  const bool known = disk.f_blocks > 0 && disk.f_frsize > 0;
+  if (known && length / disk.f_frsize > disk.f_bavail) throw fileError(ENOSPC, "reserve");
   int failed = 0;
   do {
     failed = ::fallocate(file_.get(), 0, static_cast<off_t>(offset), static_cast<off_t>(length));

@@ -54,7 +54,11 @@ Server::Server(const Options& options, RequestHandler& handler)
       handler_(handler),
       context_(static_cast<int>(threadCount_)) {}
 
-Server::~Server() { stop(); }
+Server::~Server() {
+  stop();
+  for (auto& thread : threads_) thread.join();
+  handler_.settle();
+}
 
 void Server::listen(const asio::ip::address& address) {
   // Of "localhost", the second address takes the port that the first one got.
@@ -146,10 +150,18 @@ bool Server::waitUntilEmpty(std::chrono::milliseconds limit) {
   return true;
 }
 
-bool Server::stop() {
+Server::End Server::drain() {
+  // A reset shows to a request at its next read or write.
+  constexpr auto kUntilResetsShow = std::chrono::seconds(1);
+  if (waitUntilEmpty(timeouts_.drain)) return End::inOrder;
+  for (const auto& connection : present()) connection->abort();
+  return waitUntilEmpty(kUntilResetsShow) ? End::cutOff : End::stillBusy;
+}
+
+Server::End Server::stop() {
   {
     const platform::MutexLock lock(mutex_);
-    if (std::exchange(stopping_, true)) return true;
+    if (std::exchange(stopping_, true)) return end_;
   }
   for (const auto& acceptor : acceptors_) {
     asio::post(acceptor->get_executor(), [raw = acceptor.get()] {
@@ -159,14 +171,8 @@ bool Server::stop() {
   }
   handler_.endStreams();
   for (const auto& connection : present()) connection->finish();
-  const bool drained = waitUntilEmpty(timeouts_.drain);
-  if (!drained) {
-    for (const auto& connection : present()) connection->abort();
-  }
-  for (auto& thread : threads_) thread.join();
-  threads_.clear();
-  handler_.settle();
-  return drained;
+  end_ = drain();
+  return end_;
 }
 
 }  // namespace kestrune::service

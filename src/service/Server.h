@@ -3,11 +3,11 @@
 //     Server(...)  start  (stop)?  ~Server
 //
 // Stopping: no connection is accepted any more, waiting ones are closed, running requests get
-// Timeouts::drain to finish, then the rest is reset.
+// Timeouts::drain to finish, then the rest is reset. What a request has given to a file thread
+// (a long sync, say) cannot be interrupted; the destructor waits for it, `stop` does not.
 //
 // Threads: start and stop from one thread at a time.
-// Owns: its threads; the destructor stops and
-// joins them.
+// Owns: its threads; the destructor stops and joins them.
 // Fails: `start` throws std::runtime_error that names the address.
 #pragma once
 
@@ -41,11 +41,16 @@ class Server {
   /// The port that it listens on.
   /// REQUIRES: started.
   std::uint16_t port() const { return port_; }
-  /// Drains and stops; returns when every connection has ended. True if none had to be cut off.
-  /// Does nothing the second time.
-  bool stop();
-
-  boost::asio::io_context& context() { return context_; }
+  enum class End {
+    /// Every request was answered.
+    inOrder,
+    /// Some connections had to be reset.
+    cutOff,
+    /// The same, and file work for some of them still runs.
+    stillBusy,
+  };
+  /// Stops within Timeouts::drain and a little. Does nothing the second time.
+  End stop();
 
  private:
   using Acceptor = boost::asio::ip::tcp::acceptor;
@@ -55,6 +60,7 @@ class Server {
   boost::asio::awaitable<void> serve(std::shared_ptr<Connection> connection);
   std::vector<std::shared_ptr<Connection>> present();
   bool waitUntilEmpty(std::chrono::milliseconds limit);
+  End drain();
 
   const std::string host_;
   const std::uint16_t wantedPort_;
@@ -71,6 +77,7 @@ class Server {
   std::condition_variable emptied_;
   std::unordered_set<std::shared_ptr<Connection>> connections_ GUARDED_BY(mutex_);
   bool stopping_ GUARDED_BY(mutex_) = false;
+  End end_ = End::inOrder;
 };
 
 }  // namespace kestrune::service

@@ -25,6 +25,9 @@ constexpr std::uint64_t kPieceBytes = 2U << 20U;
 constexpr std::uint64_t kFetchBytes = 4U << 20U;
 constexpr std::uint64_t kAheadBytes = 16U << 20U;
 
+/// What one client gets before it is the turn of others on the thread, however fast it takes it.
+constexpr std::uint64_t kTurnBytes = 16U << 20U;
+
 bool isCachedAt(int file, std::uint64_t offset) {
   char byte = 0;
   const iovec target{&byte, 1};
@@ -127,7 +130,12 @@ asio::awaitable<void> Stream::sendFile(int file, std::uint64_t offset, std::uint
                                        std::chrono::milliseconds idle, FileThreads* fileThreads) {
   const std::uint64_t end = offset + length;
   std::uint64_t fetchedUntil = offset;
+  std::uint64_t pauseAt = offset + kTurnBytes;
   while (offset < end) {
+    if (offset >= pauseAt) {
+      pauseAt = offset + kTurnBytes;
+      co_await asio::post(asio::use_awaitable);
+    }
     const std::uint64_t piece = std::min(end - offset, kPieceBytes);
     if (offset + piece > fetchedUntil && !isCached(file, offset, piece)) {
       const std::uint64_t part = std::min(end - offset, kFetchBytes);

@@ -8,6 +8,7 @@
 
 #include <boost/asio/ip/address.hpp>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <string>
@@ -75,7 +76,11 @@ int serve(const service::CommandLine& line, const sigset_t& stopSignals) {
   std::fflush(stdout);
   int received = 0;
   sigwait(&stopSignals, &received);
-  server.stop();
+  if (server.stop() == service::Server::End::stillBusy) {
+    // Waiting for a disk without an end helps nobody: changes of the tree are single calls of the
+    // kernel, and what lies in the staging directory is cleared up at the next start.
+    std::_Exit(0);
+  }
   return 0;
 }
 

@@ -118,6 +118,8 @@ std::string Client::readUntil(std::string_view end) {
 
 bool Client::closedByPeer() { return unread_.empty() && !readMore(); }
 
+void Client::close() { socket_.reset(); }
+
 void Client::reset() {
   const linger now{1, 0};
   ::setsockopt(socket_.get(), SOL_SOCKET, SO_LINGER, &now, sizeof now);

@@ -49,6 +49,8 @@ class Client {
   std::string readUntil(std::string_view end);
   /// Whether the service closes the connection without another byte.
   bool closedByPeer();
+  /// Ends the connection in order, as one does who has sent all.
+  void close();
   /// Resets the connection.
   void reset();
 

@@ -54,7 +54,7 @@ TEST_F(Events, AFailedChangeIsNone) {
 }
 
 TEST_F(Events, EndWithTheServiceAtOnce) {
-  EXPECT_TRUE(service.server().stop());
+  EXPECT_EQ(service.server().stop(), Server::End::inOrder);
   EXPECT_EQ(listener.readUntil("0\r\n\r\n"), "\r\n0\r\n\r\n");
 }
 

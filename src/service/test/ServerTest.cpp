@@ -124,7 +124,7 @@ TEST(Server, StoppingClosesWhatWaitsAndRefusesWhatComes) {
   Client waiting(service.port());
   waiting.send(kList);
   EXPECT_EQ(waiting.readAnswer().status, 200U);
-  EXPECT_TRUE(service.server().stop());
+  EXPECT_EQ(service.server().stop(), Server::End::inOrder);
   EXPECT_TRUE(waiting.closedByPeer());
   EXPECT_THROW(Client(service.port()), std::runtime_error);
 }
@@ -142,7 +142,7 @@ TEST(Server, StoppingLetsARunningRequestFinish) {
   const Answer answer = client.readAnswer();
   EXPECT_EQ(answer.status, 200U);
   EXPECT_FALSE(answer.keepAlive);
-  EXPECT_TRUE(stopped.get());
+  EXPECT_EQ(stopped.get(), Server::End::inOrder);
   EXPECT_EQ(service.contents("up.bin").size(), 3'000'000U);
 }
 
@@ -153,15 +153,15 @@ TEST(Server, StoppingDoesNotWaitForeverForASlowRequest) {
   client.send("PUT " + target + " HTTP/1.1\r\nContent-Length: 3000000\r\n\r\n" +
               std::string(2'000'000, 'x'));
   ASSERT_TRUE(support::waitUntil([&] { return service.stagedCount() == 1; }));
-  EXPECT_FALSE(service.server().stop());
+  EXPECT_EQ(service.server().stop(), Server::End::cutOff);
   EXPECT_EQ(service.stagedCount(), 0U);
   EXPECT_FALSE(std::filesystem::exists(service.inTree("up.bin")));
 }
 
 TEST(Server, StoppingTwiceIsFine) {
   RunningService service;
-  EXPECT_TRUE(service.server().stop());
-  EXPECT_TRUE(service.server().stop());
+  EXPECT_EQ(service.server().stop(), Server::End::inOrder);
+  EXPECT_EQ(service.server().stop(), Server::End::inOrder);
 }
 
 TEST(Server, APortInUseIsNamed) {
@@ -195,6 +195,41 @@ TEST(Server, NeitherTokenNorURLIsLogged) {
   ASSERT_TRUE(log.waitForRecords(1));
   EXPECT_FALSE(log.contains(RunningService::kToken));
   EXPECT_FALSE(log.contains(signature));
+}
+
+/// Works on a file thread until the test lets it end.
+class BusyHandler : public RequestHandler {
+ public:
+  boost::asio::awaitable<void> handle(std::shared_ptr<Exchange> exchange) override {
+    co_await fileThreads.run([this] {
+      begun.set_value();
+      mayEnd.get_future().wait();
+    });
+    co_await exchange->reply({.status = 200, .contentType = "", .body = "", .fields = {}});
+  }
+  void settle() override { fileThreads.join(); }
+
+  std::promise<void> begun;
+  std::promise<void> mayEnd;
+  FileThreads fileThreads{1};
+};
+
+TEST(BusyServer, StoppingDoesNotWaitForFileWorkButTheEndDoes) {
+  BusyHandler handler;
+  Options options;
+  options.timeouts.drain = milliseconds(100);
+  std::optional<Server> server;
+  server.emplace(options, handler);
+  server->start();
+  Client client(server->port());
+  client.send("GET / HTTP/1.1\r\n\r\n");
+  handler.begun.get_future().wait();
+  EXPECT_EQ(server->stop(), Server::End::stillBusy);
+  auto ended = std::async(std::launch::async, [&] { server.reset(); });
+  EXPECT_EQ(ended.wait_for(milliseconds(100)), std::future_status::timeout);
+  handler.mayEnd.set_value();
+  ended.get();
+  EXPECT_THROW(client.readAnswer(), std::runtime_error);
 }
 
 /// Answers with what the test wants to see handled.

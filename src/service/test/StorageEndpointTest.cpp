@@ -231,15 +231,20 @@ TEST_F(Uploads, WhatTheDiskCannotHoldIsRefusedBeforeTheBodyIsSent) {
 
 TEST_F(Uploads, HalfABodyLeavesTheOldFile) {
   service.write("up.bin", "old");
-  const std::string whole =
-      headFor(target("/up.bin"), "Content-Length: 3000000") + patternBytes(2'999'999, 6);
-  Client client(service.port());
-  client.send(whole);
-  ASSERT_TRUE(support::waitUntil([&] { return service.stagedCount() == 1; }))
-      << "the upload did not begin";
-  client.reset();
-  EXPECT_TRUE(support::waitUntil([&] { return service.stagedCount() == 0; }));
-  EXPECT_EQ(service.contents("up.bin"), "old");
+  const std::string lengths[] = {"Content-Length: 3000000\r\n\r\n",
+                                 "Transfer-Encoding: chunked\r\n\r\n2dc6c0\r\n"};
+  for (const std::string& length : lengths) {
+    for (void (Client::*end)() : {&Client::close, &Client::reset}) {
+      Client client(service.port());
+      client.send("PUT " + target("/up.bin") + " HTTP/1.1\r\n" + length +
+                  patternBytes(2'999'999, 6));
+      ASSERT_TRUE(support::waitUntil([&] { return service.stagedCount() == 1; }))
+          << "did not begin";
+      (client.*end)();
+      EXPECT_TRUE(support::waitUntil([&] { return service.stagedCount() == 0; }));
+      EXPECT_EQ(service.contents("up.bin"), "old");
+    }
+  }
 }
 
 TEST_F(Uploads, ASenderThatFallsSilentIsToldSo) {
