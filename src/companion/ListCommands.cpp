@@ -59,8 +59,9 @@ std::vector<ItemRecord> children(const ExtensionPtr& extension, const std::strin
   auto answer = done.get();
   if (!answer.ok()) fail(what, path, answer.error()->localizedDescription());
   auto items = std::move(answer.value().items);
-  std::erase_if(items,
-                [](const auto& item) { return host::whyNotAFileName(item.name) != nullptr; });
+  std::erase_if(items, [&identifier](const auto& item) {
+    return host::whyNotAFileName(item.name) != nullptr || item.parentIdentifier != identifier;
+  });
   return items;
 }
 
