@@ -154,7 +154,7 @@ void withEnumerator(ExtensionPtr extension, platform::NSFileProviderItemIdentifi
 
 void enumerateFolder(ExtensionPtr extension, platform::NSFileProviderItemIdentifier folder,
                      Reply<Listing> reply) {
-  auto use = [reply](std::shared_ptr<NSFileProviderEnumerator> enumerator) {
+  auto use = [reply](const std::shared_ptr<NSFileProviderEnumerator>& enumerator) {
     auto withAnchor = [enumerator, once = OnceReply<Listing>(reply)](
                           std::optional<NSFileProviderSyncAnchor> anchor) {
       auto gatherer = std::make_shared<ItemGatherer>(enumerator, std::move(anchor), once.take());
@@ -162,21 +162,21 @@ void enumerateFolder(ExtensionPtr extension, platform::NSFileProviderItemIdentif
     };
     enumerator->currentSyncAnchor(std::move(withAnchor));
   };
-  withEnumerator(std::move(extension), std::move(folder), std::move(use), reply);
+  withEnumerator(std::move(extension), std::move(folder), std::move(use), std::move(reply));
 }
 
 void enumerateFolderChanges(ExtensionPtr extension, platform::NSFileProviderItemIdentifier folder,
                             NSFileProviderSyncAnchor anchor, Reply<ChangeSet> reply) {
-  auto use = [reply,
-              anchor = std::move(anchor)](std::shared_ptr<NSFileProviderEnumerator> enumerator) {
+  auto use = [reply, anchor = std::move(anchor)](
+                 const std::shared_ptr<NSFileProviderEnumerator>& enumerator) {
     enumerator->enumerateChanges(std::make_shared<ChangeGatherer>(enumerator, reply), anchor);
   };
-  withEnumerator(std::move(extension), std::move(folder), std::move(use), reply);
+  withEnumerator(std::move(extension), std::move(folder), std::move(use), std::move(reply));
 }
 
 void askSyncAnchor(ExtensionPtr extension, platform::NSFileProviderItemIdentifier folder,
                    Reply<std::optional<NSFileProviderSyncAnchor>> reply) {
-  auto use = [reply](std::shared_ptr<NSFileProviderEnumerator> enumerator) {
+  auto use = [reply](const std::shared_ptr<NSFileProviderEnumerator>& enumerator) {
     auto answered = [enumerator, once = OnceReply<std::optional<NSFileProviderSyncAnchor>>(reply)](
                         std::optional<NSFileProviderSyncAnchor> anchor) {
       enumerator->invalidate();
@@ -184,7 +184,7 @@ void askSyncAnchor(ExtensionPtr extension, platform::NSFileProviderItemIdentifie
     };
     enumerator->currentSyncAnchor(std::move(answered));
   };
-  withEnumerator(std::move(extension), std::move(folder), std::move(use), reply);
+  withEnumerator(std::move(extension), std::move(folder), std::move(use), std::move(reply));
 }
 
 }  // namespace kestrune::host

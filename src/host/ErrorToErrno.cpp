@@ -23,44 +23,32 @@ int fromFileProvider(NSFileProviderError::Code code) {
       return EACCES;
     case NSFileProviderError::filenameCollision:
       return EEXIST;
-    case NSFileProviderError::syncAnchorExpired:
-      return EIO;
     case NSFileProviderError::insufficientQuota:
       return EDQUOT;
-    case NSFileProviderError::serverUnreachable:
-      return EHOSTUNREACH;
     case NSFileProviderError::noSuchItem:
       return ENOENT;
-    case NSFileProviderError::deletionRejected:
-      return EPERM;
     case NSFileProviderError::directoryNotEmpty:
       return ENOTEMPTY;
-    case NSFileProviderError::providerNotFound:
-      return EIO;
-    case NSFileProviderError::providerTranslocated:
-      return EIO;
-    case NSFileProviderError::olderExtensionVersionRunning:
-      return EIO;
-    case NSFileProviderError::newerExtensionVersionFound:
-      return EIO;
-    case NSFileProviderError::cannotSynchronize:
-      return EIO;
-    case NSFileProviderError::nonEvictableChildren:
-      return EBUSY;
-    case NSFileProviderError::unsyncedEdits:
-      return EBUSY;
-    case NSFileProviderError::nonEvictable:
-      return EBUSY;
     case NSFileProviderError::versionNoLongerAvailable:
       return ESTALE;
-    case NSFileProviderError::excludedFromSync:
-      return EPERM;
+    case NSFileProviderError::serverUnreachable:
     case NSFileProviderError::domainDisabled:
-      return EHOSTUNREACH;
     case NSFileProviderError::providerDomainTemporarilyUnavailable:
       return EHOSTUNREACH;
+    case NSFileProviderError::deletionRejected:
+    case NSFileProviderError::excludedFromSync:
+      return EPERM;
+    case NSFileProviderError::nonEvictableChildren:
+    case NSFileProviderError::unsyncedEdits:
+    case NSFileProviderError::nonEvictable:
+      return EBUSY;
+    case NSFileProviderError::syncAnchorExpired:
+    case NSFileProviderError::providerNotFound:
+    case NSFileProviderError::providerTranslocated:
+    case NSFileProviderError::olderExtensionVersionRunning:
+    case NSFileProviderError::newerExtensionVersionFound:
+    case NSFileProviderError::cannotSynchronize:
     case NSFileProviderError::providerDomainNotFound:
-      return EIO;
     case NSFileProviderError::applicationExtensionNotFound:
       return EIO;
   }

@@ -143,15 +143,15 @@ void FileContents::fetched(std::optional<std::filesystem::path> url, NSErrorPtr 
     }
   }
   if (error) {
-    fail(std::move(error));
+    fail(error);
   } else {
-    deliver(std::move(file));
+    deliver(file);
   }
   services_->fetching(node_, -1);
 }
 
 // Still "fetching" until the kernel knows the size: a reader who came in between would be cut off at the old one.
-void FileContents::deliver(LocalFilePtr file) {
+void FileContents::deliver(const LocalFilePtr& file) {
   auto answerAll = [self = shared_from_this(), file] {
     Waiters waiters;
     {
@@ -167,7 +167,7 @@ void FileContents::deliver(LocalFilePtr file) {
   services_->arrived(node_, file->sizeBytes(), std::move(answerAll));
 }
 
-void FileContents::fail(NSErrorPtr error) {
+void FileContents::fail(const NSErrorPtr& error) {
   if (beginAgain()) return;
   Waiters waiters;
   {

@@ -72,8 +72,8 @@ class FileContents : public std::enable_shared_from_this<FileContents> {
   Answer<LocalFilePtr> openAgain() REQUIRES_LOCK(mutex_);
   void begin();
   void fetched(std::optional<std::filesystem::path> url, platform::NSErrorPtr error);
-  void deliver(LocalFilePtr file);
-  void fail(platform::NSErrorPtr error);
+  void deliver(const LocalFilePtr& file);
+  void fail(const platform::NSErrorPtr& error);
   bool beginAgain();
 
   // Constant.

@@ -7,7 +7,7 @@
 
 namespace kestrune::host {
 
-FileSystem::FileSystem(LiveTree::Services services, std::shared_ptr<Replica> replica)
+FileSystem::FileSystem(const LiveTree::Services& services, std::shared_ptr<Replica> replica)
     : extension_(services.extension),
       tree_(std::make_shared<LiveTree>(services)),
       refresher_(std::make_shared<Refresher>(extension_, tree_, services.timers, services.log)) {

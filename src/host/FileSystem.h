@@ -20,7 +20,7 @@ namespace kestrune::host {
 
 class FileSystem final : public Dispatcher {
  public:
-  FileSystem(LiveTree::Services services, std::shared_ptr<Replica> replica);
+  FileSystem(const LiveTree::Services& services, std::shared_ptr<Replica> replica);
   ~FileSystem() override { stop(); }
 
   void lookup(NodeId folder, std::string name, Reply<Entry> reply) override;

@@ -98,9 +98,7 @@ bool FileWatcher::drainEvents() {
         if ((event.mask & IN_MOVE_SELF) != 0) ::inotify_rm_watch(inotify_->number(), watch_);
         watch_ = -1;
         changed = true;
-      } else if ((event.mask & IN_Q_OVERFLOW) != 0) {
-        changed = true;
-      } else if (event.len > 0 && name == eventName) {
+      } else if ((event.mask & IN_Q_OVERFLOW) != 0 || (event.len > 0 && name == eventName)) {
         changed = true;
       }
     }

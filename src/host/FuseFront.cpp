@@ -89,8 +89,10 @@ OpenCalls::CallPtr beginCall(fuse_req_t request) {
   bool interrupted = false;
   auto arm = [request, &interrupted](std::uint64_t number) {
     interruptedWhileArming = &interrupted;
-    fuse_req_interrupt_func(request, &onInterrupt,
-                            reinterpret_cast<void*>(static_cast<std::uintptr_t>(number)));
+    fuse_req_interrupt_func(
+        request, &onInterrupt,
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): the library keeps a pointer's worth for us
+        reinterpret_cast<void*>(static_cast<std::uintptr_t>(number)));
     interruptedWhileArming = nullptr;
   };
   auto call = calls.begin(arm, [request](int error) { fuse_reply_err(request, error); });
@@ -218,6 +220,7 @@ void readFolderPlus(fuse_req_t request, fuse_ino_t folder, std::size_t size, off
 }
 
 OpenFilePtr* handleOf(const fuse_file_info* info) {
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): the kernel gives back the number that it was given
   return reinterpret_cast<OpenFilePtr*>(info->fh);
 }
 
@@ -233,7 +236,7 @@ void openFile(fuse_req_t request, fuse_ino_t node, fuse_file_info* info) {
   info->keep_cache = 1;  // a node's contents never change
   info->direct_io = answer.value()->listedEmpty ? 1 : 0;
   if (fuse_reply_open(request, info) == 0) {
-    handle.release();  // until it is released
+    static_cast<void>(handle.release());  // the kernel holds it until it is released
   } else {
     dispatcher.release(*handle);
   }

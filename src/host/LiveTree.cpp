@@ -62,7 +62,7 @@ void LiveTree::lookup(NodeId folder, std::string name, Reply<Entry> reply) {
     return;
   }
   auto visited = [self = shared_from_this(), folder, name = std::move(name),
-                  reply = std::move(reply)](Answer<Done> done) {
+                  reply = std::move(reply)](const Answer<Done>& done) {
     if (done.ok()) {
       self->lookup(folder, name, reply);
     } else {
@@ -160,7 +160,7 @@ void LiveTree::enumerated(NodeId folder, Answer<Listing> listing) {
     services_.log->failure("enumerate", "list '" + failedPath + "'",
                            aftermath.waitersError->localizedDescription());
   }
-  finish(std::move(aftermath));
+  finish(aftermath);
   if (late && listedLate_) listedLate_(folder);
 }
 
@@ -181,7 +181,7 @@ void LiveTree::takeEffects(const Node& folder, Effects effects, Aftermath& after
   if (!effects.cache.empty()) services_.kernel->tell(std::move(effects.cache), nullptr);
 }
 
-void LiveTree::finish(Aftermath aftermath) {
+void LiveTree::finish(const Aftermath& aftermath) {
   if (!aftermath.leftOut.empty()) services_.log->note("names", aftermath.leftOut);
   for (const auto& contents : aftermath.abandoned) contents->discard();
   for (const auto& waiter : aftermath.orphans) {
@@ -292,7 +292,7 @@ void LiveTree::applyChanges(NodeId folder, const ChangeSet& changes) {
     tree_.applyChanges(node, changes.changes, services_.clock->now(), effects);
     takeEffects(node, std::move(effects), aftermath);
   }
-  finish(std::move(aftermath));
+  finish(aftermath);
 }
 
 void LiveTree::applyListing(NodeId folder, const Listing& listing) {
@@ -307,7 +307,7 @@ void LiveTree::applyListing(NodeId folder, const Listing& listing) {
     tree_.setChildren(node, listing.items, services_.clock->now(), effects);
     takeEffects(node, std::move(effects), aftermath);
   }
-  finish(std::move(aftermath));
+  finish(aftermath);
 }
 
 bool LiveTree::isWithin(NodeId node, NodeId folder) {

@@ -100,7 +100,7 @@ class LiveTree : public std::enable_shared_from_this<LiveTree> {
   Attributes attributesOf(const Node& node) const REQUIRES_LOCK(mutex_);
   void enumerated(NodeId folder, Answer<Listing> listing);
   void takeEffects(const Node& folder, Effects effects, Aftermath& aftermath) REQUIRES_LOCK(mutex_);
-  void finish(Aftermath aftermath);
+  void finish(const Aftermath& aftermath);
 
   // Constant.
   const Services services_;

@@ -91,39 +91,35 @@ void Refresher::begin(NodeId folder, bool anew) {
     list(folder);
     return;
   }
-  auto identifier = state->identifier;
-  auto answered = [self = shared_from_this(), folder, state = std::move(*state)](
-                      Answer<std::optional<NSFileProviderSyncAnchor>> current) {
+  const Question question{folder, state->identifier, *state->anchor};
+  auto answered = [self = shared_from_this(),
+                   question](const Answer<std::optional<NSFileProviderSyncAnchor>>& current) {
     if (!current.ok()) {
-      self->report(folder, *current.error());
-      self->ended(folder, true);
-    } else if (current.value() == state.anchor) {
-      self->ended(folder, false);
+      self->report(question.folder, *current.error());
+      self->ended(question.folder, true);
+    } else if (current.value() == question.anchor) {
+      self->ended(question.folder, false);
     } else {
-      self->askChanges(folder, state, std::move(current.value()));
+      self->askChanges(
+          {question.folder, question.identifier, question.anchor, current.value().has_value()});
     }
   };
-  askSyncAnchor(extension_, std::move(identifier), std::move(answered));
+  askSyncAnchor(extension_, question.identifier, std::move(answered));
 }
 
-void Refresher::askChanges(NodeId folder, LiveTree::FolderState state,
-                           std::optional<NSFileProviderSyncAnchor> current) {
-  const bool duringFetch = fetchRunsBelow(folder);
-  if (duringFetch) {
+void Refresher::askChanges(const Question& question) {
+  if (fetchRunsBelow(question.folder)) {
     MutexLock lock(mutex_);
-    askedDuringFetch_.insert(folder);
+    askedDuringFetch_.insert(question.folder);
   }
-  const NSFileProviderSyncAnchor anchor = *state.anchor;
-  // Without a present anchor to compare with, an answer that does not move is taken at its word.
-  auto answered = [self = shared_from_this(), folder, anchor,
-                   behind = current.has_value()](Answer<ChangeSet> answer) {
-    self->changed(folder, anchor, behind, std::move(answer));
+  auto answered = [self = shared_from_this(), question](const Answer<ChangeSet>& answer) {
+    self->changed(question, answer);
   };
-  enumerateFolderChanges(extension_, std::move(state.identifier), anchor, std::move(answered));
+  enumerateFolderChanges(extension_, question.identifier, question.anchor, std::move(answered));
 }
 
-void Refresher::changed(NodeId folder, const NSFileProviderSyncAnchor& before, bool behind,
-                        Answer<ChangeSet> answer) {
+void Refresher::changed(const Question& question, const Answer<ChangeSet>& answer) {
+  const NodeId folder = question.folder;
   if (!answer.ok()) {
     if (isExpiredAnchor(*answer.error())) {
       list(folder);
@@ -133,22 +129,14 @@ void Refresher::changed(NodeId folder, const NSFileProviderSyncAnchor& before, b
     ended(folder, true);
     return;
   }
-  if (fetchRunsBelow(folder)) {
-    MutexLock lock(mutex_);
-    askedDuringFetch_.insert(folder);
-  }
   const ChangeSet& changes = answer.value();
   tree_->applyChanges(folder, changes);
-  const bool moved = changes.anchor != before;
+  const bool moved = changes.anchor != question.anchor;
   if (changes.moreComing && moved) {
-    askChanges(folder,
-               LiveTree::FolderState{
-                   tree_->listedFolder(folder).value_or(LiveTree::FolderState{}).identifier,
-                   changes.anchor},
-               changes.anchor);
+    askChanges({folder, question.identifier, changes.anchor, question.isBehind});
     return;
   }
-  const bool failed = !moved && (behind || changes.moreComing);
+  const bool failed = !moved && (question.isBehind || changes.moreComing);
   if (failed) {
     log_->failure("refresh", "bring '" + tree_->path(folder) + "' up to date",
                   "its changes could not be enumerated");
@@ -217,12 +205,34 @@ bool Refresher::fetchRunsBelow(NodeId folder) {
 }
 
 void Refresher::fetching(NodeId file, int step) {
+  if (step > 0) {
+    fetchBegins(file);
+  } else {
+    fetchEnds(file);
+  }
+}
+
+void Refresher::fetchBegins(NodeId file) {
+  std::vector<NodeId> asking;
+  {
+    MutexLock lock(mutex_);
+    ++fetches_[file];
+    for (const auto& [id, folder] : folders_) {
+      if (folder.phase == Phase::asking) asking.push_back(id);
+    }
+  }
+  for (const NodeId folder : asking) {
+    if (!tree_->isWithin(file, folder)) continue;
+    MutexLock lock(mutex_);
+    askedDuringFetch_.insert(folder);
+  }
+}
+
+void Refresher::fetchEnds(NodeId file) {
   std::vector<NodeId> candidates;
   {
     MutexLock lock(mutex_);
-    int& count = fetches_[file];
-    count += step;
-    if (count > 0) return;
+    if (--fetches_[file] > 0) return;
     fetches_.erase(file);
     candidates.assign(askedDuringFetch_.begin(), askedDuringFetch_.end());
   }

@@ -64,16 +64,25 @@ class Refresher : public std::enable_shared_from_this<Refresher> {
     Timers::Token timer = 0;
   };
 
+  // One change enumeration.
+  struct Question {
+    NodeId folder;
+    platform::NSFileProviderItemIdentifier identifier;
+    platform::NSFileProviderSyncAnchor anchor;
+    /// The extension's present anchor is known to be another. Otherwise an answer that does not move is taken at its word.
+    bool isBehind = false;
+  };
+
   void enqueue(NodeId folder, bool anew);
   void pump();
   void begin(NodeId folder, bool anew);
-  void askChanges(NodeId folder, LiveTree::FolderState state,
-                  std::optional<platform::NSFileProviderSyncAnchor> current);
-  void changed(NodeId folder, const platform::NSFileProviderSyncAnchor& before, bool behind,
-               Answer<ChangeSet> answer);
+  void askChanges(const Question& question);
+  void changed(const Question& question, const Answer<ChangeSet>& answer);
   void list(NodeId folder);
   void ended(NodeId folder, bool failed);
   void report(NodeId folder, const platform::NSError& error);
+  void fetchBegins(NodeId file);
+  void fetchEnds(NodeId file);
   bool fetchRunsBelow(NodeId folder);
 
   // Constant.

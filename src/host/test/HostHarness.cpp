@@ -121,7 +121,7 @@ HostHarness::HostHarness()
   services.kernel = kernel_;
   services.clock = std::make_shared<const support::ManualClock>();
   services.log = std::make_shared<HostLog>();
-  fileSystem_ = std::make_unique<FileSystem>(std::move(services), std::move(replica));
+  fileSystem_ = std::make_unique<FileSystem>(services, std::move(replica));
 }
 
 HostHarness::~HostHarness() = default;

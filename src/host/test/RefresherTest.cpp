@@ -168,6 +168,22 @@ TEST_F(RefresherTest, AFolderAskedDuringAFetchIsEnumeratedAnewAfterIt) {
   EXPECT_TRUE(waitForNames({"big", "new"}, docs));
 }
 
+TEST_F(RefresherTest, SoIsOneWhoseFetchBeganAndEndedWhileItWasAsked) {
+  remote().putFolder("/docs");
+  remote().putFile("/docs/a", "x");
+  remote().putFile("/docs/old", "x");
+  names();
+  const NodeId docs = find("/docs").node;
+  names(docs);
+  remote().hold(Ask::changes, "/docs");
+  remote().putFile("/docs/new", "x");
+  announce("/docs");
+  EXPECT_EQ(readPath("/docs/a"), "x");
+  remote().stopHolding(Ask::changes, "/docs");
+  ASSERT_TRUE(remote().waitUntilAsked(Ask::items, "/docs", 2));
+  EXPECT_TRUE(waitForNames({"a", "old", "new"}, docs));
+}
+
 TEST_F(RefresherTest, OnlyAFewFoldersAreAskedAtATime) {
   constexpr int kFolders = 20;
   for (int i = 0; i < kFolders; ++i) remote().putFolder("/f" + std::to_string(i));
