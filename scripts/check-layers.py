@@ -50,10 +50,14 @@ for source in sorted(list(src.rglob("*.cpp")) + list((root / "tests").rglob("*.c
     if source.resolve() not in targets_of:
         problems.append(f"{source.relative_to(root)}: no target lists it")
 
+targets_in = {}  # folder -> its libraries (a folder may have one more for its tests)
 for target, folder in folder_of.items():
+    targets_in.setdefault(folder, set()).add(target)
+
+for folder, targets in targets_in.items():
     if src not in folder.parents:
         continue
-    allowed = {folder} | {folder_of[name] for name in reachable(target)}
+    allowed = {folder} | {folder_of[name] for target in targets for name in reachable(target)}
     for file in sorted(list(folder.rglob("*.cpp")) + list(folder.rglob("*.h"))):
         if "test" in file.relative_to(folder).parts:
             continue
@@ -62,7 +66,7 @@ for target, folder in folder_of.items():
             if not header.exists():
                 problems.append(f"{file.relative_to(root)}: includes \"{included}\", which is not below src/")
             elif not any(owner == header.parent or owner in header.parents for owner in allowed):
-                problems.append(f"{file.relative_to(root)}: includes \"{included}\", which {target} does not link")
+                problems.append(f"{file.relative_to(root)}: includes \"{included}\", which {' and '.join(sorted(targets))} does not link")
 
 print("\n".join(problems) if problems else f"layers: {len(folder_of)} libraries, {len(targets_of)} sources, clean")
 sys.exit(1 if problems else 0)

@@ -405,7 +405,8 @@ TEST_F(KestruneAPITest, NothingIsRetriedAndNothingIsLogged) {
   const support::CapturingLogSink log;
   std::size_t calls = 0;
   for (const Endpoint& endpoint : endpoints()) {
-    for (const auto& answer : {Answer(503, "x"), Answer(200, "x"), Answer(200, "{}").closingAt(1)}) {
+    for (const auto& answer :
+         {Answer(503, "x"), Answer(200, "x"), Answer(200, "{}").closingAt(1)}) {
       service_.http().next(endpoint.method, endpoint.path, answer);
       failureOf(endpoint.call());
       EXPECT_EQ(service_.http().requestCount(), ++calls) << endpoint.name;
