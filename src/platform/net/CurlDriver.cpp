@@ -37,9 +37,9 @@ std::exception_ptr cancelledError() {
 
 }  // namespace
 
-CurlDriver::CurlDriver(const URLSessionConfiguration& configuration) : multi_(makeMulti()) {
-  curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS,
-                    static_cast<long>(configuration.httpMaximumConnectionsPerHost));
+CurlDriver::CurlDriver(const URLSessionConfiguration& configuration)
+    : multi_(makeMulti()),
+      maximumPerHost_(std::max(configuration.httpMaximumConnectionsPerHost, 1)) {
   curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, kKeptConnections);
 }
 
@@ -109,7 +109,7 @@ void CurlDriver::run() {
     curl_multi_perform(multi_, &running);
     for (const auto& entry : active_) entry.second->sink().turnEnded();
     collectEnded();
-    expireIdle();
+    expire();
     curl_multi_poll(multi_, nullptr, 0, pollMilliseconds(), nullptr);
   }
   endAll();
@@ -135,7 +135,8 @@ bool CurlDriver::carryOutCommands() {
         if (invalidated) {
           command.transfer->fail(cancelledError());
         } else {
-          begin(command.transfer);
+          hosts_[command.transfer->origin()].waiting.push_back(command.transfer);
+          startWaiting(command.transfer->origin());
         }
         break;
       case Order::cancel:
@@ -156,30 +157,56 @@ bool CurlDriver::carryOutCommands() {
   return goOn;
 }
 
-void CurlDriver::begin(const std::shared_ptr<Transfer>& transfer) {
+bool CurlDriver::start(const std::shared_ptr<Transfer>& transfer) {
   try {
     CURL* easy = transfer->prepare();
     const CURLMcode code = curl_multi_add_handle(multi_, easy);
     if (code != CURLM_OK) throw URLError(URLError::unknown, curl_multi_strerror(code));
   } catch (...) {
     transfer->fail(std::current_exception());
-    return;
+    return false;
   }
   active_.emplace(transfer.get(), transfer);
-}
-
-bool CurlDriver::detach(Transfer* transfer) {
-  if (active_.erase(transfer) == 0) return false;
-  curl_multi_remove_handle(multi_, transfer->handle());
   return true;
 }
 
+void CurlDriver::startWaiting(const std::string& origin) {
+  const auto found = hosts_.find(origin);
+  if (found == hosts_.end()) return;
+  Host& host = found->second;
+  while (!host.waiting.empty() && host.running < maximumPerHost_) {
+    const std::shared_ptr<Transfer> next = std::move(host.waiting.front());
+    host.waiting.pop_front();
+    if (start(next)) ++host.running;
+  }
+  if (host.running == 0 && host.waiting.empty()) hosts_.erase(found);
+}
+
+bool CurlDriver::detach(Transfer* transfer) {
+  if (active_.erase(transfer) > 0) {
+    curl_multi_remove_handle(multi_, transfer->handle());
+    --hosts_[transfer->origin()].running;
+    startWaiting(transfer->origin());
+    return true;
+  }
+  const auto host = hosts_.find(transfer->origin());
+  if (host == hosts_.end()) return false;
+  // The caller's pointer keeps it.
+  return std::erase_if(host->second.waiting,
+                       [transfer](const auto& waiting) { return waiting.get() == transfer; }) > 0;
+}
+
 void CurlDriver::endAll() {
+  // First those that wait: nothing may start any more.
+  for (auto& [origin, host] : hosts_) {
+    for (const auto& transfer : std::exchange(host.waiting, {})) transfer->fail(cancelledError());
+  }
   while (!active_.empty()) {
     const std::shared_ptr<Transfer> transfer = active_.begin()->second;
     detach(transfer.get());
     transfer->fail(cancelledError());
   }
+  hosts_.clear();
 }
 
 void CurlDriver::collectEnded() {
@@ -195,26 +222,37 @@ void CurlDriver::collectEnded() {
   }
 }
 
-void CurlDriver::expireIdle() {
+void CurlDriver::expire() {
   const auto now = std::chrono::steady_clock::now();
   std::vector<std::shared_ptr<Transfer>> expired;
   for (const auto& [key, transfer] : active_) {
     const auto deadline = transfer->idleDeadline();
     if (deadline && *deadline <= now) expired.push_back(transfer);
   }
+  for (const auto& [origin, host] : hosts_) {
+    // All transfers of a session may last equally long, so the first that waits runs out first.
+    for (const auto& transfer : host.waiting) {
+      if (transfer->resourceDeadline() > now) break;
+      expired.push_back(transfer);
+    }
+  }
   for (const auto& transfer : expired) {
-    detach(transfer.get());
-    transfer->fail(std::make_exception_ptr(URLError(URLError::timedOut)));
+    if (detach(transfer.get()))
+      transfer->fail(std::make_exception_ptr(URLError(URLError::timedOut)));
   }
 }
 
 int CurlDriver::pollMilliseconds() const {
   auto wait = std::chrono::milliseconds(kLongestPollMilliseconds);
   const auto now = std::chrono::steady_clock::now();
+  const auto waitUntil = [&wait, now](Transfer::Instant deadline) {
+    wait = std::min(wait, std::chrono::ceil<std::chrono::milliseconds>(deadline - now));
+  };
   for (const auto& [key, transfer] : active_) {
-    const auto deadline = transfer->idleDeadline();
-    if (!deadline) continue;
-    wait = std::min(wait, std::chrono::ceil<std::chrono::milliseconds>(*deadline - now));
+    if (const auto deadline = transfer->idleDeadline()) waitUntil(*deadline);
+  }
+  for (const auto& [origin, host] : hosts_) {
+    if (!host.waiting.empty()) waitUntil(host.waiting.front()->resourceDeadline());
   }
   return static_cast<int>(std::max(wait, std::chrono::milliseconds(0)).count());
 }

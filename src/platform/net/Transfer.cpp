@@ -215,7 +215,9 @@ void Transfer::setAddressAndLimits() {
   setOption(easy_, CURLOPT_TCP_KEEPALIVE, 1L);
   setOption(easy_, CURLOPT_BUFFERSIZE, kReceiveBufferBytes);
   setOption(easy_, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-  setOption(easy_, CURLOPT_TIMEOUT_MS, static_cast<long>(resourceTimeout_.count()));
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(resourceDeadline() -
+                                                                 std::chrono::steady_clock::now());
+  setOption(easy_, CURLOPT_TIMEOUT_MS, static_cast<long>(std::max(left.count(), 1L)));  // 0: none
   setOption(easy_, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(idleTimeout_.count()));
   // OpenSSL's own variable for a store of one's own (a service with a private authority); libcurl
   // does not read it.

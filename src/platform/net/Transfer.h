@@ -68,6 +68,10 @@ class Transfer : public std::enable_shared_from_this<Transfer> {
   CURL* prepare();
   CURL* handle() const { return easy_; }
   TransferSink& sink() { return *sink_; }
+  /// Of the address that was asked for.
+  const std::string& origin() const { return request_.url.origin(); }
+  /// When the whole transfer must have ended, waiting included.
+  Instant resourceDeadline() const { return made_ + resourceTimeout_; }
   /// When the idle clock runs out; nothing while it stands still.
   std::optional<Instant> idleDeadline() const;
   void setPaused(bool paused);
@@ -103,6 +107,7 @@ class Transfer : public std::enable_shared_from_this<Transfer> {
   const URLRequest request_;
   const std::chrono::milliseconds idleTimeout_;
   const std::chrono::milliseconds resourceTimeout_;
+  const Instant made_ = std::chrono::steady_clock::now();
 
   // Used by the driver's thread alone.
   std::unique_ptr<BodySource> body_;
