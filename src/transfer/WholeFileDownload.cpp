@@ -62,10 +62,16 @@ std::filesystem::path deliveredFile(const std::optional<std::filesystem::path>& 
   return takeOver(*location);
 }
 
+// How a download task ended: with a file, or with an error. An error crosses from the handler's
+// thread to the task's as a value; thrown, it would be one exception object on two threads.
+struct DownloadEnd {
+  std::filesystem::path file;
+  NSErrorPtr error;
+};
+
 Task<std::filesystem::path> downloadWithProgress(std::shared_ptr<URLSession> session, URL url,
                                                  std::string transferId, NSProgressPtr progress) {
-  using Result = platform::Continuation<std::filesystem::path>;
-  auto begin = [&](Result continuation) {
+  auto begin = [&](platform::Continuation<DownloadEnd> continuation) {
     // The task is told of its own end: it ends its observation first.
     auto task = std::make_shared<std::shared_ptr<platform::URLSessionDownloadTask>>();
     *task = session->downloadTask(
@@ -73,11 +79,13 @@ Task<std::filesystem::path> downloadWithProgress(std::shared_ptr<URLSession> ses
         [continuation, task](const auto& location, const auto& response, const NSErrorPtr& error) {
           (*task)->invalidateObservation();
           task->reset();
+          DownloadEnd end;
           try {
-            continuation.resume(deliveredFile(location, response, error));
-          } catch (const platform::NSError&) {
-            continuation.fail(std::current_exception());
+            end.file = deliveredFile(location, response, error);
+          } catch (...) {
+            end.error = platform::currentError();
           }
+          continuation.resume(std::move(end));
         });
     (*task)->observe([transferId, progress](platform::DownloadCounts counts) {
       SyncStatusStore::shared().update(transferId, counts.countOfBytesReceived);
@@ -88,8 +96,9 @@ Task<std::filesystem::path> downloadWithProgress(std::shared_ptr<URLSession> ses
     const auto started = *task;  // the handler may drop the task before `resume` returns
     started->resume();
   };
-  std::filesystem::path file = co_await platform::suspendUntilResumed<std::filesystem::path>(begin);
-  co_return file;
+  DownloadEnd end = co_await platform::suspendUntilResumed<DownloadEnd>(begin);
+  if (end.error) end.error->raise();
+  co_return std::move(end.file);
 }
 
 // One attempt, with a fresh address.
