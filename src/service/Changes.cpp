@@ -15,8 +15,9 @@ constexpr std::size_t kMaxListeners = 256;
 
 }  // namespace
 
-Changes::Listener::Listener(Changes& changes, asio::any_io_executor executor, std::uint64_t seen)
-    : changes_(changes), timer_(std::move(executor)), seen_(seen) {}
+Changes::Listener::Listener(Changes& changes, const asio::any_io_executor& executor,
+                            std::uint64_t seen)
+    : changes_(changes), timer_(executor), seen_(seen) {}
 
 Changes::Wake Changes::Listener::look() {
   const platform::MutexLock lock(changes_.mutex_);
@@ -34,10 +35,10 @@ asio::awaitable<Changes::Wake> Changes::Listener::wait(std::chrono::milliseconds
   co_return look();
 }
 
-std::shared_ptr<Changes::Listener> Changes::listen(asio::any_io_executor executor) {
+std::shared_ptr<Changes::Listener> Changes::listen(const asio::any_io_executor& executor) {
   const platform::MutexLock lock(mutex_);
   if (present().size() >= kMaxListeners) return nullptr;
-  std::shared_ptr<Listener> listener(new Listener(*this, std::move(executor), count_));
+  std::shared_ptr<Listener> listener(new Listener(*this, executor, count_));
   listeners_.push_back(listener);
   return listener;
 }

@@ -31,7 +31,7 @@ class Changes {
 
    private:
     friend class Changes;
-    Listener(Changes& changes, boost::asio::any_io_executor executor, std::uint64_t seen);
+    Listener(Changes& changes, const boost::asio::any_io_executor& executor, std::uint64_t seen);
     Wake look();
 
     Changes& changes_;
@@ -40,7 +40,7 @@ class Changes {
   };
 
   /// Null when there are too many already.
-  std::shared_ptr<Listener> listen(boost::asio::any_io_executor executor);
+  std::shared_ptr<Listener> listen(const boost::asio::any_io_executor& executor);
   /// Something has changed.
   void announce();
   /// Every wait, present and future, ends with Wake::ended.

@@ -8,6 +8,9 @@
 namespace kestrune::service {
 namespace {
 
+/// A week, as common object stores have it.
+constexpr std::int64_t kMaxURLLifetimeSeconds = 604'800;
+
 constexpr const char* kFooter =
     "The staging directory holds uploads until they are imported; it lies outside the root on the "
     "same file system.\n"
@@ -78,7 +81,7 @@ std::optional<CommandLine> parseCommandLine(int argc, char** argv, int& exitCode
                  "what clients reach this service by, if not by the address it listens on");
   app.add_option("--url-lifetime", urlLifetimeSeconds,
                  "seconds that a pre-signed URL is valid; default: 3600")
-      ->check(CLI::Range(std::int64_t{1}, std::int64_t{7 * 24 * 3600}));
+      ->check(CLI::Range(std::int64_t{1}, kMaxURLLifetimeSeconds));
   app.add_flag("--no-sync", noSync,
                "do not wait for the disk: after a power cut, confirmed changes may be lost");
   try {

@@ -46,7 +46,7 @@ Exchange::Exchange(Stream& stream, boost::beast::flat_buffer& buffer, const Time
   keepAlive_ = parser.keep_alive();
   if (parser.chunked()) {
     request_ = parser.get();
-    chunks_.emplace(std::move(parser));
+    chunks_ = std::make_unique<BodyParser>(std::move(parser));
     chunks_->body_limit(boost::none);
   } else {
     length_ = parser.content_length().value_or(0);

@@ -110,8 +110,8 @@ class Exchange {
   boost::beast::flat_buffer& buffer_;
   const Timeouts& timeouts_;
   boost::beast::http::request<boost::beast::http::empty_body> request_;
-  /// Only for bodies in chunks.
-  std::optional<BodyParser> chunks_;
+  /// Null for bodies of known length.
+  std::unique_ptr<BodyParser> chunks_;
   std::uint64_t length_ = 0;
   std::uint64_t remaining_ = 0;
   bool permitted_ = false;

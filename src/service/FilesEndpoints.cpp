@@ -58,21 +58,20 @@ asio::awaitable<void> FilesEndpoints::list(std::shared_ptr<Exchange> exchange) {
   reply.contentType = "application/json";
   std::string piece;
   piece.reserve(kListingPieceBytes + 1024);
-  const auto makePiece = [&] { return listing.next(piece, kListingPieceBytes); };
-  bool more = co_await parts_.fileThreads.run(makePiece);
-  if (!more) {
-    reply.body = std::move(piece);
-    co_await exchange->reply(std::move(reply));
-  } else {
-    co_await exchange->beginStream(std::move(reply));
-    while (more) {
-      co_await exchange->writePiece(piece);
-      piece.clear();
-      more = co_await parts_.fileThreads.run(makePiece);
+  bool streaming = false;
+  for (bool more = true; more;) {
+    piece.clear();
+    more = co_await parts_.fileThreads.run([&] { return listing.next(piece, kListingPieceBytes); });
+    if (!more && !streaming) {
+      reply.body = std::move(piece);
+      co_await exchange->reply(std::move(reply));
+      break;
     }
+    if (!streaming) co_await exchange->beginStream(reply);
+    streaming = true;
     co_await exchange->writePiece(piece);
-    co_await exchange->finishStream();
   }
+  if (streaming) co_await exchange->finishStream();
   if (listing.refusedNames() > 0) {
     serviceLog().write(platform::LogLevel::standard,
                        "a listing left out %ld names that are not acceptable",

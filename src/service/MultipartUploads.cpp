@@ -13,7 +13,7 @@ constexpr std::size_t kMaxOpenUploads = 1000;
 /// A first part below this is more likely the short last one of a small file than the measure of
 /// all.
 constexpr std::uint64_t kLeastMeasure = 1U << 20U;
-constexpr std::int64_t kAbandonedSeconds = 24 * 60 * 60;
+constexpr std::int64_t kAbandonedSeconds = 86'400;
 
 std::string_view withoutQuotes(std::string_view tag) {
   const bool quoted = tag.size() >= 2 && tag.front() == '"' && tag.back() == '"';
@@ -134,7 +134,7 @@ std::shared_ptr<Draft> MultipartUploads::join(const Joining& joining) const {
     total += part.length;
     if (total > kMaxUploadBytes) throw ServiceError(413, "the file is too large");
   }
-  const std::shared_ptr<Draft> object =
+  std::shared_ptr<Draft> object =
       wholeFits ? joining.whole : std::shared_ptr<Draft>(staging_.newDraft());
   std::uint64_t offset = 0;
   for (const Part& part : joining.parts) {

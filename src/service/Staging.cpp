@@ -24,7 +24,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kLockName = "kestrune-staging.lock";
-constexpr std::int64_t kAbandonedSeconds = 24 * 60 * 60;
+constexpr std::int64_t kAbandonedSeconds = 86'400;
 constexpr std::size_t kNameBytes = 16;
 
 [[noreturn]] void refuse(const fs::path& directory, const std::string& why) {

@@ -73,7 +73,7 @@ bool Client::readMore() {
     throw std::runtime_error("no answer in time");
   std::string piece(64U << 10U, '\0');
   const ssize_t count = ::recv(socket_.get(), piece.data(), piece.size(), 0);
-  if (count < 0) throw std::runtime_error("the connection was reset");
+  if (count < 0) throw ConnectionEnded("the connection was reset");
   unread_.append(piece, 0, static_cast<std::size_t>(count));
   return count > 0;
 }
@@ -91,7 +91,7 @@ Answer Client::readAnswer(bool bodyExpected) {
     if (parser.is_done()) break;
     if (!readMore()) {
       parser.put_eof(error);
-      if (error || !parser.is_done()) throw std::runtime_error("the answer was cut off");
+      if (error || !parser.is_done()) throw ConnectionEnded("the answer was cut off");
     }
   }
   Answer answer;
@@ -109,7 +109,7 @@ std::string Client::readUntil(std::string_view end) {
   std::size_t found = 0;
   while ((found = unread_.find(end, searched)) == std::string::npos) {
     searched = unread_.size() < end.size() ? 0 : unread_.size() - end.size() + 1;
-    if (!readMore()) throw std::runtime_error("the connection ended early");
+    if (!readMore()) throw ConnectionEnded("the connection ended early");
   }
   std::string text = unread_.substr(0, found + end.size());
   unread_.erase(0, text.size());

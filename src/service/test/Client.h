@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -17,6 +18,12 @@
 #include "service/FileDescriptor.h"
 
 namespace kestrune::service {
+
+/// The service has ended the connection, in order or with a reset.
+class ConnectionEnded : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
 
 struct Answer {
   unsigned status = 0;
@@ -43,7 +50,7 @@ class Client {
   void send(std::string_view bytes) const;
   /// Sends without waiting for room; returns how much the connection took.
   std::size_t sendWhatFits(std::string_view bytes) const;
-  /// The next answer. Throws std::runtime_error if the connection ends first, or within it.
+  /// The next answer. Throws ConnectionEnded if the connection ends first, or within it.
   Answer readAnswer(bool bodyExpected = true);
   /// Reads up to and with `end`, and returns all of it.
   std::string readUntil(std::string_view end);

@@ -122,6 +122,16 @@ TEST_F(StagingTest, ADraftThatIsNotHandedOverVanishes) {
   EXPECT_TRUE(fs::is_empty(directory() / "drafts"));
 }
 
+TEST_F(StagingTest, AHopelessReservationTakesNothingOfTheDisk) {
+  open();
+  const fs::space_info disk = fs::space(directory());
+  const auto draft = staging->newDraft();
+  EXPECT_EQ(refusalOf([&] { draft->reserve(0, disk.available + (1ULL << 40U)); }), 507U);
+  struct stat status {};
+  ASSERT_EQ(::fstat(draft->file().get(), &status), 0);
+  EXPECT_EQ(status.st_blocks, 0);
+}
+
 TEST_F(StagingTest, WhatAnEarlierRunLeftIsClearedAtTheStartButObjectsStay) {
   open();
   const std::string key = keep("contents");
