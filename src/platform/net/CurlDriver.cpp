@@ -158,12 +158,16 @@ bool CurlDriver::carryOutCommands() {
 }
 
 bool CurlDriver::start(const std::shared_ptr<Transfer>& transfer) {
+  std::exception_ptr failure;
   try {
     CURL* easy = transfer->prepare();
     const CURLMcode code = curl_multi_add_handle(multi_, easy);
     if (code != CURLM_OK) throw URLError(URLError::unknown, curl_multi_strerror(code));
   } catch (...) {
-    transfer->fail(std::current_exception());
+    failure = std::current_exception();
+  }
+  if (failure) {
+    transfer->fail(std::move(failure));  // outside of the handler: it belongs to the reader alone
     return false;
   }
   active_.emplace(transfer.get(), transfer);

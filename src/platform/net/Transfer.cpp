@@ -317,7 +317,7 @@ void Transfer::announceResponse() {
 }
 
 void Transfer::finish(CURLcode code) {
-  if (failure_) return fail(failure_);
+  if (failure_) return fail(std::move(failure_));
   // An answer in no protocol that libcurl knows has the code of an address in none, but comes after
   // a request.
   if (code == CURLE_UNSUPPORTED_PROTOCOL && sentAfterRedirects_ == redirectCount()) {
@@ -331,8 +331,9 @@ void Transfer::finish(CURLcode code) {
   try {
     announceResponse();
   } catch (...) {
-    return fail(std::current_exception());
+    failure_ = std::current_exception();
   }
+  if (failure_) return fail(std::move(failure_));
   sink_->didEnd(nullptr);
 }
 
