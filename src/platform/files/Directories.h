@@ -9,7 +9,7 @@
 namespace kestrune::platform {
 
 /// The Application Support directory of the user domain: $XDG_DATA_HOME where that is an absolute
-/// path, else .local/share in the home directory (XDG Base Directory Specification 0.8): $HOME
+/// path, else .local/share in the home directory (XDG Base Directory 0.8): $HOME
 /// where that is an absolute path, else the account's. It is not created. Without any home
 /// directory the process ends with a line on standard error: nothing of the project can work then.
 std::filesystem::path applicationSupportDirectory();
