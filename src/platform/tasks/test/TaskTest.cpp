@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <boost/asio/post.hpp>
+#include <memory>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -209,24 +210,32 @@ TEST(TaskLedgerTest, IdleHandlerMaySpawnAndAskTheLedger) {
   EXPECT_TRUE(second.wait());
 }
 
+/// The same for a task that nobody waits for: it may outlive the test, so it owns its events.
+Task<void> waitingAlone(std::shared_ptr<Event> runs, std::shared_ptr<Event> mayEnd) {
+  runs->set();
+  EXPECT_TRUE(mayEnd->wait());
+  co_return;
+}
+
 TEST(TaskLedgerTest, OnlyTasksStartedInsideTheScopeOnItsThreadCount) {
-  Event runs;
-  Event mayEnd;
-  Event outsideRuns;
+  const auto runs = std::make_shared<Event>();
+  const auto outsideRuns = std::make_shared<Event>();
+  const auto mayEnd = std::make_shared<Event>();
   Event idle;
   const auto ledger = TaskLedger::make();
-  spawnDetached("before the scope", waiting(&runs, &mayEnd));
+  spawnDetached("before the scope", waitingAlone(runs, mayEnd));
   {
     const TaskLedger::Scope scope(ledger);
-    std::thread([&] { spawnDetached("another thread's", waiting(&outsideRuns, &mayEnd)); }).join();
+    std::thread([&] {
+      spawnDetached("another thread's", waitingAlone(outsideRuns, mayEnd));
+    }).join();
   }
-  EXPECT_TRUE(runs.wait()) << "the gate is not theirs";
-  EXPECT_TRUE(outsideRuns.wait());
+  EXPECT_TRUE(runs->wait()) << "the gate is not theirs";
+  EXPECT_TRUE(outsideRuns->wait());
   ledger->open();
   ledger->whenIdle([&] { idle.set(); });
   EXPECT_TRUE(idle.isSet());
-  mayEnd.set();
-  letExecutorRun();
+  mayEnd->set();
 }
 
 TEST(TaskLedgerTest, ScopesNest) {
