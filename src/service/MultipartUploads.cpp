@@ -84,9 +84,9 @@ std::string MultipartUploads::finishPart(const std::string& id, const Slot& slot
   if (!slot.inPlace) slot.draft->close();
   const platform::MutexLock lock(mutex_);
   Upload& upload = find(id);
-  if (slot.inPlace) --upload.writing;
   // Complete has looked at the parts already; this one came too late for it.
   if (upload.completing) throw conflict("the upload is being completed");
+  if (slot.inPlace) --upload.writing;
   std::swap(upload.parts[slot.number], part);
   upload.touched = nowSeconds;
   return tag;

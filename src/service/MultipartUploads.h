@@ -65,7 +65,7 @@ class MultipartUploads {
   /// `length` is what was announced, if it was.
   Slot beginPart(const std::string& id, int number, std::optional<std::uint64_t> length);
   /// The part is complete; returns its entity tag, without quotes. An earlier part of that number
-  /// is forgotten.
+  /// is forgotten. 409 while the upload is being completed; `failPart` must follow then.
   std::string finishPart(const std::string& id, const Slot& slot, std::uint64_t length,
                          std::int64_t nowSeconds);
   /// The part will not be completed.

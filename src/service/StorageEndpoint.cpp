@@ -4,7 +4,9 @@
 
 #include <charconv>
 #include <exception>
+#include <optional>
 #include <system_error>
+#include <tuple>
 #include <utility>
 
 #include "service/ByteRange.h"
@@ -25,6 +27,33 @@ std::string_view rangeOf(const Exchange& exchange, const std::string& tag,
       condition.empty() || condition == tag || (!lastModified.empty() && condition == lastModified);
   return holds ? exchange.field("Range") : std::string_view();
 }
+
+/// One part's way through the book-keeping of its upload.
+class PartInProgress {
+ public:
+  PartInProgress(MultipartUploads& uploads, const std::string& key,
+                 std::optional<std::uint64_t> length)
+      : uploads_(uploads), length_(length) {
+    std::tie(id_, number_) = parsePartKey(key);
+  }
+
+  UploadTarget begin() {
+    slot_ = uploads_.beginPart(id_, number_, length_);
+    return {std::move(slot_.draft), slot_.offset};
+  }
+  std::string finish(const Received& received) {
+    slot_.draft = received.target.draft;
+    return uploads_.finishPart(id_, slot_, received.length, secondsNow());
+  }
+  void fail() { uploads_.failPart(id_, slot_); }
+
+ private:
+  MultipartUploads& uploads_;
+  std::optional<std::uint64_t> length_;
+  std::string id_;
+  int number_ = 0;
+  MultipartUploads::Slot slot_;
+};
 
 asio::awaitable<void> replyStored(std::shared_ptr<Exchange> exchange, std::string tag) {
   Reply stored;
@@ -135,25 +164,18 @@ asio::awaitable<void> StorageEndpoint::uploadObject(std::shared_ptr<Exchange> ex
 
 asio::awaitable<void> StorageEndpoint::uploadPart(std::shared_ptr<Exchange> exchange,
                                                   std::string key) {
-  const auto [uploadId, number] = parsePartKey(key);
-  MultipartUploads::Slot slot;
+  PartInProgress part(parts_.uploads, key, exchange->bodyLength());
   std::exception_ptr failure;
   std::string tag;
-  const auto makeTarget = [this, &slot, &exchange, id = uploadId, wanted = number] {
-    slot = parts_.uploads.beginPart(id, wanted, exchange->bodyLength());
-    return UploadTarget{std::move(slot.draft), slot.offset};
-  };
   try {
-    const Received received = co_await receiveUpload(exchange, &parts_.fileThreads, makeTarget);
-    slot.draft = received.target.draft;
-    tag = co_await parts_.fileThreads.run([&, id = uploadId] {
-      return parts_.uploads.finishPart(id, slot, received.length, secondsNow());
-    });
+    const Received received =
+        co_await receiveUpload(exchange, &parts_.fileThreads, [&part] { return part.begin(); });
+    tag = co_await parts_.fileThreads.run([&] { return part.finish(received); });
   } catch (...) {
     failure = std::current_exception();
   }
   if (failure) {
-    parts_.uploads.failPart(uploadId, slot);
+    part.fail();
     std::rethrow_exception(failure);
   }
   co_await replyStored(std::move(exchange), fmt::format("\"{}\"", tag));
