@@ -101,12 +101,13 @@ bool contains(const fs::path& outer, const fs::path& inner) {
 
 void prepareMountPoint(const fs::path& directory) {
   const fs::path place = absolutePlace(directory);
+  // Without a kernel table to read, what has lost its host can only be cleared by trying.
   const auto mount = mountAt(place);
-  if (mount && mount->type == kFileSystemType) {
-    if (!lostItsHost(place)) {
-      throw NSPOSIXError(EBUSY, "mount on '" + directory.string() + "', which is mounted already");
-    }
+  const bool isOurs = !mount || mount->type == kFileSystemType;
+  if (isOurs && lostItsHost(place)) {
     detachMount(place);
+  } else if (mount && isOurs) {
+    throw NSPOSIXError(EBUSY, "mount on '" + directory.string() + "', which is mounted already");
   }
   if (!isEmptyFolder(place)) throw NSPOSIXError(ENOTEMPTY, "mount on '" + directory.string() + "'");
 }
