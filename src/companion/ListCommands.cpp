@@ -171,11 +171,12 @@ void copyContents(const ExtensionPtr& extension, const std::string& path, int de
     std::optional<std::filesystem::path> file;
     platform::NSErrorPtr error;
   };
-  std::promise<Outcome> promise;
-  auto done = promise.get_future();
+  // The handler alone keeps the promise: an extension that drops it ends the wait.
+  auto promise = std::make_shared<std::promise<Outcome>>();
+  auto done = promise->get_future();
   extension->fetchContents(item->identifier, std::nullopt, {},
-                           [&promise](auto file, auto, auto error) {
-                             promise.set_value({std::move(file), std::move(error)});
+                           [promise = std::move(promise)](auto file, auto, auto error) {
+                             promise->set_value({std::move(file), std::move(error)});
                            });
   const Outcome outcome = done.get();
   if (outcome.error) fail("read", path, outcome.error->localizedDescription());
