@@ -107,6 +107,26 @@ asio::awaitable<std::size_t> Exchange::readBody(asio::mutable_buffer buffer) {
   co_return count;
 }
 
+asio::awaitable<void> Exchange::pourBody(Stream::Sink sink, FileThreads* fileThreads) {
+  co_await permitBody();
+  const std::size_t early =
+      static_cast<std::size_t>(std::min<std::uint64_t>(buffer_.size(), remaining_));
+  if (early > 0) {
+    const auto* data = static_cast<const char*>(buffer_.data().data());
+    co_await fileThreads->run([&] { sink(data, early); });
+    buffer_.consume(early);
+  }
+  bool slow = false;
+  try {
+    co_await stream_.receive(remaining_ - early, std::move(sink), timeouts_.body, fileThreads);
+  } catch (const TimedOut&) {
+    slow = true;
+  }
+  if (slow) throw ServiceError(408, "the body came too slowly");
+  remaining_ = 0;
+  bodyEnded_ = true;
+}
+
 asio::awaitable<std::size_t> Exchange::readPlain(asio::mutable_buffer buffer) {
   const std::size_t wanted =
       static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), remaining_));

@@ -1,7 +1,8 @@
 // One HTTP request and its answer: what the endpoints work with. They know nothing of sockets,
 // keep-alive or framing.
 //
-//     (readBody* | readWholeBody)  (reply | replyFile | replyStream (writePiece* finishStream)?)
+//     (readBody* | readWholeBody | pourBody)
+//     (reply | replyFile | replyStream (writePiece* finishStream)?)
 //
 // An answer may be given without the body having been read; the connection is then closed after it.
 // An endpoint that throws a ServiceError before it began an answer is answered with that error.
@@ -71,6 +72,10 @@ class Exchange {
   /// Reads at least one byte of the body into `buffer`; 0 at its end. A client that waits for
   /// permission to send gets it with the first call.
   boost::asio::awaitable<std::size_t> readBody(boost::asio::mutable_buffer buffer);
+  /// Gives the whole body to `sink`, on file threads: for bodies too large to be handed on in
+  /// pieces.
+  /// REQUIRES: a body of known length, nothing of which has been read.
+  boost::asio::awaitable<void> pourBody(Stream::Sink sink, FileThreads* fileThreads);
   /// The whole body. ServiceError 413 if it is longer than `limitBytes`.
   boost::asio::awaitable<std::string> readWholeBody(std::size_t limitBytes);
 

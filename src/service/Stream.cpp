@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/sendfile.h>
+#include <sys/socket.h>
 #include <sys/uio.h>
 
 #include <algorithm>
@@ -28,6 +29,9 @@ constexpr std::uint64_t kAheadBytes = 16U << 20U;
 /// What one client gets before it is the turn of others on the thread, however fast it takes it.
 constexpr std::uint64_t kTurnBytes = 16U << 20U;
 
+/// Small enough to stay in a processor's cache between receiving and storing.
+constexpr std::size_t kReceiveBytes = 256U << 10U;
+
 bool isCachedAt(int file, std::uint64_t offset) {
   char byte = 0;
   const iovec target{&byte, 1};
@@ -51,6 +55,38 @@ void fetch(int file, std::uint64_t offset, std::uint64_t length) {
   for (const std::uint64_t at : {offset, offset + length - 1}) {
     if (::pread(file, &byte, 1, static_cast<off_t>(at)) < 0) return;
   }
+}
+
+/// Fills `buffer` with what has come, but not beyond `wanted` bytes. Zero if nothing has.
+std::size_t fill(int socket, std::uint64_t wanted, std::vector<char>& buffer) {
+  const std::size_t room = static_cast<std::size_t>(std::min<std::uint64_t>(wanted, buffer.size()));
+  std::size_t filled = 0;
+  while (filled < room) {
+    const ssize_t count = ::recv(socket, buffer.data() + filled, room - filled, MSG_DONTWAIT);
+    if (count > 0) {
+      filled += static_cast<std::size_t>(count);
+    } else if (count == 0) {
+      throw boost::system::system_error(asio::error::eof);
+    } else if (errno == EAGAIN) {
+      break;
+    } else if (errno != EINTR) {
+      throw boost::system::system_error(errno, boost::system::system_category());
+    }
+  }
+  return filled;
+}
+
+/// Gives up to `wanted` bytes to `sink`, until none are there; returns how many.
+std::uint64_t take(int socket, std::uint64_t wanted, std::vector<char>& buffer,
+                   const Stream::Sink& sink) {
+  std::uint64_t taken = 0;
+  while (taken < wanted) {
+    const std::size_t filled = fill(socket, wanted - taken, buffer);
+    if (filled == 0) break;
+    sink(buffer.data(), filled);
+    taken += filled;
+  }
+  return taken;
 }
 
 }  // namespace
@@ -119,10 +155,10 @@ asio::awaitable<void> Stream::write(std::vector<asio::const_buffer> buffers,
   check(error);
 }
 
-asio::awaitable<void> Stream::waitWritable(std::chrono::milliseconds idle) {
+asio::awaitable<void> Stream::waitFor(Socket::wait_type what, std::chrono::milliseconds idle) {
   const Limit limit(*this, idle);
   error_code error;
-  co_await socket_.async_wait(Socket::wait_write, asio::redirect_error(asio::use_awaitable, error));
+  co_await socket_.async_wait(what, asio::redirect_error(asio::use_awaitable, error));
   check(error);
 }
 
@@ -150,10 +186,25 @@ asio::awaitable<void> Stream::sendFile(int file, std::uint64_t offset, std::uint
     }
     if (sent == 0) throw boost::system::system_error(asio::error::eof);
     if (errno == EAGAIN) {
-      co_await waitWritable(idle);
+      co_await waitFor(Socket::wait_write, idle);
     } else if (errno != EINTR) {
       throw boost::system::system_error(errno, boost::system::system_category());
     }
+  }
+}
+
+asio::awaitable<void> Stream::receive(std::uint64_t length, Sink sink,
+                                      std::chrono::milliseconds idle, FileThreads* fileThreads) {
+  std::vector<char> buffer(kReceiveBytes);
+  while (length > 0) {
+    co_await waitFor(Socket::wait_read, idle);
+    const int descriptor = socket_.native_handle();
+    const std::uint64_t turn = std::min(length, kTurnBytes);
+    {
+      const Loan loan(*this);
+      length -= co_await fileThreads->run([&] { return take(descriptor, turn, buffer, sink); });
+    }
+    if (!socket_.is_open()) throw boost::system::system_error(asio::error::operation_aborted);
   }
 }
 
@@ -174,7 +225,17 @@ asio::awaitable<void> Stream::closeGently() {
 void Stream::close() {
   timer_.cancel();
   error_code ignored;  // Whether the peer is still there does not matter any more.
-  socket_.close(ignored);
+  if (lent_) {
+    closeAfterLoan_ = true;
+    socket_.shutdown(Socket::shutdown_both, ignored);
+  } else {
+    socket_.close(ignored);
+  }
+}
+
+void Stream::endLoan() {
+  lent_ = false;
+  if (closeAfterLoan_) close();
 }
 
 void Stream::abort() {

@@ -17,6 +17,7 @@
 #include <chrono>
 #include <cstdint>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -71,10 +72,19 @@ class Stream : public std::enable_shared_from_this<Stream> {
   /// Sends `length` bytes of the regular file `file` from `offset`, without copying them through
   /// this process. Parts that are not in the page cache are fetched on a file thread first. A file
   /// that turns out shorter than announced fails with boost::asio::error::eof.
-  /// REQUIRES: `file`
-  /// stays open until it ends; the thread has SIGPIPE blocked.
+  /// REQUIRES: `file` stays open until it ends; the thread has SIGPIPE blocked.
   boost::asio::awaitable<void> sendFile(int file, std::uint64_t offset, std::uint64_t length,
                                         std::chrono::milliseconds idle, FileThreads* fileThreads);
+
+  /// What takes received bytes; called on a file thread, one call at a time.
+  using Sink = std::function<void(const char* data, std::size_t length)>;
+
+  /// Gives the next `length` bytes that the client sends to `sink`, as they come. A fast client's
+  /// bytes are read and stored by one file thread in turns of 16 MiB: handing each piece from
+  /// thread to thread would cost more than storing it. Holds 256 KiB. Throws what `sink` throws;
+  /// boost::asio::error::eof if the client ends early.
+  boost::asio::awaitable<void> receive(std::uint64_t length, Sink sink,
+                                       std::chrono::milliseconds idle, FileThreads* fileThreads);
 
   /// Says that nothing more is sent, then reads and drops what the client is still sending, for a
   /// short time and up to a bound: closing with unread data would reset the connection and could
@@ -87,7 +97,21 @@ class Stream : public std::enable_shared_from_this<Stream> {
   void abort();
 
  private:
-  boost::asio::awaitable<void> waitWritable(std::chrono::milliseconds idle);
+  /// While it lives, a file thread uses the socket's descriptor, which therefore stays open:
+  /// closing only shuts the connection down, and the descriptor is closed when the loan ends.
+  class Loan {
+   public:
+    explicit Loan(Stream& stream) : stream_(stream) { stream_.lent_ = true; }
+    ~Loan() { stream_.endLoan(); }
+    Loan(const Loan&) = delete;
+    Loan& operator=(const Loan&) = delete;
+
+   private:
+    Stream& stream_;
+  };
+
+  boost::asio::awaitable<void> waitFor(Socket::wait_type what, std::chrono::milliseconds idle);
+  void endLoan();
   void begin(std::chrono::milliseconds limit);
   void end();
   void arm();
@@ -101,6 +125,8 @@ class Stream : public std::enable_shared_from_this<Stream> {
   std::chrono::steady_clock::time_point wakeUp_;
   bool armed_ = false;
   bool expired_ = false;
+  bool lent_ = false;
+  bool closeAfterLoan_ = false;
 };
 
 }  // namespace kestrune::service

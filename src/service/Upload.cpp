@@ -1,6 +1,5 @@
 #include "service/Upload.h"
 
-#include <algorithm>
 #include <exception>
 #include <utility>
 #include <vector>
@@ -22,22 +21,20 @@ class Receiver {
       : exchange_(std::move(exchange)),
         fileThreads_(fileThreads),
         makeTarget_(std::move(makeTarget)),
-        announced_(exchange_->bodyLength()),
-        piece_(static_cast<std::size_t>(
-            std::min<std::uint64_t>(announced_.value_or(kPieceBytes), kPieceBytes))) {}
+        announced_(exchange_->bodyLength()) {}
 
   asio::awaitable<Received> receive() {
-    const ServiceError tooLarge(413, "the file is too large");
-    if (announced_.value_or(0) > kMaxUploadBytes) throw tooLarge;
-    // A small body is here before the disk is asked, and both in one go then.
-    const bool small = announced_ && *announced_ <= kPieceBytes;
-    if (!small) co_await fileThreads_->run([this] { prepare(); });
-    for (;;) {
-      co_await fillPiece();
-      if (received_ + filled_ > kMaxUploadBytes) throw tooLarge;
-      if (filled_ == 0 && prepared_) break;
-      co_await fileThreads_->run([this] { writePiece(); });
-      if (received_ == announced_) break;
+    if (announced_.value_or(0) > kMaxUploadBytes) throw ServiceError(413, "the file is too large");
+    if (announced_ && *announced_ <= kPieceBytes) {
+      co_await receiveSmall();
+    } else {
+      co_await fileThreads_->run([this] { prepare(); });
+      if (announced_) {
+        co_await exchange_->pourBody(
+            [this](const char* data, std::size_t length) { store(data, length); }, fileThreads_);
+      } else {
+        co_await receiveUnannounced();
+      }
     }
     co_return Received{std::move(target_), received_};
   }
@@ -50,13 +47,31 @@ class Receiver {
   void prepare() {
     target_ = makeTarget_();
     if (announced_) target_.draft->reserve(target_.offset, *announced_);
-    prepared_ = true;
   }
 
-  void writePiece() {
-    if (!prepared_) prepare();
-    target_.draft->write(target_.offset + received_, piece_.data(), filled_);
-    received_ += filled_;
+  void store(const char* data, std::size_t length) {
+    if (received_ + length > kMaxUploadBytes) throw ServiceError(413, "the file is too large");
+    target_.draft->write(target_.offset + received_, data, length);
+    received_ += length;
+  }
+
+  /// A small body is here before the disk is asked, and both in one go then.
+  asio::awaitable<void> receiveSmall() {
+    piece_.resize(static_cast<std::size_t>(*announced_));
+    co_await fillPiece();
+    co_await fileThreads_->run([this] {
+      prepare();
+      store(piece_.data(), filled_);
+    });
+  }
+
+  asio::awaitable<void> receiveUnannounced() {
+    piece_.resize(kPieceBytes);
+    for (;;) {
+      co_await fillPiece();
+      if (filled_ == 0) break;
+      co_await fileThreads_->run([this] { store(piece_.data(), filled_); });
+    }
   }
 
   asio::awaitable<void> fillPiece() {
@@ -76,7 +91,6 @@ class Receiver {
   std::size_t filled_ = 0;
   std::uint64_t received_ = 0;
   UploadTarget target_;
-  bool prepared_ = false;
 };
 
 }  // namespace
