@@ -171,6 +171,14 @@ TEST_F(SyncStatusStoreTest, ATransferIsActiveUnderTheFoldersAboveIt) {
   }
 }
 
+TEST_F(SyncStatusStoreTest, EverythingLiesUnderTheRootHoweverItIsNamed) {
+  store_.begin("t", "not absolute", 0, Direction::upload);
+  EXPECT_TRUE(store_.hasActiveTransfersUnder("/"));
+  EXPECT_TRUE(store_.hasActiveTransfersUnder(""));
+  EXPECT_FALSE(store_.hasActiveTransfersUnder("/not absolute"));
+  store_.finish("t");
+}
+
 TEST_F(SyncStatusStoreTest, AnyOfSeveralTransfersCounts) {
   store_.begin("1", "/x/1", 0, Direction::upload);
   store_.begin("2", "/y/2", 0, Direction::download);
