@@ -7,11 +7,15 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <iostream>
 #include <string_view>
+#include <thread>
+#include <utility>
 
 #include "companion/console/Console.h"
 #include "extension/FileProviderExtension.h"
+#include "platform/tasks/MainQueue.h"
 #include "platform/values/NSError.h"
 #include "status/SyncStatusStore.h"
 
@@ -39,14 +43,7 @@ void writeToStandardOutput(std::string_view bytes) {
   }
 }
 
-}  // namespace
-
-void runConsole(const ConsoleOptions& options) {
-  std::signal(SIGPIPE, SIG_IGN);  // a closed output shows as EPIPE
-  std::ios::sync_with_stdio(false);
-  Console::Settings settings;
-  settings.domainIdentifier = options.domainIdentifier;
-  settings.showsPrivateArguments = options.showsPrivateArguments;
+Console::Surroundings realSurroundings() {
   Console::Surroundings surroundings;
   surroundings.output = writeToStandardOutput;
   surroundings.makeExtension = [](platform::NSFileProviderDomainPtr domain,
@@ -56,8 +53,33 @@ void runConsole(const ConsoleOptions& options) {
     return FileProviderExtension::make(std::move(domain), std::move(services));
   };
   surroundings.drainStatus = [] { SyncStatusStore::shared().drain(); };
-  Console console(settings, surroundings);
-  console.run(std::cin);
+  return surroundings;
+}
+
+}  // namespace
+
+void runConsole(const ConsoleOptions& options) {
+  std::signal(SIGPIPE, SIG_IGN);  // a closed output shows as EPIPE
+  std::ios::sync_with_stdio(false);
+  Console::Settings settings;
+  settings.domainIdentifier = options.domainIdentifier;
+  settings.showsPrivateArguments = options.showsPrivateArguments;
+  // Calls are made on a thread of their own, because the main thread has work of its own to do.
+  auto& mainQueue = platform::MainQueue::shared();
+  mainQueue.open();
+  std::exception_ptr failure;
+  std::thread caller([&settings, &mainQueue, &failure] {
+    try {
+      Console console(settings, realSurroundings());
+      console.run(std::cin);
+    } catch (...) {
+      failure = std::current_exception();
+    }
+    mainQueue.stop();
+  });
+  mainQueue.serve();
+  caller.join();
+  if (failure) std::rethrow_exception(failure);
 }
 
 }  // namespace kestrune

@@ -21,4 +21,9 @@ const platform::Logger& enumLog() {
   return log;
 }
 
+const platform::Logger& mpLog() {
+  static const platform::Logger& log = category("multipart");
+  return log;
+}
+
 }  // namespace kestrune

@@ -10,5 +10,7 @@ namespace kestrune {
 const platform::Logger& fpLog();
 /// The enumerator.
 const platform::Logger& enumLog();
+/// Uploads in parts.
+const platform::Logger& mpLog();
 
 }  // namespace kestrune

@@ -1,14 +1,24 @@
 #include "extension/FileProviderExtension.h"
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
 #include "api/KestruneAPI.h"
 #include "config/Loggers.h"
 #include "config/SharedConfig.h"
+#include "extension/CreateItem.h"
+#include "extension/CustomActions.h"
+#include "extension/DeleteItem.h"
+#include "extension/ItemPath.h"
+#include "extension/ModifyItem.h"
 #include "namespace/FileProviderEnumerator.h"
 #include "namespace/FileProviderItem.h"
+#include "namespace/SystemJunk.h"
 #include "platform/file_provider/NSFileProviderError.h"
+#include "platform/values/Checked.h"
+#include "platform/values/UUID.h"
+#include "transfer/PartialFetch.h"
 #include "transfer/WholeFileDownload.h"
 
 namespace kestrune {
@@ -108,6 +118,98 @@ NSProgressPtr FileProviderExtension::fetchContents(
   platform::spawnDetached("fetchContents",
                           runWholeFileDownload({FileProviderItem::path(itemIdentifier), progress,
                                                 session_, sleeper_, std::move(completionHandler)}));
+  return progress;
+}
+
+NSProgressPtr FileProviderExtension::fetchPartialContents(
+    NSFileProviderItemIdentifier itemIdentifier, platform::NSFileProviderItemVersion,
+    NSFileProviderRequest, platform::NSRange minimalRange, std::int64_t alignment,
+    platform::NSFileProviderFetchContentsOptions, PartialContentsHandler completionHandler) {
+  PartialFetch fetch;
+  fetch.transferId = platform::newUUIDString();
+  fetch.path = FileProviderItem::path(itemIdentifier);
+  fetch.identifier = std::move(itemIdentifier);
+  fetch.requested = minimalRange;
+  fetch.alignment = alignment;
+  fpLog().write(
+      platform::LogLevel::standard, "fetchPartialContents path=%{public}s range=%ld..%ld",
+      fetch.path, minimalRange.location,
+      platform::addOrDie(minimalRange.location, minimalRange.length, "the end of a byte range"));
+  auto progress = std::make_shared<NSProgress>(std::max<std::int64_t>(1, minimalRange.length));
+  fetch.progress = progress;
+  fetch.session = session_;
+  fetch.sleeper = sleeper_;
+  fetch.prefetcher = prefetcher_;
+  fetch.completionHandler = std::move(completionHandler);
+  platform::spawnDetached("fetchPartialContents", runPartialFetch(std::move(fetch)));
+  return progress;
+}
+
+NSProgressPtr FileProviderExtension::createItem(platform::NSFileProviderItemPtr itemTemplate,
+                                                platform::NSFileProviderItemFields,
+                                                std::optional<std::filesystem::path> url,
+                                                platform::NSFileProviderCreateItemOptions,
+                                                NSFileProviderRequest,
+                                                ChangeHandler completionHandler) {
+  auto progress = std::make_shared<NSProgress>(kPercent);
+  Creation creation;
+  creation.name = itemTemplate->filename();
+  creation.path = pathOfItem(*itemTemplate);
+  creation.isDir = isFolder(*itemTemplate);
+  creation.start = std::chrono::steady_clock::now();
+  fpLog().write(platform::LogLevel::standard, "createItem begin name=%{public}s isDir=%{bool}d",
+                creation.name, creation.isDir);
+  if (isSystemJunk(creation.name)) {
+    fpLog().write(platform::LogLevel::standard, "createItem rejecting system junk name=%{public}s",
+                  creation.name);
+    completionHandler(
+        nullptr, platform::NSFileProviderItemFields::none, false,
+        platform::NSFileProviderError(platform::NSFileProviderError::noSuchItem).share());
+    return progress;
+  }
+  creation.contents = std::move(url);
+  creation.progress = progress;
+  creation.session = session_;
+  creation.completionHandler = std::move(completionHandler);
+  platform::spawnDetached("createItem", runCreation(std::move(creation)));
+  return progress;
+}
+
+NSProgressPtr FileProviderExtension::modifyItem(platform::NSFileProviderItemPtr item,
+                                                platform::NSFileProviderItemVersion,
+                                                platform::NSFileProviderItemFields changedFields,
+                                                std::optional<std::filesystem::path> newContents,
+                                                platform::NSFileProviderModifyItemOptions,
+                                                NSFileProviderRequest,
+                                                ChangeHandler completionHandler) {
+  auto progress = std::make_shared<NSProgress>(kPercent);
+  platform::spawnDetached("modifyItem",
+                          runModification({std::move(item), changedFields, std::move(newContents),
+                                           progress, session_, std::move(completionHandler)}));
+  return progress;
+}
+
+NSProgressPtr FileProviderExtension::deleteItem(NSFileProviderItemIdentifier identifier,
+                                                platform::NSFileProviderItemVersion,
+                                                platform::NSFileProviderDeleteItemOptions,
+                                                NSFileProviderRequest,
+                                                DoneHandler completionHandler) {
+  auto progress = std::make_shared<NSProgress>(1);
+  platform::spawnDetached("deleteItem", runDeletion(FileProviderItem::path(identifier), progress,
+                                                    std::move(completionHandler)));
+  return progress;
+}
+
+NSProgressPtr FileProviderExtension::performAction(
+    std::string actionIdentifier, std::vector<NSFileProviderItemIdentifier> itemIdentifiers,
+    DoneHandler completionHandler) {
+  const auto count = static_cast<std::int64_t>(itemIdentifiers.size());
+  auto progress = std::make_shared<NSProgress>(std::max<std::int64_t>(1, count));
+  fpLog().write(platform::LogLevel::standard, "customAction %{public}s on %ld items",
+                actionIdentifier, count);
+  platform::spawnDetached(
+      "performAction", runAction({std::move(actionIdentifier), std::move(itemIdentifiers), domain_,
+                                  progress, std::move(completionHandler)}));
   return progress;
 }
 

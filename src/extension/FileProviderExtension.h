@@ -22,7 +22,9 @@
 
 namespace kestrune {
 
-class FileProviderExtension final : public platform::NSFileProviderReplicatedExtension {
+class FileProviderExtension final : public platform::NSFileProviderReplicatedExtension,
+                                    public platform::NSFileProviderCustomAction,
+                                    public platform::NSFileProviderPartialContentFetching {
  public:
   /// What the extension takes from outside beside its domain; the defaults are the real ones.
   struct Services {
@@ -58,6 +60,48 @@ class FileProviderExtension final : public platform::NSFileProviderReplicatedExt
       platform::NSFileProviderItemIdentifier itemIdentifier,
       std::optional<platform::NSFileProviderItemVersion> requestedVersion,
       platform::NSFileProviderRequest request, ContentsHandler completionHandler) override;
+
+  /// The bytes asked for and some read ahead, of the present remote contents, whatever version was
+  /// asked for. Cancelling the progress does not stop it. Ends the process if the end of the range
+  /// does not fit 64 bits.
+  platform::NSProgressPtr fetchPartialContents(
+      platform::NSFileProviderItemIdentifier itemIdentifier,
+      platform::NSFileProviderItemVersion requestedVersion, platform::NSFileProviderRequest request,
+      platform::NSRange minimalRange, std::int64_t alignment,
+      platform::NSFileProviderFetchContentsOptions options,
+      PartialContentsHandler completionHandler) override;
+
+  /// A folder or an upload. Names that operating systems scatter into folders are refused before
+  /// the call returns, with NSFileProviderError noSuchItem.
+  platform::NSProgressPtr createItem(platform::NSFileProviderItemPtr itemTemplate,
+                                     platform::NSFileProviderItemFields fields,
+                                     std::optional<std::filesystem::path> url,
+                                     platform::NSFileProviderCreateItemOptions options,
+                                     platform::NSFileProviderRequest request,
+                                     ChangeHandler completionHandler) override;
+
+  /// A move, new contents, or both; the last writer wins.
+  platform::NSProgressPtr modifyItem(platform::NSFileProviderItemPtr item,
+                                     platform::NSFileProviderItemVersion baseVersion,
+                                     platform::NSFileProviderItemFields changedFields,
+                                     std::optional<std::filesystem::path> newContents,
+                                     platform::NSFileProviderModifyItemOptions options,
+                                     platform::NSFileProviderRequest request,
+                                     ChangeHandler completionHandler) override;
+
+  /// One request, whatever the item is; a success if it is gone already.
+  platform::NSProgressPtr deleteItem(platform::NSFileProviderItemIdentifier identifier,
+                                     platform::NSFileProviderItemVersion baseVersion,
+                                     platform::NSFileProviderDeleteItemOptions options,
+                                     platform::NSFileProviderRequest request,
+                                     DoneHandler completionHandler) override;
+
+  /// Identifiers that end with "copy-share-link", "make-online-only" or "download-now"; others do
+  /// nothing.
+  platform::NSProgressPtr performAction(
+      std::string actionIdentifier,
+      std::vector<platform::NSFileProviderItemIdentifier> itemIdentifiers,
+      DoneHandler completionHandler) override;
 
   /// A new enumerator at each call; never throws.
   std::shared_ptr<platform::NSFileProviderEnumerator> enumerator(

@@ -1,7 +1,5 @@
 #include "transfer/WholeFileDownload.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -15,12 +13,14 @@
 #include "namespace/FileProviderItem.h"
 #include "platform/file_provider/NSFileProviderError.h"
 #include "platform/files/Directories.h"
+#include "platform/files/FileHandle.h"
 #include "platform/tasks/Continuation.h"
 #include "platform/values/UUID.h"
 #include "status/SyncStatusStore.h"
 
 namespace kestrune {
 
+using platform::FileAttributes;
 using platform::NSErrorPtr;
 using platform::NSFileProviderError;
 using platform::NSProgressPtr;
@@ -135,30 +135,9 @@ Task<std::filesystem::path> downloadWithRetries(std::string path, std::string tr
   }
 }
 
-struct LocalFile {
-  std::int64_t size;
-  platform::Date modified;
-};
-
-LocalFile attributesOf(const std::filesystem::path& file) {
-  struct stat status {};
-  if (::stat(file.c_str(), &status) != 0) {
-    throw platform::NSPOSIXError(errno, "read the attributes of '" + file.string() + "'");
-  }
-#if defined(__APPLE__)
-  const timespec modified = status.st_mtimespec;
-#else
-  const timespec modified = status.st_mtim;
-#endif
-  const auto sinceEpoch =
-      std::chrono::seconds(modified.tv_sec) + std::chrono::nanoseconds(modified.tv_nsec);
-  return {status.st_size,
-          platform::Date(std::chrono::floor<std::chrono::microseconds>(sinceEpoch))};
-}
-
-LocalFile attributesOrRemove(const std::filesystem::path& file) {
+FileAttributes attributesOrRemove(const std::filesystem::path& file) {
   try {
-    return attributesOf(file);
+    return platform::attributesOfFile(file);
   } catch (...) {
     std::error_code ignored;
     std::filesystem::remove(file, ignored);
@@ -189,7 +168,7 @@ Task<void> runWholeFileDownload(WholeFileDownload download) {
     registered = true;
     file = co_await downloadWithRetries(download.path, transferId, download.progress,
                                         download.session, download.sleeper);
-    const LocalFile local = attributesOrRemove(file);
+    const FileAttributes local = attributesOrRemove(file);
     item = std::make_shared<FileProviderItem>(download.path, false, local.size, local.modified);
     download.progress->setCompletedUnitCount(kPercentWhole);
     status.update(transferId, local.size);

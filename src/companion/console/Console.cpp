@@ -4,6 +4,7 @@
 
 #include "companion/console/ConsoleLineReader.h"
 #include "companion/console/ConsoleLogSink.h"
+#include "companion/console/ConsolePasteboard.h"
 #include "companion/console/ConsoleRequest.h"
 
 namespace kestrune {
@@ -23,15 +24,17 @@ Console::Console(const Settings& settings, const Surroundings& surroundings)
           const NSFileProviderDomain& domain) -> std::shared_ptr<NSFileProviderManager> {
         return domain.identifier() == identifier && manager->isPresent() ? manager : nullptr;
       });
+  NSPasteboard::setGeneral(std::make_shared<ConsolePasteboard>(writer_));
   auto domain = std::make_shared<const NSFileProviderDomain>(settings.domainIdentifier, "Kestrune");
   operations_ = std::make_unique<ConsoleOperations>(
       callSurroundings_,
       ConsoleOperations::Parts{surroundings.makeExtension(std::move(domain), clock_), manager_,
-                               clock_, settings.features});
+                               clock_});
 }
 
 Console::~Console() {
   operations_.reset();
+  NSPasteboard::setGeneral(nullptr);
   NSFileProviderManager::setProvider(nullptr);
   setLogSink(std::move(previousSink_));
 }

@@ -5,8 +5,9 @@
 // adds nothing of its own: no replica, no retry. Calls run side by side. docs/console.md describes
 // the calls and the lines.
 //
-// The console is the process's log sink and provides its managers while it lives, so there is one
-// at a time; it takes both over before it makes the extension, whose first log line is printed too.
+// The console is the process's log sink and pasteboard and provides its managers while it lives, so
+// there is one at a time; it takes them over before it makes the extension, whose first log line is
+// printed too.
 //
 // Threads: belongs to one thread, on which it makes all calls.
 #pragma once
@@ -36,7 +37,6 @@ class Console {
   struct Settings {
     std::string domainIdentifier = "main";
     bool showsPrivateArguments = false;
-    ConsoleFeatures features;
   };
 
   struct Surroundings {

@@ -6,6 +6,7 @@
 #include "companion/console/Base64.h"
 #include "platform/values/Date.h"
 #include "platform/values/UTF8.h"
+#include "transfer/MPError.h"
 
 namespace kestrune {
 
@@ -60,6 +61,8 @@ OrderedJson errorJson(const NSErrorPtr& error) {
   if (const auto* api = dynamic_cast<const APIError*>(error.get())) {
     json["case"] = api->caseName();
     if (api->which() == APIError::Case::http) json["status"] = api->status();
+  } else if (const auto* multipart = dynamic_cast<const MPError*>(error.get())) {
+    json["case"] = multipart->caseName();
   }
   return json;
 }

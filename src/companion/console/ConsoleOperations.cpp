@@ -108,9 +108,7 @@ const ConsoleOperations::Operation* ConsoleOperations::find(std::string_view nam
 bool ConsoleOperations::isOffered(const Operation& operation) const {
   if (operation.name == "fetchPartialContents") return partialContents_ != nullptr;
   if (operation.name == "performAction") return customActions_ != nullptr;
-  const bool changes = operation.name == "createItem" || operation.name == "modifyItem" ||
-                       operation.name == "deleteItem";
-  return !changes || features_.localChanges;
+  return true;
 }
 
 ConsoleOperations::ConsoleOperations(CallSurroundings& surroundings, Parts parts)
@@ -118,7 +116,6 @@ ConsoleOperations::ConsoleOperations(CallSurroundings& surroundings, Parts parts
       extension_(std::move(parts.extension)),
       manager_(std::move(parts.manager)),
       clock_(std::move(parts.clock)),
-      features_(parts.features),
       partialContents_(dynamic_cast<NSFileProviderPartialContentFetching*>(extension_.get())),
       customActions_(dynamic_cast<NSFileProviderCustomAction*>(extension_.get())) {}
 

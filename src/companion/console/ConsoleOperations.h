@@ -17,19 +17,12 @@
 
 namespace kestrune {
 
-/// Which ops are there, where the extension's type does not tell: an extension that offers no local
-/// changes answers to them all the same, because the protocol has a default for them.
-struct ConsoleFeatures {
-  bool localChanges = false;  // createItem, modifyItem, deleteItem
-};
-
 class ConsoleOperations {
  public:
   struct Parts {
     std::shared_ptr<platform::NSFileProviderReplicatedExtension> extension;
     std::shared_ptr<ConsoleManager> manager;
     std::shared_ptr<ConsoleClock> clock;
-    ConsoleFeatures features;
   };
 
   /// REQUIRES: `surroundings` outlives this and every call made.
@@ -67,7 +60,6 @@ class ConsoleOperations {
   const std::shared_ptr<platform::NSFileProviderReplicatedExtension> extension_;
   const std::shared_ptr<ConsoleManager> manager_;
   const std::shared_ptr<ConsoleClock> clock_;
-  const ConsoleFeatures features_;
 
   // The extension's further protocols, or null; they live as long as it does.
   platform::NSFileProviderPartialContentFetching* const partialContents_;

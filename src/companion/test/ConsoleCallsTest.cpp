@@ -38,12 +38,6 @@ NSErrorPtr noSuchItem() {
   return std::make_shared<NSFileProviderError>(NSFileProviderError::noSuchItem);
 }
 
-Console::Settings withLocalChanges() {
-  Console::Settings settings;
-  settings.features.localChanges = true;
-  return settings;
-}
-
 TEST(ConsoleCalls, AnItemAnsweredByATaskIsPrintedAfterTheReturn) {
   auto extension = std::make_shared<FakeExtension>();
   extension->onItem = [](const std::string& identifier, auto handler) {
@@ -154,8 +148,7 @@ TEST(ConsoleCalls, CreateItemDescribesTheNewItem) {
   EXPECT_EQ(
       consoleLines(
           extension,
-          {R"({"id":1,"op":"createItem","parent":"/Docs","filename":"new","contentType":"folder","contents":"/tmp/contents"})"},
-          withLocalChanges())
+          {R"({"id":1,"op":"createItem","parent":"/Docs","filename":"new","contentType":"folder","contents":"/tmp/contents"})"})
           .at(0),
       R"({"id":1,"event":"completion","seq":1,"thread":"caller","item":null,"pendingFields":2,"shouldFetchContent":true,"error":null,"progress":null})");
 }
@@ -175,8 +168,7 @@ TEST(ConsoleCalls, ATemplateDoesNotAnswerToWhatWasNotGiven) {
   consoleLines(
       extension,
       {R"({"id":1,"op":"createItem","parent":"/","filename":"f"})",
-       R"({"id":2,"op":"createItem","parent":"/","filename":"f","contentType":null,"contents":null})"},
-      withLocalChanges());
+       R"({"id":2,"op":"createItem","parent":"/","filename":"f","contentType":null,"contents":null})"});
   EXPECT_EQ(calls, 2);
 }
 
@@ -196,8 +188,7 @@ TEST(ConsoleCalls, ModifyItemPassesTheNewStateAndTheFields) {
   };
   const auto lines = consoleLines(
       extension,
-      {R"({"id":1,"op":"modifyItem","identifier":"/a","parent":"/Docs","filename":"b","changedFields":1025,"contentType":"text/plain","documentSize":12,"contents":"c"})"},
-      withLocalChanges());
+      {R"({"id":1,"op":"modifyItem","identifier":"/a","parent":"/Docs","filename":"b","changedFields":1025,"contentType":"text/plain","documentSize":12,"contents":"c"})"});
   EXPECT_EQ(lines.at(0),
             std::string(R"({"id":1,"event":"completion","seq":1,"thread":"caller","item":)") +
                 kReportJson +
@@ -218,7 +209,7 @@ TEST(ConsoleCalls, DeleteItemAndPerformActionPrintTheirError) {
     handler(std::make_shared<NSFileProviderError>(NSFileProviderError::providerNotFound));
     return std::make_shared<NSProgress>(2);
   };
-  ConsoleHarness console(extension, withLocalChanges());
+  ConsoleHarness console(extension);
   console.send(R"({"id":1,"op":"deleteItem","identifier":"/a"})");
   EXPECT_EQ(
       console.lineWith(R"("completion")"),

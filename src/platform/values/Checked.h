@@ -39,4 +39,11 @@ inline std::int64_t absoluteOrDie(std::int64_t a, const char* what) {
   return a < 0 ? -a : a;
 }
 
+/// The whole part of `value`.
+inline std::int64_t truncateOrDie(double value, const char* what) {
+  constexpr double kLimit = 0x1p63;
+  if (!(value >= -kLimit && value < kLimit)) dieOfOverflow(what);  // NaN neither
+  return static_cast<std::int64_t>(value);
+}
+
 }  // namespace kestrune::platform
