@@ -20,6 +20,7 @@
 #include "companion/InvalidateCommand.h"
 #include "companion/ListCommands.h"
 #include "companion/MountCommand.h"
+#include "status/SyncStatusStore.h"
 
 namespace {
 
@@ -147,8 +148,10 @@ int run(int argc, char** argv) {
   return 0;
 }
 
-/// Tasks that nobody waits for may still run: no static object is destroyed under them.
+/// Tasks that nobody waits for may still run: no static object is destroyed under them. What they
+/// have recorded is written first.
 int end(int code) {
+  SyncStatusStore::shared().drain();
   std::cout.flush();
   std::fflush(nullptr);
 #ifndef KESTRUNE_SANITIZED  // The leak check comes with the ordinary end.

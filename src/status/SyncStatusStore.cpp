@@ -1,13 +1,23 @@
 #include "status/SyncStatusStore.h"
 
+#include <chrono>
 #include <utility>
 
 #include "config/StorageLocations.h"
-#include "platform/files/AtomicFile.h"
 #include "platform/values/Checked.h"
 #include "platform/values/NSError.h"
 
 namespace kestrune {
+
+namespace {
+
+// Longer than the pauses between the reports of one transfer.
+constexpr std::chrono::milliseconds kRest(200);
+
+}  // namespace
+
+SyncStatusStore::SyncStatusStore()
+    : queue_("kestrune.sync-status", {kRest, [this]() { file_.rest(); }}) {}
 
 SyncStatusStore& SyncStatusStore::shared() {
   static auto* const store = new SyncStatusStore;  // tasks report to it until the process ends
@@ -67,10 +77,10 @@ bool SyncStatusStore::hasActiveTransfersUnder(const std::string& parentPath) {
 }
 
 void SyncStatusStore::drain() {
-  queue_.sync([]() {});
+  queue_.sync([this]() { file_.rest(); });
 }
 
-void SyncStatusStore::flushLocked() const {
+void SyncStatusStore::flushLocked() {
   SyncStatus status;
   status.transfers.reserve(transfers_.size());
   for (const auto& entry : transfers_) status.transfers.push_back(entry.second);
@@ -78,7 +88,7 @@ void SyncStatusStore::flushLocked() const {
   status.activeEnumerations = activeEnumerations_;
   try {
     const std::string text = status.encode();
-    platform::replaceFile(storage::syncStatusFile(), text, platform::Durability::atomic);
+    file_.replace(storage::syncStatusFile(), text);
   } catch (const platform::NSError&) {
     // The record is an aid to whoever watches; a transfer must not suffer because it cannot be
     // written.

@@ -16,6 +16,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "platform/files/AtomicFile.h"
 #include "platform/tasks/Queue.h"
 #include "status/SyncStatus.h"
 
@@ -47,13 +48,14 @@ class SyncStatusStore {
   void drain();
 
  private:
-  SyncStatusStore() : queue_("kestrune.sync-status") {}
+  SyncStatusStore();
   /// REQUIRES: called on the queue.
-  void flushLocked() const;
+  void flushLocked();
 
   // Used on the queue alone.
   std::unordered_map<std::string, SyncTransfer> transfers_;
   std::int64_t activeEnumerations_ = 0;
+  platform::FileReplacer file_;
 
   platform::SerialQueue queue_;  // last: its thread ends before the fields above go
 };

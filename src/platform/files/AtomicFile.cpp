@@ -1,11 +1,14 @@
 #include "platform/files/AtomicFile.h"
 
 #include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <utility>
 
 #include "platform/values/NSError.h"
@@ -41,26 +44,56 @@ void refuseZeroBytes(const std::filesystem::path& path, const char* tried) {
   if (path.native().find('\0') != std::string::npos) fail(EINVAL, tried, path);
 }
 
-/// A new file in an open folder, which its destructor removes unless it was renamed to its place.
+int openFolderOf(const std::filesystem::path& path) {
+  const std::filesystem::path parent = path.has_parent_path() ? path.parent_path() : ".";
+  const int folder = ::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (folder < 0) fail(errno, "open the folder of", path);
+  return folder;
+}
+
+/// Whether nobody else can see what is written to the open file `descriptor`: it is an ordinary
+/// file of one name, ours, and open nowhere else.
+bool isOursAlone(int descriptor) {
+#if defined(__linux__)
+  struct stat status {};
+  if (::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  if (status.st_nlink != 1 || status.st_uid != ::geteuid()) return false;
+  // A write lease is granted only where no other descriptor or mapping of the file is left
+  // (fcntl(2)). Whoever opens it by its hidden name meanwhile sends a signal, which must be a
+  // harmless one.
+  if (::fcntl(descriptor, F_SETSIG, SIGURG) != 0) return false;
+  if (::fcntl(descriptor, F_SETLEASE, F_WRLCK) != 0) return false;
+  return ::fcntl(descriptor, F_SETLEASE, F_UNLCK) == 0;
+#else
+  return descriptor < 0;
+#endif
+}
+
+/// A file in an open folder, which its destructor removes unless it has got to its place.
 class TemporaryFile {
  public:
+  /// A new one.
   TemporaryFile(int folder, const std::filesystem::path& target)
-      : folder_(folder),
-        target_(target),
-        name_(".kestrune-" + newUUIDString() + ".tmp"),
-        file_(::openat(folder, name_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                       0600)) {
+      : TemporaryFile(folder, target, ".kestrune-" + newUUIDString() + ".tmp", O_CREAT | O_EXCL) {
     if (!file_.isOpen()) fail(errno, "create a file beside", target_);
   }
+  /// The one of that name, if it is still there; `isOpen` tells.
+  TemporaryFile(int folder, const std::filesystem::path& target, const std::string& name)
+      : TemporaryFile(folder, target, name, O_NONBLOCK) {}
   TemporaryFile(const TemporaryFile&) = delete;
   TemporaryFile& operator=(const TemporaryFile&) = delete;
   ~TemporaryFile() {
     if (!placed_) ::unlinkat(folder_, name_.c_str(), 0);
   }
 
+  bool isOpen() const { return file_.isOpen(); }
+  int descriptor() const { return file_.get(); }
+  const std::string& name() const { return name_; }
+
   void write(std::string_view contents) {
     // The process's umask may have taken bits away.
     if (::fchmod(file_.get(), 0600) != 0) fail(errno, "set the mode of", target_);
+    const auto size = static_cast<off_t>(contents.size());
     while (!contents.empty()) {
       const ssize_t written = ::write(file_.get(), contents.data(), contents.size());
       if (written < 0) {
@@ -69,21 +102,44 @@ class TemporaryFile {
       }
       contents.remove_prefix(static_cast<std::size_t>(written));
     }
+    if (::ftruncate(file_.get(), size) != 0) fail(errno, "write", target_);
   }
 
   void flush() {
     if (::fsync(file_.get()) != 0) fail(errno, "flush", target_);
   }
 
-  void moveToTarget() {
-    // Some file systems report a failed write only here.
+  /// Afterwards this name is that of the file that was replaced. False, and nothing has happened,
+  /// where the target is no ordinary file or the system cannot do it.
+  bool changePlaces() {
+#if defined(__linux__)
+    struct stat status {};
+    const std::string target = target_.filename();
+    const int examined = ::fstatat(folder_, target.c_str(), &status, AT_SYMLINK_NOFOLLOW);
+    if (examined != 0 || !S_ISREG(status.st_mode)) return false;
+    placed_ = ::renameat2(folder_, name_.c_str(), folder_, target.c_str(), RENAME_EXCHANGE) == 0;
+#endif
+    return placed_;
+  }
+
+  /// Some file systems report a failed write only here.
+  void close() {
     if (const int failure = file_.close(); failure != 0) fail(failure, "write", target_);
+  }
+
+  void moveToTarget() {
     if (::renameat(folder_, name_.c_str(), folder_, target_.filename().c_str()) != 0)
       fail(errno, "replace", target_);
     placed_ = true;
   }
 
  private:
+  TemporaryFile(int folder, const std::filesystem::path& target, std::string name, int flags)
+      : folder_(folder),
+        target_(target),
+        name_(std::move(name)),
+        file_(::openat(folder, name_.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC | flags, 0600)) {}
+
   const int folder_;
   const std::filesystem::path& target_;
   const std::string name_;
@@ -96,19 +152,41 @@ class TemporaryFile {
 void replaceFile(const std::filesystem::path& path, std::string_view contents,
                  Durability durability) {
   refuseZeroBytes(path, "replace");
-  const std::filesystem::path parent = path.has_parent_path() ? path.parent_path() : ".";
   // Everything happens below this descriptor, so that a folder that is moved meanwhile takes both
   // files along.
-  const Descriptor folder(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!folder.isOpen()) fail(errno, "open the folder of", path);
-
+  const Descriptor folder(openFolderOf(path));
   TemporaryFile file(folder.get(), path);
   file.write(contents);
   if (durability == Durability::durable) file.flush();
+  file.close();
   file.moveToTarget();
   // EINVAL: a file system whose folders cannot be flushed.
   if (durability == Durability::durable && ::fsync(folder.get()) != 0 && errno != EINVAL) {
     fail(errno, "flush the folder of", path);
+  }
+}
+
+void FileReplacer::rest() {
+  const std::filesystem::path spare = std::exchange(spare_, {});
+  if (!spare.empty()) ::unlink(spare.c_str());
+}
+
+void FileReplacer::replace(const std::filesystem::path& path, std::string_view contents) {
+  refuseZeroBytes(path, "replace");
+  const std::filesystem::path spare = std::exchange(spare_, {});
+  const Descriptor folder(openFolderOf(path));
+  std::optional<TemporaryFile> file;
+  if (!spare.empty()) {
+    file.emplace(folder.get(), path, spare.filename());
+    if (!file->isOpen() || !isOursAlone(file->descriptor())) file.reset();
+  }
+  if (!file) file.emplace(folder.get(), path);
+  file->write(contents);
+  file->close();
+  if (file->changePlaces()) {
+    spare_ = path.parent_path() / file->name();
+  } else {
+    file->moveToTarget();
   }
 }
 

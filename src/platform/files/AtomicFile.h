@@ -31,6 +31,32 @@ enum class Durability {
 void replaceFile(const std::filesystem::path& path, std::string_view contents,
                  Durability durability);
 
+/// Replaces one file again and again, in bursts. A file that is replaced is freed, and on ext4 a new
+/// one takes the longer to make the more were freed in the last seconds. So this keeps the file that
+/// it has replaced, beside the target, and writes the next contents into it; unless a reader still
+/// has it open, for whom it must stay as it is.
+///
+/// Readers see the old or the new contents, never a mixture. A power cut may leave anything: for
+/// files that nobody reads after a restart.
+///
+/// Threads: one at a time. Owns: the spare file, which is there from a replacement until `rest` or
+/// the destructor.
+class FileReplacer {
+ public:
+  FileReplacer() = default;
+  ~FileReplacer() { rest(); }
+  FileReplacer(const FileReplacer&) = delete;
+  FileReplacer& operator=(const FileReplacer&) = delete;
+
+  /// Like replaceFile.
+  void replace(const std::filesystem::path& path, std::string_view contents);
+  /// Removes the spare file, if there is one: nothing follows for a while.
+  void rest();
+
+ private:
+  std::filesystem::path spare_;  // empty: none
+};
+
 /// The whole contents of a regular file. Throws NSPOSIXError if it cannot be read, is no regular
 /// file (it never waits for a named pipe), or is or becomes larger than `limitBytes` (EFBIG): what
 /// lies in a shared directory is never trusted to be small.

@@ -20,8 +20,8 @@ void nameThisThread(const std::string& label) {
 
 }  // namespace
 
-SerialQueue::SerialQueue(std::string label)
-    : label_(std::move(label)), thread_([this] { run(); }) {}
+SerialQueue::SerialQueue(std::string label, Rest rest)
+    : label_(std::move(label)), rest_(std::move(rest)), thread_([this] { run(); }) {}
 
 SerialQueue::~SerialQueue() {
   assert(std::this_thread::get_id() != thread_.get_id());
@@ -54,19 +54,29 @@ void SerialQueue::sync(const std::function<void()>& work) {
   done.get_future().wait();
 }
 
+SerialQueue::Batch SerialQueue::nextBatch() {
+  const bool restIsDue = rest_.work && !hasRested_;
+  const auto restTime = std::chrono::steady_clock::now() + rest_.after;
+  MutexLock lock(mutex_);
+  while (queue_.empty() && !stopping_) {
+    sleeping_ = true;
+    if (!restIsDue) {
+      lock.wait(wake_);
+    } else if (!lock.waitUntil(wake_, restTime) && queue_.empty() && !stopping_) {
+      sleeping_ = false;
+      hasRested_ = true;
+      return {rest_.work};
+    }
+  }
+  hasRested_ = false;
+  return std::exchange(queue_, {});
+}
+
 void SerialQueue::run() {
   nameThisThread(label_);
   for (;;) {
-    std::deque<std::function<void()>> batch;
-    {
-      MutexLock lock(mutex_);
-      while (queue_.empty() && !stopping_) {
-        sleeping_ = true;
-        lock.wait(wake_);
-      }
-      if (queue_.empty()) return;
-      batch.swap(queue_);
-    }
+    Batch batch = nextBatch();
+    if (batch.empty()) return;
     for (auto& work : batch) {
       work();
       work = nullptr;  // what it holds is released before the next runs

@@ -8,6 +8,7 @@
 // Fails: work must not throw; an exception that leaves it ends the process.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -22,8 +23,14 @@ namespace kestrune::platform {
 
 class SerialQueue {
  public:
+  /// Work that is done once whenever nothing was put on the queue for so long.
+  struct Rest {
+    std::chrono::milliseconds after;
+    std::function<void()> work;
+  };
+
   /// `label` names the queue's thread in debuggers (its first 15 bytes).
-  explicit SerialQueue(std::string label);
+  explicit SerialQueue(std::string label, Rest rest = Rest{std::chrono::milliseconds(0), nullptr});
   /// Runs what is still queued, then ends the thread. REQUIRES: not called on the queue itself.
   ~SerialQueue();
   SerialQueue(const SerialQueue&) = delete;
@@ -38,14 +45,19 @@ class SerialQueue {
   void sync(const std::function<void()>& work);
 
  private:
+  using Batch = std::deque<std::function<void()>>;
   void run();
+  /// What was queued; the rest's work where nothing came for so long; nothing at the end.
+  Batch nextBatch();
 
   const std::string label_;
+  const Rest rest_;
   Mutex mutex_;
   std::condition_variable wake_;
-  std::deque<std::function<void()>> queue_ GUARDED_BY(mutex_);
+  Batch queue_ GUARDED_BY(mutex_);
   bool sleeping_ GUARDED_BY(mutex_) = false;
   bool stopping_ GUARDED_BY(mutex_) = false;
+  bool hasRested_ = true;  // used by the thread alone
   std::thread thread_;
 };
 

@@ -25,6 +25,34 @@ TEST(SerialQueueTest, WorkRunsInOrder) {
   EXPECT_EQ(seen, expected);
 }
 
+TEST(SerialQueueTest, RestsOnceAfterWorkAndNotBeforeIt) {
+  std::atomic<int> rests = 0;
+  Event rested;
+  SerialQueue queue("test", {std::chrono::milliseconds(20), [&] {
+                               ++rests;
+                               rested.set();
+                             }});
+  EXPECT_FALSE(rested.wait(std::chrono::milliseconds(60))) << "there was no work yet";
+  queue.sync([&] { EXPECT_EQ(rests, 0); });
+  EXPECT_TRUE(rested.wait());
+  Event again;
+  EXPECT_FALSE(again.wait(std::chrono::milliseconds(60)));
+  EXPECT_EQ(rests, 1);
+}
+
+TEST(SerialQueueTest, RestsAgainAfterMoreWork) {
+  std::atomic<int> rests = 0;
+  std::array<Event, 2> rested;
+  SerialQueue queue("test", {std::chrono::milliseconds(1), [&] {
+                               const int before = rests++;
+                               if (before < 2) rested[static_cast<std::size_t>(before)].set();
+                             }});
+  queue.async([] {});
+  EXPECT_TRUE(rested[0].wait());
+  queue.async([] {});
+  EXPECT_TRUE(rested[1].wait());
+}
+
 TEST(SerialQueueTest, EachThreadsWorkStaysInOrderAndNeverOverlaps) {
   constexpr std::size_t kThreads = 4;
   constexpr int kPieces = 500;
