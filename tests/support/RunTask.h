@@ -18,6 +18,7 @@
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/strand.hpp>
+#include <boost/asio/this_coro.hpp>
 #include <chrono>
 #include <exception>
 #include <future>
@@ -48,6 +49,8 @@ struct TaskOutcome {
 // default constructor.
 template <class T>
 platform::Task<void> keepOutcome(platform::Task<T> task, std::shared_ptr<TaskOutcome<T>> outcome) {
+  // As in a group's child: each wait says itself whether a cancellation interrupts it.
+  co_await boost::asio::this_coro::throw_if_cancelled(false);
   if constexpr (std::is_void_v<T>) {
     co_await std::move(task);
     outcome->value.emplace();
