@@ -6,14 +6,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <set>
 #include <thread>
 
 #include "tests/console/ConsoleProgram.h"
-#include "tests/support/IsolatedStorage.h"
+#include "tests/console/WholePrograms.h"
 #include "tests/support/ServiceFixture.h"
-#include "tests/support/TemporaryDirectory.h"
 #include "tests/support/Waiting.h"
 
 namespace kestrune {
@@ -27,57 +25,11 @@ using testing::Not;
 using testing::UnorderedElementsAre;
 namespace fs = std::filesystem;
 
-constexpr const char* kToken = "canary-91f3-token";
-
-std::string randomBytes(std::size_t count) {
-  std::mt19937 generator(4711);
-  std::string bytes(count, '\0');
-  for (auto& byte : bytes) byte = static_cast<char>(generator());
-  return bytes;
-}
-
 std::vector<std::string> textsOf(const Json& items, const char* key) {
   std::vector<std::string> texts;
   for (const auto& item : items) texts.push_back(item.at(key));
   return texts;
 }
-
-/// A service over a tree of the test's own, and the configuration that leads there.
-struct WholePrograms : testing::Test {
-  WholePrograms() {
-    files.write("tree/Docs/a.txt", "hello\n");
-    files.write("tree/Docs/big.bin", big);
-    files.write("tree/Docs/Sub/inner", "");
-    files.write("tree/Docs/.DS_Store", "clutter");
-    files.write("token", kToken);
-    start();
-    configure(files.path() / "token");
-  }
-
-  void start() {
-    service.emplace("kestrune-service",
-                    std::vector<std::string>{"--root", files.path() / "tree", "--staging",
-                                             files.path() / "staging", "--listen", "127.0.0.1:0",
-                                             "--token-file", files.path() / "token"});
-    const std::string line = service->readLine().value_or("");
-    address = line.substr(std::min(line.find("http://"), line.size()));
-    ASSERT_THAT(address, HasSubstr("http://127.0.0.1:")) << service->errors();
-  }
-
-  void configure(const fs::path& tokenFile) {
-    ChildProgram program("kestrune", {"configure", "--url", address, "--token-file", tokenFile});
-    EXPECT_EQ(program.finish(), 0) << program.errors();
-  }
-
-  fs::path tree(const fs::path& relative) const { return files.path() / "tree" / relative; }
-
-  const std::string big = randomBytes(3 << 20U);
-  support::TemporaryDirectory files;
-  support::IsolatedStorage
-      storage;  // after `files`, which would else lie in its temporary directory
-  std::optional<ChildProgram> service;
-  std::string address;
-};
 
 TEST_F(WholePrograms, BrowseAFolderAndLookUpItsItems) {
   ConsoleProgram console;
