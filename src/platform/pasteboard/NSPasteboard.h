@@ -2,7 +2,8 @@
 //
 // On Linux it is the desktop's clipboard, reached through the program that the desktop's users have
 // for it: wl-copy where WAYLAND_DISPLAY is set, else xclip where DISPLAY is set. Each keeps serving
-// the text in a process of its own after it was handed over.
+// the text in a process of its own after it was handed over; who pastes within the next
+// milliseconds may still get what was there before.
 //
 // Threads: `general` and `setGeneral` on any thread; a pasteboard itself on the main thread alone,
 // as the platform demands (MainQueue). Writing blocks for as long as the program needs to take the

@@ -98,17 +98,17 @@ pid_t start(const Arguments& arguments, const Input& input) {
 
 // The status of the child's end. Nothing tells of it that works on all kernels and beside other
 // users of SIGCHLD, so the child is asked for; taking over a text takes it milliseconds.
-int waitForEnd(const std::string& program, pid_t child) {
-  const auto deadline = std::chrono::steady_clock::now() + SessionPasteboard::kPatience;
+int waitForEnd(const std::string& program, pid_t child, std::chrono::milliseconds patience) {
+  const auto deadline = std::chrono::steady_clock::now() + patience;
   for (;;) {
     int status = 0;
     const pid_t ended = ::waitpid(child, &status, WNOHANG);
     if (ended == child) return status;
     if (ended < 0 && errno != EINTR) throw NSPOSIXError(errno, "wait for " + program);
     if (std::chrono::steady_clock::now() >= deadline) {
-      ::kill(child, SIGKILL);
-      ::waitpid(child, &status, 0);
-      throw failed(program, "did not take it within 5 seconds");
+      ::kill(-child, SIGKILL);  // its session: what the program has started ends with it
+      while (::waitpid(child, &status, 0) < 0 && errno == EINTR) continue;
+      throw failed(program, "did not take it in time");
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
@@ -119,7 +119,7 @@ int waitForEnd(const std::string& program, pid_t child) {
 void SessionPasteboard::replaceContents(const std::string& text) {
   const Arguments arguments = sessionProgram();
   const Input input(text);
-  const int status = waitForEnd(arguments[0], start(arguments, input));
+  const int status = waitForEnd(arguments[0], start(arguments, input), patience_);
   if (WIFSIGNALED(status)) {
     throw failed(arguments[0], "was ended by signal " + std::to_string(WTERMSIG(status)));
   }

@@ -10,10 +10,16 @@ namespace kestrune::platform {
 
 class SessionPasteboard final : public NSPasteboard {
  public:
-  /// How long the program may take before it is ended and the writing fails.
   static constexpr std::chrono::seconds kPatience{5};
 
+  /// `patience`: how long the program may take before it is ended and the writing fails.
+  explicit SessionPasteboard(std::chrono::milliseconds patience = kPatience)
+      : patience_(patience) {}
+
   void replaceContents(const std::string& text) override;
+
+ private:
+  const std::chrono::milliseconds patience_;
 };
 
 }  // namespace kestrune::platform
