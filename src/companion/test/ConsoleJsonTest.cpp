@@ -8,6 +8,7 @@
 #include "companion/console/ConsoleWriter.h"
 #include "companion/test/FakeExtension.h"
 #include "platform/net/URLError.h"
+#include "transfer/MPError.h"
 
 namespace kestrune {
 namespace {
@@ -44,6 +45,25 @@ TEST(ConsoleJson, ErrorsOfTheServiceNameTheirCase) {
   EXPECT_EQ(
       text(errorJson(APIError::notConfigured().share())),
       R"({"domain":"KestruneAPI.APIError","code":2,"description":"API URL or auth token missing","case":"notConfigured"})");
+}
+
+TEST(ConsoleJson, ErrorsOfAnUploadInPartsNameTheirCase) {
+  const struct {
+    MPError error;
+    const char* printed;
+  } cases[] = {
+      {MPError::initFailed("m"),
+       R"("code":0,"description":"multipart init: m","case":"initFailed")"},
+      {MPError::partFailed(3, "HTTP 503"),
+       R"("code":1,"description":"part 3: HTTP 503","case":"partFailed")"},
+      {MPError::completeFailed("m"),
+       R"("code":2,"description":"multipart complete: m","case":"completeFailed")"},
+      {MPError::readFailed("/x"), R"("code":3,"description":"file read: /x","case":"readFailed")"},
+  };
+  for (const auto& [error, printed] : cases) {
+    EXPECT_EQ(text(errorJson(error.share())),
+              std::string(R"({"domain":"MultipartUploader.MPError",)") + printed + "}");
+  }
 }
 
 TEST(ConsoleJson, OtherErrorsAreDomainCodeAndDescription) {
