@@ -52,7 +52,7 @@ class PartialFetchFailureTest : public PartialFetchTesting {
   int localDescriptor() const {
     const auto names = service_.storage().temporaryNames();
     if (names.size() != 1) return -1;
-    const fs::path file = service_.storage().temporary() / names[0];
+    const fs::path file = fs::canonical(service_.storage().temporary() / names[0]);
     for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
       std::error_code gone;
       if (fs::read_symlink(entry.path(), gone) == file) return std::stoi(entry.path().filename());

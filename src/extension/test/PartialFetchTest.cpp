@@ -181,6 +181,12 @@ TEST_F(PartialFetchTest, TheTotalIsTheRequestedLengthAndAtLeastOne) {
   }
 }
 
+TEST_F(PartialFetchTest, ProgressIsSetAtTheEndEvenWhereNothingWasFetched) {
+  setFile(0);
+  EXPECT_EQ(fetch({0, 5}).progress, 0);
+  EXPECT_EQ(fetch({5, -5}).progress, -5);  // what was requested, however odd
+}
+
 TEST_F(PartialFetchTest, ProgressAndStatusMoveOncePerMiB) {
   setFile(3 * kMiB + 123);
   const struct {
