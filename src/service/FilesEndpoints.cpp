@@ -61,7 +61,13 @@ asio::awaitable<void> FilesEndpoints::list(std::shared_ptr<Exchange> exchange) {
   bool streaming = false;
   for (bool more = true; more;) {
     piece.clear();
-    more = co_await parts_.fileThreads.run([&] { return listing.next(piece, kListingPieceBytes); });
+    more = co_await parts_.fileThreads.run([&] {
+      const bool unfinished = listing.next(piece, kListingPieceBytes);
+      // A folder that was removed meanwhile may have been emptied before its last entries were
+      // read. No client may take the others for all.
+      if (!unfinished && !parts_.tree.holds(listing.folder())) throw notFound();
+      return unfinished;
+    });
     if (!more && !streaming) {
       reply.body = std::move(piece);
       co_await exchange->reply(std::move(reply));

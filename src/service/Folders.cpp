@@ -71,7 +71,13 @@ std::size_t removeContents(int folder, const std::function<bool()>& goOn) {
     pending.pop_back();
     if (::unlinkat(folder, name.c_str(), 0) == 0 || errno == ENOENT) continue;
     const bool empty = flatten(folder, name, pending);
-    if (!empty || ::unlinkat(folder, name.c_str(), AT_REMOVEDIR) != 0) ++left;
+    if (empty && ::unlinkat(folder, name.c_str(), AT_REMOVEDIR) == 0) continue;
+    if (empty && errno == ENOTEMPTY) {
+      // An upload that found the folder before it was removed has come into it meanwhile.
+      pending.push_back(name);
+    } else {
+      ++left;
+    }
   }
   return left;
 }

@@ -35,6 +35,8 @@ class Listing {
   /// first. False when that was the end.
   bool next(std::string& out, std::size_t enough);
 
+  /// The folder that is read.
+  const FileDescriptor& folder() const { return folder_; }
   /// How many names were left out so far because the service would not accept them.
   std::uint64_t refusedNames() const { return refusedNames_; }
 

@@ -1,5 +1,7 @@
 #include "service/MultipartUploads.h"
 
+#include <algorithm>
+#include <exception>
 #include <utility>
 
 #include "service/Limits.h"
@@ -24,13 +26,13 @@ std::string_view withoutQuotes(std::string_view tag) {
 
 MultipartUploads::Upload& MultipartUploads::find(const std::string& id) {
   const auto found = uploads_.find(id);
-  if (found == uploads_.end()) throw notFound();
+  if (found == uploads_.end() || found->second.aborted) throw notFound();
   return found->second;
 }
 
 const MultipartUploads::Upload& MultipartUploads::find(const std::string& id) const {
   const auto found = uploads_.find(id);
-  if (found == uploads_.end()) throw notFound();
+  if (found == uploads_.end() || found->second.aborted) throw notFound();
   return found->second;
 }
 
@@ -74,6 +76,7 @@ MultipartUploads::Slot MultipartUploads::beginPart(const std::string& id, int nu
   } else {
     slot.draft = staging_.newDraft();
   }
+  ++upload.receiving;
   return slot;
 }
 
@@ -86,6 +89,7 @@ std::string MultipartUploads::finishPart(const std::string& id, const Slot& slot
   Upload& upload = find(id);
   // Complete has looked at the parts already; this one came too late for it.
   if (upload.completing) throw conflict("the upload is being completed");
+  --upload.receiving;
   if (slot.inPlace) --upload.writing;
   std::swap(upload.parts[slot.number], part);
   upload.touched = nowSeconds;
@@ -93,10 +97,12 @@ std::string MultipartUploads::finishPart(const std::string& id, const Slot& slot
 }
 
 void MultipartUploads::failPart(const std::string& id, const Slot& slot) {
-  if (!slot.inPlace) return;
+  if (slot.number == 0) return;
   const platform::MutexLock lock(mutex_);
   const auto found = uploads_.find(id);
   if (found == uploads_.end()) return;
+  --found->second.receiving;
+  if (!slot.inPlace) return;
   --found->second.writing;
   found->second.taken.erase(slot.number);
 }
@@ -109,7 +115,7 @@ MultipartUploads::Joining MultipartUploads::beginJoining(const std::string& key,
   Upload& upload = find(id);
   if (upload.key != key) throw notFound();
   if (upload.completing) throw conflict("the upload is being completed");
-  Joining joining{upload.whole, upload.writing == 0, {}};
+  Joining joining{upload.whole, false, {}};
   int previous = 0;
   for (const NamedPart& named : parts) {
     if (named.number <= previous) throw badRequest("the parts are not in ascending order");
@@ -120,14 +126,19 @@ MultipartUploads::Joining MultipartUploads::beginJoining(const std::string& key,
     }
     joining.parts.push_back(found->second);
   }
+  const auto isInPlace = [](const Part& part) { return part.inPlace; };
+  const auto named = std::count_if(joining.parts.begin(), joining.parts.end(), isInPlace);
+  const auto all = std::count_if(upload.parts.begin(), upload.parts.end(),
+                                 [](const auto& part) { return part.second.inPlace; });
+  joining.wholeIsOurs = upload.writing == 0 && named == all;
   upload.completing = true;
   return joining;
 }
 
 std::shared_ptr<Draft> MultipartUploads::join(const Joining& joining) const {
-  // The common draft is the object if every part in it lies where it belongs and nobody writes
-  // there any more.
-  bool wholeFits = joining.whole && joining.wholeIsQuiet;
+  // The common draft is the object if every part in it lies where it belongs. What fails later, a
+  // full disk for example, must not have cost another part: the client may try again.
+  bool wholeFits = joining.whole && joining.wholeIsOurs;
   std::uint64_t total = 0;
   for (const Part& part : joining.parts) {
     if (part.inPlace && part.offset != total) wholeFits = false;
@@ -148,40 +159,47 @@ std::shared_ptr<Draft> MultipartUploads::join(const Joining& joining) const {
 void MultipartUploads::complete(const std::string& key, const std::string& id,
                                 const std::vector<NamedPart>& parts) {
   const Joining joining = beginJoining(key, id, parts);
+  std::shared_ptr<Draft> object;
+  std::exception_ptr failure;
   try {
-    const std::shared_ptr<Draft> object = join(joining);
-    staging_.keep(*object, key);
+    object = join(joining);
   } catch (...) {
-    const platform::MutexLock lock(mutex_);
-    const auto found = uploads_.find(id);
-    if (found != uploads_.end()) found->second.completing = false;
-    throw;
+    failure = std::current_exception();
   }
   decltype(uploads_)::node_type ended;  // Its drafts are removed after the lock is released.
+  // The object appears under the lock: `abort` finds either the upload or the object, and what it
+  // forgets stays forgotten.
   const platform::MutexLock lock(mutex_);
+  Upload& upload = uploads_.at(id);
+  upload.completing = false;
+  if (upload.aborted) {
+    ended = uploads_.extract(id);
+    throw notFound();
+  }
+  if (failure) std::rethrow_exception(failure);
+  staging_.keep(*object, key);
   ended = uploads_.extract(id);
 }
 
 void MultipartUploads::abort(const std::string& key, const std::string& id) {
-  // The drafts are removed after the lock is released.
-  std::optional<Upload> forgotten;
-  {
-    const platform::MutexLock lock(mutex_);
-    const auto found = uploads_.find(id);
-    if (found != uploads_.end() && found->second.key == key && !found->second.completing) {
-      forgotten = std::move(found->second);
-      uploads_.erase(found);
-    }
+  decltype(uploads_)::node_type ended;  // Its drafts are removed after the lock is released.
+  const platform::MutexLock lock(mutex_);
+  const auto found = uploads_.find(id);
+  if (found == uploads_.end() || found->second.key != key) {
+    staging_.discard(key);
+  } else if (found->second.completing) {
+    found->second.aborted = true;
+  } else {
+    ended = uploads_.extract(found);
   }
-  if (!forgotten) staging_.discard(key);
 }
 
 void MultipartUploads::sweep(std::int64_t nowSeconds) {
   std::vector<Upload> forgotten;
   const platform::MutexLock lock(mutex_);
   for (auto upload = uploads_.begin(); upload != uploads_.end();) {
-    const bool abandoned =
-        nowSeconds - upload->second.touched >= kAbandonedSeconds && !upload->second.completing;
+    const bool abandoned = nowSeconds - upload->second.touched >= kAbandonedSeconds &&
+                           !upload->second.completing && upload->second.receiving == 0;
     if (abandoned) forgotten.push_back(std::move(upload->second));
     upload = abandoned ? uploads_.erase(upload) : std::next(upload);
   }

@@ -42,6 +42,7 @@ class MultipartUploads {
   struct Slot {
     std::shared_ptr<Draft> draft;
     std::uint64_t offset = 0;
+    /// 0 as long as the part was not begun.
     int number = 0;
     bool inPlace = false;
   };
@@ -73,13 +74,14 @@ class MultipartUploads {
 
   /// Joins the parts, in this order, to the object `key`. 400 if the list is empty, not ascending,
   /// or names a part that was not uploaded (the upload then stays open); 409 while another call
-  /// does the same.
+  /// does the same; 404 if the upload was aborted meanwhile.
   void complete(const std::string& key, const std::string& id, const std::vector<NamedPart>& parts);
 
-  /// Forgets the upload, or the object if it was completed. Fine if there is none.
+  /// Forgets the upload, also while it is being completed, or the object if it was completed.
+  /// Fine if there is none.
   void abort(const std::string& key, const std::string& id);
 
-  /// Forgets the uploads that nobody touched for 24 hours.
+  /// Forgets the uploads that nobody touched for 24 hours. A part on its way touches its upload.
   void sweep(std::int64_t nowSeconds);
 
  private:
@@ -98,14 +100,19 @@ class MultipartUploads {
     /// The places of the common draft that are written or being written.
     std::set<int> taken;
     int writing = 0;
+    /// All parts that are on their way, those included.
+    int receiving = 0;
     bool completing = false;
+    /// Aborted while it is completed; nobody finds it any more, and `complete` forgets it.
+    bool aborted = false;
     std::map<int, Part> parts;
     std::int64_t touched = 0;
   };
   /// What `complete` works on while the upload is marked as completing.
   struct Joining {
     std::shared_ptr<Draft> whole;
-    bool wholeIsQuiet = false;
+    /// Whether nobody writes to the common draft, and it holds no part but those that are named.
+    bool wholeIsOurs = false;
     std::vector<Part> parts;
   };
 

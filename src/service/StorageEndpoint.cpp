@@ -41,9 +41,10 @@ class PartInProgress {
     slot_ = uploads_.beginPart(id_, number_, length_);
     return {std::move(slot_.draft), slot_.offset};
   }
-  std::string finish(const Received& received) {
-    slot_.draft = received.target.draft;
-    return uploads_.finishPart(id_, slot_, received.length, secondsNow());
+  std::string finish(Received& received) {
+    MultipartUploads::Slot slot = slot_;
+    slot.draft = std::move(received.target.draft);
+    return uploads_.finishPart(id_, slot, received.length, secondsNow());
   }
   void fail() { uploads_.failPart(id_, slot_); }
 
@@ -137,14 +138,15 @@ asio::awaitable<void> StorageEndpoint::download(std::shared_ptr<Exchange> exchan
 
 asio::awaitable<void> StorageEndpoint::uploadFile(std::shared_ptr<Exchange> exchange,
                                                   RemotePath path) {
-  const Received received = co_await receiveUpload(exchange, &parts_.fileThreads, [this, &path] {
+  Received received = co_await receiveUpload(exchange, &parts_.fileThreads, [this, &path] {
     parts_.tree.checkPlace(path);
     return UploadTarget{parts_.staging.newDraft()};
   });
-  Draft& draft = *received.target.draft;
   const std::string tag = co_await parts_.fileThreads.run([&] {
-    parts_.staging.place(draft, path);
-    return entityTagOf(attributesOf(draft.file()));
+    // A draft that finds no place is removed on this thread: a long one takes its time.
+    const std::shared_ptr<Draft> draft = std::move(received.target.draft);
+    parts_.staging.place(*draft, path);
+    return entityTagOf(attributesOf(draft->file()));
   });
   parts_.changes.announce();
   co_await replyStored(std::move(exchange), tag);
@@ -152,12 +154,12 @@ asio::awaitable<void> StorageEndpoint::uploadFile(std::shared_ptr<Exchange> exch
 
 asio::awaitable<void> StorageEndpoint::uploadObject(std::shared_ptr<Exchange> exchange,
                                                     std::string key) {
-  const Received received = co_await receiveUpload(
+  Received received = co_await receiveUpload(
       exchange, &parts_.fileThreads, [this] { return UploadTarget{parts_.staging.newDraft()}; });
-  Draft& draft = *received.target.draft;
   const std::string tag = co_await parts_.fileThreads.run([&] {
-    parts_.staging.keep(draft, key);
-    return entityTagOf(attributesOf(draft.file()));
+    const std::shared_ptr<Draft> draft = std::move(received.target.draft);
+    parts_.staging.keep(*draft, key);
+    return entityTagOf(attributesOf(draft->file()));
   });
   co_await replyStored(std::move(exchange), tag);
 }
@@ -168,7 +170,7 @@ asio::awaitable<void> StorageEndpoint::uploadPart(std::shared_ptr<Exchange> exch
   std::exception_ptr failure;
   std::string tag;
   try {
-    const Received received =
+    Received received =
         co_await receiveUpload(exchange, &parts_.fileThreads, [&part] { return part.begin(); });
     tag = co_await parts_.fileThreads.run([&] { return part.finish(received); });
   } catch (...) {

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <optional>
 #include <stdexcept>
+#include <utility>
 
 #include "platform/values/NSError.h"
 #include "service/ServiceError.h"
@@ -61,6 +62,18 @@ std::optional<ItemAttributes> findAt(const FileDescriptor& folder, const std::st
 
 void refuseLink(const ItemAttributes& attributes) {
   if (attributes.kind == ItemKind::link) throw fileError(ELOOP, "statx");
+}
+
+struct FolderStatus {
+  /// The file system and the inode.
+  std::pair<dev_t, ino_t> identity;
+  bool isRemoved = false;
+};
+
+FolderStatus statusOf(const FileDescriptor& folder) {
+  struct stat status {};
+  if (::fstat(folder.get(), &status) != 0) throw fileError(errno, "fstat");
+  return {{status.st_dev, status.st_ino}, status.st_nlink == 0};
 }
 
 /// Whether a file may be put where `present` is.
@@ -141,6 +154,26 @@ FileDescriptor Tree::openFolder(const RemotePath& path) const {
   throw notFound();
 }
 
+bool Tree::holds(const FileDescriptor& folder) const {
+  const FolderStatus root = statusOf(root_);
+  FolderStatus here = statusOf(folder);
+  // A folder that has no name any more still knows where it was.
+  if (here.isRemoved) return false;
+  FileDescriptor above;
+  int present = folder.get();
+  while (here.identity != root.identity) {
+    FileDescriptor next(::openat(present, "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!next) throw fileError(errno, "open ..");
+    const FolderStatus parent = statusOf(next);
+    // Only the uppermost folder is its own parent.
+    if (parent.identity == here.identity) return false;
+    above = std::move(next);
+    present = above.get();
+    here = parent;
+  }
+  return true;
+}
+
 void Tree::makeFolder(const RemotePath& path) const {
   if (path.isRoot()) throw fileError(EEXIST, "mkdir");
   const FileDescriptor parent = openParent(path);
@@ -173,12 +206,16 @@ bool Tree::remove(const RemotePath& path, int trash, const std::string& trashNam
   const std::string name = path.name();
   const ItemAttributes present = attributesAt(parent.get(), name.c_str());
   refuseLink(present);
-  const bool isFolder = present.kind == ItemKind::folder;
-  const int failed = isFolder ? ::renameat(parent.get(), name.c_str(), trash, trashName.c_str())
-                              : ::unlinkat(parent.get(), name.c_str(), 0);
-  if (failed != 0) throw fileError(errno, isFolder ? "rename into the trash" : "unlink");
+  bool trashed = present.kind == ItemKind::folder;
+  if (!trashed && ::unlinkat(parent.get(), name.c_str(), 0) != 0) {
+    // A folder has come into the place meanwhile.
+    if (errno != EISDIR) throw fileError(errno, "unlink");
+    trashed = true;
+  }
+  if (trashed && ::renameat(parent.get(), name.c_str(), trash, trashName.c_str()) != 0)
+    throw fileError(errno, "rename into the trash");
   settle(parent);
-  return isFolder;
+  return trashed;
 }
 
 void Tree::place(int from, const std::string& name, const RemotePath& path) const {

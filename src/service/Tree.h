@@ -63,6 +63,9 @@ class Tree {
   /// Opens a folder for listing. 409 for a file.
   FileDescriptor openFolder(const RemotePath& path) const;
 
+  /// Whether `folder`, opened here before, is still in the tree, wherever it was moved to since.
+  bool holds(const FileDescriptor& folder) const;
+
   /// 409 if something of that name exists, 404 if the parent does not.
   void makeFolder(const RemotePath& path) const;
   /// Never replaces: 409 if `destination` exists, or if it lies below `source`.

@@ -24,9 +24,10 @@ class Receiver {
         announced_(exchange_->bodyLength()) {}
 
   asio::awaitable<Received> receive() {
-    if (announced_.value_or(0) > kMaxUploadBytes) throw ServiceError(413, "the file is too large");
-    if (announced_ && *announced_ <= kPieceBytes) {
-      co_await receiveSmall();
+    const std::uint64_t announced = announced_.value_or(0);
+    if (announced > kMaxUploadBytes) throw ServiceError(413, "the file is too large");
+    if (announced_ && announced <= kPieceBytes) {
+      co_await receiveSmall(static_cast<std::size_t>(announced));
     } else {
       co_await fileThreads_->run([this] { prepare(); });
       if (announced_) {
@@ -56,8 +57,8 @@ class Receiver {
   }
 
   /// A small body is here before the disk is asked, and both in one go then.
-  asio::awaitable<void> receiveSmall() {
-    piece_.resize(static_cast<std::size_t>(*announced_));
+  asio::awaitable<void> receiveSmall(std::size_t length) {
+    piece_.resize(length);
     co_await fillPiece();
     co_await fileThreads_->run([this] {
       prepare();

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fmt/format.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -40,6 +41,9 @@ Client::Client(std::uint16_t port) : socket_(::socket(AF_INET, SOCK_STREAM | SOC
   if (::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     throw std::runtime_error("the service cannot be reached");
   }
+  // A body that is sent after its header would wait for the other side's delayed acknowledgement.
+  const int now = 1;
+  ::setsockopt(socket_.get(), IPPROTO_TCP, TCP_NODELAY, &now, sizeof now);
 }
 
 void Client::send(std::string_view bytes) const {
@@ -90,6 +94,7 @@ Answer Client::readAnswer(bool bodyExpected) {
     if (error && error != http::error::need_more) throw std::runtime_error(error.message());
     if (parser.is_done()) break;
     if (!readMore()) {
+      if (!parser.got_some()) throw ConnectionEnded("the connection ended without an answer");
       parser.put_eof(error);
       if (error || !parser.is_done()) throw ConnectionEnded("the answer was cut off");
     }

@@ -166,6 +166,24 @@ TEST_F(MultipartUploadsTest, ListsThatMeanNothingAreRefusedAndTheUploadStaysOpen
   EXPECT_EQ(refusalOf([&] { complete({first, second}); }), 404U);
 }
 
+TEST_F(MultipartUploadsTest, ACompletionThatFailsLosesNoPart) {
+  const std::string a = patternBytes(kPart, 1);
+  const std::string b = patternBytes(kPart, 2);
+  const std::string c = patternBytes(1000, 3);
+  const NamedPart first = put(1, a);
+  const NamedPart second = put(2, b);
+  const NamedPart third = put(3, c);
+  const fs::path inTheWay = files.path() / "staging/objects" / upload.key;
+  // The first list ends before the second part, the other puts the third part where it lies.
+  for (const auto& list : {std::vector{first}, std::vector{first, third}}) {
+    fs::create_directory(inTheWay);
+    EXPECT_EQ(refusalOf([&] { complete(list); }), 409U);
+    fs::remove(inTheWay);
+  }
+  complete({first, second, third});
+  EXPECT_TRUE(object() == a + b + c);
+}
+
 TEST_F(MultipartUploadsTest, OnlyOpenUploadsAndNumbersInRangeGetAURL) {
   uploads->check(upload.key, upload.id, 1);
   uploads->check(upload.key, upload.id, 10'000);
@@ -197,6 +215,18 @@ TEST_F(MultipartUploadsTest, AbandonedUploadsAreForgottenAfterADay) {
   EXPECT_EQ(draftCount(), 1U);
   uploads->sweep(kNow + 24 * 3600);
   EXPECT_EQ(draftCount(), 0U);
+  EXPECT_EQ(refusalOf([&] { uploads->check(upload.key, upload.id, 1); }), 404U);
+}
+
+TEST_F(MultipartUploadsTest, AnUploadWithAPartOnItsWayIsNotAbandoned) {
+  for (const std::string& bytes : {std::string("short"), patternBytes(kPart, 1)}) {
+    const auto slot = begin(1, bytes);
+    uploads->sweep(kNow + 48 * 3600);
+    finish(slot, bytes);
+    const auto failed = begin(2, bytes);
+    uploads->failPart(upload.id, failed);
+  }
+  uploads->sweep(kNow + 24 * 3600);
   EXPECT_EQ(refusalOf([&] { uploads->check(upload.key, upload.id, 1); }), 404U);
 }
 

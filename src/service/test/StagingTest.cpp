@@ -1,11 +1,14 @@
 #include "service/Staging.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <functional>
+#include <latch>
 #include <optional>
 #include <stdexcept>
+#include <thread>
 
 #include "service/Folders.h"
 #include "service/ServiceError.h"
@@ -196,6 +199,30 @@ TEST_F(StagingTest, ARemovedFolderIsFreedToAnyDepthWithoutFollowingLinks) {
   staging->emptyTrash(always);
   EXPECT_TRUE(fs::is_empty(directory() / "trash"));
   EXPECT_TRUE(fs::exists(outside));
+}
+
+TEST_F(StagingTest, WhatComesIntoARemovedFolderIsFreedWithIt) {
+  open();
+  tree->makeFolder(at("/Docs"));
+  const FileDescriptor docs = tree->openFolder(at("/Docs"));
+  staging->remove(at("/Docs"));
+  // As an upload does that found the folder just before it was removed.
+  std::latch begun(1);
+  std::thread uploader([&] {
+    for (int i = 0;; ++i) {
+      const FileDescriptor file(::openat(docs.get(), std::to_string(i).c_str(), O_CREAT, 0600));
+      if (!file) break;
+      if (i == 100) begun.count_down();
+    }
+  });
+  begun.wait();
+  staging->emptyTrash(always);
+  const bool empty = fs::is_empty(directory() / "trash");
+  EXPECT_TRUE(empty);
+  // The uploader ends with the folder.
+  fs::rename(directory() / "trash", files.path() / "elsewhere");
+  fs::remove_all(files.path() / "elsewhere");
+  uploader.join();
 }
 
 TEST_F(StagingTest, EmptyingTheTrashStopsWhenAsked) {

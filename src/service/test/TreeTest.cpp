@@ -2,11 +2,15 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <functional>
 #include <stdexcept>
+#include <string>
+#include <thread>
 
 #include "service/ServiceError.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -159,6 +163,46 @@ TEST_F(TreeTest, RemovesFilesAtOnceAndFoldersAsAWhole) {
   EXPECT_FALSE(fs::exists(inRoot("Docs")));
   EXPECT_TRUE(fs::is_directory(files.path() / "trash/t/Sub"));
   EXPECT_EQ(refusalOf([&] { remove("/"); }), 400U);
+}
+
+TEST_F(TreeTest, AnItemThatChangesItsKindIsRemovedAllTheSame) {
+  files.write("root/other", "x");
+  fs::create_directory(inRoot("one"));
+  std::atomic<bool> ended = false;
+  std::thread swapper([&] {
+    while (!ended) {
+      ::renameat2(AT_FDCWD, inRoot("one").c_str(), AT_FDCWD, inRoot("other").c_str(),
+                  RENAME_EXCHANGE);
+    }
+  });
+  for (int i = 0; i < 1500 && !HasFailure(); ++i) {
+    EXPECT_EQ(refusalOf([&] { tree->remove(at("/one"), trash.get(), "t" + std::to_string(i)); }),
+              0U);
+    // What is left is made the one of two again.
+    if (fs::is_directory(inRoot("other"))) {
+      files.write("root/one", "x");
+    } else {
+      fs::create_directory(inRoot("one"));
+    }
+  }
+  ended = true;
+  swapper.join();
+}
+
+TEST_F(TreeTest, KnowsWhetherAnOpenFolderIsStillInTheTree) {
+  const FileDescriptor sub = tree->openFolder(at("/Docs/Sub"));
+  EXPECT_TRUE(tree->holds(sub));
+  EXPECT_TRUE(tree->holds(tree->openFolder(at("/"))));
+  tree->move(at("/Docs/Sub"), at("/Sub"));
+  EXPECT_TRUE(tree->holds(sub));
+  tree->makeFolder(at("/Sub/Deep"));
+  const FileDescriptor deep = tree->openFolder(at("/Sub/Deep"));
+  remove("/Sub");
+  EXPECT_FALSE(tree->holds(sub));
+  EXPECT_FALSE(tree->holds(deep));
+  const FileDescriptor docs = tree->openFolder(at("/Docs"));
+  fs::remove_all(inRoot("Docs"));
+  EXPECT_FALSE(tree->holds(docs));
 }
 
 TEST_F(TreeTest, PlacesNewFilesAndReplacesOldOnes) {
