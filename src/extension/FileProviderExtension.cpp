@@ -183,9 +183,11 @@ NSProgressPtr FileProviderExtension::modifyItem(platform::NSFileProviderItemPtr 
                                                 NSFileProviderRequest,
                                                 ChangeHandler completionHandler) {
   auto progress = std::make_shared<NSProgress>(kPercent);
-  platform::spawnDetached("modifyItem",
-                          runModification({std::move(item), changedFields, std::move(newContents),
-                                           progress, session_, std::move(completionHandler)}));
+  std::string path = FileProviderItem::path(item->itemIdentifier());
+  platform::spawnDetached(
+      "modifyItem",
+      runModification({std::move(path), std::move(item), changedFields, std::move(newContents),
+                       progress, session_, std::move(completionHandler)}));
   return progress;
 }
 

@@ -30,7 +30,7 @@ void movePin(const std::string& path, const std::string& newPath) {
 
 // Where the item lies when its place has been seen to.
 Task<std::string> moveItem(std::shared_ptr<const Modification> change) {
-  std::string path = FileProviderItem::path(change->item->itemIdentifier());
+  std::string path = change->path;
   const auto place =
       NSFileProviderItemFields::filename | NSFileProviderItemFields::parentItemIdentifier;
   if (!platform::contains(change->changedFields, place)) co_return path;

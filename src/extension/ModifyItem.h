@@ -20,6 +20,8 @@ namespace kestrune {
 
 /// What one change works with. All of it is kept until the task ends.
 struct Modification {
+  /// Where the item lay when the system asked.
+  std::string path;
   /// The item with its new values, under its old identifier.
   platform::NSFileProviderItemPtr item;
   platform::NSFileProviderItemFields changedFields = platform::NSFileProviderItemFields::none;
