@@ -214,9 +214,8 @@ TEST_F(SessionPasteboardTest, TheProgramSaysNothingOnOurStreams) {
 
 TEST_F(SessionPasteboardTest, TheProgramHasASessionAndSignalsOfItsOwn) {
   const std::string out = written("state").string();
-  install("xclip", "ps -o sid= -p $$ | tr -d ' ' >" + out + "\necho $$ >>" + out +
+  install("xclip", "cut -d' ' -f6 /proc/$$/stat >" + out + "\necho $$ >>" + out +
                        "\ngrep SigBlk /proc/self/status >>" + out + "\n");
-  install("ps", "cut -d' ' -f6 /proc/$4/stat\n");
   inSession(std::nullopt, ":0");
   sigset_t blocked;
   sigset_t before;
