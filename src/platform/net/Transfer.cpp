@@ -334,10 +334,17 @@ void Transfer::finish(CURLcode code) {
     failure_ = std::current_exception();
   }
   if (failure_) return fail(std::move(failure_));
-  sink_->didEnd(nullptr);
+  end(nullptr);
 }
 
-void Transfer::fail(std::exception_ptr error) { sink_->didEnd(std::move(error)); }
+void Transfer::fail(std::exception_ptr error) { end(std::move(error)); }
+
+void Transfer::end(std::exception_ptr error) {
+  // Before anybody hears of the end: whoever then sends the next body must not find this one's
+  // memory still in use.
+  body_.reset();
+  sink_->didEnd(std::move(error));
+}
 
 bool Transfer::acceptHeaderLine(std::string_view line) {
   headerBytes_ += line.size();

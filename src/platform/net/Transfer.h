@@ -88,6 +88,7 @@ class Transfer : public std::enable_shared_from_this<Transfer> {
   void setCallbacks();
   void touch();
   void announceResponse();
+  void end(std::exception_ptr error);
   /// Keeps the exception being handled as the reason to stop. REQUIRES: called inside a catch
   /// block.
   void stopWithCurrentException() { failure_ = std::current_exception(); }

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <chrono>
@@ -164,6 +165,22 @@ TEST_F(MultipartUploaderTest, FewerPartsThanEightAllStartAtOnce) {
   running.value();
   EXPECT_EQ(partsAsked(), 3U);
 }
+
+#ifndef KESTRUNE_SANITIZED  // sanitizers keep what is freed
+long peakMemoryMebibytes() {
+  rusage usage{};
+  ::getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss >> 10;
+}
+
+// The store's own memory, a mebibyte a part and the buffers of its connections, is in here too.
+TEST_F(MultipartUploaderTest, MemoryIsThatOfThePartsInFlight) {
+  constexpr std::int64_t kParts = 40;
+  const long before = peakMemoryMebibytes();
+  run(kParts * kPart);
+  EXPECT_LT(peakMemoryMebibytes() - before, 8 * 10 + kParts + 60);
+}
+#endif
 
 TEST_F(MultipartUploaderTest, PartIsReadWhenItsTurnHasCome) {
   const fs::path file = fileOf(9 * kPart);
