@@ -149,6 +149,7 @@ TEST_F(PartialFetchFailureTest, SixFailuresMakeFiveLinesFivePausesAndTheSixthErr
     nextPresign(Answer(503, body));
   const Outcome outcome = fetch({0, 10});
   expectError(outcome, APIError::kDomain, 0);
+  ASSERT_NE(outcome.error, nullptr);
   EXPECT_EQ(outcome.error->localizedDescription(), "HTTP 503: six");
   EXPECT_EQ(outcome.progress, 0);
   EXPECT_THAT(sleeper_->durations(), ElementsAre(1s, 2s, 4s, 8s, 16s));
@@ -430,6 +431,7 @@ TEST_F(PartialFetchFailureTest, AFailedCloseEndsItAndTheFileIsRemoved) {
   });
   const Outcome outcome = ended(running);
   expectError(outcome, platform::kNSPOSIXErrorDomain, EBADF);
+  ASSERT_NE(outcome.error, nullptr);
   EXPECT_THAT(outcome.error->localizedDescription(), HasSubstr("close '"));
   EXPECT_FALSE(SyncStatusStore::shared().hasActiveTransfersUnder("/"));
   EXPECT_EQ(service_.presignCount(), 1U);
