@@ -361,12 +361,12 @@ TEST_F(MultipartUploaderFailureTest, FailedAbortIsNotReported) {
 TEST_F(MultipartUploaderFailureTest, HangingAbortHoldsTheErrorFiveSecondsAndGoesOnAlone) {
   setPart(1, Answer(500));
   http().hold("POST", kAbort);
+  const auto begun = std::chrono::steady_clock::now();
   auto running = start(1);
   const auto abort = http().nextHeld();
-  const auto begun = std::chrono::steady_clock::now();
   expectMPError(running.failure(), MPError::Case::partFailed, "part 1: HTTP 500");
   const auto waited = std::chrono::steady_clock::now() - begun;
-  EXPECT_GE(waited, milliseconds(4'900));  // it began a moment before it arrived here
+  EXPECT_GE(waited, seconds(5));
   EXPECT_LT(waited, seconds(10));
   const std::size_t sequence = abort.request().sequence;
   EXPECT_EQ(http().request(sequence).outcome, AnswerOutcome::underway);
