@@ -49,8 +49,9 @@ class SessionPasteboardTest : public testing::Test {
     wayland_ = std::make_unique<ScopedEnvironment>("WAYLAND_DISPLAY", wayland);
     x11_ = std::make_unique<ScopedEnvironment>("DISPLAY", x11);
   }
-  void install(const std::string& program, const std::string& script) const {
-    const fs::path file = directory_.write("bin/" + program, "#!/bin/sh\n" + script);
+  void install(const std::string& program, const std::string& script,
+               const std::string& interpreter = "/bin/sh") const {
+    const fs::path file = directory_.write("bin/" + program, "#!" + interpreter + "\n" + script);
     fs::permissions(file, fs::perms::owner_all);
   }
   /// A program that writes down its arguments, one a line, its input and its environment.
@@ -212,10 +213,13 @@ TEST_F(SessionPasteboardTest, TheProgramSaysNothingOnOurStreams) {
   EXPECT_EQ(result, "no failure");
 }
 
-TEST_F(SessionPasteboardTest, TheProgramHasASessionAndSignalsOfItsOwn) {
+TEST_F(SessionPasteboardTest, TheProgramHasAGroupAndSignalsOfItsOwn) {
   const std::string out = written("state").string();
-  install("xclip", "cut -d' ' -f6 /proc/$$/stat >" + out + "\necho $$ >>" + out +
-                       "\ngrep SigBlk /proc/self/status >>" + out + "\n");
+  // Not the shell, which begins by clearing its mask.
+  install("xclip",
+          "open(my $out, '>', '" + out + "');\nopen(my $in, '<', '/proc/self/status');\n" +
+              "print $out getpgrp(0), ' ', $$, ' ', grep(/SigBlk/, <$in>);\n",
+          "/usr/bin/perl");
   inSession(std::nullopt, ":0");
   sigset_t blocked;
   sigset_t before;
@@ -224,12 +228,12 @@ TEST_F(SessionPasteboardTest, TheProgramHasASessionAndSignalsOfItsOwn) {
   const std::string result = failure();
   ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
   EXPECT_EQ(result, "no failure");
-  long session = 0;
+  long group = 0;
   long process = 0;
   unsigned long mask = 1;
-  ASSERT_EQ(std::sscanf(contentsOf(out).c_str(), "%ld %ld SigBlk: %lx", &session, &process, &mask),
+  ASSERT_EQ(std::sscanf(contentsOf(out).c_str(), "%ld %ld SigBlk: %lx", &group, &process, &mask),
             3);
-  EXPECT_EQ(session, process);
+  EXPECT_EQ(group, process);
   EXPECT_EQ(mask, 0U);
 }
 
