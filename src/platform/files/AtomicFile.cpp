@@ -91,8 +91,11 @@ class TemporaryFile {
   const std::string& name() const { return name_; }
 
   void write(std::string_view contents) {
-    // The process's umask may have taken bits away.
-    if (::fchmod(file_.get(), 0600) != 0) fail(errno, "set the mode of", target_);
+    struct stat before {};
+    if (::fstat(file_.get(), &before) != 0) fail(errno, "examine", target_);
+    // The process's umask may have taken bits away, or somebody given some.
+    const bool isPrivate = (before.st_mode & 07777U) == 0600U;
+    if (!isPrivate && ::fchmod(file_.get(), 0600) != 0) fail(errno, "set the mode of", target_);
     const auto size = static_cast<off_t>(contents.size());
     while (!contents.empty()) {
       const ssize_t written = ::write(file_.get(), contents.data(), contents.size());
@@ -102,7 +105,7 @@ class TemporaryFile {
       }
       contents.remove_prefix(static_cast<std::size_t>(written));
     }
-    if (::ftruncate(file_.get(), size) != 0) fail(errno, "write", target_);
+    if (before.st_size > size && ::ftruncate(file_.get(), size) != 0) fail(errno, "write", target_);
   }
 
   void flush() {

@@ -13,6 +13,7 @@ class DataSink final : public TransferSink {
   DataSink(Continuation<URLReply> continuation, std::uint64_t maximumBytes)
       : continuation_(std::move(continuation)), maximumBytes_(maximumBytes) {}
 
+  long receiveBufferBytes() const override { return 64L << 10U; }
   void didReceiveResponse(const HTTPURLResponse& response, std::int64_t expectedBytes) override;
   Take didReceiveData(std::string_view bytes) override;
   void didEnd(std::exception_ptr error) override;
