@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "extension/FileProviderExtension.h"
+#include "platform/values/Allocator.h"
 #include "platform/values/Mutex.h"
 
 namespace {
@@ -43,6 +44,8 @@ void resetPeak() { std::ofstream("/proc/self/clear_refs") << "5"; }
 struct Outcome {
   NSErrorPtr error;
   std::size_t units = 0;  // bytes or items
+  /// Files that were handed over; removed when the time has been taken.
+  std::vector<std::filesystem::path> files;
 };
 
 Outcome download(FileProviderExtension& extension, const std::string& path) {
@@ -50,10 +53,10 @@ Outcome download(FileProviderExtension& extension, const std::string& path) {
   auto done = promise.get_future();
   extension.fetchContents(path, std::nullopt, {},
                           [&promise](const auto& file, const auto&, const NSErrorPtr& error) {
-                            Outcome outcome{error};
+                            Outcome outcome{error, 0, {}};
                             if (file) {
                               outcome.units = std::filesystem::file_size(*file);
-                              std::filesystem::remove(*file);
+                              outcome.files.push_back(*file);
                             }
                             promise.set_value(outcome);
                           });
@@ -90,16 +93,17 @@ Outcome readInOrder(FileProviderExtension& extension, const std::string& path) {
     extension.fetchPartialContents(
         path, {}, {}, {static_cast<std::int64_t>(total.units), kRequestBytes}, 0, {},
         [&](const auto& file, const auto&, auto range, auto, const NSErrorPtr& error) {
-          Outcome outcome{error, static_cast<std::size_t>(range.length)};
+          Outcome outcome{error, static_cast<std::size_t>(range.length), {}};
           if (file) {
             fileBytes = static_cast<std::int64_t>(std::filesystem::file_size(*file));
-            std::filesystem::remove(*file);
+            outcome.files.push_back(*file);
           }
           promise.set_value(outcome);
         });
-    const Outcome one = done.get();
+    Outcome one = done.get();
     total.units += one.units;
     total.error = one.error;
+    total.files.insert(total.files.end(), one.files.begin(), one.files.end());
     if (total.error || static_cast<std::int64_t>(total.units) >= fileBytes) return total;
   }
 }
@@ -130,7 +134,7 @@ Outcome upload(FileProviderExtension& extension, const std::string& path,
   std::promise<Outcome> promise;
   auto done = promise.get_future();
   create(extension, path, contents, [&](const NSErrorPtr& error) {
-    promise.set_value({error, std::filesystem::file_size(contents)});
+    promise.set_value({error, std::filesystem::file_size(contents), {}});
   });
   return done.get();
 }
@@ -186,6 +190,7 @@ Operation operationOf(const std::vector<std::string>& words) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  kestrune::platform::keepFreedMemory();  // as the program itself
   const std::vector<std::string> words(argv + 1, argv + argc);
   const Operation operation = operationOf(words);
   if (!operation) {
@@ -202,6 +207,7 @@ int main(int argc, char** argv) {
   const auto start = std::chrono::steady_clock::now();
   const Outcome outcome = operation(*extension);
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+  for (const auto& file : outcome.files) std::filesystem::remove(file);
   if (outcome.error) {
     std::fprintf(stderr, "kestrune-bench: %s '%s': %s\n", argv[1], argv[2], outcome.error->what());
     return 1;

@@ -20,6 +20,7 @@
 #include "companion/InvalidateCommand.h"
 #include "companion/ListCommands.h"
 #include "companion/MountCommand.h"
+#include "platform/values/Allocator.h"
 #include "status/SyncStatusStore.h"
 
 namespace {
@@ -163,6 +164,7 @@ int end(int code) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  platform::keepFreedMemory();
   protectMemory();
   occupyStandardDescriptors();
   try {

@@ -4,7 +4,6 @@
 #include <chrono>
 #include <filesystem>
 #include <optional>
-#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -18,6 +17,7 @@
 #include "platform/values/Checked.h"
 #include "platform/values/UUID.h"
 #include "status/SyncStatusStore.h"
+#include "transfer/PieceQueue.h"
 
 namespace kestrune {
 
@@ -90,9 +90,7 @@ class SparseFile {
 class RangeTransfer {
  public:
   RangeTransfer(const PartialFetch& fetch, FetchedRange range, SparseFile& file)
-      : fetch_(fetch), range_(range), file_(file) {
-    buffer_.reserve(kBufferBytes);
-  }
+      : fetch_(fetch), range_(range), file_(file) {}
 
   std::int64_t written() const { return written_; }
 
@@ -149,29 +147,20 @@ class RangeTransfer {
     buffer_.clear();  // what a failed attempt left in it is asked for again
     const std::int64_t before = written_;
     for (;;) {
-      auto piece = co_await stream.next();
+      auto piece = co_await stream.next(buffer_.takeUsed());
       if (!piece) break;
-      append(*piece);
+      buffer_.push(std::move(*piece));
+      while (buffer_.size() >= kBufferBytes) write(kBufferBytes);
     }
-    flush();
+    if (buffer_.size() > 0) write(buffer_.size());
     // An empty answer is no progress: asking again without counting could go on for ever.
     if (written_ == before) throw platform::URLError(platform::URLError::networkConnectionLost);
   }
 
-  void append(std::string_view bytes) {
-    while (!bytes.empty()) {
-      const auto taken = bytes.substr(0, kBufferBytes - buffer_.size());
-      buffer_.append(taken);
-      bytes.remove_prefix(taken.size());
-      if (buffer_.size() == kBufferBytes) flush();
-    }
-  }
-
-  void flush() {
-    if (buffer_.empty()) return;
-    file_.handle().write(buffer_);
-    written_ = addOrDie(written_, static_cast<std::int64_t>(buffer_.size()), "a count of bytes");
-    buffer_.clear();
+  void write(std::size_t count) {
+    file_.handle().write(buffer_.front(count));
+    buffer_.drop(count);
+    written_ = addOrDie(written_, static_cast<std::int64_t>(count), "a count of bytes");
     fetch_.progress->setCompletedUnitCount(std::min(written_, fetch_.requested.length));
     SyncStatusStore::shared().update(fetch_.transferId, written_);
   }
@@ -179,7 +168,7 @@ class RangeTransfer {
   const PartialFetch& fetch_;
   const FetchedRange range_;
   SparseFile& file_;
-  std::string buffer_;
+  PieceQueue buffer_;
   std::int64_t written_ = 0;  // from the range's start; survives between attempts
 };
 

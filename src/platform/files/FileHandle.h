@@ -36,6 +36,8 @@ class FileHandle {
   std::size_t read(std::span<char> destination);
   /// Writes all of `bytes` at the position and moves on. After a failure some of them may be there.
   void write(std::string_view bytes);
+  /// The same with bytes that lie in several places.
+  void write(std::span<const std::string_view> pieces);
   /// Makes the file `size` bytes long. What this adds reads as zeros and takes no room on the disk.
   void truncate(std::int64_t size);
   /// Closes the file, once. Some file systems report only here that earlier bytes were not stored.

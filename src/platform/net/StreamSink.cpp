@@ -33,9 +33,11 @@ void URLByteStream::Source::awaitResponse(Continuation<HTTPURLResponse> continua
   }
 }
 
-void URLByteStream::Source::take(Continuation<Piece> continuation) {
+void URLByteStream::Source::take(Continuation<Piece> continuation, std::string used) {
+  used.clear();
   {
     MutexLock lock(mutex_);
+    if (used.capacity() > spare_.capacity()) spare_.swap(used);
     if (!readyLocked()) {
       waiter_ = std::move(continuation);
       return;
@@ -51,6 +53,7 @@ void URLByteStream::Source::deliver(Continuation<Piece> continuation) {
   {
     MutexLock lock(mutex_);
     bytes.swap(buffer_);
+    buffer_.swap(spare_);
     error = error_;
     goOn = std::exchange(paused_, false);
   }

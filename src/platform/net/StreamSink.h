@@ -28,7 +28,8 @@ class URLByteStream::Source : public std::enable_shared_from_this<Source> {
   /// before one came.
   void awaitResponse(Continuation<HTTPURLResponse> continuation);
   /// Resumes `continuation` with the bytes at hand, as soon as there are any, or with the end.
-  void take(Continuation<Piece> continuation);
+  /// The memory of `used` is used again.
+  void take(Continuation<Piece> continuation, std::string used);
   void cancel();
 
   // From the sink, on the driver thread.
@@ -47,6 +48,7 @@ class URLByteStream::Source : public std::enable_shared_from_this<Source> {
 
   Mutex mutex_;
   std::string buffer_ GUARDED_BY(mutex_);
+  std::string spare_ GUARDED_BY(mutex_);  // empty; takes the buffer's place when that is handed out
   bool paused_ GUARDED_BY(mutex_) = false;
   bool ended_ GUARDED_BY(mutex_) = false;
   std::exception_ptr error_ GUARDED_BY(mutex_);
@@ -59,6 +61,8 @@ class StreamSink final : public TransferSink {
  public:
   explicit StreamSink(std::shared_ptr<URLByteStream::Source> source) : source_(std::move(source)) {}
 
+  /// What a paused reader leaves behind is copied, so not as much as for other contents.
+  long receiveBufferBytes() const override { return 128L << 10U; }
   void didReceiveResponse(const HTTPURLResponse& response, std::int64_t) override {
     source_->responseArrived(response);
   }

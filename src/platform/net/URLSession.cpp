@@ -71,10 +71,10 @@ URLByteStream::~URLByteStream() {
   if (source_) source_->cancel();
 }
 
-Task<std::optional<std::string>> URLByteStream::next() {
+Task<std::optional<std::string>> URLByteStream::next(std::string used) {
   auto source = source_;
-  auto begin = [source](Continuation<Source::Piece> continuation) {
-    source->take(std::move(continuation));
+  auto begin = [source, &used](Continuation<Source::Piece> continuation) {
+    source->take(std::move(continuation), std::move(used));
   };
   auto cancel = [source] { source->cancel(); };
   Source::Piece piece = co_await suspendUntilResumed<Source::Piece>(begin, cancel);

@@ -89,7 +89,9 @@ class URLByteStream {
 
   /// The next bytes, in pieces of whatever size has arrived; none at the end of the body. Throws
   /// what the transfer failed with, after all bytes that came before the failure have been read.
-  Task<std::optional<std::string>> next();
+  /// `used`: a piece that was read and is no longer needed; its memory takes later bytes. Fresh
+  /// memory for each piece of a long body costs more than the copying.
+  Task<std::optional<std::string>> next(std::string used = {});
 
  private:
   HTTPURLResponse response_;

@@ -14,7 +14,9 @@
 #include <fstream>
 #include <iterator>
 #include <optional>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 #include "platform/values/NSError.h"
 #include "platform/values/UUID.h"
@@ -125,6 +127,16 @@ TEST_F(FileHandleTest, WritesOnFromItsPosition) {
   handle.write("!");
   handle.close();
   EXPECT_EQ(contentsOf(at("new")), std::string("hello there\0\0!", 14));
+}
+
+TEST_F(FileHandleTest, WritesWhatLiesInSeveralPlacesInOrder) {
+  const std::string large(200'000, 'l');
+  const std::vector<std::string_view> pieces = {"a", "", large, "z"};
+  FileHandle handle = FileHandle::forWritingNew(at("new"));
+  handle.write(pieces);
+  handle.write(std::vector<std::string_view>());
+  handle.close();
+  EXPECT_EQ(contentsOf(at("new")), "a" + large + "z");
 }
 
 TEST_F(FileHandleTest, ANewFileIsTheUsersAlone) {
