@@ -1,8 +1,8 @@
 // The bare limit for many small creations: the same requests that the extension makes (an address,
-// the contents, the import), from libcurl alone, with eight threads that each reuse their
-// connection. Prints "seconds=…".
+// the contents, the import), from libcurl alone, in a loop that reuses its connection. Prints
+// "seconds=…".
 //
-//   kestrune-curl-loop URL TOKENFILE FOLDER FILE N
+//   kestrune-curl-loop URL TOKENFILE FOLDER FILE N LOOPS     LOOPS: how many run side by side
 #include <curl/curl.h>
 
 #include <atomic>
@@ -17,8 +17,6 @@
 #include <vector>
 
 namespace {
-
-constexpr int kThreads = 8;
 
 std::string contentsOf(const char* path) {
   std::ifstream file(path, std::ios::binary);
@@ -105,8 +103,8 @@ void createOne(Client& client, const std::string& path, const std::string& bytes
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 6) {
-    std::fprintf(stderr, "usage: kestrune-curl-loop URL TOKENFILE FOLDER FILE N\n");
+  if (argc != 7) {
+    std::fprintf(stderr, "usage: kestrune-curl-loop URL TOKENFILE FOLDER FILE N LOOPS\n");
     return 2;
   }
   const std::string bytes = contentsOf(argv[4]);
@@ -117,7 +115,7 @@ int main(int argc, char** argv) {
   const auto start = std::chrono::steady_clock::now();
   std::atomic<int> next = 0;
   std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
+  for (int i = 0; i < std::atoi(argv[6]); ++i) {
     threads.emplace_back([&] {
       Client client(argv[1], token);
       for (int number = next++; number < count; number = next++) {

@@ -18,6 +18,11 @@ function(kestrune_program name)
   target_precompile_headers(${name} REUSE_FROM kestrune_pch)
 endfunction()
 
+# The tests of the extension and of what it stands on, and of the console: CI runs them under the sanitizers. The host's,
+# the service's and the companion's own are left to `scripts/test --sanitize`, because the builds would take too long.
+add_custom_target(core_tests)
+set(KESTRUNE_BESIDE_THE_CORE "/src/(host|service|companion)$|/tests/(mount|support)$")
+
 # kestrune_test(NAME LABEL unit|process|mount|model|slow SOURCES a.cpp ... LINKS other ... [TIMEOUT seconds])
 # Each case runs in a process of its own, so cases may change the environment.
 function(kestrune_test name)
@@ -34,6 +39,10 @@ function(kestrune_test name)
   target_compile_definitions(${name} PRIVATE
     KESTRUNE_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}" KESTRUNE_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
   target_precompile_headers(${name} REUSE_FROM kestrune_pch)
+  if(NOT CMAKE_CURRENT_SOURCE_DIR MATCHES "${KESTRUNE_BESIDE_THE_CORE}" AND NOT ARG_LABEL STREQUAL slow)
+    add_dependencies(core_tests ${name})
+    string(APPEND ARG_LABEL "-core") # one label: a list does not survive gtest_discover_tests
+  endif()
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
     PROPERTIES LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT})
 endfunction()
