@@ -1,10 +1,6 @@
 #include "platform/net/DownloadSink.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <boost/asio/post.hpp>
-#include <cerrno>
 #include <system_error>
 #include <utility>
 
@@ -16,18 +12,9 @@ namespace kestrune::platform {
 
 namespace {
 
-constexpr std::size_t kGatherBytes = 1U << 20U;
-// The disk is started early: a gigabyte of unwritten pages would be written when somebody waits for
-// it.
-constexpr std::int64_t kPushOutBytes = 16 << 20;
+constexpr std::size_t kGatherBytes = 256U << 10U;
 // Observers are told about 20 times a second.
 constexpr std::chrono::milliseconds kTellInterval(50);
-
-[[noreturn]] void throwFileError(URLError::Code code, const std::string& what,
-                                 const std::filesystem::path& path) {
-  const int error = errno;
-  throw URLError(code, what + " '" + path.string() + "': " + errnoText(error));
-}
 
 }  // namespace
 
@@ -92,19 +79,14 @@ void URLSessionDownloadTask::Implementation::complete(std::filesystem::path loca
   boost::asio::post(sharedExecutor(), std::move(run));
 }
 
-DownloadSink::~DownloadSink() {
-  if (descriptor_ >= 0) ::close(descriptor_);
-}
-
 void DownloadSink::createFile() {
-  location_ = temporaryDirectory() / ("download-" + newUUIDString());
-  descriptor_ =
-      ::open(location_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (descriptor_ < 0) {
-    const int error = errno;
-    const std::string name = std::exchange(location_, {}).string();
-    throw URLError(URLError::cannotCreateFile, "create '" + name + "': " + errnoText(error));
+  const auto location = temporaryDirectory() / ("download-" + newUUIDString());
+  try {
+    file_.emplace(FileHandle::forWritingNew(location));
+  } catch (const NSPOSIXError& error) {
+    throw URLError(URLError::cannotCreateFile, error.localizedDescription());
   }
+  location_ = location;
 }
 
 void DownloadSink::didReceiveResponse(const HTTPURLResponse& response, std::int64_t expectedBytes) {
@@ -125,21 +107,12 @@ TransferSink::Take DownloadSink::didReceiveData(std::string_view bytes) {
 }
 
 void DownloadSink::writeGathered() {
-  std::string_view rest = gathered_;
-  while (!rest.empty()) {
-    const ssize_t wrote = ::write(descriptor_, rest.data(), rest.size());
-    if (wrote < 0 && errno == EINTR) continue;
-    if (wrote < 0) throwFileError(URLError::cannotWriteToFile, "write", location_);
-    rest.remove_prefix(static_cast<std::size_t>(wrote));
+  try {
+    file_->write(gathered_);
+  } catch (const NSPOSIXError& error) {
+    throw URLError(URLError::cannotWriteToFile, error.localizedDescription());
   }
-  written_ += static_cast<std::int64_t>(gathered_.size());
   gathered_.clear();
-#if defined(__linux__)
-  if (written_ - pushedOut_ >= kPushOutBytes) {
-    ::sync_file_range(descriptor_, pushedOut_, written_ - pushedOut_, SYNC_FILE_RANGE_WRITE);
-    pushedOut_ = written_;
-  }
-#endif
 }
 
 void DownloadSink::turnEnded() {
@@ -154,14 +127,19 @@ void DownloadSink::tellObserver() {
 }
 
 void DownloadSink::didEnd(std::exception_ptr error) {
-  try {
-    if (!error) writeGathered();
-  } catch (...) {
-    error = std::current_exception();
-  }
-  if (descriptor_ >= 0 && ::close(std::exchange(descriptor_, -1)) != 0 && !error) {
-    error = std::make_exception_ptr(URLError(
-        URLError::cannotWriteToFile, "close '" + location_.string() + "': " + errnoText(errno)));
+  if (file_) {
+    try {
+      if (!error) writeGathered();
+      file_->close();
+    } catch (const NSPOSIXError& failure) {
+      if (!error) {
+        error = std::make_exception_ptr(
+            URLError(URLError::cannotWriteToFile, failure.localizedDescription()));
+      }
+    } catch (...) {
+      error = std::current_exception();
+    }
+    file_.reset();
   }
   if (counts_.countOfBytesReceived != toldBytes_) tellObserver();
   task_->complete(location_, answered_ ? std::optional(response_) : std::nullopt, errorFrom(error));

@@ -6,8 +6,10 @@
 #include <chrono>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 
+#include "platform/files/FileHandle.h"
 #include "platform/net/CurlDriver.h"
 #include "platform/net/Transfer.h"
 #include "platform/values/Mutex.h"
@@ -51,7 +53,6 @@ class DownloadSink final : public TransferSink {
  public:
   explicit DownloadSink(std::shared_ptr<URLSessionDownloadTask::Implementation> task)
       : task_(std::move(task)) {}
-  ~DownloadSink() override;
 
   void didReceiveResponse(const HTTPURLResponse& response, std::int64_t expectedBytes) override;
   Take didReceiveData(std::string_view bytes) override;
@@ -67,12 +68,10 @@ class DownloadSink final : public TransferSink {
   HTTPURLResponse response_;
   bool answered_ = false;
   std::filesystem::path location_;
-  int descriptor_ = -1;
-  // Bytes are gathered to 1 MiB before a write: libcurl hands over at most 16 KiB at once, and
-  // writing those costs three times as much a gigabyte.
+  std::optional<FileHandle> file_;
+  // Bytes are gathered before a write: libcurl hands over at most 16 KiB at once, and writing those
+  // costs three times as much a gigabyte.
   std::string gathered_;
-  std::int64_t written_ = 0;
-  std::int64_t pushedOut_ = 0;
   DownloadCounts counts_;
   std::int64_t toldBytes_ = 0;
   std::chrono::steady_clock::time_point toldAt_;
