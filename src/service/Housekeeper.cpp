@@ -27,10 +27,8 @@ Housekeeper::~Housekeeper() {
 }
 
 void Housekeeper::wake() {
-  {
-    const platform::MutexLock lock(mutex_);
-    woken_ = true;
-  }
+  const platform::MutexLock lock(mutex_);
+  woken_ = true;
   changed_.notify_all();
 }
 

@@ -126,7 +126,7 @@ TEST_F(ConsoleChanges, AWorkingDayLeavesTheTreeThatWasAskedFor) {
   expected["Docs/Moved/large.bin"] = large;
   EXPECT_TRUE(remoteTree() == expected) << "the trees differ";
   EXPECT_THAT(transfers(), testing::IsEmpty());
-  EXPECT_EQ(console.program().finish(), 0);
+  EXPECT_EQ(console.program().finish(), 0) << console.program().errors();
   EXPECT_EQ(console.program().errors(), "");
 }
 
@@ -225,7 +225,7 @@ TEST_F(ConsoleChanges, ClutterIsRefusedOnTheCallersThread) {
 
 TEST_F(ConsoleChanges, AnUploadInPartsThatFailsTellsItsCase) {
   service->signal(SIGTERM);
-  ASSERT_EQ(service->finish(), 0);
+  ASSERT_EQ(service->finish(), 0) << service->errors();
   const auto line = console.completion(
       "createItem", with("parent", "/Docs") + with("filename", "late.bin") +
                         with("contents", local("late", std::string(16'777'216, 'l')).string()));

@@ -53,7 +53,7 @@ TEST_F(WholePrograms, BrowseAFolderAndLookUpItsItems) {
   EXPECT_EQ(missing["item"], nullptr);
   EXPECT_EQ(missing["error"]["domain"], "NSFileProviderErrorDomain");
   EXPECT_EQ(missing["error"]["code"], -1005);
-  EXPECT_EQ(console.program().finish(), 0);
+  EXPECT_EQ(console.program().finish(), 0) << console.program().errors();
   EXPECT_EQ(console.program().errors(), "");
 }
 
@@ -66,7 +66,7 @@ TEST_F(WholePrograms, TheFirstLineIsTheExtensionsOwn) {
   EXPECT_EQ(line["category"], "extension");
   EXPECT_EQ(line["message"], "init domain=<private> apiURL=<private> token=<private>");
   EXPECT_EQ(line["arguments"], (Json{"work", address, "present"}));
-  EXPECT_EQ(console.program().finish(), 0);
+  EXPECT_EQ(console.program().finish(), 0) << console.program().errors();
 }
 
 TEST_F(WholePrograms, ChangesShowAfterANewInvalidationToken) {
@@ -83,7 +83,7 @@ TEST_F(WholePrograms, ChangesShowAfterANewInvalidationToken) {
   EXPECT_EQ(ConsoleProgram::only(unchanged, "finishEnumeratingChanges")["thread"], "caller");
 
   ChildProgram invalidate("kestrune", {"invalidate"});
-  EXPECT_EQ(invalidate.finish(), 0);
+  EXPECT_EQ(invalidate.finish(), 0) << invalidate.errors();
   const auto changed = console.call("enumerateChanges", fromInitial);
   EXPECT_EQ(ConsoleProgram::only(changed, "didDeleteItems")["identifiers"], Json{"/Docs/a.txt"});
   EXPECT_THAT(textsOf(ConsoleProgram::only(changed, "didUpdateItems")["items"], "filename"),
@@ -92,7 +92,7 @@ TEST_F(WholePrograms, ChangesShowAfterANewInvalidationToken) {
   EXPECT_EQ(finish["anchor"].get<std::string>() + "\n",
             contentsOf(storage.shared() / "invalidation-token.txt"));
   EXPECT_EQ(finish["moreComing"], false);
-  EXPECT_EQ(console.program().finish(), 0);
+  EXPECT_EQ(console.program().finish(), 0) << console.program().errors();
 }
 
 TEST_F(WholePrograms, FetchedContentsAreTheRemoteBytes) {
@@ -111,7 +111,7 @@ TEST_F(WholePrograms, FetchedContentsAreTheRemoteBytes) {
   // Settled means that the store's queue has drained: nothing is left of the transfer.
   const Json status = Json::parse(contentsOf(storage.shared() / "sync-status.json"));
   EXPECT_EQ(status["transfers"], Json::array());
-  EXPECT_EQ(console.program().finish(), 0);
+  EXPECT_EQ(console.program().finish(), 0) << console.program().errors();
   EXPECT_THAT(storage.temporaryNames(), ElementsAre(file.filename().string()));
 }
 
@@ -135,14 +135,14 @@ TEST_F(WholePrograms, CallsWrittenAtOnceAllSettle) {
     if (line["event"] == "completion") EXPECT_EQ(line["error"], nullptr);
   }
   EXPECT_EQ(console.readUntil("anything"), nullptr);
-  EXPECT_EQ(console.program().finish(), 0);
+  EXPECT_EQ(console.program().finish(), 0) << console.program().errors();
 }
 
 TEST_F(WholePrograms, AStoppedServiceIsUnreachableAndChangesNothing) {
   ConsoleProgram console;
   console.call("enumerateItems", R"(,"container":"/Docs")");
   service->signal(SIGTERM);
-  EXPECT_EQ(service->finish(), 0);
+  EXPECT_EQ(service->finish(), 0) << service->errors();
   const auto item = console.completion("item", R"(,"identifier":"/Docs/a.txt")");
   EXPECT_EQ(item["error"]["domain"], "NSURLErrorDomain");
   EXPECT_EQ(item["error"]["code"], -1004);
@@ -155,7 +155,7 @@ TEST_F(WholePrograms, AStoppedServiceIsUnreachableAndChangesNothing) {
   const auto contents = console.completion("fetchContents", R"(,"identifier":"/Docs/a.txt")");
   EXPECT_EQ(contents["url"], nullptr);
   EXPECT_EQ(contents["error"]["code"], -1004);
-  EXPECT_EQ(console.program().finish(), 0);
+  EXPECT_EQ(console.program().finish(), 0) << console.program().errors();
 }
 
 TEST_F(WholePrograms, AWrongTokenIsRefusedUntilTheRightOneIsConfigured) {
@@ -169,7 +169,7 @@ TEST_F(WholePrograms, AWrongTokenIsRefusedUntilTheRightOneIsConfigured) {
   EXPECT_THAT(refused["error"]["description"].get<std::string>(), HasSubstr("HTTP 401: "));
   configure(files.path() / "token");
   EXPECT_EQ(console.completion("item", R"(,"identifier":"/Docs/a.txt")")["error"], nullptr);
-  EXPECT_EQ(console.program().finish(), 0);
+  EXPECT_EQ(console.program().finish(), 0) << console.program().errors();
 }
 
 TEST_F(WholePrograms, TheTokenIsNowhereButInTheConfiguration) {
@@ -181,7 +181,7 @@ TEST_F(WholePrograms, TheTokenIsNowhereButInTheConfiguration) {
   std::ifstream limitsFile("/proc/" + std::to_string(console.program().pid()) + "/limits");
   const std::string limits(std::istreambuf_iterator<char>(limitsFile), {});
   EXPECT_THAT(limits, testing::ContainsRegex("Max core file size +0 +0"));
-  EXPECT_EQ(console.program().finish(), 0);
+  EXPECT_EQ(console.program().finish(), 0) << console.program().errors();
   EXPECT_THAT(console.text() + console.program().errors(), Not(HasSubstr(kToken)));
   int searched = 0;
   for (const auto& entry : fs::recursive_directory_iterator(storage.applicationSupport())) {
@@ -207,7 +207,7 @@ TEST(ConsoleProgramTest, WithoutAConfigurationEveryRequestSaysSo) {
                                  {"case", "notConfigured"},
                                  {"description", "API URL or auth token missing"}}));
   EXPECT_EQ(console.lines().at(0)["arguments"], (Json{"main", "nil", "missing"}));
-  EXPECT_EQ(console.program().finish(), 0);
+  EXPECT_EQ(console.program().finish(), 0) << console.program().errors();
 }
 
 TEST(ConsoleProgramTest, NothingIsWrittenToTheStatusFileAfterTheLastCallHasSettled) {
@@ -227,7 +227,7 @@ TEST(ConsoleProgramTest, NothingIsWrittenToTheStatusFileAfterTheLastCallHasSettl
   EXPECT_TRUE(support::staysTrue([&] { return fs::last_write_time(file) == written; },
                                  std::chrono::milliseconds(200)));
   writing.join();
-  EXPECT_EQ(console.program().finish(), 0);
+  EXPECT_EQ(console.program().finish(), 0) << console.program().errors();
 }
 
 TEST(ConsoleProgramTest, OpsToComeAreInvalidAndTheConsoleGoesOn) {
@@ -240,7 +240,7 @@ TEST(ConsoleProgramTest, OpsToComeAreInvalidAndTheConsoleGoesOn) {
   const auto unknown = console.call("nope");
   EXPECT_EQ(unknown.back()["event"], "invalid");
   EXPECT_EQ(console.call("invalidate").size(), 1U);
-  EXPECT_EQ(console.program().finish(), 0);
+  EXPECT_EQ(console.program().finish(), 0) << console.program().errors();
 }
 
 TEST(ConsoleProgramTest, TheEndOfTheInputWaitsForAnAnswerThatIsHeldBack) {
@@ -254,7 +254,7 @@ TEST(ConsoleProgramTest, TheEndOfTheInputWaitsForAnAnswerThatIsHeldBack) {
   request.answer(support::Answer(200, support::listingReply({{.name = "a", .size = 1}})));
   EXPECT_EQ(console.readUntil("completion")["error"], nullptr);
   EXPECT_EQ(console.readUntil("settled")["id"], 1);
-  EXPECT_EQ(console.program().finish(), 0);
+  EXPECT_EQ(console.program().finish(), 0) << console.program().errors();
 }
 
 TEST(ConsoleProgramTest, AClosedOutputEndsItQuietly) {
@@ -263,7 +263,7 @@ TEST(ConsoleProgramTest, AClosedOutputEndsItQuietly) {
   console.readUntil("log");
   console.program().closeOutput();
   console.program().write("{\"id\":1,\"op\":\"invalidate\"}\n");
-  EXPECT_EQ(console.program().finish(), 0);
+  EXPECT_EQ(console.program().finish(), 0) << console.program().errors();
   EXPECT_EQ(console.program().errors(), "");
 }
 

@@ -143,15 +143,13 @@ void OpenCalls::add(std::shared_ptr<ConsoleCall> call) {
 void OpenCalls::remove(const ConsoleCall& call) {
   // The last reference may go here, and with it objects of the extension: not under the lock.
   std::shared_ptr<ConsoleCall> removed;
-  {
-    MutexLock lock(mutex_);
-    const auto found = std::find_if(calls_.begin(), calls_.end(),
-                                    [&call](const auto& open) { return open.get() == &call; });
-    if (found == calls_.end()) return;
-    removed = std::move(*found);
-    calls_.erase(found);
-  }
-  ended_.notify_all();
+  MutexLock lock(mutex_);
+  const auto found = std::find_if(calls_.begin(), calls_.end(),
+                                  [&call](const auto& open) { return open.get() == &call; });
+  if (found == calls_.end()) return;
+  removed = std::move(*found);
+  calls_.erase(found);
+  ended_.notify_all();  // under the lock: who waits for the last call then destroys this
 }
 
 std::vector<std::shared_ptr<ConsoleCall>> OpenCalls::named(const Json& id) const {

@@ -50,11 +50,9 @@ Task<void> MainQueue::run(std::function<void()> work) {
 }
 
 bool MainQueue::enqueue(std::function<void()> work) {
-  {
-    MutexLock lock(mutex_);
-    if (!isOpen_) return false;
-    queue_.push_back(std::move(work));
-  }
+  MutexLock lock(mutex_);
+  if (!isOpen_) return false;
+  queue_.push_back(std::move(work));
   changed_.notify_all();
   return true;
 }
@@ -79,10 +77,8 @@ void MainQueue::serve() {
 }
 
 void MainQueue::stop() {
-  {
-    MutexLock lock(mutex_);
-    isOpen_ = false;
-  }
+  MutexLock lock(mutex_);
+  isOpen_ = false;
   changed_.notify_all();
 }
 

@@ -28,20 +28,17 @@ SerialQueue::~SerialQueue() {
   {
     MutexLock lock(mutex_);
     stopping_ = true;
+    wake_.notify_one();
   }
-  wake_.notify_one();
   thread_.join();
 }
 
 void SerialQueue::async(std::function<void()> work) {
-  bool wake = false;
-  {
-    MutexLock lock(mutex_);
-    queue_.push_back(std::move(work));
-    // Waking is a system call: only where the thread sleeps, so that a burst of calls pays for one.
-    wake = std::exchange(sleeping_, false);
-  }
-  if (wake) wake_.notify_one();
+  // Woken under the lock: the work may be what somebody waits for who then destroys the queue.
+  MutexLock lock(mutex_);
+  queue_.push_back(std::move(work));
+  // Waking is a system call: only where the thread sleeps, so that a burst of calls pays for one.
+  if (std::exchange(sleeping_, false)) wake_.notify_one();
 }
 
 void SerialQueue::sync(const std::function<void()>& work) {

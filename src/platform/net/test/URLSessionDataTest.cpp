@@ -350,8 +350,8 @@ Task<std::vector<std::thread::id>> threadsAround(URLSession* session, URLRequest
 TEST(URLSessionData, AnswersAreDeliveredOnTheCallersOwnExecutor) {
   HttpFixture fixture;
   fixture.on("GET", "/", Answer(200));
+  boost::asio::io_context context;  // outlives the session, whose thread may still be waking it
   URLSession session({});
-  boost::asio::io_context context;
   std::vector<std::thread::id> threads;
   boost::asio::co_spawn(context, threadsAround(&session, requestTo(fixture.url("/"))),
                         [&](const std::exception_ptr&, std::vector<std::thread::id> seen) {
