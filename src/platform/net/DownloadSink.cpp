@@ -71,10 +71,13 @@ void URLSessionDownloadTask::Implementation::complete(std::filesystem::path loca
   if (!handler) return;
   auto run = [handler = std::move(handler), location = std::move(location),
               response = std::move(response), error = std::move(error)] {
-    const auto delivered = location.empty() || error ? std::nullopt : std::optional(location);
-    handler(delivered, response, error);
     std::error_code ignored;  // moved away by the handler, or never made
-    if (!location.empty()) std::filesystem::remove(location, ignored);
+    const auto remove = [&] {
+      if (!location.empty()) std::filesystem::remove(location, ignored);
+    };
+    if (error) remove();  // nothing is left behind when the handler hears of it
+    handler(location.empty() || error ? std::nullopt : std::optional(location), response, error);
+    remove();
   };
   boost::asio::post(sharedExecutor(), std::move(run));
 }
