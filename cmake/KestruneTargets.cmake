@@ -21,7 +21,7 @@ endfunction()
 # The tests of the extension and of what it stands on, and of the console: CI runs them under the sanitizers. The host's,
 # the service's and the companion's own are left to `scripts/test --sanitize`, because the builds would take too long.
 add_custom_target(core_tests)
-set(KESTRUNE_BESIDE_THE_CORE "/src/(host|service|companion)$|/tests/(mount|support)$")
+set(KESTRUNE_BESIDE_THE_CORE "/src/(host|service|companion)(/|$)|/tests/(mount|support)$")
 
 # kestrune_test(NAME LABEL unit|process|mount|model|slow SOURCES a.cpp ... LINKS other ... [TIMEOUT seconds])
 # Each case runs in a process of its own, so cases may change the environment.

@@ -15,8 +15,8 @@
 #include <utility>
 #include <vector>
 
-#include "companion/CommandError.h"
 #include "companion/ScratchDirectory.h"
+#include "companion/configuration/CommandError.h"
 #include "extension/FileProviderExtension.h"
 #include "host/Enumeration.h"
 #include "host/ItemName.h"

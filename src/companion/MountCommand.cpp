@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <utility>
 
-#include "companion/CommandError.h"
+#include "companion/configuration/CommandError.h"
 #include "config/SharedConfig.h"
 #include "config/StorageLocations.h"
 #include "extension/FileProviderExtension.h"

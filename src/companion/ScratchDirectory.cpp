@@ -9,7 +9,7 @@
 #include <system_error>
 #include <thread>
 
-#include "companion/CommandError.h"
+#include "companion/configuration/CommandError.h"
 #include "platform/files/Directories.h"
 #include "platform/values/NSError.h"
 

@@ -14,12 +14,12 @@
 #include <iostream>
 #include <string>
 
-#include "companion/CommandError.h"
-#include "companion/ConfigureCommand.h"
 #include "companion/ConsoleCommand.h"
-#include "companion/InvalidateCommand.h"
 #include "companion/ListCommands.h"
 #include "companion/MountCommand.h"
+#include "companion/configuration/CommandError.h"
+#include "companion/configuration/ConfigureCommand.h"
+#include "companion/configuration/InvalidateCommand.h"
 #include "platform/values/Allocator.h"
 #include "status/SyncStatusStore.h"
 

@@ -1,4 +1,4 @@
-#include "companion/ConfigureCommand.h"
+#include "companion/configuration/ConfigureCommand.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "companion/CommandError.h"
+#include "companion/configuration/CommandError.h"
 #include "config/SharedConfig.h"
 #include "tests/support/ScopedEnvironment.h"
 #include "tests/support/TemporaryDirectory.h"

@@ -1,4 +1,4 @@
-#include "companion/ConfigureCommand.h"
+#include "companion/configuration/ConfigureCommand.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <iterator>
 
-#include "companion/CommandError.h"
+#include "companion/configuration/CommandError.h"
 #include "config/SharedConfig.h"
 #include "platform/files/AtomicFile.h"
 #include "platform/log/Log.h"
@@ -23,6 +23,11 @@ namespace {
 
 constexpr std::size_t kMaximumTokenBytes = 16U << 10U;  // servers take no longer header lines
 constexpr mode_t kOthersBits = 077;
+#if defined(__APPLE__)
+constexpr const char* kOrElsewhere = "";  // the place is the system's
+#else
+constexpr const char* kOrElsewhere = ", or set XDG_DATA_HOME";
+#endif
 
 std::string quoted(const std::string& text) { return "'" + platform::escapeForDisplay(text) + "'"; }
 
@@ -47,12 +52,12 @@ void takeDirectory(const std::filesystem::path& directory) {
   struct stat status {};
   if (::stat(directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
     throw CommandError("There is no directory " + quoted(directory) +
-                       " and it cannot be made. Check its parent directory, or set XDG_DATA_HOME.");
+                       " and it cannot be made. Check its parent directory" + kOrElsewhere + ".");
   }
   if (status.st_uid != ::geteuid()) {
-    throw CommandError(
-        "The directory " + quoted(directory) +
-        " belongs to another user, who could read the token. Remove it, or set XDG_DATA_HOME.");
+    throw CommandError("The directory " + quoted(directory) +
+                       " belongs to another user, who could read the token. Remove it" +
+                       kOrElsewhere + ".");
   }
   if ((status.st_mode & kOthersBits) != 0 && ::chmod(directory.c_str(), S_IRWXU) != 0) {
     throw CommandError("Others may use the directory " + quoted(directory) +

@@ -1,6 +1,6 @@
-#include "companion/InvalidateCommand.h"
+#include "companion/configuration/InvalidateCommand.h"
 
-#include "companion/CommandError.h"
+#include "companion/configuration/CommandError.h"
 #include "config/StorageLocations.h"
 #include "platform/files/AtomicFile.h"
 #include "platform/log/Log.h"

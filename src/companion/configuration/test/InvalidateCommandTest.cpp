@@ -1,9 +1,9 @@
-#include "companion/InvalidateCommand.h"
+#include "companion/configuration/InvalidateCommand.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "companion/CommandError.h"
+#include "companion/configuration/CommandError.h"
 #include "tests/support/ScopedEnvironment.h"
 #include "tests/support/TemporaryDirectory.h"
 
