@@ -11,6 +11,7 @@ import sys
 root = pathlib.Path(__file__).resolve().parent.parent
 src = root / "src"
 call = re.compile(r"kestrune_(library|program|test)\((\S+)(.*?)\)", re.S)
+more = re.compile(r"target_sources\((\S+)\s+PRIVATE(.*?)\)", re.S)
 extra = re.compile(r"target_link_libraries\((\S+)\s+(?:PUBLIC|PRIVATE|INTERFACE)(.*?)\)", re.S)
 
 links = {}  # target -> directly linked names
@@ -31,6 +32,9 @@ for path in lists:
         if kind == "library":
             folder_of[target] = path.parent
         for source in words(body, "SOURCES"):
+            targets_of.setdefault((path.parent / source).resolve(), set()).add(target)
+    for target, body in more.findall(text):
+        for source in body.split():
             targets_of.setdefault((path.parent / source).resolve(), set()).add(target)
     for target, body in extra.findall(text):
         links.setdefault(target, set()).update(body.split())

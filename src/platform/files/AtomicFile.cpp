@@ -51,8 +51,18 @@ int openFolderOf(const std::filesystem::path& path) {
   return folder;
 }
 
+/// Waits until what was written to an open file or folder is on the disk. False: errno says why.
+bool flushToDisk(int descriptor) {
+#if defined(__APPLE__)
+  // fsync leaves it in the drive's own cache. File systems that do not know the command (those of a
+  // network) refuse it; then fsync is what there is.
+  if (::fcntl(descriptor, F_FULLFSYNC) == 0) return true;
+#endif
+  return ::fsync(descriptor) == 0;
+}
+
 /// Whether nobody else can see what is written to the open file `descriptor`: it is an ordinary
-/// file of one name, ours, and open nowhere else.
+/// file of one name, ours, and open nowhere else. False where the system cannot say.
 bool isOursAlone(int descriptor) {
 #if defined(__linux__)
   struct stat status {};
@@ -65,7 +75,8 @@ bool isOursAlone(int descriptor) {
   if (::fcntl(descriptor, F_SETLEASE, F_WRLCK) != 0) return false;
   return ::fcntl(descriptor, F_SETLEASE, F_UNLCK) == 0;
 #else
-  return descriptor < 0;
+  static_cast<void>(descriptor);
+  return false;
 #endif
 }
 
@@ -109,7 +120,7 @@ class TemporaryFile {
   }
 
   void flush() {
-    if (::fsync(file_.get()) != 0) fail(errno, "flush", target_);
+    if (!flushToDisk(file_.get())) fail(errno, "flush", target_);
   }
 
   /// Afterwards this name is that of the file that was replaced. False, and nothing has happened,
@@ -164,7 +175,7 @@ void replaceFile(const std::filesystem::path& path, std::string_view contents,
   file.close();
   file.moveToTarget();
   // EINVAL: a file system whose folders cannot be flushed.
-  if (durability == Durability::durable && ::fsync(folder.get()) != 0 && errno != EINVAL) {
+  if (durability == Durability::durable && !flushToDisk(folder.get()) && errno != EINVAL) {
     fail(errno, "flush the folder of", path);
   }
 }

@@ -34,7 +34,8 @@ void replaceFile(const std::filesystem::path& path, std::string_view contents,
 /// Replaces one file again and again, in bursts. A file that is replaced is freed, and on ext4 a new
 /// one takes the longer to make the more were freed in the last seconds. So this keeps the file that
 /// it has replaced, beside the target, and writes the next contents into it; unless a reader still
-/// has it open, for whom it must stay as it is.
+/// has it open, for whom it must stay as it is. Only Linux tells whether one has; elsewhere each
+/// replacement is a new file.
 ///
 /// Readers see the old or the new contents, never a mixture. A power cut may leave anything: for
 /// files that nobody reads after a restart.

@@ -46,18 +46,32 @@ std::optional<std::filesystem::path> homeOfAccount() {
   return found->pw_dir;
 }
 
+[[noreturn]] void endWithoutHome(const char* remedy) {
+  std::fprintf(stderr, "kestrune: this user has no home directory%s\n", remedy);
+  std::abort();
+}
+
 }  // namespace
+
+#if defined(__APPLE__)
+
+std::filesystem::path applicationSupportDirectory() {
+  const auto home = homeOfAccount();
+  if (!home) endWithoutHome("");
+  return *home / "Library" / "Application Support";
+}
+
+#else
 
 std::filesystem::path applicationSupportDirectory() {
   if (auto data = absolutePathFromEnvironment("XDG_DATA_HOME")) return *data;
   auto home = absolutePathFromEnvironment("HOME");
   if (!home) home = homeOfAccount();
-  if (!home) {
-    std::fputs("kestrune: this user has no home directory: set HOME or XDG_DATA_HOME\n", stderr);
-    std::abort();
-  }
+  if (!home) endWithoutHome(": set HOME or XDG_DATA_HOME");
   return *home / ".local" / "share";
 }
+
+#endif
 
 std::filesystem::path temporaryDirectory() {
   {

@@ -9,6 +9,9 @@
 
 #include <algorithm>
 #include <array>
+#include <string>
+
+#include "platform/log/StandardErrorSink.h"
 
 namespace kestrune::platform {
 
@@ -52,20 +55,10 @@ bool writeToJournal(const LogRecord& record) {
   return ::sd_journal_sendv(fields.data(), static_cast<int>(fields.size())) >= 0;
 }
 
-void writeToStandardError(const std::string& line) {
-  std::string_view rest = line;
-  while (!rest.empty()) {
-    const ssize_t written = ::write(STDERR_FILENO, rest.data(), rest.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return;  // nobody is left to tell
-    rest.remove_prefix(static_cast<std::size_t>(written));
-  }
-}
-
 class JournalSink : public LogSink {
  public:
   void write(const LogRecord& record) override {
-    if (!writeToJournal(record)) writeToStandardError(standardErrorLine(record, dateNow()));
+    if (!writeToJournal(record)) standardErrorSink().write(record);
   }
 };
 
@@ -74,15 +67,6 @@ class JournalSink : public LogSink {
 LogSink& journalSink() {
   static auto* const instance = new JournalSink;  // outlives every thread that may still log
   return *instance;
-}
-
-std::string standardErrorLine(const LogRecord& record, Date time) {
-  std::string line = formatISO8601Milliseconds(time);
-  line.append(" ").append(logLevelName(record.level));
-  line.append(" [").append(escapeForDisplay(record.subsystem));
-  line.append(":").append(escapeForDisplay(record.category)).append("] ");
-  line.append(escapeForDisplay(record.message())).append("\n");
-  return line;
 }
 
 }  // namespace kestrune::platform

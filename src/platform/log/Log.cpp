@@ -2,8 +2,13 @@
 
 #include <utility>
 
-#include "platform/log/JournalSink.h"
 #include "platform/values/Mutex.h"
+
+#if defined(__APPLE__)
+#include "platform/log/StandardErrorSink.h"
+#else
+#include "platform/log/JournalSink.h"
+#endif
 
 namespace kestrune::platform {
 
@@ -17,6 +22,15 @@ struct Setting {
 Setting& setting() {
   static auto* const instance = new Setting;  // outlives every thread that may still log
   return *instance;
+}
+
+/// Of a process that sets none.
+LogSink& standardSink() {
+#if defined(__APPLE__)
+  return standardErrorSink();
+#else
+  return journalSink();
+#endif
 }
 
 }  // namespace
@@ -54,7 +68,7 @@ void Logger::send(LogLevel level, std::string_view format,
   if (sink) {
     sink->write(record);
   } else {
-    journalSink().write(record);
+    standardSink().write(record);
   }
 }
 

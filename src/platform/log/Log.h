@@ -54,9 +54,10 @@ class LogSink {
   virtual void write(const LogRecord& record) = 0;
 };
 
-/// Replaces the sink of the process; null restores the standard one: the journal where journald
-/// runs (with the fields SUBSYSTEM and CATEGORY), else standard error. Returns the sink that was
-/// set before (null for the standard one).
+/// Replaces the sink of the process; null restores the standard one: on Linux the journal where
+/// journald runs (with the fields SUBSYSTEM and CATEGORY), else standard error; on macOS standard
+/// error (the system's own log is a sink of the program around this library). Returns the sink that
+/// was set before (null for the standard one).
 std::shared_ptr<LogSink> setLogSink(std::shared_ptr<LogSink> sink);
 
 /// `text` with everything that could disturb a terminal or forge a line escaped: control

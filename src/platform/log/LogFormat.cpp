@@ -1,9 +1,10 @@
 #include <algorithm>
-#include <array>
 #include <boost/locale/utf.hpp>
-#include <charconv>
 #include <cstdio>
+#include <iomanip>
+#include <locale>
 #include <optional>
+#include <sstream>
 
 #include "platform/log/Log.h"
 
@@ -92,11 +93,12 @@ class ConversionReader {
 };
 
 std::string decimal(double value, int precision) {
-  // printf would ask the process's locale for the decimal point.
-  std::array<char, 2 * kMostPrecision> text{};
-  const auto end = std::to_chars(text.data(), text.data() + text.size(), value,
-                                 std::chars_format::fixed, precision);
-  return {text.data(), end.ptr};
+  // printf would ask the process's locale for the decimal point; macOS has std::to_chars of floating
+  // point from 13.3 on.
+  std::ostringstream text;
+  text.imbue(std::locale::classic());
+  text << std::fixed << std::setprecision(precision) << value;
+  return text.str();
 }
 
 /// An argument by its own type, so that a format that does not fit it is harmless.

@@ -128,6 +128,17 @@ void setOption(CURL* easy, CURLoption option, Value value) {
   if (code != CURLE_OK) throw errorFromCurl(code);
 }
 
+/// A socket that is closed in programs which this process starts; -1 where there is none.
+int openSocket(const curl_sockaddr& address) {
+#if defined(__APPLE__)
+  const int descriptor = ::socket(address.family, address.socktype, address.protocol);
+  if (descriptor >= 0) ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+  return descriptor;
+#else
+  return ::socket(address.family, address.socktype | SOCK_CLOEXEC, address.protocol);
+#endif
+}
+
 bool isLinkLocal(const sockaddr& address) {
   if (address.sa_family == AF_INET) {
     sockaddr_in ipv4{};
@@ -215,7 +226,7 @@ void Transfer::setAddressAndLimits() {
   setOption(easy_, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(resourceDeadline() -
                                                                  std::chrono::steady_clock::now());
-  setOption(easy_, CURLOPT_TIMEOUT_MS, static_cast<long>(std::max(left.count(), 1L)));  // 0: none
+  setOption(easy_, CURLOPT_TIMEOUT_MS, std::max(static_cast<long>(left.count()), 1L));  // 0: none
   setOption(easy_, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(idleTimeout_.count()));
   // OpenSSL's own variable for a store of one's own (a service with a private authority); libcurl
   // does not read it.
@@ -434,8 +445,7 @@ curl_socket_t Transfer::onOpenSocket(void* self, curlsocktype, curl_sockaddr* ad
   // served.
   const bool isRedirected = static_cast<Transfer*>(self)->redirectCount() > 0;
   if (isRedirected && isLinkLocal(address->addr)) return CURL_SOCKET_BAD;
-  const int descriptor =
-      ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  const int descriptor = openSocket(*address);
   // The idle clock sees what the kernel takes. A kernel that took megabytes at once would then be
   // silent for as long as a slow line needs to carry them.
   if (descriptor >= 0) {

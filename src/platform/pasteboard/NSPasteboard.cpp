@@ -2,12 +2,28 @@
 
 #include <utility>
 
-#include "platform/pasteboard/SessionPasteboard.h"
 #include "platform/values/Mutex.h"
+
+#if defined(__APPLE__)
+#include "platform/values/NSError.h"
+#else
+#include "platform/pasteboard/SessionPasteboard.h"
+#endif
 
 namespace kestrune::platform {
 
 namespace {
+
+#if defined(__APPLE__)
+/// The session's is AppKit's, which only the program around this library reaches.
+class SessionPasteboard final : public NSPasteboard {
+ public:
+  void replaceContents(const std::string&) override {
+    throw NSCocoaError(NSCocoaError::featureUnsupported,
+                       "The text could not be copied to the clipboard: this program has none.");
+  }
+};
+#endif
 
 struct General {
   Mutex mutex;

@@ -5,9 +5,12 @@
 // the text in a process of its own after it was handed over; who pastes within the next
 // milliseconds may still get what was there before.
 //
+// On macOS it is AppKit's, which this library does not use: the program around it sets one that
+// writes there (setGeneral). Until then writing throws NSCocoaError featureUnsupported.
+//
 // Threads: `general` and `setGeneral` on any thread; a pasteboard itself on the main thread alone,
-// as the platform demands (MainQueue). Writing blocks for as long as the program needs to take the
-// text over, five seconds at most.
+// as the platform demands (MainQueue). Writing blocks on Linux for as long as the program needs to
+// take the text over, five seconds at most.
 #pragma once
 
 #include <memory>
@@ -28,7 +31,7 @@ class NSPasteboard {
   static std::shared_ptr<NSPasteboard> general();
 
   /// Puts another in its place; null restores the session's own. For programs that show what is
-  /// written instead of writing it.
+  /// written instead of writing it, and for those that bring the system's.
   static void setGeneral(std::shared_ptr<NSPasteboard> pasteboard);
 };
 

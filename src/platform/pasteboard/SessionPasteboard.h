@@ -1,5 +1,5 @@
-// The clipboard of the desktop session that this process belongs to, written through the session's
-// own program. Which one is decided by the environment at each writing.
+// Linux: the clipboard of the desktop session that this process belongs to, written through the
+// session's own program. Which one is decided by the environment at each writing.
 #pragma once
 
 #include <chrono>

@@ -31,7 +31,7 @@ Task<void> MainQueue::run(std::function<void()> work) {
   // An error crosses from the main thread to the task's as a value; thrown, it would be one
   // exception object on two threads.
   auto begin = [&work](Continuation<NSErrorPtr> continuation) {
-    const bool accepted = shared().enqueue([&work, continuation] {
+    const bool accepted = shared().handOver([&work, continuation] {
       NSErrorPtr failure;
       try {
         work();
@@ -49,12 +49,25 @@ Task<void> MainQueue::run(std::function<void()> work) {
   if (failure) failure->raise();
 }
 
-bool MainQueue::enqueue(std::function<void()> work) {
-  MutexLock lock(mutex_);
-  if (!isOpen_) return false;
-  queue_.push_back(std::move(work));
-  changed_.notify_all();
+bool MainQueue::handOver(std::function<void()> work) {
+  Dispatcher dispatcher;
+  {
+    MutexLock lock(mutex_);
+    if (!dispatcher_) {
+      if (!isOpen_) return false;
+      queue_.push_back(std::move(work));
+      changed_.notify_all();
+      return true;
+    }
+    dispatcher = dispatcher_;
+  }
+  dispatcher(std::move(work));
   return true;
+}
+
+void MainQueue::setDispatcher(Dispatcher dispatcher) {
+  MutexLock lock(mutex_);
+  dispatcher_.swap(dispatcher);
 }
 
 void MainQueue::open() {

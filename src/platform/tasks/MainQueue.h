@@ -7,7 +7,10 @@
 //
 //     closed (open serve stop)*      `stop` may come before `serve` is reached
 //
-// Threads: `run`, `open` and `stop` on any thread, `serve` on the main thread.
+// A program whose main thread belongs to a run loop of the system cannot offer it so: it sets a
+// dispatcher, which hands work to that loop.
+//
+// Threads: `run`, `open`, `stop` and `setDispatcher` on any thread, `serve` on the main thread.
 #pragma once
 
 #include <condition_variable>
@@ -28,8 +31,16 @@ class MainQueue {
   static MainQueue& shared();
 
   /// Runs `work` on the main thread and returns when it has run; throws what it throws. Throws
-  /// NSCocoaError featureUnsupported while the queue is closed.
+  /// NSCocoaError featureUnsupported while the queue is closed and no dispatcher is set.
   static Task<void> run(std::function<void()> work);
+
+  /// Has a piece of work called on the main thread, once, soon and in its turn, and returns without
+  /// waiting for it. Called on any thread, on several at once. It may throw instead of taking the
+  /// work: `run` throws the same. Work that it drops uncalled fails at its task.
+  using Dispatcher = std::function<void(std::function<void()>)>;
+  /// While one is set, `run` hands work to it instead of this queue, open or closed; null takes it
+  /// away. What the queue has accepted before stays the queue's.
+  void setDispatcher(Dispatcher dispatcher);
 
   /// Accepts work from now on.
   void open();
@@ -41,12 +52,14 @@ class MainQueue {
 
  private:
   MainQueue() = default;
-  bool enqueue(std::function<void()> work);
+  /// False where nobody takes it.
+  bool handOver(std::function<void()> work);
 
   Mutex mutex_;
   std::condition_variable changed_;
   std::deque<std::function<void()>> queue_ GUARDED_BY(mutex_);
   bool isOpen_ GUARDED_BY(mutex_) = false;
+  Dispatcher dispatcher_ GUARDED_BY(mutex_);
 };
 
 }  // namespace kestrune::platform

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <thread>
+#include <vector>
 
 #include "platform/values/UUID.h"
 
@@ -221,6 +223,47 @@ TEST_F(UTTypeTest, MachinesOwnDatabaseIsUnderstood) {
   EXPECT_EQ(typeOf("txt"), "text/plain");
   EXPECT_EQ(typeOf("c"), "text/x-csrc");
   EXPECT_EQ(typeOf("C"), "text/x-c++src");
+}
+
+TEST_F(UTTypeTest, ARegistryAnswersInsteadOfTheMachinesOwn) {
+  database("second", "50:application/pdf:*.pdf\n50:text/plain:*.txt\n");
+  EXPECT_EQ(typeOf("pdf"), "application/pdf");
+  UTType::setRegistry([](const std::string& extension) -> std::optional<std::string> {
+    if (extension == "txt") return std::nullopt;
+    return "com.example." + extension;
+  });
+  EXPECT_EQ(typeOf("pdf"), "com.example.pdf");
+  EXPECT_EQ(typeOf("PDF"), "com.example.PDF") << "what is asked for goes to it as it is";
+  EXPECT_EQ(typeOf("txt"), "none") << "where it knows none, nobody else is asked";
+  EXPECT_EQ(UTType::folder().identifier(), "folder");
+  UTType::setRegistry(nullptr);
+  EXPECT_EQ(typeOf("pdf"), "application/pdf");
+  EXPECT_EQ(typeOf("txt"), "text/plain");
+}
+
+TEST_F(UTTypeTest, ARegistryMayAskForTypesItself) {
+  database("second", "50:application/pdf:*.pdf\n");
+  UTType::setRegistry([](const std::string&) -> std::optional<std::string> {
+    UTType::setRegistry(nullptr);
+    return UTType::typeForFilenameExtension("pdf")->identifier() + "+wrapped";
+  });
+  EXPECT_EQ(typeOf("x"), "application/pdf+wrapped");
+  EXPECT_EQ(typeOf("x"), "none");
+}
+
+TEST_F(UTTypeTest, RegistriesMayBeSetWhileOthersAsk) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([] {
+      for (int round = 0; round < 500; ++round) {
+        const std::string identifier = "com.example." + std::to_string(round % 2);
+        UTType::setRegistry([identifier](const std::string&) { return identifier; });
+        const std::string type = typeOf("x");
+        EXPECT_TRUE(type == "com.example.0" || type == "com.example.1") << type;
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
 }
 
 }  // namespace

@@ -92,23 +92,6 @@ std::optional<std::string> outputOf(bool withJournal, const std::function<void()
   return output;
 }
 
-TEST(JournalSinkTest, LineForPeopleHasTimeLevelOriginAndMessage) {
-  const Date time = *parseISO8601WithFraction("2024-06-10T08:15:00.1239Z");
-  EXPECT_EQ(standardErrorLine(record(LogLevel::error, "hello"), time),
-            "2024-06-10T08:15:00.123Z error [com.example.app:network] said hello\n");
-  EXPECT_EQ(standardErrorLine(record(LogLevel::standard, ""), time),
-            "2024-06-10T08:15:00.123Z default [com.example.app:network] said \n");
-}
-
-TEST(JournalSinkTest, LineForPeopleCannotBeForged) {
-  LogRecord hostile = record(LogLevel::info, "a\n2024-06-10 fault [x:y] forged\x1b[2J\u202E\xFF");
-  hostile.subsystem = "sub\nsystem";
-  hostile.category = "cat\regory";
-  EXPECT_EQ(standardErrorLine(hostile, Date()),
-            "1970-01-01T00:00:00.000Z info [sub\\nsystem:cat\\regory] said "
-            "a\\n2024-06-10 fault [x:y] forged\\x1b[2J\\u202e\\xff\n");
-}
-
 TEST(JournalSinkTest, WithoutAJournalLinesGoToStandardError) {
   const auto output = outputOf(false, [] {
     setLogSink(nullptr);

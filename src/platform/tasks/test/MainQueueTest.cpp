@@ -249,5 +249,118 @@ TEST(MainQueueTest, ManyTasksMayAskAtOnce) {
   EXPECT_TRUE(alwaysOnMain);
 }
 
+/// A run loop of the system's, as far as a dispatcher is concerned.
+struct RunLoop {
+  std::vector<std::function<void()>> handed;
+
+  MainQueue::Dispatcher dispatcher() {
+    return [this](std::function<void()> work) { handed.push_back(std::move(work)); };
+  }
+};
+
+TEST(MainQueueTest, ADispatcherGetsTheWorkInsteadOfTheQueue) {
+  Asker asker;
+  RunLoop loop;
+  for (const bool isOpen : {false, true}) {
+    if (isOpen) queue().open();
+    loop.handed.clear();
+    queue().setDispatcher(loop.dispatcher());
+    int ran = 0;
+    const auto asked = asker.ask([&ran] { ++ran; });
+    asker.turn();
+    ASSERT_EQ(loop.handed.size(), 1U);
+    EXPECT_EQ(ran, 0);
+    EXPECT_FALSE(asked->ended.isSet()) << "nothing returns before its work has run";
+    loop.handed.front()();
+    asker.turn();
+    EXPECT_EQ(ran, 1);
+    ASSERT_TRUE(asked->ended.isSet());
+    EXPECT_EQ(asked->failure, nullptr);
+  }
+  serveOnce();
+}
+
+TEST(MainQueueTest, WithoutADispatcherAgainTheQueueCounts) {
+  Asker asker;
+  RunLoop loop;
+  queue().setDispatcher(loop.dispatcher());
+  queue().setDispatcher(nullptr);
+  const auto refused = asker.ask([] { ADD_FAILURE() << "it ran"; });
+  asker.turn();
+  ASSERT_TRUE(refused->ended.isSet());
+  expectRefused(*refused);
+  queue().open();
+  bool ran = false;
+  const auto taken = asker.ask([&ran] { ran = true; });
+  serveOnce();
+  asker.turn();
+  EXPECT_TRUE(ran);
+  EXPECT_TRUE(taken->ended.isSet());
+  EXPECT_TRUE(loop.handed.empty());
+}
+
+TEST(MainQueueTest, ADispatcherLeavesTheQueueWhatItHasAccepted) {
+  Asker asker;
+  RunLoop loop;
+  bool ran = false;
+  queue().open();
+  const auto asked = asker.ask([&ran] { ran = true; });
+  queue().setDispatcher(loop.dispatcher());
+  serveOnce();
+  asker.turn();
+  EXPECT_TRUE(ran);
+  EXPECT_TRUE(asked->ended.isSet());
+  EXPECT_TRUE(loop.handed.empty());
+}
+
+TEST(MainQueueTest, ErrorsComeBackThroughADispatcher) {
+  Asker asker;
+  RunLoop loop;
+  queue().setDispatcher(loop.dispatcher());
+  const auto asked = asker.ask([] { throw NSPOSIXError(2, "open '/x'"); });
+  ASSERT_EQ(loop.handed.size(), 1U);
+  loop.handed.front()();
+  asker.turn();
+  ASSERT_NE(asked->failure, nullptr);
+  EXPECT_NE(dynamic_cast<const NSPOSIXError*>(asked->failure.get()), nullptr);
+}
+
+TEST(MainQueueTest, WorkThatADispatcherDropsOrRefusesFails) {
+  Asker asker;
+  RunLoop loop;
+  queue().setDispatcher(loop.dispatcher());
+  const auto dropped = asker.ask([] { ADD_FAILURE() << "it ran"; });
+  asker.turn();
+  EXPECT_FALSE(dropped->ended.isSet());
+  loop.handed.clear();
+  asker.turn();
+  ASSERT_TRUE(dropped->ended.isSet());
+  EXPECT_NE(dropped->failure, nullptr);
+
+  queue().setDispatcher([](const std::function<void()>&) {
+    throw NSCocoaError(NSCocoaError::featureUnsupported, "The loop has ended.");
+  });
+  const auto refused = asker.ask([] { ADD_FAILURE() << "it ran"; });
+  asker.turn();
+  ASSERT_TRUE(refused->ended.isSet());
+  ASSERT_NE(refused->failure, nullptr);
+  EXPECT_EQ(refused->failure->localizedDescription(), "The loop has ended.");
+}
+
+TEST(MainQueueTest, ADispatcherMayCallTheWorkAtOnceAndAskForMore) {
+  Asker asker;
+  std::vector<int> seen;
+  std::shared_ptr<Asked> inner;
+  queue().setDispatcher([](const std::function<void()>& work) { work(); });
+  const auto outer = asker.ask([&] {
+    inner = asker.ask([&seen] { seen.push_back(1); });
+    seen.push_back(2);
+  });
+  asker.turn();
+  EXPECT_THAT(seen, ElementsAre(1, 2));
+  EXPECT_TRUE(outer->ended.isSet());
+  EXPECT_TRUE(inner->ended.isSet());
+}
+
 }  // namespace
 }  // namespace kestrune::platform
