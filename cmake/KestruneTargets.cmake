@@ -1,8 +1,15 @@
 # One target a folder. A folder includes only what its link line names; scripts/check-layers compares the two.
 
+# Objective-C++ sources are another language, for which there is no precompiled header.
+function(kestrune_without_precompiled_header)
+  list(FILTER ARGN INCLUDE REGEX "\\.mm$")
+  set_source_files_properties(${ARGN} PROPERTIES SKIP_PRECOMPILE_HEADERS ON)
+endfunction()
+
 # kestrune_library(NAME SOURCES a.cpp ... LINKS other ...)
 function(kestrune_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINKS" ${ARGN})
+  kestrune_without_precompiled_header(${ARG_SOURCES})
   add_library(${name} STATIC ${ARG_SOURCES})
   target_include_directories(${name} PUBLIC ${CMAKE_SOURCE_DIR}/src)
   target_link_libraries(${name} PUBLIC kestrune_flags ${ARG_LINKS})
@@ -12,6 +19,7 @@ endfunction()
 # kestrune_program(NAME SOURCES a.cpp ... LINKS other ...)
 function(kestrune_program name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINKS" ${ARGN})
+  kestrune_without_precompiled_header(${ARG_SOURCES})
   add_executable(${name} ${ARG_SOURCES})
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/src)
   target_link_libraries(${name} PRIVATE kestrune_flags ${ARG_LINKS})
@@ -22,6 +30,10 @@ endfunction()
 # the service's and the companion's own are left to `scripts/test --sanitize`, because the builds would take too long.
 add_custom_target(core_tests)
 set(KESTRUNE_BESIDE_THE_CORE "/src/(host|service|companion)(/|$)|/tests/(mount|support)$")
+
+# The tests that need nothing of Linux. Elsewhere they alone are built: the others find files by /proc, or would write into
+# the user's own shared directory, because XDG_DATA_HOME moves it on Linux only.
+set(KESTRUNE_TESTED_EVERYWHERE "/src/platform/(values|progress|log|tasks|file_provider)$")
 
 # kestrune_test(NAME LABEL unit|process|mount|model|slow SOURCES a.cpp ... LINKS other ... [TIMEOUT seconds])
 # Each case runs in a process of its own, so cases may change the environment.
