@@ -126,6 +126,17 @@ NSProgress::Observation NSProgress::observe(Observer observer) {
   return Observation(std::move(registration));
 }
 
+void NSProgress::mirror(Observer observer) {
+  std::lock_guard delivering(delivery_);  // no change overtakes the present value
+  const Observer present = observer;
+  Observation observation = observe(std::move(observer));
+  {
+    MutexLock lock(mutex_);
+    mirrors_.push_back(std::move(observation));
+  }
+  present(snapshot());
+}
+
 NSProgress::Observation& NSProgress::Observation::operator=(Observation&& other) noexcept {
   if (this != &other) {
     invalidate();

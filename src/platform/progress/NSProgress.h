@@ -64,6 +64,11 @@ class NSProgress {
   /// ends when the returned object is destroyed or `invalidate` is called on it.
   [[nodiscard]] Observation observe(Observer observer);
 
+  /// Calls `observer` with the present value, before it returns, and after every change; keeps it
+  /// until this progress is destroyed, and destroys it then. For what shows a progress without being
+  /// asked to. REQUIRES: `observer` does not own this progress.
+  void mirror(Observer observer);
+
  private:
   struct Registration;
   struct Captured;
@@ -75,6 +80,7 @@ class NSProgress {
   bool cancelled_ GUARDED_BY(mutex_) = false;
   std::function<void()> cancellationHandler_ GUARDED_BY(mutex_);
   std::vector<std::weak_ptr<Registration>> observers_ GUARDED_BY(mutex_);
+  std::vector<Observation> mirrors_ GUARDED_BY(mutex_);
 
   const std::shared_ptr<Captured> captured_;
 

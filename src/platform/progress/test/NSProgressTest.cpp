@@ -377,5 +377,42 @@ TEST(NSProgressTest, HandlerRunsOnceHoweverItsSettingAndTheCancellationsRace) {
   }
 }
 
+TEST(NSProgressTest, AMirrorShowsThePresentValueAndEveryChange) {
+  Witness witness;
+  NSProgress progress(10);
+  progress.setCompletedUnitCount(3);
+  progress.mirror(witness.observer());
+  EXPECT_EQ(witness.seen, (std::vector<Snapshot>{{10, 3}}));
+  progress.setCompletedUnitCount(4);
+  progress.setTotalUnitCount(20);
+  EXPECT_EQ(witness.seen, (std::vector<Snapshot>{{10, 3}, {10, 4}, {20, 4}}));
+}
+
+TEST(NSProgressTest, AMirrorGoesWithItsProgress) {
+  const auto kept = std::make_shared<int>(0);
+  auto progress = std::make_unique<NSProgress>(10);
+  progress->mirror([kept](const Snapshot&) {});
+  EXPECT_GT(kept.use_count(), 1);
+  progress.reset();
+  EXPECT_EQ(kept.use_count(), 1);
+}
+
+TEST(NSProgressTest, AMirrorNeverGoesBackwards) {
+  for (int round = 0; round < 50; ++round) {
+    Witness witness;
+    NSProgress progress(1000);
+    onThreads(3, [&](int thread) {
+      if (thread == 0) {
+        progress.mirror(witness.observer());
+      } else {
+        for (int i = 0; i < 100; ++i) progress.addCompletedUnits(1);
+      }
+    });
+    for (std::size_t i = 1; i < witness.seen.size(); ++i)
+      EXPECT_LE(witness.seen[i - 1].completedUnitCount, witness.seen[i].completedUnitCount);
+    EXPECT_EQ(witness.seen.back().completedUnitCount, 200);
+  }
+}
+
 }  // namespace
 }  // namespace kestrune::platform
