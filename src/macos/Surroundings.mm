@@ -63,7 +63,9 @@ class Manager final : public platform::NSFileProviderManager {
   using Answer = void (^)(::NSError*);
   static RetainedBlock<Answer> answering(Handler handler) {
     return RetainedBlock<Answer>(^(::NSError* error) {
-      handler(errorFrom(error));
+      @autoreleasepool {
+        handler(errorFrom(error));
+      }
     });
   }
 

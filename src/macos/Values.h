@@ -5,6 +5,9 @@
 // Texts: the platform's may hold lone surrogates and ours bytes that are no UTF-8; each such place
 // becomes U+FFFD, because a name that looks odd beats one that is missing.
 //
+// Sets of bits and policies have the platform's own values on both sides and are cast; Values.mm checks
+// that at compile time.
+//
 // Threads: callable from any thread that has an autorelease pool.
 #pragma once
 

@@ -10,6 +10,57 @@ namespace kestrune::macos {
 
 namespace {
 
+template <class Ours, class Platforms>
+constexpr bool same(Ours ours, Platforms platforms) {
+  return static_cast<std::uint64_t>(ours) == static_cast<std::uint64_t>(platforms);
+}
+
+using Fields = platform::NSFileProviderItemFields;
+static_assert(same(Fields::contents, NSFileProviderItemContents) &&
+              same(Fields::filename, NSFileProviderItemFilename) &&
+              same(Fields::parentItemIdentifier, NSFileProviderItemParentItemIdentifier) &&
+              same(Fields::lastUsedDate, NSFileProviderItemLastUsedDate) &&
+              same(Fields::tagData, NSFileProviderItemTagData) &&
+              same(Fields::favoriteRank, NSFileProviderItemFavoriteRank) &&
+              same(Fields::creationDate, NSFileProviderItemCreationDate) &&
+              same(Fields::contentModificationDate, NSFileProviderItemContentModificationDate) &&
+              same(Fields::fileSystemFlags, NSFileProviderItemFileSystemFlags) &&
+              same(Fields::extendedAttributes, NSFileProviderItemExtendedAttributes) &&
+              same(Fields::typeAndCreator, NSFileProviderItemTypeAndCreator));
+
+using Capabilities = platform::NSFileProviderItemCapabilities;
+static_assert(same(Capabilities::allowsReading, NSFileProviderItemCapabilitiesAllowsReading) &&
+              same(Capabilities::allowsWriting, NSFileProviderItemCapabilitiesAllowsWriting) &&
+              same(Capabilities::allowsReparenting,
+                   NSFileProviderItemCapabilitiesAllowsReparenting) &&
+              same(Capabilities::allowsRenaming, NSFileProviderItemCapabilitiesAllowsRenaming) &&
+              same(Capabilities::allowsTrashing, NSFileProviderItemCapabilitiesAllowsTrashing) &&
+              same(Capabilities::allowsDeleting, NSFileProviderItemCapabilitiesAllowsDeleting) &&
+              same(Capabilities::allowsEvicting, NSFileProviderItemCapabilitiesAllowsEvicting) &&
+              same(Capabilities::allowsExcludingFromSync,
+                   NSFileProviderItemCapabilitiesAllowsExcludingFromSync));
+
+using Policy = platform::NSFileProviderContentPolicy;
+static_assert(same(Policy::inherited, NSFileProviderContentPolicyInherited) &&
+              same(Policy::downloadLazily, NSFileProviderContentPolicyDownloadLazily) &&
+              same(Policy::downloadLazilyAndEvictOnRemoteUpdate,
+                   NSFileProviderContentPolicyDownloadLazilyAndEvictOnRemoteUpdate) &&
+              same(Policy::downloadEagerlyAndKeepDownloaded,
+                   NSFileProviderContentPolicyDownloadEagerlyAndKeepDownloaded));
+
+static_assert(same(platform::NSFileProviderCreateItemOptions::mayAlreadyExist,
+                   NSFileProviderCreateItemMayAlreadyExist) &&
+              same(platform::NSFileProviderCreateItemOptions::deletionConflicted,
+                   NSFileProviderCreateItemDeletionConflicted) &&
+              same(platform::NSFileProviderModifyItemOptions::mayAlreadyExist,
+                   NSFileProviderModifyItemMayAlreadyExist) &&
+              same(platform::NSFileProviderDeleteItemOptions::recursive,
+                   NSFileProviderDeleteItemRecursive) &&
+              same(platform::NSFileProviderFetchContentsOptions::strictVersioning,
+                   NSFileProviderFetchContentsOptionsStrictVersioning) &&
+              same(platform::NSFileProviderMaterializationFlags::knownSparseRanges,
+                   NSFileProviderMaterializationFlagsKnownSparseRanges));
+
 constexpr const char* kReplacementCharacter = "\xEF\xBF\xBD";
 // The platform counts from 2001-01-01.
 constexpr double kSecondsFrom1970To2001 = 978'307'200;

@@ -56,7 +56,9 @@ platform::NSErrorPtr answerOf(const Ask& ask) {
   @autoreleasepool {
     const auto awaited = std::make_shared<Awaited>();
     const RetainedBlock<Answer> handler(^(::NSError* error) {
-      awaited->answer(error);
+      @autoreleasepool {
+        awaited->answer(error);
+      }
     });
     ask(handler.get());
     return awaited->wait();
