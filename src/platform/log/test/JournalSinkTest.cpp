@@ -12,6 +12,9 @@
 
 #include <functional>
 #include <optional>
+#include <string>
+#include <thread>
+#include <vector>
 
 namespace kestrune::platform {
 namespace {
