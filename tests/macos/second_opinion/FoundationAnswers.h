@@ -51,15 +51,14 @@ std::optional<std::string> foundationDecoded(const std::string& text);
 /// refuses. Takes bytes.
 std::optional<std::string> foundationJson(const std::string& bytes);
 
-/// Milliseconds since 1970 of `text` as NSDateFormatter reads it by `format`, strictly, in UTC, in the
-/// Gregorian calendar of all years; none if it refuses.
+/// Milliseconds since 1970 of `text` as NSDateFormatter reads it by `format`, strictly and in UTC; none if
+/// it refuses. Like NSCalendar it has the Julian calendar until 1582-10-04.
 std::optional<std::int64_t> foundationDate(const std::string& text, const std::string& format);
 
-/// The text that NSDateFormatter writes by `format` for the same calendar.
+/// The text that NSDateFormatter writes by `format` for any moment of a millisecond.
 std::string foundationDateText(std::int64_t millisecondsSince1970, const std::string& format);
 
-/// The days of a month by NSCalendar. REQUIRES: `year` is later than 1582, where NSCalendar changes
-/// calendars.
-int foundationDaysInMonth(int year, int month);
+/// Seconds since 1970 of the day's beginning in UTC by NSCalendar; none if it makes another day of it.
+std::optional<std::int64_t> foundationDay(int year, int month, int day);
 
 }  // namespace kestrune::second_opinion

@@ -16,22 +16,24 @@ namespace kestrune::second_opinion {
 
 namespace {
 
+// Foundation drops a byte-order mark where a text begins or ends its way through bytes. In a text that is
+// no file it is a character like others: with a letter before it, it stays.
+constexpr char kBefore = 'x';
+
 NSString* toFoundation(const std::string& text) {
-  // Decoding drops a byte-order mark; in a text that is no file it is a character like others.
-  constexpr unichar kMark = 0xFEFF;
-  const std::string::size_type mark = text.starts_with("\uFEFF") ? 3 : 0;
-  NSString* const decoded = [[[NSString alloc] initWithBytes:text.data() + mark
-                                                      length:text.size() - mark
+  const std::string guarded = kBefore + text;
+  NSString* const decoded = [[[NSString alloc] initWithBytes:guarded.data()
+                                                      length:guarded.size()
                                                     encoding:NSUTF8StringEncoding] autorelease];
-  if (mark == 0) return decoded;
-  return [[NSString stringWithCharacters:&kMark length:1] stringByAppendingString:decoded];
+  return [decoded substringFromIndex:1];
 }
 
 /// None for a text that has no UTF-8: one with half a surrogate pair.
 std::optional<std::string> bytesOf(NSString* text) {
-  NSData* const bytes = [text dataUsingEncoding:NSUTF8StringEncoding];
+  NSString* const guarded = [NSString stringWithFormat:@"%c%@", kBefore, text];
+  NSData* const bytes = [guarded dataUsingEncoding:NSUTF8StringEncoding];
   if (bytes == nil) return std::nullopt;
-  return std::string(static_cast<const char*>([bytes bytes]), [bytes length]);
+  return std::string(static_cast<const char*>([bytes bytes]) + 1, [bytes length] - 1);
 }
 
 std::string textOf(NSString* text) {
@@ -106,6 +108,15 @@ NSURL* urlWith(NSString* text) {
   }
 }
 
+/// Nil also where NSURL raises an exception: it has then no such part to offer.
+id partOf(NSURL* url, SEL part) {
+  @try {
+    return [url performSelector:part];
+  } @catch (NSException* refusal) {
+    return nil;
+  }
+}
+
 NSDateFormatter* formatterFor(const std::string& format) {
   static std::map<std::string, NSDateFormatter*> formatters;
   NSDateFormatter*& formatter = formatters[format];
@@ -113,10 +124,18 @@ NSDateFormatter* formatterFor(const std::string& format) {
   formatter = [NSDateFormatter new];
   [formatter setLocale:[[[NSLocale alloc] initWithLocaleIdentifier:@"en_US_POSIX"] autorelease]];
   [formatter setTimeZone:[NSTimeZone timeZoneForSecondsFromGMT:0]];
-  [formatter setLenient:NO];
+  // The format first: it starts the formatter anew, without what was said about strictness.
   [formatter setDateFormat:toFoundation(format)];
-  [formatter setGregorianStartDate:[NSDate distantPast]];
+  [formatter setLenient:NO];
   return formatter;
+}
+
+NSCalendar* gregorianCalendar() {
+  static NSCalendar* calendar = nil;
+  if (calendar != nil) return calendar;
+  calendar = [[NSCalendar alloc] initWithCalendarIdentifier:NSGregorianCalendar];
+  [calendar setTimeZone:[NSTimeZone timeZoneForSecondsFromGMT:0]];
+  return calendar;
 }
 
 }  // namespace
@@ -144,11 +163,12 @@ std::optional<FoundationURL> foundationURL(const std::string& text) {
   NSURL* const url = urlWith(toFoundation(text));
   if (url == nil) return std::nullopt;
   FoundationURL result;
-  result.absoluteString = textOf([url absoluteString]);
-  result.scheme = textOf([url scheme]);
-  result.host = optionalTextOf([url host]);
-  if ([url port] != nil) result.port = [[url port] longLongValue];
-  result.query = textOf([url query]);
+  result.absoluteString = textOf(partOf(url, @selector(absoluteString)));
+  result.scheme = textOf(partOf(url, @selector(scheme)));
+  result.host = optionalTextOf(partOf(url, @selector(host)));
+  if (NSNumber* const port = partOf(url, @selector(port)); port != nil)
+    result.port = [port longLongValue];
+  result.query = textOf(partOf(url, @selector(query)));
   return result;
 }
 
@@ -181,23 +201,24 @@ std::optional<std::int64_t> foundationDate(const std::string& text, const std::s
 }
 
 std::string foundationDateText(std::int64_t millisecondsSince1970, const std::string& format) {
-  NSDate* const date =
-      [NSDate dateWithTimeIntervalSince1970:static_cast<double>(millisecondsSince1970) / 1000];
+  // The middle: what NSDate counts, seconds since 2001, hits the beginning of few milliseconds exactly.
+  NSDate* const date = [NSDate
+      dateWithTimeIntervalSince1970:(static_cast<double>(millisecondsSince1970) + 0.5) / 1000];
   return textOf([formatterFor(format) stringFromDate:date]);
 }
 
-int foundationDaysInMonth(int year, int month) {
-  NSCalendar* const calendar =
-      [[[NSCalendar alloc] initWithCalendarIdentifier:NSGregorianCalendar] autorelease];
-  [calendar setTimeZone:[NSTimeZone timeZoneForSecondsFromGMT:0]];
-  NSDateComponents* const first = [[NSDateComponents new] autorelease];
-  [first setYear:year];
-  [first setMonth:month];
-  [first setDay:1];
-  return static_cast<int>([calendar rangeOfUnit:NSDayCalendarUnit
-                                         inUnit:NSMonthCalendarUnit
-                                        forDate:[calendar dateFromComponents:first]]
-                              .length);
+std::optional<std::int64_t> foundationDay(int year, int month, int day) {
+  NSCalendar* const calendar = gregorianCalendar();
+  NSDateComponents* const asked = [[NSDateComponents new] autorelease];
+  [asked setYear:year];
+  [asked setMonth:month];
+  [asked setDay:day];
+  NSDate* const date = [calendar dateFromComponents:asked];
+  NSDateComponents* const found =
+      [calendar components:NSYearCalendarUnit | NSMonthCalendarUnit | NSDayCalendarUnit
+                  fromDate:date];
+  if ([found year] != year || [found month] != month || [found day] != day) return std::nullopt;
+  return std::llround([date timeIntervalSince1970]);
 }
 
 }  // namespace kestrune::second_opinion
