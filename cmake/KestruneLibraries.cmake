@@ -1,11 +1,12 @@
 # Third-party libraries, each under one name. All are system headers: their warnings are not ours.
 
-# What the extension stands on; vcpkg.json has the same list for macOS.
+# What the extension and the application around it stand on; vcpkg.json has the same list for macOS.
 find_package(Threads REQUIRED)
 find_package(Boost 1.81 REQUIRED COMPONENTS url)
 find_package(CURL 7.88 REQUIRED)
 find_package(simdjson REQUIRED)
 find_package(nlohmann_json REQUIRED)
+find_package(CLI11 REQUIRED)
 if(KESTRUNE_TESTS OR NOT DEFINED KESTRUNE_TESTS)
   find_package(GTest REQUIRED)
 endif()
@@ -14,7 +15,6 @@ if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
   find_package(PkgConfig REQUIRED)
   find_package(OpenSSL REQUIRED)
   find_package(fmt REQUIRED)
-  find_package(CLI11 REQUIRED)
   pkg_check_modules(FUSE3 REQUIRED IMPORTED_TARGET fuse3)
   pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 endif()

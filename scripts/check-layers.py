@@ -12,6 +12,7 @@ root = pathlib.Path(__file__).resolve().parent.parent
 src = root / "src"
 call = re.compile(r"kestrune_(library|program|test)\((\S+)(.*?)\)", re.S)
 more = re.compile(r"target_sources\((\S+)\s+PRIVATE(.*?)\)", re.S)
+bare = re.compile(r"add_executable\((\S+)\s+(?:MACOSX_BUNDLE)?(.*?)\)", re.S)
 extra = re.compile(r"target_link_libraries\((\S+)\s+(?:PUBLIC|PRIVATE|INTERFACE)(.*?)\)", re.S)
 
 links = {}  # target -> directly linked names
@@ -33,7 +34,7 @@ for path in lists:
             folder_of[target] = path.parent
         for source in words(body, "SOURCES"):
             targets_of.setdefault((path.parent / source).resolve(), set()).add(target)
-    for target, body in more.findall(text):
+    for target, body in more.findall(text) + bare.findall(text):
         for source in body.split():
             targets_of.setdefault((path.parent / source).resolve(), set()).add(target)
     for target, body in extra.findall(text):
@@ -50,7 +51,7 @@ def reachable(target, seen=None):
 
 
 problems = []
-for source in sorted(list(src.rglob("*.cpp")) + list((root / "tests").rglob("*.cpp")) + list((root / "bench").rglob("*.cpp"))):
+for source in sorted(file for top in (src, root / "tests", root / "bench") for ending in ("*.cpp", "*.mm") for file in top.rglob(ending)):
     if source.resolve() not in targets_of:
         problems.append(f"{source.relative_to(root)}: no target lists it")
 
@@ -58,18 +59,24 @@ targets_in = {}  # folder -> its libraries (a folder may have one more for its t
 for target, folder in folder_of.items():
     targets_in.setdefault(folder, set()).add(target)
 
+
+def home(file):
+    """The nearest folder above it that is a library; none where there is none."""
+    return next((parent for parent in file.parents if parent in targets_in), None)
+
+
 for folder, targets in targets_in.items():
     if src not in folder.parents:
         continue
     allowed = {folder} | {folder_of[name] for target in targets for name in reachable(target)}
-    for file in sorted(list(folder.rglob("*.cpp")) + list(folder.rglob("*.h"))):
-        if "test" in file.relative_to(folder).parts:
+    for file in sorted(file for ending in ("*.cpp", "*.mm", "*.h") for file in folder.rglob(ending)):
+        if "test" in file.relative_to(folder).parts or home(file) != folder:
             continue
         for included in re.findall(r'#include "([^"]+)"', file.read_text()):
             header = src / included
             if not header.exists():
                 problems.append(f"{file.relative_to(root)}: includes \"{included}\", which is not below src/")
-            elif not any(owner == header.parent or owner in header.parents for owner in allowed):
+            elif home(header) not in allowed:
                 problems.append(f"{file.relative_to(root)}: includes \"{included}\", which {' and '.join(sorted(targets))} does not link")
 
 print("\n".join(problems) if problems else f"layers: {len(folder_of)} libraries, {len(targets_of)} sources, clean")
