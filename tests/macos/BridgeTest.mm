@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <thread>
 
 #include "macos/Errors.h"
 #include "macos/FileProviderItem.h"
 #include "macos/Progress.h"
+#include "macos/Retained.h"
 #include "macos/Values.h"
 #include "platform/file_provider/NSFileProviderError.h"
 #include "tests/macos/Answers.h"
@@ -224,6 +226,64 @@ TEST_F(BridgeTest, ATemplateNeedNotAnswerToOptionalProperties) {
   EXPECT_EQ(ours->contentModificationDate(), std::nullopt);
   EXPECT_EQ(ours->creationDate(), std::nullopt);
   EXPECT_EQ(ours->itemVersion(), std::nullopt);
+}
+
+/// An item that does nothing but be there.
+class PlainItem final : public platform::NSFileProviderItem {
+ public:
+  platform::NSFileProviderItemIdentifier itemIdentifier() const override { return "/a"; }
+  platform::NSFileProviderItemIdentifier parentItemIdentifier() const override { return "/"; }
+  std::string filename() const override { return "a"; }
+};
+
+TEST_F(BridgeTest, ItemsGoWithTheirPool) {
+  const auto ours = std::make_shared<const PlainItem>();
+  @autoreleasepool {
+    EXPECT_NE(toPlatform(platform::NSFileProviderItemPtr(ours)), nil);
+    EXPECT_EQ([toPlatform(std::vector<platform::NSFileProviderItemPtr>{ours, ours}) count], 2U);
+    EXPECT_EQ(ours.use_count(), 4);
+  }
+  EXPECT_EQ(ours.use_count(), 1);
+}
+
+TEST_F(BridgeTest, AnItemWithoutOptionalPropertiesIsPlainData) {
+  const ItemText item =
+      *textOf(toPlatform(platform::NSFileProviderItemPtr(std::make_shared<PlainItem>())));
+  EXPECT_EQ(item.type, "public.data");
+  EXPECT_EQ(item.capabilities, 1U);
+  EXPECT_EQ(item.size, std::nullopt);
+  EXPECT_EQ(item.policy, 0);
+  EXPECT_EQ(item.version, "");
+}
+
+TEST_F(BridgeTest, ErrorsThatPassThroughAreLetGo) {
+  ::NSError* const error = [[::NSError alloc] initWithDomain:@"d" code:1 userInfo:@{}];
+  @autoreleasepool {
+    const platform::NSErrorPtr ours = errorFrom(error);
+    EXPECT_GT([error retainCount], 1U);
+    EXPECT_EQ(toPlatform(ours->share()), error);
+  }
+  EXPECT_EQ([error retainCount], 1U);
+  [error release];
+}
+
+TEST_F(BridgeTest, BlocksAreLetGo) {
+  const auto captured = std::make_shared<int>(0);
+  @autoreleasepool {
+    using Block = void (^)(void);
+    std::function<void()> call;
+    {
+      const Block block = ^{
+        ++*captured;
+      };
+      call = [kept = RetainedBlock<Block>(block)] { kept.get()(); };
+    }
+    auto copy = call;
+    call = nullptr;
+    copy();
+    EXPECT_EQ(*captured, 1);
+  }
+  EXPECT_EQ(captured.use_count(), 1);
 }
 
 TEST_F(BridgeTest, ProgressIsShownFromItsPresentValueOn) {

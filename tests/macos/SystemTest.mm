@@ -401,6 +401,23 @@ TEST_F(SystemTest, ManyCallsAtOnceAreAnsweredOnceEach) {
   }
 }
 
+TEST_F(SystemTest, NothingKeepsWhatTheSystemHandedOver) {
+  write("Docs/a", "x");
+  AnswerPtr answer = std::make_shared<Answer>();
+  ListeningObserver* const observer = [[ListeningObserver alloc] init];
+  @autoreleasepool {
+    lookUp(@"/Docs/a", answer);
+    lookUp(@"/Docs/nothing", answer);
+    EXPECT_TRUE(support::waitUntil([&] { return answer->calls == 2; }));
+    enumerateItemsFor(observer, @"/Docs");
+    EXPECT_TRUE(support::waitUntil([&] { return [observer hasFinished]; }));
+  }
+  // The handlers' last owners are tasks, which may outlive the answer by a moment.
+  EXPECT_TRUE(support::waitUntil([&] { return answer.use_count() == 1; }));
+  EXPECT_TRUE(support::waitUntil([&] { return [observer retainCount] == 1; }));
+  [observer release];
+}
+
 TEST_F(SystemTest, TheExtensionMayGoWhileItsWorkGoesOn) {
   write("Docs/a", "x");
   const auto answer = std::make_shared<Answer>();

@@ -34,6 +34,7 @@ struct SystemTest : WholePrograms {
   NSProgress* remove(NSString* identifier, AnswerPtr answer) const;
   NSProgress* act(NSString* action, NSArray* identifiers, AnswerPtr answer) const;
 
+  void enumerateItemsFor(ListeningObserver* observer, NSString* container) const;
   /// Each waits for the finish call.
   ListeningObserver* enumerateItems(NSString* container) const;
   ListeningObserver* enumerateChanges(NSString* container, const std::string& anchor) const;

@@ -202,11 +202,15 @@ id<NSFileProviderEnumerator> SystemTest::enumerator(NSString* container) const {
   return made;
 }
 
-ListeningObserver* SystemTest::enumerateItems(NSString* container) const {
-  ListeningObserver* const observer = [[[ListeningObserver alloc] init] autorelease];
+void SystemTest::enumerateItemsFor(ListeningObserver* observer, NSString* container) const {
   id<NSFileProviderEnumerator> const asked = enumerator(container);
   [asked enumerateItemsForObserver:observer startingAtPage:[NSData data]];
   [asked invalidate];
+}
+
+ListeningObserver* SystemTest::enumerateItems(NSString* container) const {
+  ListeningObserver* const observer = [[[ListeningObserver alloc] init] autorelease];
+  enumerateItemsFor(observer, container);
   return finished(observer);
 }
 
