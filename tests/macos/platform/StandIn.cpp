@@ -156,7 +156,11 @@ std::string takeConversion(std::string_view& format, va_list* arguments) {
 }  // namespace
 
 os_log_t os_log_create(const char* subsystem, const char* category) {
-  return new os_log_s{subsystem, category};
+  // Kept for good, as the platform keeps its own.
+  static kestrune::platform::Mutex mutex;
+  static auto* const logs = new std::deque<os_log_s>;
+  kestrune::platform::MutexLock lock(mutex);
+  return &logs->emplace_back(os_log_s{subsystem, category});
 }
 
 void standInLog(os_log_t log, os_log_type_t type, const char* format, ...) {
