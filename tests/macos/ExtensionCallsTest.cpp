@@ -231,7 +231,8 @@ TEST_P(FaultTest, EveryEnumerationIsFinishedOnceAndHearsNothingAfterwards) {
     Heard heard;
     call(wrong, heard);
     expectOneAnswer(heard, GetParam(), what);
-    EXPECT_LE(heard.notices, 2) << what;  // of the first answer alone
+    const int inOneAnswer = what == std::string("enumerateItems") ? 1 : 2;
+    EXPECT_LE(heard.notices, inOneAnswer) << what;
   }
 }
 

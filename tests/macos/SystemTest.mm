@@ -159,13 +159,12 @@ TEST_F(SystemTest, ARangeArrivesInASparseFileOfTheWholeLength) {
   write("Docs/movie.bin", contents);
   const auto answer = std::make_shared<Answer>();
   NSProgress* const progress =
-      fetchPartially(@"/Docs/movie.bin", NSMakeRange(4U << 20U, 1000), answer);
+      fetchPartially(@"/Docs/movie.bin", NSMakeRange((4U << 20U) + 1, 1000), answer);
   EXPECT_EQ(answersOf(answer), 1);
   EXPECT_EQ(answer->error, std::nullopt);
   ASSERT_TRUE(answer->path.has_value());
   EXPECT_EQ(answer->location, 4U << 20U);
-  EXPECT_GE(answer->length, 1000U);
-  EXPECT_EQ(answer->location % 4096, 0U);
+  EXPECT_GE(answer->length, 1001U);
   EXPECT_EQ(fs::file_size(*answer->path), contents.size());
   EXPECT_TRUE(support::contentsOf(*answer->path).substr(answer->location, answer->length) ==
               contents.substr(answer->location, answer->length));
