@@ -28,7 +28,9 @@ set(CMAKE_OBJCXX_FLAGS_DEBUG "${CMAKE_CXX_FLAGS_DEBUG}")
 
 # What a target with Objective-C++ sources links.
 add_library(kestrune_objective_c INTERFACE)
-target_compile_options(kestrune_objective_c INTERFACE $<$<COMPILE_LANGUAGE:OBJCXX>:-fblocks -fno-objc-arc>)
+# Objective-C is an extension of C++: there is no standard to be pedantic about.
+target_compile_options(kestrune_objective_c INTERFACE
+  $<$<COMPILE_LANGUAGE:OBJCXX>:-fblocks -fno-objc-arc -Wno-pedantic>)
 if(APPLE)
   target_link_libraries(kestrune_objective_c INTERFACE
     "-framework Foundation" "-framework FileProvider" "-framework UniformTypeIdentifiers" "-framework AppKit")
@@ -42,7 +44,7 @@ file(GLOB KESTRUNE_GCC_FOLDERS /usr/lib/gcc/*-linux-gnu/*)
 find_library(KESTRUNE_OBJC objc PATHS ${KESTRUNE_GCC_FOLDERS} REQUIRED)
 find_path(KESTRUNE_OBJC_INCLUDE objc/runtime.h PATHS ${KESTRUNE_GCC_FOLDERS} PATH_SUFFIXES include REQUIRED)
 target_compile_options(kestrune_objective_c INTERFACE
-  $<$<COMPILE_LANGUAGE:OBJCXX>:-fobjc-runtime=gcc -fexceptions -fconstant-string-class=NSConstantString -Wno-pedantic>)
+  $<$<COMPILE_LANGUAGE:OBJCXX>:-fobjc-runtime=gcc -fexceptions -fconstant-string-class=NSConstantString>)
 target_compile_definitions(kestrune_objective_c INTERFACE
   $<$<COMPILE_LANGUAGE:OBJCXX>:GNUSTEP GNUSTEP_BASE_LIBRARY=1 GNU_RUNTIME=1>)
 target_include_directories(kestrune_objective_c SYSTEM INTERFACE ${KESTRUNE_GNUSTEP_INCLUDE})
