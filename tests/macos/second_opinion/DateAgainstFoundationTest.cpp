@@ -155,8 +155,7 @@ const std::int64_t kFirstGregorianDay = gregorianDays({1582, 10, 15});
 
 const std::vector<AcceptedDifference> kParserDifferences = {
     {"ISO 8601-1, 4.2.1: dates are Gregorian in all years, where Foundation's calendar is the "
-     "Julian one "
-     "until 1582-10-04",
+     "Julian one until 1582-10-04",
      [](const Difference& difference) {
        const auto fields = fieldsOf(difference.input);
        if (!fields || !difference.ours || !difference.theirs) return false;
@@ -165,8 +164,7 @@ const std::vector<AcceptedDifference> kParserDifferences = {
               std::stoll(*difference.theirs) == std::stoll(*difference.ours) + shift * kDay;
      }},
     {"ISO 8601-1, 4.2.1: the last year of a century has no leap day but in every fourth, which "
-     "Julian "
-     "ones have",
+     "Julian ones have",
      [](const Difference& difference) {
        const auto fields = fieldsOf(difference.input);
        return onlyTheyAccept(difference) && fields && fields->year < 1582 &&
@@ -234,17 +232,16 @@ TEST(DateAgainstFoundationTest, FractionsAreParsed) { compareParsers(true, kPars
 void compareWriters(std::string (*ours)(Date), const std::string& format) {
   const std::uint64_t seed = seedFromEnvironment();
   Generator generator(seed);
-  Comparison comparison(
-      seed,
-      {{"ISO 8601-1, 4.2.1: dates are Gregorian in all years, where Foundation's calendar is the "
-        "Julian one until 1582-10-04",
-        [](const Difference& difference) {
-          const auto our = fieldsOf(*difference.ours);
-          const auto their = fieldsOf(*difference.theirs);
-          return our && their && gregorianDays(*our) < kFirstGregorianDay &&
-                 julianDays(*their) == gregorianDays(*our) &&
-                 difference.ours->substr(10) == difference.theirs->substr(10);
-        }}});
+  Comparison comparison(seed, {{"ISO 8601-1, 4.2.1: dates are Gregorian in all years, where "
+                                "Foundation's calendar is the Julian one until 1582-10-04",
+                                [](const Difference& difference) {
+                                  const auto our = fieldsOf(*difference.ours);
+                                  const auto their = fieldsOf(*difference.theirs);
+                                  return our && their && gregorianDays(*our) < kFirstGregorianDay &&
+                                         julianDays(*their) == gregorianDays(*our) &&
+                                         difference.ours->substr(10) ==
+                                             difference.theirs->substr(10);
+                                }}});
   std::vector<std::int64_t> moments = {kYear0, kLastSecond, 0, -1, 1, 999, -999, -1000, -1001};
   for (int i = 0; i < kGeneratedDates; ++i) {
     const auto span = static_cast<std::size_t>(kLastSecond - kYear0);

@@ -118,14 +118,16 @@ id partOf(NSURL* url, SEL part) {
 }
 
 NSDateFormatter* formatterFor(const std::string& format) {
-  static std::map<std::string, NSDateFormatter*> formatters;
-  NSDateFormatter*& formatter = formatters[format];
+  static NSMutableDictionary* const formatters = [NSMutableDictionary new];
+  NSString* const key = toFoundation(format);
+  NSDateFormatter* formatter = [formatters objectForKey:key];
   if (formatter != nil) return formatter;
-  formatter = [NSDateFormatter new];
+  formatter = [[NSDateFormatter new] autorelease];
+  [formatters setObject:formatter forKey:key];
   [formatter setLocale:[[[NSLocale alloc] initWithLocaleIdentifier:@"en_US_POSIX"] autorelease]];
   [formatter setTimeZone:[NSTimeZone timeZoneForSecondsFromGMT:0]];
   // The format first: it starts the formatter anew, without what was said about strictness.
-  [formatter setDateFormat:toFoundation(format)];
+  [formatter setDateFormat:key];
   [formatter setLenient:NO];
   return formatter;
 }

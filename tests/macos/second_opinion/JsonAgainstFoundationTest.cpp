@@ -70,8 +70,7 @@ Answer gnustepAnswer(const std::string& text, bool losesMarks) {
 
 const AcceptedDifference kWholeNumbersAreExact = {
     "RFC 8259, 6: readers may keep whole numbers beyond 53 bits exactly, and sizes need it; "
-    "GNUstep "
-    "reads doubles",
+    "GNUstep reads doubles",
     [](const Difference& difference) {
       return difference.ours && difference.theirs == gnustepAnswer(difference.input, false);
     }};
@@ -130,23 +129,22 @@ TEST(JsonAgainstFoundationTest, Records) {
 }
 
 TEST(JsonAgainstFoundationTest, Listings) {
-  compareReaders(
-      listingAnswer,
-      std::vector<AcceptedDifference>{
-          {"RFC 8259, 4: which of repeated keys counts is open; a listing's reader stops at the "
-           "first",
-           [](const Difference& difference) {
-             return difference.ours && difference.ours != recordAnswer(difference.input) &&
-                    difference.theirs == gnustepAnswer(difference.input, true);
-           }},
-          {"RFC 8259, 6: a reader may limit the range of numbers; a listing's whole numbers have "
-           "64 "
-           "bits",
-           [](const Difference& difference) {
-             return !difference.ours && recordAnswer(difference.input) &&
-                    difference.theirs == gnustepAnswer(difference.input, true);
-           }}} +
-          laxities() + std::vector{kWholeNumbersAreExact, kMarksAreCharacters});
+  compareReaders(listingAnswer,
+                 std::vector<AcceptedDifference>{
+                     {"RFC 8259, 4: which of repeated keys counts is open; a listing's reader "
+                      "stops at the first",
+                      [](const Difference& difference) {
+                        return difference.ours &&
+                               difference.ours != recordAnswer(difference.input) &&
+                               difference.theirs == gnustepAnswer(difference.input, true);
+                      }},
+                     {"RFC 8259, 6: a reader may limit the range of numbers; a listing's whole "
+                      "numbers have 64 bits",
+                      [](const Difference& difference) {
+                        return !difference.ours && recordAnswer(difference.input) &&
+                               difference.theirs == gnustepAnswer(difference.input, true);
+                      }}} +
+                     laxities() + std::vector{kWholeNumbersAreExact, kMarksAreCharacters});
 }
 
 TEST(JsonAgainstFoundationTest, WrittenRecordsAreReadAsTheyWere) {

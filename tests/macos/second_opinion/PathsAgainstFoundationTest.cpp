@@ -140,32 +140,31 @@ TEST(PathsAgainstFoundationTest, LastPathComponent) {
 }
 
 TEST(PathsAgainstFoundationTest, DeletingLastPathComponent) {
-  comparePaths(
-      platform::deletingLastPathComponent, foundationDeletingLastPathComponent,
-      {{"only the last component and the slashes before it are documented to go: what stays "
-        "stays as written, where GNUstep also merges the slashes inside it",
-        [](const Difference& difference) {
-          return contains(*difference.ours, "//") &&
-                 *difference.theirs == withSingleSlashes(*difference.ours);
-        }},
-       {"the separator before the last component is documented to go with it, where GNUstep "
-        "leaves it after a home folder's name",
-        [](const Difference& difference) {
-          return difference.ours->starts_with('~') && !contains(*difference.ours, "/") &&
-                 *difference.theirs == *difference.ours + "/";
-        }}});
+  comparePaths(platform::deletingLastPathComponent, foundationDeletingLastPathComponent,
+               {{"only the last component and the slashes before it are documented to go: what "
+                 "stays stays as written, where GNUstep also merges the slashes inside it",
+                 [](const Difference& difference) {
+                   return contains(*difference.ours, "//") &&
+                          *difference.theirs == withSingleSlashes(*difference.ours);
+                 }},
+                {"the separator before the last component is documented to go with it, where "
+                 "GNUstep leaves it after a home folder's name",
+                 [](const Difference& difference) {
+                   return difference.ours->starts_with('~') && !contains(*difference.ours, "/") &&
+                          *difference.theirs == *difference.ours + "/";
+                 }}});
 }
 
 TEST(PathsAgainstFoundationTest, PathExtension) {
   comparePaths(
       platform::pathExtension, foundationPathExtension,
-      {{"a separator is a dot, whatever follows it: names of files are sequences of code "
-        "units, where GNUstep takes a dot with a combining mark for another character",
+      {{"a separator is a dot, whatever follows it: names of files are sequences of code units, "
+        "where GNUstep takes a dot with a combining mark for another character",
         [](const Difference& difference) {
           return contains(difference.input, ".\u0301") && difference.ours->starts_with("\u0301");
         }},
-       {"what follows the last dot is documented to be the extension, where GNUstep gives "
-        "none to a lone name that begins with a tilde",
+       {"what follows the last dot is documented to be the extension, where GNUstep gives none to "
+        "a lone name that begins with a tilde",
         [](const Difference& difference) {
           return difference.input.starts_with('~') && difference.theirs->empty() &&
                  difference.input.substr(0, difference.input.find_last_not_of('/') + 1).find('/') ==

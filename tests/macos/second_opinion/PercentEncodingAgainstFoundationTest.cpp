@@ -84,8 +84,8 @@ std::string withEscapedSemicolons(const std::string& encoded) {
 
 const AcceptedDifference kSemicolonStays = {
     "RFC 3986, 3.3: a segment may contain a semicolon; the platform's set leaves it out, as "
-    "Apple's "
-    "documentation of NSURLComponents says, for parsers of RFC 1808, which cut parameters off",
+    "Apple's documentation of NSURLComponents says, for parsers of RFC 1808, which cut parameters "
+    "off",
     [](const Difference& difference) {
       return difference.theirs == withEscapedSemicolons(*difference.ours);
     }};

@@ -248,8 +248,7 @@ TEST(URLAgainstFoundationTest, WhichTextsAreURLs) {
           return onlyTheyAccept(difference) && difference.input.empty();
         }},
        {"RFC 3986, 3.1 and 4.2: what comes before a first colon is a scheme, which begins with a "
-        "letter "
-        "and has no underscore, or else there is a slash before it",
+        "letter and has no underscore, or else there is a slash before it",
         [](const Difference& difference) {
           const Parts parts = partsOf(difference.input);
           return onlyTheyAccept(difference) && parts.hasColon && !isScheme(parts.beforeColon);
@@ -260,8 +259,7 @@ TEST(URLAgainstFoundationTest, WhichTextsAreURLs) {
                  std::count(difference.input.begin(), difference.input.end(), '#') > 1;
         }},
        {"RFC 3986, 3.2.2: nothing but a port follows an address in brackets, where GNUstep looks "
-        "at nothing "
-        "more up to the next slash",
+        "at nothing more up to the next slash",
         [](const Difference& difference) {
           const std::string rest = afterBrackets(difference.input);
           return onlyTheyAccept(difference) &&
@@ -269,8 +267,7 @@ TEST(URLAgainstFoundationTest, WhichTextsAreURLs) {
                      std::string::npos;
         }},
        {"RFC 3986, 3.2.2: a name may begin like an address (\"127.0.0.1.example.org\"). Ours is "
-        "wrong: "
-        "Boost.URL 1.81 takes the address and refuses the rest",
+        "wrong: Boost.URL 1.81 takes the address and refuses the rest",
         [](const Difference& difference) {
           static const std::regex namelike(
               R"((.*@)?\d+\.\d+\.\d+\.\d+[-\w.~!$&'()*+,;=%]+(:\d*)?)");
@@ -278,8 +275,7 @@ TEST(URLAgainstFoundationTest, WhichTextsAreURLs) {
                  std::regex_match(partsOf(difference.input).authority, namelike);
         }},
        {"RFC 3986, 3.2: the authority ends also at a question mark or number sign, where GNUstep "
-        "goes on "
-        "to the next slash",
+        "goes on to the next slash",
         [](const Difference& difference) {
           const Parts parts = partsOf(difference.input);
           return onlyWeAccept(difference) && parts.hasAuthority &&
@@ -366,15 +362,13 @@ TEST(URLAgainstFoundationTest, Schemes) {
 TEST(URLAgainstFoundationTest, Hosts) {
   compareParts([](const platform::URL& url) { return placeOf(url.origin()).host; }, hostOf,
                {{"origins are compared as texts and a credential goes to none that is written "
-                 "otherwise, so the "
-                 "host keeps its escapes",
+                 "otherwise, so the host keeps its escapes",
                  [](const Difference& difference) {
                    return partsOf(difference.input).authority.find('%') != std::string::npos &&
                           difference.theirs == foundationDecoded(*difference.ours);
                  }},
                 {"RFC 3986, 3.2: the authority ends also at a question mark or number sign, where "
-                 "GNUstep goes on "
-                 "to the next slash behind an address in brackets",
+                 "GNUstep goes on to the next slash behind an address in brackets",
                  [](const Difference& difference) {
                    const std::string rest = afterBrackets(difference.input);
                    return rest.find_first_of("?#") != std::string::npos &&
