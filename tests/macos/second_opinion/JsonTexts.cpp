@@ -249,7 +249,8 @@ std::vector<std::string> handPickedJsonTexts() {
       "\"\\udc00\"", "\"\\ud800\\ud800\"", "\"\\ud800a\"", "\"\\udc00\\ud800\"", "\"\\ud800\\n\"",
       "\"\\u12\"", "\"\\u12g4\"", "\"\\U0041\"", "\"\\x41\"", "\"\\q\"", "\"\\'\"", "\"\\0\"",
       "\"a\nb\"", "\"a\tb\"", "\"\x01\"", "\"\x7F\"", "\"\u2028\"", "\"\uFFFF\"", "\"\\uffff\"",
-      "\"\uFEFF\"", "\"\\ufeff\"", "{\"\":1}", "{\"\uFEFFa\":\"\uFEFF\"}", "{\"\\u0061\":1}",
+      "\"\uFEFF\"", "\"\\ufeff\"", "{\"\":1}", "\"\\ufffeab\"", "{\"\uFEFFa\":\"\uFEFF\"}",
+      "{\"\\u0061\":1}",
       // Bytes that are no text, marks, zeros.
       "\"\xFF\"", "\"\xC3\"", "\"\xC0\x80\"", "\"\xED\xA0\x80\"", "\"\xF5\x80\x80\x80\"",
       "\"\xF4\x90\x80\x80\"", "\x80", "[\"a\xFFz\"]", "\xEF\xBB\xBF{}", "\xEF\xBB\xBF",

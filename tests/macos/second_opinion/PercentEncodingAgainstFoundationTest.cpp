@@ -99,7 +99,9 @@ const AcceptedDifference kZeroIsACharacter = {
 const AcceptedDifference kMarkIsACharacter = {
     "RFC 3629, 6: what is no whole text has no signature to strip, where GNUstep's decoder drops a "
     "mark",
-    [](const Difference& difference) { return *difference.ours == "\uFEFF" + *difference.theirs; }};
+    [](const Difference& difference) {
+      return difference.theirs && *difference.ours == "\uFEFF" + *difference.theirs;
+    }};
 
 using Encoding = Answer (*)(const std::string&);
 
