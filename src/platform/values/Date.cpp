@@ -119,7 +119,7 @@ std::optional<Date> parse(std::string_view text, Fraction form) {
 
 constexpr Date kFirstWritable = std::chrono::sys_days(std::chrono::year(0) / 1 / 1);
 constexpr Date kLastWritable =
-    std::chrono::sys_days(std::chrono::year(9999) / 12 / 31) + hours(24) - seconds(1);
+    std::chrono::sys_days(std::chrono::year(9999) / 12 / 31) + hours(24) - microseconds(1);
 
 /// "2024-06-10T08:15:00", the fraction cut; the cut part is left in `fraction`.
 std::string format(Date date, microseconds& fraction) {

@@ -50,7 +50,7 @@ std::optional<Date> parseISO8601WithFraction(std::string_view text);
 std::optional<Date> parseISO8601(std::string_view text);
 
 /// "2024-06-10T08:15:00Z": in UTC, the fraction cut (not rounded). Years outside 0 to 9999 are
-/// clamped to the first or last second of that span, so that the text always parses again.
+/// clamped to the first or last moment of that span, so that the text always parses again.
 std::string formatISO8601(Date date);
 
 /// "2024-06-10T08:15:00.123Z": the same with milliseconds, finer parts cut.

@@ -32,8 +32,9 @@ constexpr double kIntegerLimit = 9223372036854775808.0;
 
 JsonDocument::JsonDocument(std::string_view text) {
   if (text.starts_with("\xEF\xBB\xBF")) text.remove_prefix(3);
+  // simdjson counts a value inside the innermost container as one level more.
   simdjson::error_code error =
-      parser_.allocate(text.size(), static_cast<std::size_t>(kMaxJsonDepth));
+      parser_.allocate(text.size(), static_cast<std::size_t>(kMaxJsonDepth) + 1);
   if (error == simdjson::SUCCESS) error = parser_.parse(text.data(), text.size()).get(root_);
   if (error != simdjson::SUCCESS) refuse(simdjson::error_message(error));
 }

@@ -20,7 +20,7 @@ constexpr int kGeneratedDates = 6000;
 constexpr int kDatesAPool = 300;
 constexpr std::int64_t kDay = 86'400'000;                  // in milliseconds
 constexpr std::int64_t kYear0 = -62'167'219'200'000;       // 0000-01-01T00:00:00.000Z
-constexpr std::int64_t kLastSecond = 253'402'300'799'000;  // 9999-12-31T23:59:59.000Z
+constexpr std::int64_t kLastMoment = 253'402'300'799'999;  // 9999-12-31T23:59:59.999Z
 
 const std::string kWholeSeconds = "uuuu-MM-dd'T'HH:mm:ssXXX";
 const std::string kWithFraction = "uuuu-MM-dd'T'HH:mm:ss.SSSXXX";
@@ -242,9 +242,9 @@ void compareWriters(std::string (*ours)(Date), const std::string& format) {
                                          difference.ours->substr(10) ==
                                              difference.theirs->substr(10);
                                 }}});
-  std::vector<std::int64_t> moments = {kYear0, kLastSecond, 0, -1, 1, 999, -999, -1000, -1001};
+  std::vector<std::int64_t> moments = {kYear0, kLastMoment, 0, -1, 1, 999, -999, -1000, -1001};
   for (int i = 0; i < kGeneratedDates; ++i) {
-    const auto span = static_cast<std::size_t>(kLastSecond - kYear0);
+    const auto span = static_cast<std::size_t>(kLastMoment - kYear0);
     moments.push_back(kYear0 + static_cast<std::int64_t>(generator.below(span)));
   }
   for (std::size_t done = 0; done < moments.size();) {

@@ -194,8 +194,9 @@ TEST(DateTest, FormatCutsFractionsAndClampsYears) {
       {at(kYear0 * 1'000'000 - 1), "0000-01-01T00:00:00Z", "0000-01-01T00:00:00.000Z"},
       {kDistantPast, "0000-01-01T00:00:00Z", "0000-01-01T00:00:00.000Z"},
       {at(kYear9999End * 1'000'000), "9999-12-31T23:59:59Z", "9999-12-31T23:59:59.000Z"},
-      {at((kYear9999End + 1) * 1'000'000), "9999-12-31T23:59:59Z", "9999-12-31T23:59:59.000Z"},
-      {Date::max(), "9999-12-31T23:59:59Z", "9999-12-31T23:59:59.000Z"},
+      {at(kYear9999End * 1'000'000 + 999'999), "9999-12-31T23:59:59Z", "9999-12-31T23:59:59.999Z"},
+      {at((kYear9999End + 1) * 1'000'000), "9999-12-31T23:59:59Z", "9999-12-31T23:59:59.999Z"},
+      {Date::max(), "9999-12-31T23:59:59Z", "9999-12-31T23:59:59.999Z"},
   };
   for (const auto& [date, expectedSeconds, expectedMilliseconds] : cases) {
     EXPECT_EQ(formatISO8601(date), expectedSeconds);

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "platform/values/JsonDocument.h"
 #include "platform/values/NSError.h"
 
 namespace kestrune::platform {
@@ -152,6 +153,11 @@ TEST(JsonTest, NestingUpToTheBoundIsRead) {
         refusal(repeated(open, kMaxJsonDepth + 1) + core + repeated(close, kMaxJsonDepth + 1)),
         HasSubstr("nested too deeply"));
   }
+  // The reader of large texts has the same bound.
+  const std::string deepest =
+      repeated("{\"a\":", kMaxJsonDepth) + "1" + repeated("}", kMaxJsonDepth);
+  EXPECT_NO_THROW(JsonDocument{deepest});
+  EXPECT_THROW(JsonDocument{"[" + deepest + "]"}, NSCocoaError);
   EXPECT_THAT(refusal(repeated("[", kMaxJsonDepth + 1)),
               HasSubstr("at byte 129: nested too deeply"));
 }
