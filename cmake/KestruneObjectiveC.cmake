@@ -49,7 +49,8 @@ target_compile_definitions(kestrune_objective_c INTERFACE
   $<$<COMPILE_LANGUAGE:OBJCXX>:GNUSTEP GNUSTEP_BASE_LIBRARY=1 GNU_RUNTIME=1>)
 target_include_directories(kestrune_objective_c SYSTEM INTERFACE ${KESTRUNE_GNUSTEP_INCLUDE})
 # After all others: gcc's folder also holds gcc's own stddef.h.
-target_compile_options(kestrune_objective_c INTERFACE "SHELL:-idirafter ${KESTRUNE_OBJC_INCLUDE}")
+target_compile_options(kestrune_objective_c INTERFACE
+  "$<$<COMPILE_LANGUAGE:OBJCXX>:SHELL:-idirafter ${KESTRUNE_OBJC_INCLUDE}>")
 target_include_directories(kestrune_objective_c INTERFACE ${CMAKE_SOURCE_DIR}/tests/macos/platform)
 # The blocks runtime comes first: GNUstep's library has functions of the same names that copy nothing.
 target_link_libraries(kestrune_objective_c INTERFACE ${KESTRUNE_BLOCKS} ${KESTRUNE_GNUSTEP_BASE} ${KESTRUNE_OBJC})

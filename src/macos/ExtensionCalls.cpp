@@ -49,12 +49,13 @@ auto once(Replicated::DoneHandler handler) {
                                 [](const auto& failed, NSErrorPtr error) { failed(error); });
 }
 
-/// The progress of `call(answer)`; a call that throws has answered with what it threw.
+/// The progress of `call(answer)`, or one of our own where it gave none; a call that throws has answered
+/// with what it threw.
 template <class Handler, class Call>
 NSProgressPtr answeredOnce(Handler handler, const Call& call) {
   const auto answer = once(std::move(handler));
   try {
-    return call(answer);
+    if (NSProgressPtr progress = call(answer)) return progress;
   } catch (...) {
     answer.fail(platform::currentError());
   }
@@ -159,6 +160,8 @@ MadeEnumerator makeEnumerator(const Extension& extension,
             extension.replicated->enumerator(std::move(container), std::move(request));
       },
       [&](NSErrorPtr error) { made.error = std::move(error); });
+  // The platform takes "neither" for a fault of the extension's program.
+  if (!made.enumerator && !made.error) made.error = platform::CancellationError().share();
   return made;
 }
 

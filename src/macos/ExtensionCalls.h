@@ -93,7 +93,7 @@ platform::NSProgressPtr performAction(
     std::vector<platform::NSFileProviderItemIdentifier> itemIdentifiers,
     Replicated::DoneHandler completionHandler) noexcept;
 
-/// An enumerator, or why there is none.
+/// An enumerator, or why there is none: one of them is set.
 struct MadeEnumerator {
   std::shared_ptr<platform::NSFileProviderEnumerator> enumerator;
   platform::NSErrorPtr error;

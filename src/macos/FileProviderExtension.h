@@ -7,13 +7,17 @@
 #import <FileProvider/FileProvider.h>
 
 #include "macos/ExtensionCalls.h"
+#include "macos/Retained.h"
 
 @interface FileProviderExtension : NSObject <NSFileProviderReplicatedExtension,
                                              NSFileProviderCustomAction,
                                              NSFileProviderPartialContentFetching> {
-  NSFileProviderDomain* domain_;
+  kestrune::macos::Retained<NSFileProviderDomain*> domain_;
   kestrune::macos::Extension extension_;
 }
 - (instancetype)initWithDomain:(NSFileProviderDomain*)domain;
+/// The same in front of another extension.
+- (instancetype)initWithDomain:(NSFileProviderDomain*)domain
+                     extension:(kestrune::macos::Extension)extension;
 - (instancetype)init NS_UNAVAILABLE;
 @end

@@ -89,22 +89,22 @@ namespace platform = kestrune::platform;
 @implementation FileProviderExtension
 
 - (instancetype)initWithDomain:(NSFileProviderDomain*)domain {
+  macos::installSurroundings();
+  return [self initWithDomain:domain
+                    extension:macos::makeExtension(macos::textFrom([domain identifier]),
+                                                   macos::textFrom([domain displayName]))];
+}
+
+- (instancetype)initWithDomain:(NSFileProviderDomain*)domain extension:(macos::Extension)extension {
   if ((self = [super init])) {
-    macos::installSurroundings();
-    domain_ = [domain retain];
-    extension_ = macos::makeExtension(macos::textFrom([domain identifier]),
-                                      macos::textFrom([domain displayName]));
+    domain_ = macos::Retained<NSFileProviderDomain*>(domain);
+    extension_ = std::move(extension);
   }
   return self;
 }
 
 - (instancetype)init {
   macos::endAtUnimplementedInitializer("KestruneFileProvider.FileProviderExtension");
-}
-
-- (void)dealloc {
-  [domain_ release];
-  [super dealloc];
 }
 
 - (void)invalidate {

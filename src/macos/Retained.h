@@ -25,7 +25,7 @@ class Retained {
     std::swap(object_, other.object_);
     return *this;
   }
-  ~Retained() { [object_ release]; }
+  ~Retained() { releaseInPool(); }
 
   /// Takes over the reference that `alloc`, `new` or `copy` gave.
   static Retained adopt(Object object) {
@@ -37,6 +37,14 @@ class Retained {
   Object get() const { return object_; }
 
  private:
+  // The last owner may go on a thread that has no pool, and what goes with the object may need one.
+  void releaseInPool() const {
+    if (object_ == nil) return;
+    @autoreleasepool {
+      [object_ release];
+    }
+  }
+
   Object object_ = nil;
 };
 
@@ -53,7 +61,10 @@ class RetainedBlock {
     return *this;
   }
   ~RetainedBlock() {
-    if (block_ != nullptr) Block_release(block_);
+    if (block_ == nullptr) return;
+    @autoreleasepool {
+      Block_release(block_);
+    }
   }
 
   BlockType get() const { return block_; }

@@ -44,7 +44,8 @@ NSData* dataToPlatform(const std::string& bytes);
 std::optional<platform::Date> dateFrom(NSDate* date);
 NSDate* toPlatform(platform::Date date);
 
-/// The local path of a file URL, byte for byte; none for nil and for other URLs.
+/// The local path of a file URL, its characters as they are written; none for nil, for other URLs and
+/// for one without a path.
 std::optional<std::filesystem::path> pathFrom(NSURL* url);
 NSURL* fileToPlatform(const std::filesystem::path& path);
 

@@ -178,16 +178,15 @@ NSDate* toPlatform(platform::Date date) {
 
 std::optional<std::filesystem::path> pathFrom(NSURL* url) {
   if (url == nil || ![url isFileURL]) return std::nullopt;
-  const char* const representation = [[url path] fileSystemRepresentation];
-  if (representation == nullptr || representation[0] == '\0') return std::nullopt;
-  return std::filesystem::path(representation);
+  // Not by the platform's "file system representation": that raises on an empty path, and decomposes
+  // characters, which the file system does by itself where it has to.
+  const std::string path = textFrom([url path]);
+  if (path.empty()) return std::nullopt;
+  return std::filesystem::path(path);
 }
 
 NSURL* fileToPlatform(const std::filesystem::path& path) {
-  NSString* const text =
-      [[NSFileManager defaultManager] stringWithFileSystemRepresentation:path.c_str()
-                                                                  length:path.native().size()];
-  return [NSURL fileURLWithPath:text isDirectory:NO];
+  return [NSURL fileURLWithPath:toPlatform(path.native()) isDirectory:NO];
 }
 
 std::optional<platform::NSFileProviderItemVersion> versionFrom(

@@ -6,6 +6,7 @@
 #include <functional>
 #include <limits>
 #include <thread>
+#include <vector>
 
 #include "macos/Errors.h"
 #include "macos/FileProviderItem.h"
@@ -30,6 +31,36 @@
 - (NSData*)dataUsingEncoding:(NSStringEncoding)encoding {
   (void)encoding;
   return nil;
+}
+@end
+
+/// A point in time that is none.
+@interface BrokenDate : NSDate
+@end
+
+@implementation BrokenDate
+- (instancetype)init {
+  return self;  // the cluster's own would look at the number
+}
+- (NSTimeInterval)timeIntervalSinceReferenceDate {
+  return std::nan("");
+}
+@end
+
+/// Notes the new values of what it observes.
+@interface CountingObserver : NSObject {
+ @public
+  std::vector<long long> seen;
+}
+@end
+
+@implementation CountingObserver
+- (void)observeValueForKeyPath:(NSString*)keyPath
+                      ofObject:(id)object
+                        change:(NSDictionary*)change
+                       context:(void*)context {
+  (void)keyPath, (void)object, (void)context;
+  seen.push_back([[change objectForKey:NSKeyValueChangeNewKey] longLongValue]);
 }
 @end
 
@@ -115,6 +146,7 @@ TEST_F(BridgeTest, DatesBeyondOursAreClamped) {
   };
   EXPECT_EQ(dateAt(1e15), platform::Date::max());
   EXPECT_EQ(dateAt(-1e15), platform::Date::min());
+  EXPECT_EQ(dateFrom([[[BrokenDate alloc] init] autorelease]), std::nullopt);
   EXPECT_EQ(dateFrom(nil), std::nullopt);
 }
 
@@ -126,6 +158,7 @@ TEST_F(BridgeTest, LocalFilesKeepTheirNames) {
     EXPECT_EQ(pathFrom(url), std::filesystem::path(path));
   }
   EXPECT_EQ(pathFrom(nil), std::nullopt);
+  EXPECT_EQ(pathFrom([NSURL URLWithString:@"file:"]), std::nullopt);
   EXPECT_EQ(pathFrom([NSURL URLWithString:@"http://127.0.0.1/a"]), std::nullopt);
 }
 
@@ -299,20 +332,38 @@ TEST_F(BridgeTest, ProgressIsShownFromItsPresentValueOn) {
   EXPECT_EQ([display fractionCompleted], 0.75);
   ours.reset();
   EXPECT_EQ([display completedUnitCount], 150);
-  [display cancel];
+  [display cancel];  // nobody is left to be cancelled
+  EXPECT_TRUE([display isCancelled]);
   [display release];
 }
 
-TEST_F(BridgeTest, ProgressOutlivesThePlatformsObject) {
+TEST_F(BridgeTest, NeitherProgressKeepsTheOther) {
   auto ours = std::make_shared<platform::NSProgress>(2);
+  ::NSProgress* display = nil;
   @autoreleasepool {
-    shown(ours);
+    display = [shown(ours) retain];
   }
-  ours->setCompletedUnitCount(1);
-  ours->setCompletedUnitCount(2);
+  EXPECT_EQ([display retainCount], 2U);  // the test's, and that of what shows our counts
   const std::weak_ptr<platform::NSProgress> weak = ours;
   ours.reset();
   EXPECT_TRUE(weak.expired());
+  EXPECT_EQ([display retainCount], 1U);
+  [display release];
+}
+
+TEST_F(BridgeTest, ObserversOfThePlatformsProgressHearOfEachChange) {
+  const auto ours = std::make_shared<platform::NSProgress>(4);
+  ::NSProgress* const display = shown(ours);
+  CountingObserver* const observer = [[[CountingObserver alloc] init] autorelease];
+  [display addObserver:observer
+            forKeyPath:@"completedUnitCount"
+               options:NSKeyValueObservingOptionNew
+               context:nullptr];
+  ours->setCompletedUnitCount(1);
+  ours->setCompletedUnitCount(3);
+  [display removeObserver:observer forKeyPath:@"completedUnitCount"];
+  ours->setCompletedUnitCount(4);
+  EXPECT_THAT(observer->seen, testing::ElementsAre(1, 3));
 }
 
 TEST_F(BridgeTest, CancellationReachesOurProgressOnce) {
@@ -320,6 +371,7 @@ TEST_F(BridgeTest, CancellationReachesOurProgressOnce) {
   int cancelled = 0;
   ours->setCancellationHandler([&cancelled] { ++cancelled; });
   ::NSProgress* const display = shown(ours);
+  [display cancel];
   [display cancel];
   EXPECT_EQ(cancelled, 1);
   EXPECT_TRUE(ours->isCancelled());

@@ -13,10 +13,11 @@ namespace {
 using platform::NSErrorPtr;
 using platform::NSFileProviderItemPtr;
 
-enum class Fault { throws, answersTwice, answersAndThrows, forgets };
+enum class Fault { throws, throwsNoError, answersTwice, answersAndThrows, forgets, hasNoProgress };
 
 void misbehave(Fault fault, const std::function<void()>& answer) {
   if (fault == Fault::forgets) return;
+  if (fault == Fault::throwsNoError) throw 7;  // as foreign as an exception of another language
   if (fault != Fault::throws) answer();
   if (fault == Fault::answersTwice) answer();
   if (fault == Fault::throws || fault == Fault::answersAndThrows)
@@ -109,7 +110,9 @@ class Misbehaving final : public platform::NSFileProviderReplicatedExtension,
   }
 
  private:
-  static platform::NSProgressPtr progress() { return std::make_shared<platform::NSProgress>(5); }
+  platform::NSProgressPtr progress() const {
+    return fault_ == Fault::hasNoProgress ? nullptr : std::make_shared<platform::NSProgress>(5);
+  }
   const Fault fault_;
 };
 
@@ -199,11 +202,14 @@ std::vector<std::pair<const char*, EnumeratorCall>> enumeratorCalls() {
 
 void expectOneAnswer(const Heard& heard, Fault fault, const std::string& what) {
   EXPECT_EQ(heard.answers, 1) << what;
-  if (fault == Fault::answersTwice || fault == Fault::answersAndThrows) {
-    EXPECT_EQ(heard.error, nullptr) << what;
+  const bool answers =
+      fault != Fault::throws && fault != Fault::throwsNoError && fault != Fault::forgets;
+  ASSERT_EQ(heard.error == nullptr, answers) << what;
+  if (answers) return;
+  if (fault == Fault::throwsNoError) {
+    EXPECT_THAT(heard.error->localizedDescription(), testing::HasSubstr("unknown kind")) << what;
     return;
   }
-  ASSERT_NE(heard.error, nullptr) << what;
   EXPECT_EQ(heard.error->domain(),
             fault == Fault::throws ? platform::kNSPOSIXErrorDomain : platform::kNSCocoaErrorDomain)
       << what;
@@ -212,8 +218,9 @@ void expectOneAnswer(const Heard& heard, Fault fault, const std::string& what) {
 
 class FaultTest : public testing::TestWithParam<Fault> {};
 INSTANTIATE_TEST_SUITE_P(All, FaultTest,
-                         testing::Values(Fault::throws, Fault::answersTwice,
-                                         Fault::answersAndThrows, Fault::forgets));
+                         testing::Values(Fault::throws, Fault::throwsNoError, Fault::answersTwice,
+                                         Fault::answersAndThrows, Fault::forgets,
+                                         Fault::hasNoProgress));
 
 TEST_P(FaultTest, EveryCallIsAnsweredOnceAndShowsAProgress) {
   const auto wrong = std::make_shared<Misbehaving>(GetParam());
@@ -245,7 +252,8 @@ TEST_P(FaultTest, AnAnchorIsAnsweredOnce) {
     anchor = std::move(given);
   });
   EXPECT_EQ(answers, 1);
-  const bool answered = GetParam() == Fault::answersTwice || GetParam() == Fault::answersAndThrows;
+  const bool answered = GetParam() == Fault::answersTwice ||
+                        GetParam() == Fault::answersAndThrows || GetParam() == Fault::hasNoProgress;
   EXPECT_EQ(anchor, answered ? std::optional<std::string>("a") : std::nullopt);
 }
 
@@ -255,6 +263,13 @@ TEST(ExtensionCallsTest, AnEnumeratorThatCannotBeMadeIsAnError) {
   EXPECT_EQ(made.enumerator, nullptr);
   ASSERT_NE(made.error, nullptr);
   EXPECT_EQ(made.error->code(), ENOSPC);
+}
+
+TEST(ExtensionCallsTest, NoEnumeratorIsAnErrorToo) {
+  const auto wrong = std::make_shared<Misbehaving>(Fault::forgets);
+  const auto made = makeEnumerator({wrong, wrong, wrong}, "/a", {});
+  EXPECT_EQ(made.enumerator, nullptr);
+  EXPECT_NE(made.error, nullptr);
 }
 
 }  // namespace

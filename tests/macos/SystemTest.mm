@@ -105,6 +105,7 @@ TEST_F(SystemTest, AMissingItemIsTheFileProvidersNoSuchItem) {
   EXPECT_EQ(answersOf(answer), 1);
   EXPECT_EQ(answer->item, std::nullopt);
   ASSERT_TRUE(answer->error.has_value());
+  ASSERT_TRUE(answer->error.has_value());
   EXPECT_EQ(answer->error->domain, "NSFileProviderErrorDomain");
   EXPECT_EQ(answer->error->code, -1005);
   EXPECT_EQ(answer->error->userInfoCount, 0U);
@@ -151,6 +152,7 @@ TEST_F(SystemTest, AFailedFetchBringsNeitherFileNorItem) {
   EXPECT_EQ(answer->item, std::nullopt);
   EXPECT_EQ(answer->location, 0U);
   EXPECT_EQ(answer->length, 0U);
+  ASSERT_TRUE(answer->error.has_value());
   EXPECT_EQ(answer->error->code, -1005);
 }
 
@@ -159,11 +161,12 @@ TEST_F(SystemTest, ARangeArrivesInASparseFileOfTheWholeLength) {
   write("Docs/movie.bin", contents);
   const auto answer = std::make_shared<Answer>();
   NSProgress* const progress =
-      fetchPartially(@"/Docs/movie.bin", NSMakeRange((4U << 20U) + 1, 1000), answer);
+      fetchPartially(@"/Docs/movie.bin", NSMakeRange((3U << 20U) + 1, 1000), answer, 1U << 20U);
   EXPECT_EQ(answersOf(answer), 1);
   EXPECT_EQ(answer->error, std::nullopt);
   ASSERT_TRUE(answer->path.has_value());
-  EXPECT_EQ(answer->location, 4U << 20U);
+  EXPECT_EQ(answer->location, 3U << 20U);
+  EXPECT_EQ(answer->flags, 0U);
   EXPECT_GE(answer->length, 1001U);
   EXPECT_EQ(fs::file_size(*answer->path), contents.size());
   EXPECT_TRUE(support::contentsOf(*answer->path).substr(answer->location, answer->length) ==
@@ -224,6 +227,7 @@ TEST_F(SystemTest, ClutterIsRefusedBeforeTheCallReturns) {
   const auto answer = std::make_shared<Answer>();
   create(@"/Docs", @".DS_Store", nil, nil, answer);
   EXPECT_EQ(answer->calls, 1);
+  ASSERT_TRUE(answer->error.has_value());
   EXPECT_EQ(answer->error->domain, "NSFileProviderErrorDomain");
   EXPECT_EQ(answer->error->code, -1005);
   EXPECT_EQ(answer->stillPending, 0U);
@@ -306,6 +310,33 @@ TEST_F(SystemTest, AManagersErrorComesOutAsItWentIn) {
                           "a\xE2\x80\x9D is in use.");
 }
 
+TEST_F(SystemTest, TheActionsOfThePropertyListDoWhatTheirTitlesSay) {
+  NSDictionary* const list = [NSDictionary
+      dictionaryWithContentsOfFile:@KESTRUNE_BUNDLE_BINARY_DIR "/Extension-Info.plist"];
+  NSArray* const actions =
+      [[list objectForKey:@"NSExtension"] objectForKey:@"NSExtensionFileProviderActions"];
+  ASSERT_EQ([actions count], 3U);
+  for (NSDictionary* const action in actions) {
+    const auto answer = std::make_shared<Answer>();
+    act([action objectForKey:@"NSExtensionFileProviderActionIdentifier"], @[ @"/Docs/a" ], answer);
+    EXPECT_TRUE(standin::serveMainQueueUntil([&] { return answer->calls > 0; }));
+    EXPECT_EQ(answer->error, std::nullopt);
+  }
+  EXPECT_EQ(standin::pasteboardText(), address() + "/open/Docs/a");
+  EXPECT_THAT(standin::managerCalls(),
+              ElementsAre(standin::ManagerCall{"main", "evict", "/Docs/a"},
+                          standin::ManagerCall{"main", "download", "/Docs/a", NSNotFound, 0}));
+}
+
+TEST_F(SystemTest, CancellingAFetchStillAnswersOnce) {
+  write("Docs/movie.bin", randomBytes(5U << 20U));
+  const auto answer = std::make_shared<Answer>();
+  NSProgress* const progress = fetch(@"/Docs/movie.bin", answer);
+  [progress cancel];
+  EXPECT_EQ(answersOf(answer), 1);
+  EXPECT_TRUE([progress isCancelled]);
+}
+
 TEST_F(SystemTest, WithoutAManagerActionsAreRefused) {
   standin::setHasManagers(false);
   const auto answer = std::make_shared<Answer>();
@@ -366,12 +397,9 @@ TEST_F(SystemTest, ChangesAreReportedSinceTheAnchor) {
   EXPECT_EQ(currentAnchor(@"/Docs"), "second");
 }
 
-TEST_F(SystemTest, AfterInvalidationTransfersFailAndListingsWork) {
+TEST_F(SystemTest, AfterInvalidationUploadsFailAndListingsWork) {
   write("Docs/a", "x");
   [extension invalidate];
-  const auto fetched = std::make_shared<Answer>();
-  fetchPartially(@"/Docs/nothing", NSMakeRange(0, 1), fetched);
-  EXPECT_EQ(answersOf(fetched), 1);
   const auto created = std::make_shared<Answer>();
   create(@"/Docs", @"b", nil, string(files.write("local", "x")), created);
   EXPECT_EQ(answersOf(created), 1);

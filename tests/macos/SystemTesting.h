@@ -25,7 +25,8 @@ struct SystemTest : WholePrograms {
   // The calls.
   NSProgress* lookUp(NSString* identifier, AnswerPtr answer) const;
   NSProgress* fetch(NSString* identifier, AnswerPtr answer) const;
-  NSProgress* fetchPartially(NSString* identifier, NSRange range, AnswerPtr answer) const;
+  NSProgress* fetchPartially(NSString* identifier, NSRange range, AnswerPtr answer,
+                             NSUInteger alignment = 4096) const;
   NSProgress* create(NSString* parent, NSString* name, UTType* type, NSString* localPath,
                      AnswerPtr answer) const;
   NSProgress* createFrom(NSFileProviderItem item, NSString* localPath, AnswerPtr answer) const;

@@ -98,8 +98,8 @@ NSProgress* SystemTest::fetch(NSString* identifier, AnswerPtr answer) const {
                                      completionHandler:block];
 }
 
-NSProgress* SystemTest::fetchPartially(NSString* identifier, NSRange range,
-                                       AnswerPtr answer) const {
+NSProgress* SystemTest::fetchPartially(NSString* identifier, NSRange range, AnswerPtr answer,
+                                       NSUInteger alignment) const {
   const PartialBlock block = ^(NSURL* contents, NSFileProviderItem item, NSRange retrieved,
                                NSFileProviderMaterializationFlags flags, NSError* error) {
     answer->path = pathText(contents);
@@ -114,7 +114,7 @@ NSProgress* SystemTest::fetchPartially(NSString* identifier, NSRange range,
                                                       version:someVersion()
                                                       request:request
                                                  minimalRange:range
-                                                   aligningTo:4096
+                                                   aligningTo:alignment
                                                       options:0
                                             completionHandler:block];
 }

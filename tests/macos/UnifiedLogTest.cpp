@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <regex>
 #include <set>
+#include <vector>
 
 #include "platform/StandIn.h"
 #include "platform/log/Log.h"
@@ -32,13 +33,21 @@ std::string unescaped(const std::string& literal) {
   return text;
 }
 
-/// Every format that a source of the extension hands to its log.
-std::set<std::string> formatsIn(const std::filesystem::path& source) {
+/// How often `part` occurs in `text`.
+std::size_t occurrences(const std::string& text, const std::string& part) {
+  std::size_t count = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+    ++count;
+  return count;
+}
+
+/// Every format that a source of the extension hands to its log. Each call has a literal.
+std::vector<std::string> formatsIn(const std::filesystem::path& source) {
   static const std::regex call(
       R"re([A-Za-z]+Log\(\)\.write\(\s*(?:platform::)?LogLevel::\w+,\s*((?:"[^"]*"\s*)+))re");
   static const std::regex piece(R"re("([^"]*)")re");
   const std::string text = support::contentsOf(source);
-  std::set<std::string> formats;
+  std::vector<std::string> formats;
   for (auto at = std::sregex_iterator(text.begin(), text.end(), call); at != std::sregex_iterator();
        ++at) {
     const std::string literals = (*at)[1];
@@ -47,8 +56,9 @@ std::set<std::string> formatsIn(const std::filesystem::path& source) {
          each != std::sregex_iterator(); ++each) {
       format += unescaped((*each)[1]);
     }
-    formats.insert(format);
+    formats.push_back(format);
   }
+  EXPECT_EQ(formats.size(), occurrences(text, "Log().write(")) << source;
   return formats;
 }
 
@@ -57,8 +67,9 @@ std::set<std::string> formatsOfTheExtension() {
   for (const char* folder : {"api", "config", "extension", "namespace", "status", "transfer"}) {
     const auto root = std::filesystem::path(KESTRUNE_SOURCE_DIR) / "src" / folder;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
-      if (entry.path().extension() == ".cpp" && entry.path().parent_path().filename() != "test")
-        formats.merge(formatsIn(entry.path()));
+      if (entry.path().extension() != ".cpp" || entry.path().parent_path().filename() == "test")
+        continue;
+      for (auto& format : formatsIn(entry.path())) formats.insert(std::move(format));
     }
   }
   return formats;

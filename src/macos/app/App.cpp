@@ -39,8 +39,8 @@ void throwIfFailed(const platform::NSErrorPtr& error, const std::string& whatFai
 
 std::string add() {
   throwIfFailed(addDomain(), "The folder could not be added",
-                "Is Kestrune.app in /Applications, and its extension allowed in System Settings, "
-                "under Login Items & Extensions, File Providers?");
+                "Is Kestrune.app in /Applications, and its extension allowed in System Settings "
+                "(Login Items & Extensions; on macOS 13 and 14 Privacy & Security, Extensions)?");
   return "Added. \"Kestrune\" stands in the Finder's sidebar.";
 }
 

@@ -36,8 +36,8 @@ class Awaited {
     while (!answered_) {
       if (lock.waitUntil(changed_, deadline) || answered_) continue;
       return platform::NSCocoaError(platform::NSCocoaError::featureUnsupported,
-                                    "The system's File Provider service did not answer within 30 "
-                                    "seconds.")
+                                    "The system's File Provider service has not answered yet; it "
+                                    "may still do what was asked.")
           .share();
     }
     return error_;

@@ -3,7 +3,9 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
@@ -61,6 +63,17 @@ std::filesystem::path applicationSupportDirectory() {
   return *home / "Library" / "Application Support";
 }
 
+namespace {
+
+/// The account's own, which a sandbox lets through; /tmp it does not.
+std::filesystem::path standardTemporaryDirectory() {
+  std::array<char, PATH_MAX> buffer{};
+  const std::size_t size = confstr(_CS_DARWIN_USER_TEMP_DIR, buffer.data(), buffer.size());
+  return size > 0 && size <= buffer.size() ? buffer.data() : "/tmp";
+}
+
+}  // namespace
+
 #else
 
 std::filesystem::path applicationSupportDirectory() {
@@ -71,6 +84,12 @@ std::filesystem::path applicationSupportDirectory() {
   return *home / ".local" / "share";
 }
 
+namespace {
+
+std::filesystem::path standardTemporaryDirectory() { return "/tmp"; }
+
+}  // namespace
+
 #endif
 
 std::filesystem::path temporaryDirectory() {
@@ -79,7 +98,7 @@ std::filesystem::path temporaryDirectory() {
     MutexLock lock(setting.mutex);
     if (setting.temporaryDirectory) return *setting.temporaryDirectory;
   }
-  return absolutePathFromEnvironment("TMPDIR").value_or("/tmp");
+  return absolutePathFromEnvironment("TMPDIR").value_or(standardTemporaryDirectory());
 }
 
 void setTemporaryDirectory(std::filesystem::path directory) {

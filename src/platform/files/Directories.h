@@ -23,7 +23,7 @@ namespace kestrune::platform {
 std::filesystem::path applicationSupportDirectory();
 
 /// The directory for files that are handed over and soon gone: the one set by the host, else
-/// $TMPDIR where that is an absolute path, else /tmp.
+/// $TMPDIR where that is an absolute path, else the account's own on macOS and /tmp elsewhere.
 std::filesystem::path temporaryDirectory();
 
 /// Sets the temporary directory of this process, which should lie on the file system that takes the

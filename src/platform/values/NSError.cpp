@@ -57,6 +57,10 @@ NSErrorPtr currentError() {
     return withTextOf(error);
   } catch (const std::exception& error) {
     return withTextOf(error);
+  } catch (...) {
+    // On macOS an Objective-C exception arrives here.
+    return std::make_shared<NSCocoaError>(NSCocoaError::fileReadUnknown,
+                                          "An exception of an unknown kind was thrown.");
   }
 }
 

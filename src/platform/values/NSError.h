@@ -100,7 +100,7 @@ std::string errnoText(int errorNumber);
 /// The present exception as an error to hand on. REQUIRES: called inside a catch block.
 /// An NSError keeps its type; a std::system_error of the operating system becomes an NSPOSIXError;
 /// an interrupted wait of the executor becomes a CancellationError; any other std::exception keeps
-/// its text as a Cocoa error.
+/// its text as a Cocoa error; what is no std::exception becomes a Cocoa error that says so.
 NSErrorPtr currentError();
 
 /// The same for a stored exception; null gives null.

@@ -67,6 +67,13 @@ TEST(NSErrorTest, RaiseThrowsTheDynamicType) {
   EXPECT_THROW(CancellationError().share()->raise(), CancellationError);
 }
 
+TEST(NSErrorTest, WhatIsNoErrorAtAllIsAnErrorThatSaysSo) {
+  const NSErrorPtr error = caught(7);
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->domain(), kNSCocoaErrorDomain);
+  EXPECT_EQ(error->localizedDescription(), "An exception of an unknown kind was thrown.");
+}
+
 TEST(NSErrorTest, POSIXErrorNamesWhatWasTried) {
   const NSPOSIXError error(ENOENT, "open '/tmp/x'");
   EXPECT_EQ(error.domain(), kNSPOSIXErrorDomain);
