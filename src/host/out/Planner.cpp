@@ -49,6 +49,12 @@ class Planning {
     if (fits) together_.push_back(change);
   }
 
+  /// Null for the root and for what is not there.
+  const Place* placeThere(NodeId id) const {
+    const OutgoingItem* item = items_.find(id);
+    return item != nullptr ? item->placeThere() : nullptr;
+  }
+
   bool isThere(NodeId folder) const {
     if (folder == kRootNode) return true;
     const OutgoingItem* item = items_.find(folder);
@@ -59,9 +65,9 @@ class Planning {
   bool isAbove(NodeId ancestor, NodeId folder) const {
     while (folder != kRootNode) {
       if (folder == ancestor) return true;
-      const OutgoingItem* item = items_.find(folder);
-      if (item == nullptr || !item->there) return false;
-      folder = item->there->folder;
+      const Place* place = placeThere(folder);
+      if (place == nullptr) return false;
+      folder = place->folder;
     }
     return ancestor == kRootNode;
   }
@@ -77,9 +83,9 @@ class Planning {
     for (const NodeId id : differing_) {
       const OutgoingItem* item = items_.find(id);
       if (item == nullptr || !item->isToBeMoved()) continue;
-      for (const OutgoingItem* folder = items_.find(item->there->folder);
-           folder != nullptr && folder->there; folder = items_.find(folder->there->folder)) {
-        waitedFor_.push_back(folder->id);
+      for (const Place* place = item->placeThere(); place != nullptr;
+           place = placeThere(place->folder)) {
+        waitedFor_.push_back(place->folder);
       }
     }
     std::sort(waitedFor_.begin(), waitedFor_.end());
@@ -90,14 +96,15 @@ class Planning {
   }
 
   bool isRemovedWithItsFolder(const OutgoingItem& item) const {
-    const OutgoingItem* folder = items_.find(item.there->folder);
+    const Place* place = item.placeThere();
+    const OutgoingItem* folder = place != nullptr ? items_.find(place->folder) : nullptr;
     return folder != nullptr && folder->isToBeRemoved() && !isWaitedFor(folder->id);
   }
 
   /// The folders there that `change` goes through: above where its item is, and above where it goes.
   bool goesThrough(const Change& change, NodeId folder) const {
-    const OutgoingItem* item = items_.find(change.id);
-    if (item != nullptr && item->there && isAbove(folder, item->there->folder)) return true;
+    const Place* place = placeThere(change.id);
+    if (place != nullptr && isAbove(folder, place->folder)) return true;
     return hasTarget(change) && isAbove(folder, change.to.folder);
   }
 
@@ -124,8 +131,8 @@ class Planning {
       if (!isThere(item->here.folder) || isAbove(item->id, item->here.folder)) continue;
       const OutgoingItem* occupant = items_.occupant(item->here);
       if (occupant == nullptr || occupant->id == item->id) continue;
-      together_.push_back(
-          {Kind::moveAside, occupant->id, {occupant->there->folder, asideName(occupant->id)}});
+      const Place aside{item->here.folder, asideName(occupant->id)};
+      together_.push_back({Kind::moveAside, occupant->id, aside});
       return;
     }
   }

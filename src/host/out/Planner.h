@@ -45,6 +45,8 @@ struct OutgoingItem {
   /// Up to which of them the contents there are.
   std::uint64_t sentEdits = 0;
 
+  /// Null where it is not there.
+  const Place* placeThere() const { return there ? &*there : nullptr; }
   bool isToBeCreated() const { return isLinked && !there; }
   bool isToBeRemoved() const { return !isLinked && there; }
   bool isToBeMoved() const { return isLinked && there && *there != here; }

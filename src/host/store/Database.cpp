@@ -100,7 +100,7 @@ void Database::setSurvives(Survives survives) {
 std::filesystem::path Database::setAside(const std::filesystem::path& file) {
   std::string time = platform::formatISO8601Milliseconds(platform::dateNow());
   std::erase(time, ':');
-  const std::filesystem::path aside = file.string() + ".damaged-" + time;
+  std::filesystem::path aside = file.string() + ".damaged-" + time;
   // The log first: a database that finds a log of another one's would be damaged by it.
   for (const char* suffix : {"-wal", "-shm", ""}) {
     const std::string from = file.string() + suffix;

@@ -52,7 +52,7 @@ std::string remove() {
 }
 
 std::string refresh() {
-  const std::string written = writeInvalidationToken();
+  std::string written = writeInvalidationToken();
   throwIfFailed(signalWorkingSet(), "The system could not be told of the change",
                 "Run `Kestrune add` first if the folder is not in the Finder's sidebar.");
   return written;

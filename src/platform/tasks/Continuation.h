@@ -19,6 +19,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <cassert>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -138,6 +139,7 @@ Task<T> suspendUntilResumed(std::function<void(Continuation<T>)> begin,
   std::optional<T> value =
       co_await boost::asio::async_initiate<const boost::asio::use_awaitable_t<>&, Signature>(
           std::move(initiate), boost::asio::use_awaitable);
+  assert(value);  // without a value there was an exception
   co_return std::move(*value);
 }
 

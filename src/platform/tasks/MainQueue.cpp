@@ -30,6 +30,7 @@ MainQueue& MainQueue::shared() {
 Task<void> MainQueue::run(std::function<void()> work) {
   // An error crosses from the main thread to the task's as a value; thrown, it would be one
   // exception object on two threads.
+  // NOLINTNEXTLINE(performance-unnecessary-value-param): a reference would be one in a coroutine
   auto begin = [&work](Continuation<NSErrorPtr> continuation) {
     const bool accepted = shared().handOver([&work, continuation] {
       NSErrorPtr failure;
