@@ -80,22 +80,18 @@ int answersOf(const AnswerPtr& answer);
 - (BOOL)hasFinished;
 @end
 
-/// An item of the system's, as it comes with a creation or a change. Properties that are nil are
-/// answered to with nil.
-@interface TemplateItem : NSObject <NSFileProviderItem> {
- @public
-  NSString* identifier;
-  NSString* parent;
-  NSString* name;
-  UTType* type;
-}
-@end
-
-/// The same without any optional property.
+/// An item of the system's, as it comes with a creation or a change, without any optional property.
 @interface BareItem : NSObject <NSFileProviderItem> {
  @public
   NSString* identifier;
   NSString* parent;
   NSString* name;
+}
+@end
+
+/// The same with a type, and a size that is answered to with nil.
+@interface TemplateItem : BareItem {
+ @public
+  UTType* type;
 }
 @end

@@ -87,24 +87,6 @@ using kestrune::platform::MutexLock;
 }
 @end
 
-@implementation TemplateItem
-- (NSFileProviderItemIdentifier)itemIdentifier {
-  return identifier;
-}
-- (NSFileProviderItemIdentifier)parentItemIdentifier {
-  return parent;
-}
-- (NSString*)filename {
-  return name;
-}
-- (UTType*)contentType {
-  return type;
-}
-- (NSNumber*)documentSize {
-  return nil;
-}
-@end
-
 @implementation BareItem
 - (NSFileProviderItemIdentifier)itemIdentifier {
   return identifier;
@@ -114,5 +96,14 @@ using kestrune::platform::MutexLock;
 }
 - (NSString*)filename {
   return name;
+}
+@end
+
+@implementation TemplateItem
+- (UTType*)contentType {
+  return type;
+}
+- (NSNumber*)documentSize {
+  return nil;
 }
 @end
