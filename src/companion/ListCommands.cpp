@@ -19,7 +19,7 @@
 #include "companion/configuration/CommandError.h"
 #include "extension/FileProviderExtension.h"
 #include "host/Enumeration.h"
-#include "host/ItemName.h"
+#include "host/basics/ItemName.h"
 #include "platform/log/Log.h"
 #include "platform/values/NSError.h"
 

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "host/ErrorToErrno.h"
-#include "host/ItemName.h"
+#include "host/basics/ItemName.h"
 
 namespace kestrune::host {
 

@@ -11,14 +11,9 @@
 #include <string>
 #include <vector>
 
+#include "host/basics/NodeId.h"
+
 namespace kestrune::host {
-
-/// What the kernel calls a node; 1 is the root and 0 is none.
-using NodeId = std::uint64_t;
-/// What users see as the inode number.
-using InodeNumber = std::uint64_t;
-
-inline constexpr NodeId kRootNode = 1;
 
 struct CacheUpdate {
   enum class Kind {

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "host/FileContents.h"
-#include "host/ItemName.h"
+#include "host/basics/ItemName.h"
 
 namespace kestrune::host {
 

@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "host/KernelCache.h"
+#include "host/basics/NodeId.h"
 
 namespace kestrune::host {
 

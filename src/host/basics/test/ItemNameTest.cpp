@@ -1,4 +1,4 @@
-#include "host/ItemName.h"
+#include "host/basics/ItemName.h"
 
 #include <gtest/gtest.h>
 
