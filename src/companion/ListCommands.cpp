@@ -18,8 +18,8 @@
 #include "companion/ScratchDirectory.h"
 #include "companion/configuration/CommandError.h"
 #include "extension/FileProviderExtension.h"
-#include "host/Enumeration.h"
 #include "host/basics/ItemName.h"
+#include "host/in/Enumeration.h"
 #include "platform/log/Log.h"
 #include "platform/values/NSError.h"
 

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "host/OnceReply.h"
+#include "host/basics/OnceReply.h"
 #include "platform/tasks/Task.h"
 
 namespace kestrune::host {

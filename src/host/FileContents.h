@@ -22,11 +22,11 @@
 #include <string>
 #include <vector>
 
-#include "host/Answer.h"
-#include "host/Enumeration.h"
-#include "host/KernelCache.h"
 #include "host/Replica.h"
-#include "host/Timers.h"
+#include "host/basics/Answer.h"
+#include "host/basics/KernelCache.h"
+#include "host/basics/Timers.h"
+#include "host/in/Enumeration.h"
 #include "platform/values/Mutex.h"
 
 namespace kestrune::host {

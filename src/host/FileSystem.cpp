@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "host/ErrorToErrno.h"
+#include "host/basics/ErrorToErrno.h"
 
 namespace kestrune::host {
 
@@ -65,15 +65,28 @@ platform::NSErrorPtr FileSystem::readFolder(NodeId folder, std::uint64_t after, 
   return tree_->readFolder(folder, after, remember, sink);
 }
 
-Answer<OpenFilePtr> FileSystem::open(NodeId node) { return tree_->open(node); }
+void FileSystem::open(NodeId node, OpenMode mode, Caller, Reply<OpenFilePtr> reply) {
+  if (mode.writes || mode.truncates) {
+    reply(platform::NSPOSIXError(EROFS, "write in a folder that is mounted for reading").share());
+  } else {
+    reply(tree_->open(node));
+  }
+}
 
-LocalFilePtr FileSystem::present(const OpenFile& file) { return file.contents->present(); }
+LocalFilePtr FileSystem::present(const OpenFile& file, std::int64_t, std::size_t) {
+  return contentsOf(file).present();
+}
 
-void FileSystem::read(OpenFilePtr file, Reply<LocalFilePtr> reply) {
-  file->contents->read(std::move(reply));
+void FileSystem::read(OpenFilePtr file, std::int64_t, std::size_t, Reply<LocalFilePtr> reply) {
+  contentsOf(*file).read(std::move(reply));
 }
 
 void FileSystem::release(OpenFilePtr file) { tree_->release(*file); }
+
+Space FileSystem::space() {
+  constexpr std::uint64_t kPlenty = 1ULL << 52U;
+  return {kPlenty, kPlenty};
+}
 
 void FileSystem::changesSignalled() { refresher_->signal(); }
 

@@ -11,10 +11,10 @@
 
 #include <memory>
 
-#include "host/Dispatcher.h"
 #include "host/FileContents.h"
 #include "host/LiveTree.h"
 #include "host/Refresher.h"
+#include "host/front/Dispatcher.h"
 
 namespace kestrune::host {
 
@@ -29,10 +29,12 @@ class FileSystem final : public Dispatcher {
   void openFolder(NodeId folder, Reply<Done> reply) override;
   platform::NSErrorPtr readFolder(NodeId folder, std::uint64_t after, bool remember,
                                   FolderSink& sink) override;
-  Answer<OpenFilePtr> open(NodeId node) override;
-  LocalFilePtr present(const OpenFile& file) override;
-  void read(OpenFilePtr file, Reply<LocalFilePtr> reply) override;
+  void open(NodeId node, OpenMode mode, Caller caller, Reply<OpenFilePtr> reply) override;
+  LocalFilePtr present(const OpenFile& file, std::int64_t offset, std::size_t length) override;
+  void read(OpenFilePtr file, std::int64_t offset, std::size_t length,
+            Reply<LocalFilePtr> reply) override;
   void release(OpenFilePtr file) override;
+  Space space() override;
 
   /// The remote side may have changed.
   void changesSignalled();

@@ -23,6 +23,10 @@ NSErrorPtr folderGone() { return errorOf(ENOENT, "find the folder"); }
 
 }  // namespace
 
+FileContents& contentsOf(const OpenFile& file) {
+  return *static_cast<const OpenVersion&>(file).contents;
+}
+
 struct LiveTree::Aftermath {
   std::vector<Waiter> waiters;
   NSErrorPtr waitersError;      // null: success
@@ -91,7 +95,9 @@ Attributes LiveTree::attributesOf(const Node& node) const {
   attributes.isFolder = node.isFolder;
   attributes.sizeBytes = node.sizeBytes();
   attributes.storedBytes = node.storedBytes.value_or(0);
-  attributes.modified = std::max(node.item.modified, node.entriesChanged);
+  attributes.modified = FileTime::of(std::max(node.item.modified, node.entriesChanged));
+  attributes.accessed = attributes.modified;
+  attributes.changed = attributes.modified;
   return attributes;
 }
 
@@ -226,12 +232,13 @@ Answer<OpenFilePtr> LiveTree::open(NodeId node) {
   if (!found->contents) found->contents = contentsFactory_(node, found->item.identifier);
   ++found->openFiles;
   found->contents->opened();
-  const bool listedEmpty = !found->storedBytes && found->sizeBytes() == 0;
-  return OpenFilePtr(std::make_shared<OpenFile>(OpenFile{node, found->contents, listedEmpty}));
+  auto file = std::make_shared<OpenVersion>(node, found->contents);
+  file->listedEmpty = !found->storedBytes && found->sizeBytes() == 0;
+  return OpenFilePtr(std::move(file));
 }
 
 void LiveTree::release(const OpenFile& file) {
-  file.contents->closed();
+  contentsOf(file).closed();
   MutexLock lock(mutex_);
   if (Node* found = tree_.find(file.node)) tree_.dropOpenFile(*found);
 }

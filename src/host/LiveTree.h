@@ -19,19 +19,29 @@
 #include <string>
 #include <vector>
 
-#include "host/Answer.h"
-#include "host/Dispatcher.h"
-#include "host/Enumeration.h"
 #include "host/FileContents.h"
-#include "host/HostLog.h"
-#include "host/KernelCache.h"
-#include "host/OnceReply.h"
-#include "host/Timers.h"
 #include "host/Tree.h"
+#include "host/basics/Answer.h"
+#include "host/basics/HostLog.h"
+#include "host/basics/KernelCache.h"
+#include "host/basics/OnceReply.h"
+#include "host/basics/Timers.h"
+#include "host/front/Dispatcher.h"
+#include "host/in/Enumeration.h"
 #include "platform/values/Date.h"
 #include "platform/values/Mutex.h"
 
 namespace kestrune::host {
+
+/// An open file of the tree.
+struct OpenVersion final : OpenFile {
+  OpenVersion(NodeId nodeId, std::shared_ptr<FileContents> fileContents)
+      : OpenFile(nodeId), contents(std::move(fileContents)) {}
+  const std::shared_ptr<FileContents> contents;
+};
+
+/// REQUIRES: `file` was opened by a tree.
+FileContents& contentsOf(const OpenFile& file);
 
 class LiveTree : public std::enable_shared_from_this<LiveTree> {
  public:

@@ -10,11 +10,11 @@
 #include <system_error>
 
 #include "host/FileSystem.h"
-#include "host/FileWatcher.h"
-#include "host/FuseFront.h"
-#include "host/FuseKernelCache.h"
-#include "host/MountPoint.h"
-#include "host/MountSession.h"
+#include "host/front/FuseFront.h"
+#include "host/front/FuseKernelCache.h"
+#include "host/front/MountPoint.h"
+#include "host/front/MountSession.h"
+#include "host/in/FileWatcher.h"
 #include "platform/files/Directories.h"
 
 namespace kestrune::host {

@@ -26,10 +26,10 @@
 #include <memory>
 #include <set>
 
-#include "host/Enumeration.h"
-#include "host/HostLog.h"
 #include "host/LiveTree.h"
-#include "host/Timers.h"
+#include "host/basics/HostLog.h"
+#include "host/basics/Timers.h"
+#include "host/in/Enumeration.h"
 #include "platform/values/Mutex.h"
 
 namespace kestrune::host {

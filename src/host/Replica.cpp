@@ -65,8 +65,6 @@ class Unlinker {
 
 }  // namespace
 
-Descriptor::~Descriptor() { ::close(number_); }
-
 Replica::Replica(const fs::path& directory) : temporary_(directory / "tmp") {
   if (directory.has_parent_path()) {
     std::error_code error;

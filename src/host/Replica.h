@@ -17,37 +17,10 @@
 #include <filesystem>
 #include <memory>
 
-#include "host/KernelCache.h"
+#include "host/basics/LocalFile.h"
+#include "host/basics/NodeId.h"
 
 namespace kestrune::host {
-
-/// A descriptor that is closed when nobody holds it any more.
-class Descriptor {
- public:
-  explicit Descriptor(int number) : number_(number) {}
-  ~Descriptor();
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int number() const { return number_; }
-
- private:
-  const int number_;
-};
-
-/// The bytes of one version of a file, open for reading. They never change.
-class LocalFile {
- public:
-  LocalFile(int descriptor, std::int64_t sizeBytes)
-      : descriptor_(descriptor), sizeBytes_(sizeBytes) {}
-  int descriptor() const { return descriptor_.number(); }
-  std::int64_t sizeBytes() const { return sizeBytes_; }
-
- private:
-  Descriptor descriptor_;
-  const std::int64_t sizeBytes_;
-};
-
-using LocalFilePtr = std::shared_ptr<const LocalFile>;
 
 class Replica {
  public:

@@ -58,11 +58,11 @@ void Tree::setChildren(Node& folder, const std::vector<ItemRecord>& items, platf
   stampFolders(now, effects);
 }
 
-void Tree::applyChanges(Node& folder, const std::vector<Change>& changes, platform::Date now,
-                        Effects& effects) {
+void Tree::applyChanges(Node& folder, const std::vector<ReportedChange>& changes,
+                        platform::Date now, Effects& effects) {
   Shown shown;
-  for (const Change& change : changes) {
-    if (change.kind == Change::Kind::update) {
+  for (const ReportedChange& change : changes) {
+    if (change.kind == ReportedChange::Kind::update) {
       upsert(folder, change.item, shown, effects);
       continue;
     }

@@ -27,8 +27,8 @@
 #include <unordered_set>
 #include <vector>
 
-#include "host/ItemRecord.h"
-#include "host/KernelCache.h"
+#include "host/basics/KernelCache.h"
+#include "host/in/ItemRecord.h"
 
 namespace kestrune::host {
 
@@ -73,14 +73,6 @@ struct Node {
   std::uint64_t openFiles = 0;
 };
 
-/// One reported change of a folder's content, in the order of the reports.
-struct Change {
-  enum class Kind { update, deletion };
-  Kind kind = Kind::update;
-  /// For a deletion only the identifier counts.
-  ItemRecord item;
-};
-
 /// What follows from a change of the tree outside of it.
 struct Effects {
   std::vector<CacheUpdate> cache;
@@ -115,7 +107,7 @@ class Tree {
   void setChildren(Node& folder, const std::vector<ItemRecord>& items, platform::Date now,
                    Effects& effects);
   /// Applies changes reported for `folder`. The deletion of an item that is not in this folder does nothing.
-  void applyChanges(Node& folder, const std::vector<Change>& changes, platform::Date now,
+  void applyChanges(Node& folder, const std::vector<ReportedChange>& changes, platform::Date now,
                     Effects& effects);
 
   /// Takes back references that the kernel was given, or an open file; the node may be gone afterwards.

@@ -44,7 +44,7 @@ TEST_F(FileContentsTest, ListingExaminingAndOpeningFetchNothing) {
   remote().putFile("/a", "hello");
   names();
   const OpenFilePtr file = open(find("/a").node);
-  EXPECT_EQ(fileSystem().present(*file), nullptr);
+  EXPECT_EQ(fileSystem().present(*file, 0, 1), nullptr);
   fileSystem().release(file);
   EXPECT_EQ(remote().asked(Ask::contents, "/a"), 0);
 }
@@ -160,7 +160,7 @@ TEST_F(FileContentsTest, AHandleThatReadNothingOfAVersionThatHasGoneIsStale) {
   overwriteAndAnnounce("/a", "second");
   EXPECT_EQ(errnoOf(startRead(old).get().error()), ESTALE);
   EXPECT_EQ(remote().asked(Ask::contents, "/a"), 0);
-  EXPECT_EQ(errnoOf(fileSystem().open(old->node).error()), ESTALE);
+  EXPECT_EQ(openError(old->node), ESTALE);
 }
 
 TEST_F(FileContentsTest, ADeletedFileStaysForThoseWhoHaveItOpen) {
@@ -268,7 +268,9 @@ TEST_F(FileContentsTest, ManyThreadsReadOpenAndCloseWhileVersionsChange) {
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&] {
       while (!stop) {
-        const auto opened = fileSystem().open(find("/a").node);
+        const Awaited<OpenFilePtr> opening;
+        fileSystem().open(find("/a").node, OpenMode(), Caller(), opening.reply());
+        const auto opened = opening.get();
         if (!opened.ok()) continue;
         const auto answer = startRead(opened.value()).get();
         if (answer.ok()) {

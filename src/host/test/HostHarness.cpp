@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "host/ErrorToErrno.h"
+#include "host/basics/ErrorToErrno.h"
 #include "platform/files/Directories.h"
 #include "platform/files/Paths.h"
 #include "platform/tasks/Task.h"
@@ -159,15 +159,23 @@ int HostHarness::openFolderError(NodeId folder) {
   return answer.ok() ? 0 : errnoFor(*answer.error());
 }
 
+int HostHarness::openError(NodeId node) {
+  const Awaited<OpenFilePtr> opened;
+  fileSystem_->open(node, OpenMode(), Caller(), opened.reply());
+  return errnoOf(opened.get().error());
+}
+
 OpenFilePtr HostHarness::open(NodeId node) {
-  auto answer = fileSystem_->open(node);
+  const Awaited<OpenFilePtr> opened;
+  fileSystem_->open(node, OpenMode(), Caller(), opened.reply());
+  auto answer = opened.get();
   if (!answer.ok()) throw std::runtime_error(answer.error()->localizedDescription());
   return answer.value();
 }
 
 Awaited<LocalFilePtr> HostHarness::startRead(const OpenFilePtr& file) {
   const Awaited<LocalFilePtr> read;
-  fileSystem_->read(file, read.reply());
+  fileSystem_->read(file, 0, SIZE_MAX, read.reply());
   return read;
 }
 

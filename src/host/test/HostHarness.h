@@ -127,6 +127,8 @@ class HostHarness {
   /// The errno of opening a folder.
   int openFolderError(NodeId folder);
   OpenFilePtr open(NodeId node);
+  /// The errno of opening a file.
+  int openError(NodeId node);
   Awaited<LocalFilePtr> startRead(const OpenFilePtr& file);
   std::string bytes(const LocalFilePtr& file);
   std::string readAll(const OpenFilePtr& file);

@@ -41,14 +41,16 @@ class TreeTest : public testing::Test {
     tree_.setChildren(where, items, kNow, effects);
     return effects;
   }
-  Effects change(Node& where, const std::vector<Change>& changes) {
+  Effects change(Node& where, const std::vector<ReportedChange>& changes) {
     Effects effects;
     tree_.applyChanges(where, changes, kNow, effects);
     return effects;
   }
-  static Change update(ItemRecord item) { return {Change::Kind::update, std::move(item)}; }
-  static Change deletion(std::string identifier) {
-    return {Change::Kind::deletion, file(std::move(identifier), "")};
+  static ReportedChange update(ItemRecord item) {
+    return {ReportedChange::Kind::update, std::move(item)};
+  }
+  static ReportedChange deletion(std::string identifier) {
+    return {ReportedChange::Kind::deletion, file(std::move(identifier), "")};
   }
 
   std::vector<std::string> names(const Node& where) {
@@ -329,7 +331,7 @@ TEST_P(TreeModelTest, AnyReportsKeepTheTreeATree) {
       }
     }
     Node& where = *folders[static_cast<std::size_t>(pick(static_cast<int>(folders.size())))];
-    std::vector<Change> changes;
+    std::vector<ReportedChange> changes;
     std::vector<ItemRecord> items;
     for (int i = pick(5); i >= 0; --i) {
       const std::string identifier = pick(40) == 0 ? "root" : "i" + std::to_string(pick(14));
@@ -337,7 +339,8 @@ TEST_P(TreeModelTest, AnyReportsKeepTheTreeATree) {
       ItemRecord item =
           pick(2) == 0 ? folder(identifier, name) : file(identifier, name, std::to_string(pick(3)));
       items.push_back(item);
-      changes.push_back({pick(3) == 0 ? Change::Kind::deletion : Change::Kind::update, item});
+      changes.push_back(
+          {pick(3) == 0 ? ReportedChange::Kind::deletion : ReportedChange::Kind::update, item});
     }
     Effects effects;
     if (pick(2) == 0) {

@@ -1,4 +1,4 @@
-#include "host/OpenCalls.h"
+#include "host/front/OpenCalls.h"
 
 #include <gtest/gtest.h>
 

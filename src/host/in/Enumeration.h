@@ -11,9 +11,8 @@
 #include <optional>
 #include <vector>
 
-#include "host/Answer.h"
-#include "host/ItemRecord.h"
-#include "host/Tree.h"
+#include "host/basics/Answer.h"
+#include "host/in/ItemRecord.h"
 #include "platform/file_provider/NSFileProviderReplicatedExtension.h"
 
 namespace kestrune::host {
@@ -34,7 +33,7 @@ void enumerateFolder(ExtensionPtr extension, platform::NSFileProviderItemIdentif
                      Reply<Listing> reply);
 
 struct ChangeSet {
-  std::vector<Change> changes;
+  std::vector<ReportedChange> changes;
   platform::NSFileProviderSyncAnchor anchor;
   bool moreComing = false;
 };

@@ -1,10 +1,10 @@
-#include "host/Enumeration.h"
+#include "host/in/Enumeration.h"
 
 #include <boost/asio/post.hpp>
 #include <cerrno>
 #include <utility>
 
-#include "host/OnceReply.h"
+#include "host/basics/OnceReply.h"
 #include "platform/tasks/Task.h"
 
 namespace kestrune::host {
@@ -84,7 +84,7 @@ class ChangeGatherer final : public platform::NSFileProviderChangeObserver {
   void didUpdateItems(std::vector<NSFileProviderItemPtr> updatedItems) override {
     if (!fits(updatedItems.size())) return;
     for (const auto& item : updatedItems) {
-      gathered_.changes.push_back({Change::Kind::update, ItemRecord::from(*item)});
+      gathered_.changes.push_back({ReportedChange::Kind::update, ItemRecord::from(*item)});
     }
   }
 
@@ -94,7 +94,7 @@ class ChangeGatherer final : public platform::NSFileProviderChangeObserver {
     for (auto& identifier : deleted) {
       ItemRecord item;
       item.identifier = std::move(identifier);
-      gathered_.changes.push_back({Change::Kind::deletion, std::move(item)});
+      gathered_.changes.push_back({ReportedChange::Kind::deletion, std::move(item)});
     }
   }
 

@@ -1,4 +1,4 @@
-#include "host/ErrorToErrno.h"
+#include "host/basics/ErrorToErrno.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "host/ItemRecord.h"
+#include "host/in/ItemRecord.h"
 
 #include <algorithm>
 

@@ -32,4 +32,12 @@ struct ItemRecord {
   bool sameContents(const ItemRecord& other) const;
 };
 
+/// One reported change of a folder's content, in the order of the reports.
+struct ReportedChange {
+  enum class Kind { update, deletion };
+  Kind kind = Kind::update;
+  /// For a deletion only the identifier counts.
+  ItemRecord item;
+};
+
 }  // namespace kestrune::host

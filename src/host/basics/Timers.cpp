@@ -1,4 +1,4 @@
-#include "host/Timers.h"
+#include "host/basics/Timers.h"
 
 #include <boost/asio/steady_timer.hpp>
 #include <unordered_map>

@@ -1,4 +1,4 @@
-#include "host/FuseKernelCache.h"
+#include "host/front/FuseKernelCache.h"
 
 #define FUSE_USE_VERSION 312
 #include <fuse_lowlevel.h>

@@ -8,8 +8,8 @@
 
 #include <memory>
 
-#include "host/Dispatcher.h"
-#include "host/OpenCalls.h"
+#include "host/front/Dispatcher.h"
+#include "host/front/OpenCalls.h"
 
 struct fuse_args;
 struct fuse_session;

@@ -4,7 +4,7 @@
 // only for requests that the host answers without it.
 #pragma once
 
-#include "host/KernelCache.h"
+#include "host/basics/KernelCache.h"
 #include "platform/tasks/Queue.h"
 #include "platform/values/Mutex.h"
 

@@ -13,7 +13,7 @@
 #include <memory>
 #include <thread>
 
-#include "host/Replica.h"
+#include "host/basics/LocalFile.h"
 
 namespace kestrune::host {
 

@@ -1,4 +1,4 @@
-#include "host/HostLog.h"
+#include "host/basics/HostLog.h"
 
 #include <algorithm>
 #include <optional>

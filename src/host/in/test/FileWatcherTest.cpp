@@ -1,4 +1,4 @@
-#include "host/FileWatcher.h"
+#include "host/in/FileWatcher.h"
 
 #include <gtest/gtest.h>
 

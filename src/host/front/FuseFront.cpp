@@ -1,4 +1,4 @@
-#include "host/FuseFront.h"
+#include "host/front/FuseFront.h"
 
 #define FUSE_USE_VERSION 312
 #include <fuse_lowlevel.h>
@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/ErrorToErrno.h"
+#include "host/basics/ErrorToErrno.h"
 #include "host/basics/ItemName.h"
 
 namespace kestrune::host {
@@ -35,6 +35,8 @@ FuseFront& frontOf(fuse_req_t request) {
 
 Dispatcher& dispatcherOf(fuse_req_t request) { return frontOf(request).dispatcher(); }
 
+timespec timespecOf(FileTime time) { return {time.seconds, time.nanoseconds}; }
+
 struct stat statusOf(const Attributes& attributes) {
   struct stat status = {};
   status.st_ino = attributes.inode;
@@ -47,11 +49,9 @@ struct stat statusOf(const Attributes& attributes) {
   status.st_blocks =
       attributes.storedBytes / kBlockBytes + (attributes.storedBytes % kBlockBytes == 0 ? 0 : 1);
   status.st_blksize = kLargestRead;
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(attributes.modified);
-  status.st_mtim.tv_sec = seconds.time_since_epoch().count();
-  status.st_mtim.tv_nsec = std::chrono::nanoseconds(attributes.modified - seconds).count();
-  status.st_atim = status.st_mtim;
-  status.st_ctim = status.st_mtim;
+  status.st_atim = timespecOf(attributes.accessed);
+  status.st_mtim = timespecOf(attributes.modified);
+  status.st_ctim = timespecOf(attributes.changed);
   return status;
 }
 
@@ -224,22 +224,37 @@ OpenFilePtr* handleOf(const fuse_file_info* info) {
   return reinterpret_cast<OpenFilePtr*>(info->fh);
 }
 
-void openFile(fuse_req_t request, fuse_ino_t node, fuse_file_info* info) {
-  Dispatcher& dispatcher = dispatcherOf(request);
-  const auto answer = dispatcher.open(node);
-  if (!answer.ok()) {
-    replyError(request, *answer.error());
-    return;
-  }
-  auto handle = std::make_unique<OpenFilePtr>(answer.value());
-  info->fh = reinterpret_cast<std::uintptr_t>(handle.get());
-  info->keep_cache = 1;  // a node's contents never change
-  info->direct_io = answer.value()->listedEmpty ? 1 : 0;
-  if (fuse_reply_open(request, info) == 0) {
+void replyOpen(Dispatcher& dispatcher, fuse_req_t request, fuse_file_info info,
+               const OpenFilePtr& file) {
+  auto handle = std::make_unique<OpenFilePtr>(file);
+  info.fh = reinterpret_cast<std::uintptr_t>(handle.get());
+  info.keep_cache = 1;  // a node's contents never change
+  info.direct_io = file->listedEmpty ? 1 : 0;
+  if (fuse_reply_open(request, &info) == 0) {
     static_cast<void>(handle.release());  // the kernel holds it until it is released
   } else {
-    dispatcher.release(*handle);
+    dispatcher.release(file);
   }
+}
+
+void openFile(fuse_req_t request, fuse_ino_t node, fuse_file_info* info) {
+  Dispatcher& dispatcher = dispatcherOf(request);
+  auto call = beginCall(request);
+  if (!call) return;
+  OpenMode mode;
+  mode.writes = (info->flags & O_ACCMODE) != O_RDONLY;
+  mode.truncates = (info->flags & O_TRUNC) != 0;
+  const Caller caller{fuse_req_ctx(request)->pid};
+  dispatcher.open(node, mode, caller,
+                  [&dispatcher, call, request, info = *info](const Answer<OpenFilePtr>& answer) {
+                    if (!call->claim()) {
+                      if (answer.ok()) dispatcher.release(answer.value());
+                    } else if (answer.ok()) {
+                      replyOpen(dispatcher, request, info, answer.value());
+                    } else {
+                      replyError(request, *answer.error());
+                    }
+                  });
 }
 
 // A buffer that stays with its thread: allocating and touching a new one costs more than the copy into it.
@@ -270,20 +285,21 @@ void readFile(fuse_req_t request, fuse_ino_t, std::size_t size, off_t offset,
               fuse_file_info* info) {
   const OpenFilePtr& file = *handleOf(info);
   Dispatcher& dispatcher = dispatcherOf(request);
-  if (const auto present = dispatcher.present(*file)) {
+  if (const auto present = dispatcher.present(*file, offset, size)) {
     replyBytes(request, *present, size, offset);
     return;
   }
   auto call = beginCall(request);
   if (!call) return;
-  dispatcher.read(file, [call, request, size, offset](const Answer<LocalFilePtr>& answer) {
-    if (!call->claim()) return;
-    if (answer.ok()) {
-      replyBytes(request, *answer.value(), size, offset);
-    } else {
-      replyError(request, *answer.error());
-    }
-  });
+  dispatcher.read(file, offset, size,
+                  [call, request, size, offset](const Answer<LocalFilePtr>& answer) {
+                    if (!call->claim()) return;
+                    if (answer.ok()) {
+                      replyBytes(request, *answer.value(), size, offset);
+                    } else {
+                      replyError(request, *answer.error());
+                    }
+                  });
 }
 
 void releaseFile(fuse_req_t request, fuse_ino_t, fuse_file_info* info) {
@@ -293,13 +309,14 @@ void releaseFile(fuse_req_t request, fuse_ino_t, fuse_file_info* info) {
 }
 
 void statFileSystem(fuse_req_t request, fuse_ino_t) {
-  // The remote store tells no quota: large numbers, so that no program thinks the place is full.
+  constexpr std::uint64_t kUnit = 4096;
+  const Space space = dispatcherOf(request).space();
   struct statvfs status = {};
-  status.f_bsize = 4096;
-  status.f_frsize = 4096;
-  status.f_blocks = 1ULL << 40U;
-  status.f_bfree = status.f_blocks;
-  status.f_bavail = status.f_blocks;
+  status.f_bsize = kUnit;
+  status.f_frsize = kUnit;
+  status.f_blocks = space.totalBytes / kUnit;
+  status.f_bfree = space.freeBytes / kUnit;
+  status.f_bavail = status.f_bfree;
   status.f_files = 1ULL << 40U;
   status.f_ffree = status.f_files;
   status.f_favail = status.f_files;

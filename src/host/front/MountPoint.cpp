@@ -1,4 +1,4 @@
-#include "host/MountPoint.h"
+#include "host/front/MountPoint.h"
 
 #include <fcntl.h>
 #include <spawn.h>

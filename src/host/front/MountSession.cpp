@@ -1,4 +1,4 @@
-#include "host/MountSession.h"
+#include "host/front/MountSession.h"
 
 #define FUSE_USE_VERSION 312
 #include <fuse_lowlevel.h>
@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "host/MountPoint.h"
+#include "host/front/MountPoint.h"
 #include "platform/values/NSError.h"
 
 namespace kestrune::host {

@@ -8,7 +8,7 @@
 #include <memory>
 #include <utility>
 
-#include "host/Answer.h"
+#include "host/basics/Answer.h"
 
 namespace kestrune::host {
 

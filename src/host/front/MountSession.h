@@ -17,8 +17,8 @@
 #include <thread>
 #include <vector>
 
-#include "host/FuseFront.h"
-#include "host/Replica.h"
+#include "host/basics/LocalFile.h"
+#include "host/front/FuseFront.h"
 
 namespace kestrune::host {
 

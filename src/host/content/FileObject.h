@@ -1,0 +1,134 @@
+// The contents of one file: bytes that are here, fetched when they are missed, changed by programs, handed out as snapshots.
+//
+//   nothing here ──▶ some ranges here ──▶ whole        fetched, for one version of the store
+//         └──────────────┴────────────────┴──▶ edited  written here; sent from snapshots until nothing is newer
+//
+// Rules
+// - All bytes fetched are of `state().version`. What a fetch brings of another version is thrown away and `versionGone` is
+//   told; readers who wait get ESTALE if the object has changes or bytes, else the object starts anew with what can be
+//   fetched now.
+// - Bytes written here are never overwritten by fetched ones.
+// - One fetch per range: who misses bytes that are on their way waits for them. Files up to kWholeFetchBytes, and all files
+//   of an extension that has no partial fetching, are fetched whole; of larger ones what is missing around the read.
+// - While a reader goes on from where the one before ended and is in the last quarter of what is here in one piece, the
+//   next range is asked for already.
+// - A failure answers those who wait, and for a second whoever misses the same file's bytes: the kernel repeats failed
+//   reads by itself. Then the next read tries again.
+// - When nobody has the file open, and nobody filled it on purpose, a running fetch is cancelled.
+// - The first change after a clean state or a snapshot is told by `willEdit` and waits until that is committed; so no edit
+//   can be forgotten by a crash. Later ones only write.
+//
+// Threads: every operation may be called from any thread; replies come on any thread, without a lock held. Reads and writes of
+// what is here block for the local disk only.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+
+#include "host/basics/Answer.h"
+#include "host/basics/LocalFile.h"
+#include "host/basics/NodeId.h"
+#include "host/basics/Timers.h"
+#include "host/content/ContentDirectory.h"
+#include "host/content/ContentState.h"
+#include "platform/file_provider/NSFileProviderReplicatedExtension.h"
+
+namespace kestrune::host {
+
+/// What the contents of all files share. The functions are called without a lock held, from any thread.
+struct FileObjectServices {
+  std::shared_ptr<platform::NSFileProviderReplicatedExtension> extension;
+  std::shared_ptr<ContentDirectory> directory;
+  std::shared_ptr<Timers> timers;
+
+  /// A number that was never given before.
+  std::function<ContentNumber()> newNumber;
+  /// What can be fetched of the item now; the error says why nothing can (ENOENT: it is not at the store).
+  std::function<Answer<ContentSource>(InodeNumber item)> source;
+  /// Commits `state`, whose `edits` is one higher than before, then answers.
+  std::function<void(InodeNumber item, const ContentState& state, Reply<Done> reply)> willEdit;
+  /// The state changed (ranges came, size of an edited file): to be remembered some time soon.
+  std::function<void(InodeNumber item, const ContentState& state)> changed;
+  /// Told before anybody gets bytes of a file whose length is not the one that was listed. Runs `then` when the kernel knows.
+  std::function<void(InodeNumber item, std::int64_t sizeBytes, std::function<void()> then)> resized;
+  /// Told whenever a fetch begins (+1) and ends (-1).
+  std::function<void(InodeNumber item, int step)> fetching;
+  std::function<void(InodeNumber item, const platform::NSError& error)> fetchFailed;
+  /// The store has another version than the one that was asked for.
+  std::function<void(InodeNumber item)> versionGone;
+};
+
+class FileObject : public std::enable_shared_from_this<FileObject> {
+ public:
+  static constexpr std::int64_t kWholeFetchBytes = 16LL << 20;
+  static constexpr std::chrono::seconds kFailureHolds{1};
+
+  /// `state`: as it was remembered; number 0 if nothing of it is here. A file that is missing in the directory, or shorter
+  /// than its state says, counts as not here, unless it has changes: then what is left of it is kept.
+  FileObject(std::shared_ptr<const FileObjectServices> services, InodeNumber item,
+             ContentState state);
+
+  ContentState state() const;
+  std::int64_t sizeBytes() const;
+  /// The bytes that are allocated for it on the local disk.
+  std::int64_t storedBytes() const;
+
+  /// Counts those who have the file open. `closed` REQUIRES an `opened` before.
+  void opened(bool forWriting);
+  void closed(bool forWriting);
+  bool isOpen() const;
+  bool isOpenForWriting() const;
+
+  /// The file, if the bytes that exist of [offset, offset + length) are here and it is open; else null. `sizeBytes` of the
+  /// answer is the length that counts for this read.
+  LocalFilePtr present(std::int64_t offset, std::size_t length) const;
+  /// The same, fetched if need be. `mayFetch` false: ENODATA instead of a fetch.
+  void read(std::int64_t offset, std::size_t length, bool mayFetch, Reply<LocalFilePtr> reply);
+  /// All bytes in one file that nobody writes to at present; null if that is not so.
+  LocalFilePtr whole() const;
+
+  /// `bytes` need not outlive the call.
+  void write(std::int64_t offset, std::span<const std::byte> bytes, Reply<Done> reply);
+  /// Cuts or extends with zeros.
+  void resize(std::int64_t sizeBytes, Reply<Done> reply);
+  /// Sees to it that there is room on the disk; extends unless `keepsSize`.
+  void reserve(std::int64_t offset, std::int64_t length, bool keepsSize, Reply<Done> reply);
+  /// Flushes the bytes to the disk, on a thread of its own; state is the caller's business.
+  void flushToDisk(Reply<Done> reply);
+
+  /// Fetches all that is missing, open or not.
+  void fill(Reply<Done> reply);
+
+  /// The bytes as they are now, whole. Answers EAGAIN while a change is being begun, EBUSY while the file is open for
+  /// writing, ENODATA if it is not whole (`fill` first). Once per snapshot: `give(back)`.
+  struct Snapshot {
+    std::filesystem::path path;
+    std::int64_t sizeBytes = 0;
+    /// Of the edits so far; what comes later has a higher number.
+    std::uint64_t edits = 0;
+  };
+  Answer<Snapshot> snapshot();
+  void giveBack(const Snapshot& snapshot);
+
+  /// The store has the edits up to `edits` as `version`. If there are no later ones, the file is unchanged from now on.
+  void sent(std::uint64_t edits, std::string version);
+
+  /// Drops the bytes and keeps the object. Throws EBUSY if it is open or edited.
+  void evict();
+  /// The item has another version at the store, or is gone: nothing is fetched for this object any more; who has it open
+  /// finishes on what is here (ESTALE for the rest), and its file goes with the last of them. No input or output: may be
+  /// called with locks held. REQUIRES: not edited.
+  void abandon();
+
+ private:
+  class Impl;
+  std::shared_ptr<Impl> impl_;
+};
+
+using FileObjectPtr = std::shared_ptr<FileObject>;
+
+}  // namespace kestrune::host
