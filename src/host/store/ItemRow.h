@@ -24,6 +24,8 @@ struct ThereState {
   std::int64_t sizeBytes = 0;
   platform::Date modified{};
   platform::NSFileProviderContentPolicy policy = platform::NSFileProviderContentPolicy::inherited;
+  /// Sent from here, and not looked at since: the version is the extension's guess, and `modified` when the sending began.
+  bool isProvisional = false;
   /// Told by an enumeration to be gone, and not believed yet.
   bool isHeldDeletion = false;
   bool operator==(const ThereState&) const = default;
@@ -41,6 +43,8 @@ struct ContentRow {
 struct FolderRow {
   /// All of its names are known.
   bool isEnumerated = false;
+  /// It was moved: what is in it may have other identifiers now, to be found out by names.
+  bool hasStaleIdentifiers = false;
   /// From where its changes are asked; none if the extension has no anchors.
   std::optional<platform::NSFileProviderSyncAnchor> anchor;
   bool operator==(const FolderRow&) const = default;
