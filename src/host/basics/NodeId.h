@@ -10,6 +10,10 @@ using NodeId = std::uint64_t;
 /// What users see as the inode number.
 using InodeNumber = std::uint64_t;
 
+/// What the host calls an item for as long as it lives, also between mounts: its inode number.
+using ItemId = InodeNumber;
+
 inline constexpr NodeId kRootNode = 1;
+inline constexpr ItemId kRootItem = 1;
 
 }  // namespace kestrune::host

@@ -24,7 +24,10 @@ ItemRecord ItemRecord::from(const platform::NSFileProviderItem& item) {
   if (!record.isFolder)
     record.sizeBytes = std::max<std::int64_t>(0, item.documentSize().value_or(0));
   record.modified = std::clamp(item.contentModificationDate().value_or(Date()), kEarliest, kLatest);
-  if (auto version = item.itemVersion()) record.contentVersion = std::move(version->contentVersion);
+  if (auto version = item.itemVersion()) {
+    record.contentVersion = std::move(version->contentVersion);
+    record.metadataVersion = std::move(version->metadataVersion);
+  }
   return record;
 }
 

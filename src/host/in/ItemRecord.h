@@ -25,6 +25,7 @@ struct ItemRecord {
   platform::Date modified{};
   /// Equal texts promise equal contents; none if the extension keeps no versions.
   std::optional<std::string> contentVersion;
+  std::string metadataVersion;
 
   static ItemRecord from(const platform::NSFileProviderItem& item);
 

@@ -18,7 +18,7 @@ namespace kestrune::host {
 /// An item as it was last known to be at the store.
 struct ThereState {
   platform::NSFileProviderItemIdentifier identifier;
-  InodeNumber folder = kRootNode;
+  ItemId folder = kRootNode;
   std::string name;
   platform::NSFileProviderItemVersion version;
   std::int64_t sizeBytes = 0;
@@ -33,6 +33,9 @@ struct ThereState {
 
 struct ContentRow {
   ContentState state;
+  /// The content version at the store from which the changes here began: what is there now must be this, or both sides
+  /// changed. Means nothing while there are no changes.
+  std::string base;
   /// Up to which edits the store has them.
   std::uint64_t sentEdits = 0;
   /// When it was last open.
@@ -51,12 +54,12 @@ struct FolderRow {
 };
 
 struct ItemRow {
-  InodeNumber id = 0;
+  ItemId id = 0;
   bool isFolder = false;
   /// False: it was removed here, and is still to be removed at the store or open somewhere.
   bool isLinked = true;
   /// Its place here, or its last one.
-  InodeNumber folder = kRootNode;
+  ItemId folder = kRootNode;
   std::string name;
   bool isExecutable = false;
   /// The extension does not take it: it is kept here and never sent.
