@@ -38,6 +38,10 @@ struct ContentRow {
   std::string base;
   /// Up to which edits the store has them.
   std::uint64_t sentEdits = 0;
+  /// When a sending began of which it is not known how it ended, in seconds since 1970, and what it carried; 0 if there is none.
+  std::int64_t sendingSince = 0;
+  std::int64_t sendingBytes = 0;
+  std::uint64_t sendingEdits = 0;
   /// When it was last open.
   std::int64_t usedSeconds = 0;
   bool operator==(const ContentRow&) const = default;
