@@ -19,8 +19,10 @@ namespace {
 
 constexpr unsigned kWantedAttributes = STATX_TYPE | STATX_SIZE | STATX_MTIME | STATX_INO;
 
-/// -1 with errno, like open. EAGAIN means that a rename somewhere raced with the resolution; the
-/// kernel asks to try again.
+/// -1 with errno, like open. A rename somewhere that raced with the resolution is told by EAGAIN, or
+/// by EXDEV where it took a folder of the path out of the root meanwhile (a removal does): both are
+/// looked up again, and what is gone is then missing. Nothing else of ours gets EXDEV: paths hold no
+/// "..", and other mounts are entered.
 int openBeneath(int root, const char* relative, int flags) {
   open_how how{};
   how.flags = static_cast<std::uint64_t>(flags | O_CLOEXEC);
@@ -29,7 +31,7 @@ int openBeneath(int root, const char* relative, int flags) {
   long descriptor = -1;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     descriptor = ::syscall(SYS_openat2, root, relative, &how, sizeof how);
-    if (descriptor >= 0 || (errno != EAGAIN && errno != EINTR)) break;
+    if (descriptor >= 0 || (errno != EAGAIN && errno != EXDEV && errno != EINTR)) break;
   }
   return static_cast<int>(descriptor);
 }

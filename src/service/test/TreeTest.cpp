@@ -189,6 +189,32 @@ TEST_F(TreeTest, AnItemThatChangesItsKindIsRemovedAllTheSame) {
   swapper.join();
 }
 
+TEST_F(TreeTest, AFolderThatIsTakenOutWhileItIsLookedUpIsMissingAndNothingElse) {
+  std::string deep = "/Docs/Sub";
+  for (int depth = 0; depth < 30; ++depth) deep += "/Sub";
+  fs::create_directories(inRoot(deep.substr(1)));
+  std::atomic<bool> ended = false;
+  std::thread taker([&] {
+    while (!ended) {
+      fs::rename(inRoot("Docs"), files.path() / "trash/Docs");
+      fs::rename(files.path() / "trash/Docs", inRoot("Docs"));
+    }
+  });
+  int found = 0;
+  int missing = 0;
+  for (int i = 0; i < 20'000; ++i) {
+    const unsigned refusal = refusalOf([&] { tree->openFolder(at(deep)); });
+    found += refusal == 0 ? 1 : 0;
+    missing += refusal == 404 ? 1 : 0;
+    if (refusal != 0 && refusal != 404) ADD_FAILURE() << refusal;
+    if (HasFailure()) break;
+  }
+  ended = true;
+  taker.join();
+  EXPECT_GT(found, 0);
+  EXPECT_GT(missing, 0);
+}
+
 TEST_F(TreeTest, KnowsWhetherAnOpenFolderIsStillInTheTree) {
   const FileDescriptor sub = tree->openFolder(at("/Docs/Sub"));
   EXPECT_TRUE(tree->holds(sub));
