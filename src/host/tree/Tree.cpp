@@ -1,0 +1,357 @@
+#include "host/tree/Tree.h"
+
+#include <algorithm>
+#include <cassert>
+#include <utility>
+
+#include "host/basics/ItemName.h"
+#include "host/out/ConflictName.h"
+
+namespace kestrune::host {
+
+namespace {
+
+using Kind = CacheUpdate::Kind;
+
+Place placeThere(const Item& item) { return {item.there->folder, item.there->name}; }
+
+bool isAtPlaceThere(const Item& item) {
+  return item.folder != nullptr && item.folder->id == item.there->folder &&
+         item.name == item.there->name;
+}
+
+}  // namespace
+
+bool TreeEffects::isEmpty() const {
+  return cache.empty() && changed.empty() && forgotten.empty() && detached.empty() &&
+         abandoned.empty() && dropped.empty() && rescued.empty() && adopted.empty() &&
+         gone.empty() && doubtful.empty() && leftOut == 0;
+}
+
+Tree::Tree(Setting setting) : setting_(std::move(setting)) {
+  root_ = &make(nextItem_++, true);
+  root_->node = kRootNode;
+  root_->modified = FileTime::of(setting_.now());
+  root_->changed = root_->modified;
+  ThereState there;
+  there.identifier = setting_.rootIdentifier;
+  root_->there = std::move(there);
+  byIdentifier_.emplace(root_->there->identifier, root_);
+}
+
+// ------------------------------------------------------------------------------------------- memory
+
+TreeEffects Tree::takeEffects() { return std::exchange(effects_, {}); }
+
+ItemRow Tree::row(const Item& item) const {
+  ItemRow row;
+  row.id = item.id;
+  row.isFolder = item.isFolder;
+  row.isLinked = item.isLinked();
+  row.folder = item.folder != nullptr ? item.folder->id : kRootItem;
+  row.name = item.name;
+  row.isExecutable = item.isExecutable;
+  row.staysHere = item.staysHere;
+  row.sizeBytes = item.sizeBytes;
+  row.modified = item.modified;
+  row.changed = item.changed;
+  row.there = item.there;
+  if (item.content) row.content = *item.content;
+  if (item.part) row.listing = item.part->listing;
+  return row;
+}
+
+void Tree::restore(std::vector<ItemRow> rows, ItemId nextItem) {
+  nextItem_ = std::max(nextItem_, nextItem);
+  for (const ItemRow& row : rows) {
+    if (row.id != kRootItem) make(row.id, row.isFolder);
+    nextItem_ = std::max(nextItem_, row.id + 1);
+  }
+  for (ItemRow& row : rows) {
+    Item& item = *find(row.id);
+    if (item.part && row.listing) item.part->listing = std::move(*row.listing);
+    item.modified = row.modified;
+    item.changed = row.changed;
+    item.accessed = row.modified;
+    if (item.isRoot()) continue;
+    item.name = std::move(row.name);
+    item.isExecutable = row.isExecutable;
+    item.staysHere = row.staysHere;
+    item.sizeBytes = row.sizeBytes;
+    if (row.content && !item.isFolder)
+      item.content = std::make_unique<ContentRow>(std::move(*row.content));
+    Item* folder = find(row.folder);
+    const bool fits = row.isLinked && folder != nullptr && folder->isFolder &&
+                      whyNotAFileName(item.name) == nullptr &&
+                      child(*folder, item.name) == nullptr && !isWithin(*folder, item);
+    if (fits) link(item, *folder, item.name, false);
+    if (row.there) setThere(item, std::move(row.there));
+  }
+  std::vector<Item*> gone;
+  forEach([&](Item& item) {
+    if (!item.isLinked() && !item.there) gone.push_back(&item);
+    if (item.there && item.there->isHeldDeletion) held_.insert(item.id);
+  });
+  for (Item* item : gone) forget(*item);
+  effects_.changed.clear();
+}
+
+Item& Tree::make(ItemId id, bool isFolder) {
+  auto made = std::make_unique<Item>(id, isFolder);
+  Item& item = *made;
+  items_.insert_or_assign(id, std::move(made));
+  return item;
+}
+
+void Tree::note(Item& item) {
+  effects_.changed.insert(item.id);
+  if (differs(item)) {
+    differing_.insert(item.id);
+  } else {
+    differing_.erase(item.id);
+  }
+}
+
+// REQUIRES: not linked, or nothing is in it.
+void Tree::forget(Item& item) {
+  assert(!item.part || item.part->children.empty());
+  if (item.folder != nullptr) unlink(item, true);
+  if (item.there) forgetThere(item);
+  detachVersion(item);
+  releaseContent(item, false);
+  differing_.erase(item.id);
+  held_.erase(item.id);
+  effects_.changed.erase(item.id);
+  effects_.gone.erase(item.id);
+  effects_.doubtful.erase(item.id);
+  effects_.forgotten.insert(item.id);
+  items_.erase(item.id);
+}
+
+void Tree::forgetIfGone(Item& item) {
+  if (!item.isLinked() && !item.there && !item.isUnderWay) forget(item);
+}
+
+// ------------------------------------------------------------------------------------------- asking
+
+Item* Tree::find(ItemId id) {
+  const auto found = items_.find(id);
+  return found == items_.end() ? nullptr : found->second.get();
+}
+
+const Item* Tree::find(ItemId id) const {
+  const auto found = items_.find(id);
+  return found == items_.end() ? nullptr : found->second.get();
+}
+
+Item* Tree::child(const Item& folder, std::string_view name) const {
+  const auto found = folder.part->byName.find(name);
+  return found == folder.part->byName.end() ? nullptr : found->second;
+}
+
+Item* Tree::byIdentifier(const platform::NSFileProviderItemIdentifier& identifier) const {
+  const auto found = byIdentifier_.find(identifier);
+  return found == byIdentifier_.end() ? nullptr : found->second;
+}
+
+Item* Tree::occupant(const Place& there) const {
+  if (const Item* folder = find(there.folder); folder != nullptr && folder->isFolder) {
+    Item* named = child(*folder, there.name);
+    if (named != nullptr && named->there && isAtPlaceThere(*named)) return named;
+  }
+  const auto found = astray_.find(there);
+  return found == astray_.end() ? nullptr : found->second;
+}
+
+std::string Tree::path(const Item& item) const {
+  std::string text;
+  for (const Item* at = &item; !at->isRoot();) {
+    const bool linked = at->folder != nullptr;
+    text.insert(0, "/" + (linked || !at->there ? at->name : at->there->name));
+    const Item* above = linked ? at->folder : at->there ? find(at->there->folder) : nullptr;
+    if (above == nullptr) break;
+    at = above;
+  }
+  return text.empty() ? "/" : text;
+}
+
+bool Tree::isWithin(const Item& item, const Item& folder) {
+  for (const Item* at = &item; at != nullptr; at = at->folder) {
+    if (at == &folder) return true;
+  }
+  return false;
+}
+
+void Tree::forEach(const std::function<void(Item&)>& visit) {
+  for (const auto& [id, item] : items_) {
+    if (id != kRootItem) visit(*item);
+  }
+}
+
+std::vector<Item*> Tree::childrenThere(const Item& folder) const {
+  std::vector<Item*> children;
+  for (const auto& [id, item] : folder.part->children) {
+    if (item->there && isAtPlaceThere(*item)) children.push_back(item);
+  }
+  for (auto at = astray_.lower_bound({folder.id, ""});
+       at != astray_.end() && at->first.folder == folder.id; ++at) {
+    children.push_back(at->second);
+  }
+  return children;
+}
+
+// ------------------------------------------------------------------------------------------- links
+
+// Both sides' places of every item go through link, unlink and setThere, which keep the table of what is astray.
+void Tree::link(Item& item, Item& folder, std::string name, bool tellKernel) {
+  if (item.there) astray_.erase(placeThere(item));
+  item.name = std::move(name);
+  item.folder = &folder;
+  folder.part->children.emplace(item.id, &item);
+  folder.part->byName.emplace(item.name, &item);
+  if (item.there && !isAtPlaceThere(item)) astray_.insert_or_assign(placeThere(item), &item);
+  if (tellKernel && folder.node != 0)
+    effects_.cache.push_back({Kind::entry, folder.node, item.name, 0});
+  touch(folder, tellKernel);
+  note(item);
+}
+
+void Tree::unlink(Item& item, bool tellKernel) {
+  Item& folder = *item.folder;
+  if (tellKernel && folder.node != 0)
+    effects_.cache.push_back({Kind::deletion, folder.node, item.name, item.node});
+  folder.part->children.erase(item.id);
+  folder.part->byName.erase(item.name);
+  item.folder = nullptr;
+  if (item.there) astray_.insert_or_assign(placeThere(item), &item);
+  touch(folder, tellKernel);
+  note(item);
+}
+
+void Tree::setThere(Item& item, std::optional<ThereState> there) {
+  if (item.there) {
+    const auto named = byIdentifier_.find(item.there->identifier);
+    if (named != byIdentifier_.end() && named->second == &item) byIdentifier_.erase(named);
+    const auto place = astray_.find(placeThere(item));
+    if (place != astray_.end() && place->second == &item) astray_.erase(place);
+    if (!there || !there->isHeldDeletion) held_.erase(item.id);
+  }
+  item.there = std::move(there);
+  if (item.there) {
+    byIdentifier_.erase(item.there->identifier);  // whoever had it before: what is told last counts
+    byIdentifier_.emplace(item.there->identifier, &item);
+    if (!isAtPlaceThere(item)) astray_.insert_or_assign(placeThere(item), &item);
+  }
+  note(item);
+}
+
+// The modification time of a folder moves when a name in it comes, goes or stands for another item; the kernel tells by it
+// that a listing that it put together meanwhile is an old one.
+void Tree::touch(Item& folder, bool tellKernel) {
+  const FileTime now = FileTime::of(setting_.now());
+  FileTime later = folder.modified;
+  if (++later.nanoseconds >= 1'000'000'000) later = {later.seconds + 1, 0};
+  folder.modified = std::max(now, later);
+  folder.changed = folder.modified;
+  effects_.changed.insert(folder.id);
+  if (tellKernel && folder.node != 0) effects_.cache.push_back({Kind::listing, folder.node, {}, 0});
+}
+
+// ------------------------------------------------------------------------------------------- versions and contents
+
+void Tree::detachVersion(Item& item) {
+  if (item.node == 0 || item.isRoot()) return;
+  effects_.detached.push_back({item.node, item.id, item.object, item.isExecutable, item.sizeBytes,
+                               item.modified, item.changed});
+  item.node = 0;
+}
+
+void Tree::succeed(Item& item) {
+  if (item.folder != nullptr && item.folder->node != 0)
+    effects_.cache.push_back({Kind::entry, item.folder->node, item.name, 0});
+  detachVersion(item);
+}
+
+void Tree::releaseContent(Item& item, bool rescue) {
+  if (item.content && item.content->state.number != 0) {
+    const ContentNumber number = item.content->state.number;
+    if (rescue && item.isWhole()) effects_.rescued.push_back({number, item.name});
+    if (item.object) {
+      effects_.abandoned.push_back(item.object);
+    } else if (!rescue || !item.isWhole()) {
+      effects_.dropped.push_back(number);
+    }
+  } else if (item.object) {
+    effects_.abandoned.push_back(item.object);
+  }
+  item.object = nullptr;
+  item.content = nullptr;
+}
+
+void Tree::setContent(Item& item, const ContentState& state) {
+  if (!item.content) item.content = std::make_unique<ContentRow>();
+  ContentRow& row = *item.content;
+  const bool begins = row.state.edits == row.sentEdits && state.edits != row.sentEdits;
+  if (begins && item.there) row.base = item.there->version.contentVersion;
+  row.state = state;
+  item.sizeBytes = state.sizeBytes;
+  note(item);
+}
+
+void Tree::dropContent(Item& item) {
+  item.content = nullptr;
+  if (item.there) item.sizeBytes = item.there->sizeBytes;
+  note(item);
+}
+
+// ------------------------------------------------------------------------------------------- changes made here
+
+Item& Tree::create(Item& folder, std::string name, bool isFolder, bool isExecutable) {
+  Item& item = make(nextItem_++, isFolder);
+  item.isExecutable = isExecutable;
+  item.modified = FileTime::of(setting_.now());
+  item.changed = item.modified;
+  item.accessed = item.modified;
+  if (isFolder) item.part->listing.isEnumerated = true;  // nobody else knows it yet
+  link(item, folder, std::move(name), false);
+  return item;
+}
+
+void Tree::changedHere(Item& item) { note(item); }
+
+void Tree::remove(Item& item) {
+  unlink(item, false);
+  item.changed = FileTime::of(setting_.now());
+  if (!item.there && !item.isUnderWay) effects_.gone.insert(item.id);
+}
+
+void Tree::move(Item& item, Item& folder, std::string name) {
+  if (Item* replaced = child(folder, name); replaced != nullptr && replaced != &item)
+    remove(*replaced);
+  unlink(item, false);
+  item.staysHere = false;  // the new name may be one that the extension takes
+  item.changed = FileTime::of(setting_.now());
+  link(item, folder, std::move(name), false);
+  takeOver(item);
+}
+
+void Tree::exchange(Item& a, Item& b) {
+  Item& folderA = *a.folder;
+  Item& folderB = *b.folder;
+  std::string nameA = a.name;
+  std::string nameB = b.name;
+  unlink(a, false);
+  unlink(b, false);
+  link(a, folderB, std::move(nameB), false);
+  link(b, folderA, std::move(nameA), false);
+}
+
+std::string Tree::freeNameFor(const Item& folder, const std::string& name) const {
+  return conflictName(name, setting_.machine, setting_.now(), [&](const std::string& tried) {
+    return child(folder, tried) != nullptr || occupant({folder.id, tried}) != nullptr;
+  });
+}
+
+bool Tree::differs(const Item& item) { return !item.staysHere && outgoingItem(item).differs(); }
+
+}  // namespace kestrune::host

@@ -1,0 +1,240 @@
+// What is to be sent of a tree, and what became of what was sent.
+#include <chrono>
+#include <utility>
+
+#include "host/tree/Tree.h"
+
+namespace kestrune::host {
+
+namespace {
+
+// A file that was sent so lately is still being saved: who moves it over another one means new contents of that one.
+constexpr std::chrono::seconds kLately{60};
+
+// Answers are asked one item at a time and must outlive the question.
+class View final : public OutgoingView {
+ public:
+  explicit View(const Tree& tree) : tree_(tree) {}
+  const OutgoingItem* find(NodeId id) const override {
+    if (id == kRootItem) return nullptr;
+    const auto known = known_.find(id);
+    if (known != known_.end()) return &known->second;
+    const Item* item = tree_.find(id);
+    if (item == nullptr) return nullptr;
+    return &known_.emplace(id, Tree::outgoingItem(*item)).first->second;
+  }
+  const OutgoingItem* occupant(const Place& there) const override {
+    const Item* item = tree_.occupant(there);
+    return item == nullptr ? nullptr : find(item->id);
+  }
+
+ private:
+  const Tree& tree_;
+  mutable std::unordered_map<ItemId, OutgoingItem> known_;
+};
+
+}  // namespace
+
+ThereState thereStateOf(const ItemRecord& record, ItemId folder) {
+  ThereState there;
+  there.identifier = record.identifier;
+  there.folder = folder;
+  there.name = record.name;
+  // An extension without versions is taken at its sizes and times.
+  there.version.contentVersion =
+      record.contentVersion.value_or(std::to_string(record.sizeBytes) + "/" +
+                                     std::to_string(record.modified.time_since_epoch().count()));
+  there.version.metadataVersion = record.metadataVersion;
+  there.sizeBytes = record.sizeBytes;
+  there.modified = record.modified;
+  return there;
+}
+
+std::unique_ptr<OutgoingView> Tree::outgoing() const { return std::make_unique<View>(*this); }
+
+OutgoingItem Tree::outgoingItem(const Item& item) {
+  OutgoingItem outgoing;
+  outgoing.id = item.id;
+  outgoing.isFolder = item.isFolder;
+  outgoing.isLinked = item.isLinked();
+  if (item.folder != nullptr) outgoing.here = {item.folder->id, item.name};
+  if (item.there) {
+    outgoing.there = Place{item.there->folder, item.there->name};
+    if (!outgoing.isLinked) outgoing.here = *outgoing.there;
+  }
+  if (item.content) {
+    outgoing.edits = item.content->state.edits;
+    outgoing.sentEdits = item.content->sentEdits;
+  }
+  return outgoing;
+}
+
+// `item` has come to a place where the store has another file that is no longer there here: programs save like that, and
+// mean new contents of the same file.
+void Tree::takeOver(Item& item) {
+  if (item.isFolder || item.isUnderWay || !item.content || item.staysHere) return;
+  Item* before = occupant({item.folder->id, item.name});
+  if (before == nullptr || before == &item || before->isFolder || before->isUnderWay) return;
+  const bool keepsName = before->isLinked();
+  // A backup copy beside it goes out as a new file, if all of it is here; else the renaming goes out as one.
+  if (keepsName && (before->folder != item.folder || !before->isWhole())) return;
+  if (item.there) {
+    const platform::Date now = setting_.now();
+    const platform::Date sent{std::chrono::seconds(item.uploadedSeconds)};
+    if (!item.isWhole() || now - sent > kLately) return;
+    // Its own place at the store is to be cleared: that is left to an item that is there alone.
+    Item& left = make(nextItem_++, false);
+    left.name = item.there->name;
+    ThereState there = *item.there;
+    forgetThere(item);
+    setThere(left, std::move(there));
+  }
+  ThereState there = *before->there;
+  ContentRow& row = *item.content;
+  row.base = before->isEdited() ? before->content->base : there.version.contentVersion;
+  if (row.sentEdits == row.state.edits) row.sentEdits = row.state.edits - 1;
+  forgetThere(*before);
+  setThere(item, std::move(there));
+  item.sentAt = moment();
+  before->sentAt = moment();
+  if (!keepsName) effects_.gone.insert(before->id);
+}
+
+void Tree::beginChange(Item& item) { item.isUnderWay = true; }
+
+void Tree::beginSending(Item& item, std::int64_t bytes, std::uint64_t edits) {
+  item.isUnderWay = true;
+  if (!item.content) return;
+  item.content->sendingSince =
+      std::chrono::floor<std::chrono::seconds>(setting_.now()).time_since_epoch().count();
+  item.content->sendingBytes = bytes;
+  item.content->sendingEdits = edits;
+  note(item);
+}
+
+void Tree::endChange(Item& item) {
+  item.isUnderWay = false;
+  note(item);
+  if (!item.isLinked() && !item.there) effects_.gone.insert(item.id);
+}
+
+void Tree::created(Item& item, const Place& place, const ItemRecord& answer, std::uint64_t edits,
+                   platform::Date began) {
+  ThereState there = thereStateOf(answer, place.folder);
+  there.name = place.name;
+  if (!item.isFolder) {
+    there.isProvisional = true;
+    there.modified = began;
+  }
+  setThere(item, std::move(there));
+  if (item.content) sent(item, answer, edits, began);
+  item.sentAt = moment();
+}
+
+void Tree::sent(Item& item, const ItemRecord& answer, std::uint64_t edits, platform::Date began) {
+  const ThereState answered = thereStateOf(answer, 0);
+  ContentRow& row = *item.content;
+  ThereState& there = *item.there;
+  there.version = answered.version;
+  there.sizeBytes = row.sendingSince != 0 ? row.sendingBytes : answered.sizeBytes;
+  there.modified = began;
+  there.isProvisional = true;
+  row.sentEdits = edits;
+  row.base = there.version.contentVersion;
+  row.sendingSince = 0;
+  item.uploadedSeconds =
+      std::chrono::floor<std::chrono::seconds>(setting_.now()).time_since_epoch().count();
+  item.sentAt = moment();
+  note(item);
+}
+
+void Tree::moved(Item& item, const Place& place, const ItemRecord& answer) {
+  ThereState there = *item.there;
+  there.identifier = answer.identifier;
+  there.folder = place.folder;
+  there.name = place.name;
+  there.version.metadataVersion = answer.metadataVersion;
+  setThere(item, std::move(there));
+  item.sentAt = moment();
+  if (item.isFolder) markStale(item);
+}
+
+// What is in it may have other identifiers now, at any depth.
+void Tree::markStale(Item& folder) {
+  std::vector<Item*> pending = {&folder};
+  while (!pending.empty()) {
+    Item& at = *pending.back();
+    pending.pop_back();
+    at.sentAt = moment();
+    const std::vector<Item*> children = childrenThere(at);
+    if (!children.empty() || at.part->listing.isEnumerated) {
+      at.part->listing.hasStaleIdentifiers = true;
+      at.part->listing.anchor = std::nullopt;
+      effects_.doubtful.insert(at.id);
+      note(at);
+    }
+    for (Item* child : children) {
+      if (child->isFolder) pending.push_back(child);
+    }
+  }
+}
+
+void Tree::removedThere(Item& item) {
+  if (item.isFolder) {
+    for (Item* child : childrenThere(item)) removedThere(*child);
+  }
+  forgetThere(item);
+  item.sentAt = moment();
+  if (!item.isLinked()) effects_.gone.insert(item.id);
+}
+
+void Tree::refused(Item& item) {
+  item.staysHere = true;
+  note(item);
+}
+
+Item& Tree::keepBoth(Item& item) {
+  ThereState there = *item.there;
+  Item* folderThere = find(there.folder);
+  const bool wasAtPlace =
+      item.folder != nullptr && item.folder == folderThere && item.name == there.name;
+  const std::string name = there.name;
+  forgetThere(item);
+  item.content->base.clear();
+  item.content->sendingSince = 0;
+  if (wasAtPlace) {
+    Item& folder = *item.folder;
+    const std::string conflicting = freeNameFor(folder, name);
+    unlink(item, true);
+    link(item, folder, conflicting, true);
+  }
+  Item& stored = make(nextItem_++, false);
+  stored.sizeBytes = there.sizeBytes;
+  stored.modified = FileTime::of(there.modified);
+  stored.changed = stored.modified;
+  stored.accessed = stored.modified;
+  stored.isExecutable = item.isExecutable;
+  const std::string free =
+      child(*folderThere, name) == nullptr ? name : freeNameFor(*folderThere, name);
+  if (folderThere->isLinked())
+    link(stored, *folderThere, free, true);
+  else
+    stored.name = name;
+  setThere(stored, std::move(there));
+  return stored;
+}
+
+void Tree::bringBack(Item& item) {
+  if (item.isLinked() || !item.there) return;
+  Item* folder = find(item.there->folder);
+  if (folder == nullptr) return;
+  if (!folder->isLinked()) bringBack(*folder);
+  if (!folder->isLinked()) return;
+  const std::string& name = item.there->name;
+  link(item, *folder, child(*folder, name) == nullptr ? name : freeNameFor(*folder, name), true);
+  effects_.gone.erase(item.id);
+  if (!item.isFolder) return;
+  for (Item* child : childrenThere(item)) bringBack(*child);
+}
+
+}  // namespace kestrune::host
