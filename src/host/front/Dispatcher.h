@@ -42,6 +42,8 @@ struct Attributes {
   FileTime accessed;
   FileTime modified;
   FileTime changed;
+  /// It has no name any more; somebody has it open still.
+  bool isUnlinked = false;
 };
 
 struct Entry {

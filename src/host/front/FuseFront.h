@@ -1,15 +1,36 @@
-// The kernel's side of the mount: decodes FUSE requests, calls the Dispatcher, replies. No decision is made here.
+// The kernel's side of the mount: decodes FUSE requests, calls the Dispatcher, replies. What the kernel decides by itself
+// (permissions, locks, offsets of appended bytes) does not come here, and what the tree decides is the dispatcher's.
+// Decided here is only what follows from the kernel's interface:
+//
+// - Hard and symbolic links, devices and the like: EPERM. Names over 255 bytes: ENAMETOOLONG.
+// - Owners are the mounting user's and stay so: a chown to others answers EPERM.
+// - Modes are 0644 or 0755, 0444 or 0555 where nobody may write; of a file the owner's execute bit is kept. The mode of
+//   what is created is masked silently, as by a umask. A chmod that cannot be kept answers EPERM: one that takes away
+//   the owner's rights, or sets the bits above 0777. What it says about group and others cannot be kept either, but is not
+//   false where they cannot enter the mount at all: the mount is then like a folder of mode 0700, and programs that want a
+//   file for themselves (0600: `mktemp`, key files, archives) or share it (0664) get what they ask for in effect. Where others
+//   may enter, their bits must be those shown.
+// - Extended attributes: ENOSYS, which the kernel remembers for the whole mount, unless the mount shows them; then
+//   names outside "user." answer ENOTSUP.
+// - `lseek` for data and holes is left to the kernel, which takes everything for data: what is not here is no hole.
+// - A new file whose name turns out to be taken, for a program that would also have opened an old one: ESTALE, upon which
+//   the kernel looks again.
 //
 // Requests that may wait are registered in OpenCalls, so that a program's signal, or the end of the mount, answers them
-// while the work goes on; a value that comes too late is given back.
+// while the work goes on; a value that comes too late is given back. A signal ends what only looks or reads at once. What
+// changes something gets a second more: EINTR leaves open whether it has happened, programs repeat it then, and those
+// with a timer or a runtime of their own are signalled all the time.
 //
 // Threads: requests come on the session's threads and are answered on any. Nothing blocks here.
 #pragma once
 
 #include <memory>
 
+#include "host/basics/Timers.h"
 #include "host/front/Dispatcher.h"
+#include "host/front/FuseDevice.h"
 #include "host/front/OpenCalls.h"
+#include "host/front/Passthrough.h"
 
 struct fuse_args;
 struct fuse_session;
@@ -18,23 +39,43 @@ namespace kestrune::host {
 
 class FuseFront {
  public:
+  struct Options {
+    bool othersMayEnter = false;
+    bool extendedAttributes = false;
+  };
+
   /// The dispatcher outlives the front.
   explicit FuseFront(Dispatcher& dispatcher) : dispatcher_(dispatcher) {}
   FuseFront(const FuseFront&) = delete;
   FuseFront& operator=(const FuseFront&) = delete;
 
-  /// A new kernel session that calls this front, which outlives it; null if the library refuses `arguments`.
-  fuse_session* newSession(fuse_args& arguments);
+  /// A new kernel session that calls this front, which outlives it; null if the library refuses `arguments`. Once a front.
+  fuse_session* newSession(fuse_args& arguments, const Options& options);
+  /// The session has been mounted; its requests may be received when this returns. Fails: throws NSPOSIXError.
+  void mounted(fuse_session* session);
 
   /// Answers everything that still waits with ENOTCONN, now and from now on.
   void endAll();
 
+  /// Whether the kernel reads files that are whole here by itself. Not known, hence false, before the first of them is opened.
+  bool passthroughInUse() const { return passthrough_.inUse(); }
+
+  // What the requests work with.
+  const Options& options() const { return options_; }
   Dispatcher& dispatcher() { return dispatcher_; }
-  OpenCalls& calls() { return calls_; }
+  OpenCalls& calls() { return *calls_; }
+  Passthrough& passthrough() { return passthrough_; }
+  FuseDevice& device() { return device_; }
+  /// A signal came for a call that changes something.
+  void interruptLater(std::uint64_t number);
 
  private:
   Dispatcher& dispatcher_;
-  OpenCalls calls_;
+  Options options_;
+  FuseDevice device_;
+  Passthrough passthrough_{device_};
+  const std::shared_ptr<OpenCalls> calls_ = std::make_shared<OpenCalls>();
+  const std::shared_ptr<Timers> timers_ = systemTimers();
 };
 
 }  // namespace kestrune::host

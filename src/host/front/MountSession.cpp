@@ -39,11 +39,14 @@ MountSession::MountSession(FuseFront& front, const MountSettings& settings)
   fuse_args arguments = FUSE_ARGS_INIT(0, nullptr);
   add(arguments, "kestrune");
   add(arguments, "-o");
-  add(arguments,
-      std::string(
-          "fsname=kestrune,subtype=kestrune,ro,nosuid,nodev,default_permissions,max_read=1048576") +
-          (settings.allowOtherUsers ? ",allow_other" : ""));
-  session_ = front.newSession(arguments);
+  add(arguments, std::string("fsname=kestrune,subtype=kestrune,nosuid,nodev,default_permissions,"
+                             "max_read=1048576,") +
+                     (settings.writable ? "rw" : "ro") +
+                     (settings.allowOtherUsers ? ",allow_other" : ""));
+  FuseFront::Options options;
+  options.othersMayEnter = settings.allowOtherUsers;
+  options.extendedAttributes = settings.extendedAttributes;
+  session_ = front.newSession(arguments, options);
   fuse_opt_free_args(&arguments);
   if (session_ == nullptr) throw NSPOSIXError(EINVAL, "set up a FUSE session");
   errno = 0;
@@ -51,6 +54,13 @@ MountSession::MountSession(FuseFront& front, const MountSettings& settings)
     const int error = errno != 0 ? errno : EPERM;
     fuse_session_destroy(session_);
     throw NSPOSIXError(error, "mount on '" + settings.mountPoint.string() + "'");
+  }
+  try {
+    front.mounted(session_);
+  } catch (...) {
+    fuse_session_unmount(session_);
+    fuse_session_destroy(session_);
+    throw;
   }
   raiseReadAhead(settings.mountPoint, kReadAhead);
 }

@@ -26,6 +26,11 @@ struct MountSettings {
   std::filesystem::path mountPoint;
   /// Whether users other than the mounting one, root among them, may enter. The system's configuration may forbid it.
   bool allowOtherUsers = false;
+  /// False: the kernel itself answers every change with EROFS.
+  bool writable = false;
+  /// Whether files and folders have extended attributes. Programs that list a folder ask for several of each file, which
+  /// makes that three times as slow.
+  bool extendedAttributes = false;
 };
 
 class MountSession {

@@ -1,0 +1,106 @@
+#include "host/front/FuseDevice.h"
+
+#define FUSE_USE_VERSION 312
+#include <fuse_lowlevel.h>
+#include <linux/fuse.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "host/front/FuseFront.h"
+#include "platform/values/NSError.h"
+
+namespace kestrune::host {
+
+namespace {
+
+// From the kernel's include/uapi/linux/fuse.h, protocol 7.40 (Linux 6.9), which is newer than Debian 12's copy of it.
+// FUSE_PASSTHROUGH is bit 37 of the flags, whose upper half is `flags2`.
+constexpr std::uint32_t kPassthroughInFlags2 = 1U << (37U - 32U);
+// How many file systems may lie upon each other: the local file's own is none of those that lie on others.
+constexpr std::uint32_t kStackDepth = 1;
+// struct fuse_backing_map
+struct BackingMap {
+  std::int32_t descriptor;
+  std::uint32_t flags;
+  std::uint64_t padding;
+};
+constexpr unsigned long kBackingOpen = _IOW(229, 1, BackingMap);
+constexpr unsigned long kBackingClose = _IOW(229, 2, std::uint32_t);
+// struct fuse_init_out has `max_stack_depth` where the older header has the first unused word.
+constexpr std::size_t kStackDepthOffset = offsetof(fuse_init_out, unused);
+static_assert(kStackDepthOffset == 36 && sizeof(fuse_init_out) == 64);
+
+FuseDevice& deviceOf(void* userData) { return static_cast<FuseFront*>(userData)->device(); }
+
+ssize_t receiveFor(int, void* buffer, std::size_t size, void* userData) {
+  return deviceOf(userData).receive(buffer, size);
+}
+
+ssize_t sendFor(int, iovec* parts, int count, void* userData) {
+  return deviceOf(userData).send(parts, count);
+}
+
+}  // namespace
+
+void FuseDevice::attach(fuse_session* session, std::function<void()> agreed) {
+  descriptor_ = fuse_session_fd(session);
+  agreed_ = std::move(agreed);
+  fuse_custom_io io = {};
+  io.read = &receiveFor;
+  io.writev = &sendFor;
+  const int result = fuse_session_custom_io(session, &io, descriptor_);
+  if (result != 0) throw platform::NSPOSIXError(-result, "set up a FUSE session");
+}
+
+ssize_t FuseDevice::receive(void* buffer, std::size_t size) {
+  const ssize_t length = ::read(descriptor_, buffer, size);
+  if (length > 0) noteInit(buffer, static_cast<std::size_t>(length));
+  return length;
+}
+
+// The library's buffer is aligned for anything.
+void FuseDevice::noteInit(const void* request, std::size_t size) {
+  const auto* header = static_cast<const fuse_in_header*>(request);
+  if (size < sizeof(fuse_in_header) + sizeof(fuse_init_in) || header->opcode != FUSE_INIT) return;
+  const auto* offer = reinterpret_cast<const fuse_init_in*>(header + 1);
+  const bool isOffered =
+      (offer->flags & FUSE_INIT_EXT) != 0 && (offer->flags2 & kPassthroughInFlags2) != 0;
+  if (isOffered) init_ = header->unique;
+}
+
+ssize_t FuseDevice::send(const iovec* parts, int count) {
+  if (init_ != 0) amendInit(parts, count);
+  return ::writev(descriptor_, parts, count);
+}
+
+void FuseDevice::amendInit(const iovec* parts, int count) {
+  const auto* header = static_cast<const fuse_out_header*>(parts[0].iov_base);
+  if (header->unique != init_) return;
+  init_ = 0;
+  if (header->error != 0 || count != 2 || parts[1].iov_len != sizeof(fuse_init_out)) return;
+  auto* answer = static_cast<fuse_init_out*>(parts[1].iov_base);
+  answer->flags |= FUSE_INIT_EXT;
+  answer->flags2 |= kPassthroughInFlags2;
+  std::memcpy(reinterpret_cast<char*>(answer) + kStackDepthOffset, &kStackDepth,
+              sizeof(kStackDepth));
+  agreed_();
+}
+
+std::optional<std::int32_t> FuseDevice::open(int descriptor) {
+  BackingMap map = {descriptor, 0, 0};
+  const int number = ::ioctl(descriptor_, kBackingOpen, &map);
+  if (number <= 0) return std::nullopt;
+  return number;
+}
+
+void FuseDevice::close(std::int32_t number) {
+  auto given = static_cast<std::uint32_t>(number);
+  ::ioctl(descriptor_, kBackingClose,
+          &given);  // fails only for a number that the kernel never gave
+}
+
+}  // namespace kestrune::host

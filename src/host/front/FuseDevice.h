@@ -1,0 +1,51 @@
+// The kernel's device below the kernel library, for what libfuse 3.14 does not know of: the kernel's own reading of local
+// files ("passthrough", Linux 6.9). It changes one message, the answer to INIT, and gives the kernel local files by ioctl.
+//
+// Threads: every operation may be called from any thread once `attach` has returned.
+// Owns: nothing; the descriptor is the session's, and the kernel forgets the backing files with it.
+#pragma once
+
+#include <sys/types.h>
+#include <sys/uio.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+
+#include "host/front/Passthrough.h"
+
+struct fuse_session;
+
+namespace kestrune::host {
+
+class FuseDevice final : public BackingFiles {
+ public:
+  FuseDevice() = default;
+  FuseDevice(const FuseDevice&) = delete;
+  FuseDevice& operator=(const FuseDevice&) = delete;
+
+  /// Puts itself between the kernel and `session`, whose user data is a FuseFront with this device. `agreed` runs, inside
+  /// the first answer, if the kernel is able to read files by itself.
+  /// REQUIRES: the session is mounted, and no request has been received.
+  void attach(fuse_session* session, std::function<void()> agreed);
+
+  std::optional<std::int32_t> open(int descriptor) override;
+  void close(std::int32_t number) override;
+
+  /// As read(2) and writev(2); called by the library.
+  ssize_t receive(void* buffer, std::size_t size);
+  ssize_t send(const iovec* parts, int count);
+
+ private:
+  void noteInit(const void* request, std::size_t size);
+  void amendInit(const iovec* parts, int count);
+
+  int descriptor_ = -1;
+  std::function<void()> agreed_;
+  // The request that INIT came with, until it is answered; 0 otherwise.
+  std::atomic<std::uint64_t> init_ = 0;
+};
+
+}  // namespace kestrune::host

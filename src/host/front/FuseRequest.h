@@ -1,0 +1,62 @@
+// What the requests of all kinds have in common: whom they ask, how the ones that may wait are registered, and how values
+// become the kernel's structures. Only for the front's own sources.
+#pragma once
+
+#define FUSE_USE_VERSION 312
+#include <fuse_lowlevel.h>
+#include <sys/stat.h>
+
+#include <cstddef>
+
+#include "host/front/FuseFront.h"
+
+namespace kestrune::host {
+
+/// The host tells the kernel of every change, so what the kernel knows holds until then.
+inline constexpr double kValidSeconds = 86400;
+/// How much the kernel may ask for or bring in one request; also the pages that libfuse announces for one.
+inline constexpr std::size_t kLargestTransfer = 1U << 20U;
+
+void addNameOperations(fuse_lowlevel_ops& operations);
+void addFolderOperations(fuse_lowlevel_ops& operations);
+void addFileOperations(fuse_lowlevel_ops& operations);
+void addAttributeOperations(fuse_lowlevel_ops& operations);
+void addExtendedAttributeOperations(fuse_lowlevel_ops& operations);
+
+FuseFront& frontOf(fuse_req_t request);
+Dispatcher& dispatcherOf(fuse_req_t request);
+
+enum class Signalled {
+  endsAtOnce,
+  endsLater,  // for what changes something
+};
+
+/// Registers a request that may wait. Null: it has been answered.
+OpenCalls::CallPtr beginCall(fuse_req_t request, Signalled signalled);
+
+void replyError(fuse_req_t request, const platform::NSError& error);
+/// Answers a call that has no value.
+Reply<Done> replyingDone(fuse_req_t request, OpenCalls::CallPtr call);
+
+struct stat statusOf(const Attributes& attributes);
+fuse_entry_param parametersOf(const Entry& entry);
+
+/// Answers with an entry. A reference that does not reach the kernel is given back.
+void replyEntry(Dispatcher& dispatcher, OpenCalls::Call& call, fuse_req_t request,
+                const Answer<Entry>& answer);
+
+/// False if no file can have this name; it has been answered then.
+bool isNamePossible(fuse_req_t request, const char* name);
+
+/// What the kernel holds of an open file.
+struct OpenHandle {
+  OpenFilePtr file;
+  Passthrough::Way way;
+};
+OpenHandle& handleOf(const fuse_file_info& info);
+
+/// What has become of a new file that was created and opened.
+void createFile(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode,
+                fuse_file_info* info);
+
+}  // namespace kestrune::host
