@@ -182,6 +182,12 @@ bool Tree::isWithin(const Item& item, const Item& folder) {
   return false;
 }
 
+void Tree::forEachChildThere(ItemId folder, const std::function<void(const Item&)>& visit) const {
+  const Item* item = find(folder);
+  if (item == nullptr || !item->isFolder) return;
+  for (const Item* child : childrenThere(*item)) visit(*child);
+}
+
 void Tree::forEach(const std::function<void(Item&)>& visit) {
   for (const auto& [id, item] : items_) {
     if (id != kRootItem) visit(*item);

@@ -102,6 +102,8 @@ class Tree {
   std::string path(const Item& item) const;
   static bool isWithin(const Item& item, const Item& folder);
   std::size_t count() const { return items_.size(); }
+  /// Calls `visit` for every item whose place there is in `folder`.
+  void forEachChildThere(ItemId folder, const std::function<void(const Item&)>& visit) const;
   /// Calls `visit` for every item but the root.
   void forEach(const std::function<void(Item&)>& visit);
 
