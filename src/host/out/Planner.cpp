@@ -15,21 +15,27 @@ bool hasTarget(const Change& change) {
 class Planning {
  public:
   Planning(const OutgoingView& items, std::span<const NodeId> differing,
-           std::span<const Change> underWay)
-      : items_(items), differing_(differing), together_(underWay.begin(), underWay.end()) {}
+           std::span<const Change> underWay, const MayBegin& mayBegin)
+      : items_(items),
+        differing_(differing),
+        mayBegin_(mayBegin),
+        together_(underWay.begin(), underWay.end()) {}
 
   std::vector<Change> ready(std::size_t limit) {
     const std::size_t before = together_.size();
     findFoldersThatAreLeft();
     for (const NodeId id : differing_) {
       if (together_.size() >= limit) break;
-      if (const OutgoingItem* item = items_.find(id)) offer(*item);
+      const OutgoingItem* item = items_.find(id);
+      if (item != nullptr && mayBegin(*item)) offer(*item);
     }
     if (together_.empty() && limit > 0) breakCircle();
     return {together_.begin() + static_cast<std::ptrdiff_t>(before), together_.end()};
   }
 
  private:
+  bool mayBegin(const OutgoingItem& item) const { return !mayBegin_ || mayBegin_(item); }
+
   /// Adds what is next for `item`, if it may begin.
   void offer(const OutgoingItem& item) {
     if (item.isToBeRemoved()) {
@@ -128,9 +134,10 @@ class Planning {
     for (const NodeId id : differing_) {
       const OutgoingItem* item = items_.find(id);
       if (item == nullptr || !(item->isToBeCreated() || item->isToBeMoved())) continue;
+      if (!mayBegin(*item)) continue;
       if (!isThere(item->here.folder) || isAbove(item->id, item->here.folder)) continue;
       const OutgoingItem* occupant = items_.occupant(item->here);
-      if (occupant == nullptr || occupant->id == item->id) continue;
+      if (occupant == nullptr || occupant->id == item->id || !mayBegin(*occupant)) continue;
       const Place aside{item->here.folder, asideName(occupant->id)};
       together_.push_back({Kind::moveAside, occupant->id, aside});
       return;
@@ -139,6 +146,7 @@ class Planning {
 
   const OutgoingView& items_;
   const std::span<const NodeId> differing_;
+  const MayBegin& mayBegin_;
   std::vector<NodeId> waitedFor_;  // in order
   std::vector<Change> together_;   // under way, then ready
 };
@@ -146,8 +154,9 @@ class Planning {
 }  // namespace
 
 std::vector<Change> readyChanges(const OutgoingView& items, std::span<const NodeId> differing,
-                                 std::span<const Change> underWay, std::size_t limit) {
-  return Planning(items, differing, underWay).ready(limit);
+                                 std::span<const Change> underWay, std::size_t limit,
+                                 const MayBegin& mayBegin) {
+  return Planning(items, differing, underWay, mayBegin).ready(limit);
 }
 
 std::string asideName(NodeId id) { return ".kestrune-moving-" + std::to_string(id); }

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -80,11 +81,15 @@ struct Change {
   bool operator==(const Change&) const = default;
 };
 
+/// Whether a change of the item may begin now, as far as its caller knows: it may be too early.
+using MayBegin = std::function<bool(const OutgoingItem& item)>;
+
 /// The changes that may begin now, beside those that are `underWay`, at most `limit` of both. `differing`
-/// names the items to look at, those that have waited longest first; items that do not differ are passed
-/// over.
+/// names all items that differ, those that have waited longest first; items that do not differ are passed
+/// over, and those that may not begin are only waited for.
 std::vector<Change> readyChanges(const OutgoingView& items, std::span<const NodeId> differing,
-                                 std::span<const Change> underWay, std::size_t limit);
+                                 std::span<const Change> underWay, std::size_t limit,
+                                 const MayBegin& mayBegin = nullptr);
 
 /// The name that `id` has while it is moved aside.
 std::string asideName(NodeId id);
