@@ -43,8 +43,7 @@ NSErrorPtr runAlone(SQLite::Database& connection, const CommitQueue::Work& work)
 
 }  // namespace
 
-CommitQueue::CommitQueue(std::unique_ptr<Database> database)
-    : database_(std::move(database)), thread_([this] { run(); }) {}
+CommitQueue::CommitQueue(Database& database) : database_(database), thread_([this] { run(); }) {}
 
 CommitQueue::~CommitQueue() {
   {
@@ -72,13 +71,12 @@ void CommitQueue::commitGroup(Group& group) {
     return entry.survives == Survives::powerCut;
   });
   try {
-    database_->setSurvives(flushed ? Survives::powerCut : Survives::processEnd);
-    SQLite::Transaction transaction(database_->connection(),
-                                    SQLite::TransactionBehavior::IMMEDIATE);
+    database_.setSurvives(flushed ? Survives::powerCut : Survives::processEnd);
+    SQLite::Transaction transaction(database_.connection(), SQLite::TransactionBehavior::IMMEDIATE);
     for (Entry& entry : group) {
-      entry.error = runAlone(database_->connection(), entry.work);
+      entry.error = runAlone(database_.connection(), entry.work);
       // A full disk ends the whole transaction; what came after would be committed by itself.
-      if (sqlite3_get_autocommit(database_->connection().getHandle()) != 0) entry.error->raise();
+      if (sqlite3_get_autocommit(database_.connection().getHandle()) != 0) entry.error->raise();
     }
     transaction.commit();
   } catch (...) {

@@ -9,7 +9,6 @@
 
 #include <condition_variable>
 #include <functional>
-#include <memory>
 #include <thread>
 #include <vector>
 
@@ -25,7 +24,8 @@ class CommitQueue {
   /// Null when the work is committed; else nothing of it is.
   using Reply = std::function<void(platform::NSErrorPtr error)>;
 
-  explicit CommitQueue(std::unique_ptr<Database> database);
+  /// The queue's thread alone uses `database` until the queue is gone.
+  explicit CommitQueue(Database& database);
   ~CommitQueue();
   CommitQueue(const CommitQueue&) = delete;
   CommitQueue& operator=(const CommitQueue&) = delete;
@@ -49,7 +49,7 @@ class CommitQueue {
   Group nextGroup();
   void commitGroup(Group& group);
 
-  const std::unique_ptr<Database> database_;
+  Database& database_;
   platform::Mutex mutex_;
   std::condition_variable changed_;
   Group waiting_ GUARDED_BY(mutex_);

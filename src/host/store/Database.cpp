@@ -47,7 +47,8 @@ Database::Database(const std::filesystem::path& file, const Schema& schema) {
   makeFile(file);
   try {
     connection_ = std::make_unique<SQLite::Database>(
-        file.string(), SQLite::OPEN_READWRITE | SQLite::OPEN_NOFOLLOW, kBusyMilliseconds);
+        file.string(), SQLite::OPEN_READWRITE | SQLite::OPEN_NOFOLLOW | SQLite::OPEN_NOMUTEX,
+        kBusyMilliseconds);
     check(schema);
     configure();
     migrate(schema);

@@ -57,7 +57,8 @@ struct CommitQueueTest : testing::Test {
 TEST_F(CommitQueueTest, WhatWasAcceptedIsThereAfterTheEnd) {
   std::vector<int> answered;
   {
-    CommitQueue queue(open());
+    const auto database = open();
+    CommitQueue queue(*database);
     for (int n = 0; n < 100; ++n) {
       queue.commit(insert(n), Survives::processEnd,
                    [&answered, n](const platform::NSErrorPtr& error) {
@@ -75,7 +76,8 @@ TEST_F(CommitQueueTest, WhatWasAcceptedIsThereAfterTheEnd) {
 TEST_F(CommitQueueTest, WhatComesDuringACommitGoesIntoTheNextTogether) {
   const support::Gate gate;
   {
-    CommitQueue queue(open());
+    const auto database = open();
+    CommitQueue queue(*database);
     std::atomic<bool> begun = false;
     queue.commit(
         [&](SQLite::Database& connection) {
@@ -97,7 +99,8 @@ TEST_F(CommitQueueTest, WhoFailsIsUndoneAlone) {
   platform::NSErrorPtr ofTheRule, ofTheWork;
   const support::Gate gate;
   {
-    CommitQueue queue(open());
+    const auto database = open();
+    CommitQueue queue(*database);
     queue.commit([&](SQLite::Database&) { (void)gate.take(1, std::chrono::seconds(30)); },
                  Survives::processEnd, [](const platform::NSErrorPtr&) {});
     queue.commit(insert(1), Survives::processEnd,
@@ -130,7 +133,8 @@ TEST_F(CommitQueueTest, AFullDiskFailsWhatWasToBeCommittedTogetherAndNothingLate
   std::vector<int> failed;
   std::atomic<int> answered = 0;
   {
-    CommitQueue queue(open());
+    const auto database = open();
+    CommitQueue queue(*database);
     const auto note = [&](int n) {
       return [&, n](const platform::NSErrorPtr& error) {
         if (error) failed.push_back(n);
@@ -177,7 +181,8 @@ TEST_F(CommitQueueTest, AnsweredCommitsSurviveAKill) {
     ASSERT_EQ(::pipe(ends), 0);
     const pid_t child = ::fork();
     if (child == 0) {
-      CommitQueue queue(std::make_unique<Database>(file(), kSchema));
+      Database database(file(), kSchema);
+      CommitQueue queue(database);
       for (int n = 0;; ++n) {
         queue.commit(insert(n), Survives::processEnd,
                      [n, &ends](const platform::NSErrorPtr& error) {

@@ -1,0 +1,442 @@
+#include "host/store/ItemTable.h"
+
+#include <SQLiteCpp/Transaction.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <fstream>
+#include <limits>
+#include <optional>
+
+#include "host/store/ItemColumns.h"
+#include "host/store/test/SampleRows.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace kestrune::host {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
+constexpr std::int64_t kLeast = std::numeric_limits<std::int64_t>::min();
+constexpr std::uint64_t kAllBits = std::numeric_limits<std::uint64_t>::max();
+
+std::vector<ItemRow> loaded(SQLite::Database& connection) {
+  std::vector<ItemRow> rows;
+  ItemTable(connection).load([&](ItemRow row) { rows.push_back(std::move(row)); });
+  return rows;
+}
+
+struct ItemTableTest : testing::Test {
+  std::filesystem::path file() const { return directory.path() / "items.sqlite"; }
+  SQLite::Database& connection() const { return opened.database->connection(); }
+
+  /// How loading fails.
+  std::string damage() const {
+    try {
+      loaded(connection());
+    } catch (const StoreError& error) {
+      EXPECT_EQ(error.which(), StoreError::Case::damaged);
+      return error.localizedDescription();
+    }
+    ADD_FAILURE() << "it loaded";
+    return "";
+  }
+
+  support::TemporaryDirectory directory;
+  OpenedItems opened = openItems(file());
+  std::optional<ItemTable> kept{connection()};
+  ItemTable& table = *kept;
+};
+
+TEST_F(ItemTableTest, GivesBackWhatWasPut) {
+  const std::vector<ItemRow> rows{sampleFile(2), sampleFolder(3), bareRow(4), sampleFile(5)};
+  for (const ItemRow& row : rows) table.put(row);
+  EXPECT_EQ(loaded(connection()), rows);
+}
+
+TEST_F(ItemTableTest, PutReplacesAllOfARow) {
+  table.put(sampleFile(2));
+  table.put(bareRow(2));
+  EXPECT_THAT(loaded(connection()), ElementsAre(bareRow(2)));
+  table.put(sampleFolder(2));
+  EXPECT_THAT(loaded(connection()), ElementsAre(sampleFolder(2)));
+}
+
+TEST_F(ItemTableTest, KeepsTheFurthestNumbers) {
+  ItemRow row = sampleFile(static_cast<ItemId>(kMost));
+  row.folder = row.there->folder = static_cast<ItemId>(kMost);
+  row.sizeBytes = row.there->sizeBytes = row.content->state.sizeBytes = kMost;
+  row.content->state.fetchableBytes = kMost;
+  row.content->state.edits = row.content->sentEdits = row.content->sendingEdits =
+      row.content->state.number = kAllBits;
+  row.content->usedSeconds = kLeast;
+  row.modified = {kLeast, 999'999'999};
+  row.changed = {kMost, 0};
+  row.there->modified = platform::kDistantPast;
+  row.content->state.present = {};
+  row.content->state.present.add({0, kMost});
+  table.put(row);
+  EXPECT_THAT(loaded(connection()), ElementsAre(row));
+}
+
+TEST_F(ItemTableTest, TextsAreBytes) {
+  ItemRow row = sampleFile(2);
+  row.name = row.there->name = "\xFF\xFE not UTF-8 \x80";
+  row.there->identifier = std::string("a\0b\xC3", 4);
+  row.there->version = {std::string("\0\0", 2), std::string("\xFF\0\xFF", 3)};
+  row.content->state.version = std::string("\0", 1);
+  row.content->base = std::string("b\0", 2);
+  ItemRow folder = sampleFolder(3);
+  folder.listing->anchor = std::string("\0anchor\0", 8);
+  table.put(row);
+  table.put(folder);
+  EXPECT_THAT(loaded(connection()), ElementsAre(row, folder));
+}
+
+TEST_F(ItemTableTest, EmptyIsNotNone) {
+  ItemRow row = sampleFile(2);
+  row.there->identifier = "";
+  row.there->version = {};
+  row.content->state.version = "";
+  row.content->state.present = {};
+  ItemRow folder = sampleFolder(3);
+  folder.listing->anchor = "";
+  ItemRow withoutAnchor = sampleFolder(4);
+  withoutAnchor.listing->anchor.reset();
+  for (const ItemRow& each : {row, folder, withoutAnchor}) table.put(each);
+  EXPECT_THAT(loaded(connection()), ElementsAre(row, folder, withoutAnchor));
+}
+
+TEST_F(ItemTableTest, TheRootHasNoName) {
+  ItemRow root = sampleFolder(kRootItem);
+  root.name = root.there->name = "";
+  table.put(root);
+  EXPECT_THAT(loaded(connection()), ElementsAre(root));
+}
+
+TEST_F(ItemTableTest, RemovesAnItemWithItsAttributes) {
+  table.put(sampleFile(2));
+  table.put(sampleFile(3));
+  table.putAttribute(2, "user.a", "1");
+  table.putAttribute(3, "user.a", "2");
+  table.remove(2);
+  table.remove(7);  // there is none
+  EXPECT_THAT(loaded(connection()), ElementsAre(sampleFile(3)));
+  EXPECT_THAT(table.attributes(2), IsEmpty());
+  EXPECT_THAT(table.attributes(3), ElementsAre(testing::Pair("user.a", "2")));
+}
+
+TEST_F(ItemTableTest, PuttingAnItemAgainKeepsItsAttributes) {
+  table.put(sampleFile(2));
+  table.putAttribute(2, "user.a", "1");
+  table.put(bareRow(2));
+  EXPECT_THAT(table.attributes(2), ElementsAre(testing::Pair("user.a", "1")));
+}
+
+TEST_F(ItemTableTest, AttributesAreBytesAndCanBeReplacedAndRemoved) {
+  const std::string name = "user.\xFF", value("\0\xFE", 2);
+  table.putAttribute(2, name, "old");
+  table.putAttribute(2, name, value);
+  table.putAttribute(2, "user.empty", "");
+  EXPECT_THAT(table.attributes(2),
+              ElementsAre(testing::Pair("user.empty", ""), testing::Pair(name, value)));
+  table.putAttribute(2, name, std::nullopt);
+  table.putAttribute(2, "user.never", std::nullopt);
+  EXPECT_THAT(table.attributes(2), ElementsAre(testing::Pair("user.empty", "")));
+}
+
+TEST_F(ItemTableTest, CountersBeginAtZeroAndKeepAllTheirBits) {
+  EXPECT_EQ(table.counter("nextItem"), 0U);
+  table.putCounter("nextItem", 7);
+  table.putCounter("nextItem", kAllBits);
+  table.putCounter("nextContent", 1);
+  EXPECT_EQ(table.counter("nextItem"), kAllBits);
+  EXPECT_EQ(table.counter("nextContent"), 1U);
+}
+
+TEST_F(ItemTableTest, WhatCouldNotBeLoadedAgainIsRefusedAndTheNextIsTaken) {
+  using Change = void (*)(ItemRow&);
+  const std::vector<Change> changes{
+      [](ItemRow& row) { row.id = 0; },
+      [](ItemRow& row) { row.id = 1ULL << 63U; },
+      [](ItemRow& row) { row.folder = kAllBits; },
+      [](ItemRow& row) { row.there->folder = kAllBits; },
+      [](ItemRow& row) { row.sizeBytes = -1; },
+      [](ItemRow& row) { row.there->sizeBytes = -1; },
+      [](ItemRow& row) { row.content->state.sizeBytes = -1; },
+      [](ItemRow& row) { row.content->state.fetchableBytes = -1; },
+      [](ItemRow& row) { row.content->sendingBytes = -1; },
+      [](ItemRow& row) { row.modified.nanoseconds = -1; },
+      [](ItemRow& row) { row.changed.nanoseconds = 1'000'000'000; },
+      [](ItemRow& row) { row.name = ""; },
+      [](ItemRow& row) { row.name = "a/b"; },
+      [](ItemRow& row) { row.there->name = ".."; },
+      [](ItemRow& row) {
+        row.there->policy = static_cast<platform::NSFileProviderContentPolicy>(4);
+      },
+      [](ItemRow& row) { row.isFolder = true; },
+      [](ItemRow& row) { row.listing.emplace(); },
+  };
+  for (const Change change : changes) {
+    ItemRow row = sampleFile(2);
+    change(row);
+    try {
+      table.put(row);
+      ADD_FAILURE() << "change " << &change - changes.data() << " was taken";
+    } catch (const StoreError& error) {
+      EXPECT_EQ(error.which(), StoreError::Case::failed);
+    }
+  }
+  table.put(sampleFile(3));
+  EXPECT_THAT(loaded(connection()), ElementsAre(sampleFile(3)));
+}
+
+TEST_F(ItemTableTest, NonsenseInARowIsDamage) {
+  for (const char* nonsense : {
+           "content_present = '5-3'",
+           "content_present = '0-10,10-20'",
+           "content_present = 'everything'",
+           "content_present = NULL",
+           "size = -1",
+           "there_size = -1",
+           "there_size = NULL",
+           "content_size = -9223372036854775808",
+           "folder = -5",
+           "there_folder = -1",
+           "there_policy = 9",
+           "there_policy = -1",
+           "there_name = NULL",
+           "there_name = x'612F62'",
+           "name = x''",
+           "name = x'6100'",
+           "is_folder = 2",
+           "is_folder = 1",
+           "is_linked = -1",
+           "modified_nanoseconds = 1000000000",
+           "changed_nanoseconds = 4294967296",
+           "content_is_edited = 3",
+           "listing_is_enumerated = 0, listing_is_stale = 0",
+       }) {
+    SCOPED_TRACE(nonsense);
+    table.put(sampleFile(2));
+    table.put(sampleFile(3));
+    connection().exec("UPDATE item SET " + std::string(nonsense) + " WHERE id = 3");
+    EXPECT_THAT(damage(), HasSubstr("damaged"));
+  }
+  table.put(sampleFile(3));
+  connection().exec("UPDATE item SET id = -3 WHERE id = 3");
+  EXPECT_THAT(damage(), HasSubstr("damaged"));
+}
+
+TEST_F(ItemTableTest, APutThatFailsLeavesTheTableUsable) {
+  connection().exec("PRAGMA max_page_count = 12");
+  bool failed = false;
+  ItemRow large = sampleFile(2);
+  large.there->identifier = std::string(100'000, 'x');
+  try {
+    table.put(large);
+  } catch (const SQLite::Exception&) {
+    failed = true;
+  }
+  EXPECT_TRUE(failed);
+  table.put(sampleFile(3));
+  EXPECT_THAT(loaded(connection()), ElementsAre(sampleFile(3)));
+}
+
+TEST_F(ItemTableTest, ALaterStepKeepsTheRows) {
+  table.put(sampleFile(2));
+  table.put(sampleFolder(3));
+  table.putCounter("nextItem", 4);
+  kept.reset();
+  opened.database.reset();
+
+  Schema later = itemSchema();
+  later.steps.emplace_back("ALTER TABLE item ADD COLUMN invented INTEGER NOT NULL DEFAULT 7");
+  Database database(file(), later);
+  ItemTable again(database.connection());
+  EXPECT_THAT(loaded(database.connection()), ElementsAre(sampleFile(2), sampleFolder(3)));
+  EXPECT_EQ(again.counter("nextItem"), 4U);
+  again.put(sampleFile(5));
+  EXPECT_EQ(database.connection().execAndGet("SELECT sum(invented) FROM item").getInt(), 21);
+}
+
+struct OpenItemsTest : testing::Test {
+  OpenItemsTest() {
+    const auto made = openItems(file());
+    EXPECT_EQ(made.setAside, "");
+    ItemTable table(made.database->connection());
+    SQLite::Transaction transaction(made.database->connection());
+    for (ItemId id = 2; id < 2000; ++id) table.put(sampleFile(id));
+    transaction.commit();
+  }
+
+  std::filesystem::path file() const { return directory.path() / "items.sqlite"; }
+
+  /// How opening fails.
+  StoreError::Case failure() const {
+    try {
+      (void)openItems(file());
+    } catch (const StoreError& error) {
+      return error.which();
+    }
+    ADD_FAILURE() << "it opened";
+    return StoreError::Case::damaged;
+  }
+
+  /// The database that cannot be used lies beside an empty one.
+  void expectReplaced(std::uintmax_t bytes) const {
+    const OpenedItems opened = openItems(file());
+    EXPECT_NE(opened.setAside, "");
+    EXPECT_NE(opened.reason, "");
+    EXPECT_EQ(std::filesystem::file_size(opened.setAside), bytes);
+    EXPECT_THAT(loaded(opened.database->connection()), IsEmpty());
+    ItemTable(opened.database->connection()).put(sampleFile(2));
+  }
+
+  support::TemporaryDirectory directory;
+};
+
+TEST_F(OpenItemsTest, ASoundOneIsOpened) {
+  const OpenedItems opened = openItems(file());
+  EXPECT_EQ(opened.setAside, "");
+  EXPECT_EQ(opened.reason, "");
+  EXPECT_EQ(loaded(opened.database->connection()).size(), 1998U);
+}
+
+TEST_F(OpenItemsTest, GarbageIsReplaced) {
+  directory.write("items.sqlite", std::string(70'000, 'x'));
+  expectReplaced(70'000);
+}
+
+TEST_F(OpenItemsTest, ATruncatedOneIsReplaced) {
+  for (const std::uintmax_t bytes : {50U, 4096U, 5000U, 8192U}) {
+    SCOPED_TRACE(bytes);
+    openItems(file()).database->connection().exec("PRAGMA wal_checkpoint(TRUNCATE)");
+    std::filesystem::resize_file(file(), bytes);
+    expectReplaced(bytes);
+    const auto opened = openItems(file());
+    ItemTable table(opened.database->connection());
+    for (ItemId id = 2; id < 200; ++id) table.put(sampleFile(id));
+  }
+}
+
+TEST_F(OpenItemsTest, ADamagedPageIsReplaced) {
+  const auto bytes = std::filesystem::file_size(file());
+  {
+    std::fstream stream(file(), std::ios::in | std::ios::out | std::ios::binary);
+    stream.seekp(static_cast<std::streamoff>(bytes / 2 / 4096 * 4096));
+    stream << std::string(4096, '\xFF');
+  }
+  expectReplaced(bytes);
+}
+
+TEST_F(OpenItemsTest, WhatTurnsOutDamagedWhenItIsLoadedCanBeReplaced) {
+  std::string reason;
+  {
+    const auto opened = openItems(file());
+    opened.database->connection().exec("UPDATE item SET there_policy = 77 WHERE id = 1000");
+    try {
+      loaded(opened.database->connection());
+    } catch (const StoreError& error) {
+      EXPECT_EQ(error.which(), StoreError::Case::damaged);
+      reason = error.localizedDescription();
+    }
+  }
+  EXPECT_THAT(reason, HasSubstr("item 1000"));
+  const auto replaced = replaceItems(file(), reason);
+  EXPECT_EQ(replaced.reason, reason);
+  EXPECT_TRUE(std::filesystem::exists(replaced.setAside));
+  EXPECT_THAT(loaded(replaced.database->connection()), IsEmpty());
+}
+
+// What a host leaves that was killed while it made its first database.
+TEST_F(OpenItemsTest, AFileOfNoBytesIsNew) {
+  std::filesystem::resize_file(file(), 0);
+  const auto opened = openItems(file());
+  EXPECT_EQ(opened.setAside, "");
+  EXPECT_THAT(loaded(opened.database->connection()), IsEmpty());
+}
+
+TEST_F(OpenItemsTest, AFolderInItsPlaceIsLeftThere) {
+  std::filesystem::remove(file());
+  std::filesystem::create_directory(file());
+  EXPECT_EQ(failure(), StoreError::Case::failed);
+  EXPECT_TRUE(std::filesystem::is_directory(file()));
+}
+
+TEST_F(OpenItemsTest, ANewerOneIsLeftThere) {
+  Schema later = itemSchema();
+  later.steps.emplace_back("CREATE TABLE invented (x)");
+  { const Database database(file(), later); }
+  EXPECT_EQ(failure(), StoreError::Case::newer);
+  Database database(file(), later);
+  EXPECT_EQ(loaded(database.connection()).size(), 1998U);
+}
+
+TEST_F(OpenItemsTest, AnotherProgramsIsLeftThere) {
+  std::filesystem::remove(file());
+  const Schema other{4711, {"CREATE TABLE item (id)"}};
+  { const Database database(file(), other); }
+  EXPECT_EQ(failure(), StoreError::Case::foreign);
+  const Database database(file(), other);
+}
+
+TEST_F(OpenItemsTest, WhatWasCommittedBeforeAKillIsThere) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const auto opened = openItems(file());
+    ItemTable table(opened.database->connection());
+    for (ItemId id = 2; id < 1000; ++id) table.remove(id);
+    table.put(sampleFile(5000));
+    SQLite::Transaction unfinished(opened.database->connection());
+    table.remove(1999);
+    ::kill(::getpid(), SIGKILL);
+  }
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFSIGNALED(status));
+  ASSERT_GT(std::filesystem::file_size(file().string() + "-wal"), 0U);
+  const auto opened = openItems(file());
+  EXPECT_EQ(opened.setAside, "");
+  const auto rows = loaded(opened.database->connection());
+  EXPECT_EQ(rows.size(), 1001U);
+  EXPECT_EQ(rows.back(), sampleFile(5000));
+}
+
+TEST_F(OpenItemsTest, WithoutRoomNothingIsMadeAndNothingIsLost) {
+  ::signal(SIGXFSZ, SIG_IGN);
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+  const rlimit small{2000, before.rlim_max};
+  const auto bytes = support::contentsOf(file());
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+  StoreError::Case ofNew{};
+  try {
+    (void)openItems(directory.path() / "new.sqlite");
+    ADD_FAILURE() << "it was made";
+  } catch (const StoreError& error) {
+    ofNew = error.which();
+  }
+  // The old one may open or not, but it stays where it is.
+  try {
+    const auto opened = openItems(file());
+    EXPECT_EQ(opened.setAside, "");
+  } catch (const StoreError& error) {
+    EXPECT_EQ(error.which(), StoreError::Case::failed);
+  }
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
+  EXPECT_EQ(ofNew, StoreError::Case::failed);
+  EXPECT_EQ(loaded(openItems(file()).database->connection()).size(), 1998U);
+  EXPECT_EQ(openItems(directory.path() / "new.sqlite").setAside, "");
+}
+
+}  // namespace
+}  // namespace kestrune::host
