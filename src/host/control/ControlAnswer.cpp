@@ -1,0 +1,125 @@
+#include "host/control/ControlAnswer.h"
+
+#include <utility>
+
+#include "host/control/ControlRequest.h"
+#include "platform/log/Log.h"
+#include "platform/values/UTF8.h"
+
+namespace kestrune::host {
+
+using platform::Json;
+
+namespace {
+
+// Reasons may quote file names, and those are bytes.
+std::string text(const std::string& any) {
+  return platform::isValidUTF8(any) ? any : platform::escapeForDisplay(any);
+}
+
+const char* nameOf(PendingChange::Kind kind) {
+  switch (kind) {
+    case PendingChange::Kind::create:
+      return "create";
+    case PendingChange::Kind::move:
+      return "move";
+    case PendingChange::Kind::send:
+      return "send";
+    case PendingChange::Kind::remove:
+      return "remove";
+  }
+}
+
+Json toJson(const PendingChange& change) {
+  Json json{{"path", pathToJson(change.path)}, {"change", nameOf(change.kind)},
+            {"underWay", change.isUnderWay},   {"since", platform::formatISO8601(change.since)},
+            {"attempts", change.attempts},     {"bytes", change.bytes}};
+  if (!change.reason.empty()) json["reason"] = text(change.reason);
+  if (change.nextAttempt) json["nextAttemptSeconds"] = change.nextAttempt->count();
+  return json;
+}
+
+Json toJson(const std::string& result) { return text(result); }
+Json toJson(const Done&) { return Json::object(); }
+
+template <class T>
+Json eachToJson(const std::vector<std::string>& paths, const Each<T>& answers) {
+  Json all = Json::array();
+  for (std::size_t i = 0; i < paths.size(); ++i) {
+    Json one{{"path", pathToJson(paths[i])}};
+    if (i >= answers.size()) {
+      one["error"] = "the host gave no answer for this path";
+    } else if (answers[i].ok()) {
+      one["result"] = toJson(answers[i].value());
+    } else {
+      one["error"] = text(answers[i].error()->localizedDescription());
+    }
+    all.push_back(std::move(one));
+  }
+  return all;
+}
+
+std::string line(const Json& json) { return platform::encodeJson(json) + "\n"; }
+
+}  // namespace
+
+Json toJson(const HostStatus& status) {
+  Json paths = Json::array();
+  for (std::size_t i = 0; i < status.heldDeletions.size() && i < HostStatus::kMostHeldPaths; ++i) {
+    paths.push_back(pathToJson(status.heldDeletions[i]));
+  }
+  Json json{{"passthrough", status.usesPassthrough},
+            {"knownItems", status.knownItems},
+            {"itemsHere", status.itemsHere},
+            {"bytesHere", status.bytesHere},
+            {"pendingChanges", status.pendingChanges},
+            {"failingChanges", status.failingChanges},
+            {"uploads", status.uploads},
+            {"downloads", status.downloads},
+            {"heldDeletions", {{"count", status.heldDeletionCount}, {"paths", std::move(paths)}}},
+            {"storeReachable", status.isStoreReachable}};
+  if (status.cacheLimitBytes) json["cacheLimitBytes"] = *status.cacheLimitBytes;
+  if (!status.isStoreReachable) json["storeError"] = text(status.storeError);
+  if (status.lastAudit) {
+    json["lastAudit"] = {{"at", platform::formatISO8601(status.lastAudit->at)},
+                         {"path", pathToJson(status.lastAudit->path)},
+                         {"differences", status.lastAudit->differences}};
+  }
+  if (status.lastSignal) json["lastSignal"] = platform::formatISO8601(*status.lastSignal);
+  return json;
+}
+
+Json toJson(const PendingChanges& changes) {
+  Json list = Json::array();
+  for (const PendingChange& change : changes.changes) list.push_back(toJson(change));
+  return {{"count", changes.count}, {"changes", std::move(list)}};
+}
+
+Json toJson(const ItemState& state) {
+  Json json{{"folder", state.isFolder},
+            {"sizeBytes", state.sizeBytes},
+            {"bytesHere", state.bytesHere},
+            {"pinned", state.isPinned}};
+  if (state.pending) json["pending"] = toJson(*state.pending);
+  return json;
+}
+
+Json toJson(const std::vector<std::string>& paths, const Each<Done>& answers) {
+  return eachToJson(paths, answers);
+}
+Json toJson(const std::vector<std::string>& paths, const Each<std::string>& answers) {
+  return eachToJson(paths, answers);
+}
+Json toJson(const std::vector<std::string>& paths, const Each<ItemState>& answers) {
+  return eachToJson(paths, answers);
+}
+
+std::string resultLine(Json result) {
+  return line({{"done", true}, {"result", std::move(result)}});
+}
+std::string errorLine(const std::string& reason) {
+  return line({{"done", true}, {"error", text(reason)}});
+}
+std::string progressLine(std::uint64_t left) { return line({{"left", left}}); }
+
+}  // namespace kestrune::host

@@ -1,0 +1,142 @@
+// What a person may ask of a running host, and have it do: the truth about what is here, what is still on its way, what
+// failed and why, and the wishes that the mounted folder has no words for (keep this here, make room, send it now).
+//
+// The control socket (ControlServer) is one way to ask; it knows nothing of the host but this interface.
+//
+// Paths are bytes, as the folder shows them, from the mount point down: "/" is the mounted folder itself, else "/a/b" with
+// no empty, "." or ".." parts and no slash at the end. Whoever calls has made sure of that. A path that leads to nothing is
+// answered with an error that says so (NSPOSIXError ENOENT).
+//
+// Threads: every operation may be called from any thread and returns soon, whatever the store does; replies come as
+// host/basics/Answer.h says. Texts of errors are shown to people as they are.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/basics/Answer.h"
+#include "platform/values/Date.h"
+
+namespace kestrune::host {
+
+/// The last look at whether a folder here is what it is at the store.
+struct AuditReport {
+  platform::Date at{};
+  std::string path;
+  /// What had to be repaired.
+  std::uint64_t differences = 0;
+};
+
+struct HostStatus {
+  /// How many paths of held deletions are told.
+  static constexpr std::size_t kMostHeldPaths = 100;
+
+  /// Whether the kernel reads whole files without asking the host.
+  bool usesPassthrough = false;
+  std::uint64_t knownItems = 0;
+  /// Files with all or some of their contents here, and how much that is on the disk.
+  std::uint64_t itemsHere = 0;
+  std::uint64_t bytesHere = 0;
+  /// What contents may take at most; none without a limit.
+  std::optional<std::uint64_t> cacheLimitBytes;
+  /// Changes of this machine that the store does not have yet, and those of them that failed at least once.
+  std::uint64_t pendingChanges = 0;
+  std::uint64_t failingChanges = 0;
+  std::uint64_t uploads = 0;
+  std::uint64_t downloads = 0;
+  /// What the store says is gone and the host does not take away before somebody says so; the first of them by path.
+  std::uint64_t heldDeletionCount = 0;
+  std::vector<std::string> heldDeletions;
+  /// Whether the last request to the store got an answer, and if not, what it failed with.
+  bool isStoreReachable = true;
+  std::string storeError;
+  std::optional<AuditReport> lastAudit;
+  /// When somebody last said that the store may have changed.
+  std::optional<platform::Date> lastSignal;
+};
+
+/// What is still to be done at the store for one item.
+struct PendingChange {
+  enum class Kind { create, move, send, remove };
+
+  /// Where the item is here; of a removal, where it was.
+  std::string path;
+  /// The next step, where there is more than one.
+  Kind kind = Kind::create;
+  bool isUnderWay = false;
+  platform::Date since{};
+  std::uint64_t attempts = 0;
+  /// What the last attempt failed with; empty if none has failed.
+  std::string reason;
+  /// When it is tried again, if it waits for that.
+  std::optional<std::chrono::seconds> nextAttempt;
+  /// Contents to be sent.
+  std::uint64_t bytes = 0;
+};
+
+struct PendingChanges {
+  /// All there are.
+  std::uint64_t count = 0;
+  /// The first of them, the oldest first.
+  std::vector<PendingChange> changes;
+};
+
+struct ItemState {
+  bool isFolder = false;
+  std::uint64_t sizeBytes = 0;
+  /// How much of its contents is here; 0 of folders.
+  std::uint64_t bytesHere = 0;
+  bool isPinned = false;
+  /// What is still to be done at the store for it.
+  std::optional<PendingChange> pending;
+};
+
+enum class ItemAction {
+  /// Keep the item here: its contents are fetched and never make room for others.
+  pin,
+  /// No longer so; what is here stays until room is needed.
+  unpin,
+  /// Make room: the contents here go, and so does the pin. Refused where they are open, or are not at the store yet.
+  evict,
+  /// Fetch the contents now, without a pin. Answered when they are here.
+  download,
+};
+
+/// One answer for each path, in the order of the paths.
+template <class T>
+using Each = std::vector<Answer<T>>;
+
+class HostControl {
+ public:
+  virtual ~HostControl() = default;
+
+  virtual void status(Reply<HostStatus> reply) = 0;
+
+  /// What is not at the store yet of the item at `path` and of all below it, items included that were removed from
+  /// there; at most `most` changes are told, `count` counts all. Also for a path that is only left as a pending
+  /// removal. Asked repeatedly by whoever waits, so it answers from memory.
+  virtual void pending(std::string path, std::size_t most, Reply<PendingChanges> reply) = 0;
+
+  /// Ends the pauses after failures at and below `path`: all that may go goes at once. Answered when that has begun.
+  virtual void tryNow(std::string path, Reply<Done> reply) = 0;
+
+  /// A folder stands for all that is in it. Paths do not affect each other: each has its own answer.
+  virtual void act(ItemAction action, std::vector<std::string> paths, Reply<Each<Done>> reply) = 0;
+
+  /// The addresses by which others are shown the items.
+  virtual void links(std::vector<std::string> paths, Reply<Each<std::string>> reply) = 0;
+
+  virtual void states(std::vector<std::string> paths, Reply<Each<ItemState>> reply) = 0;
+
+  /// The held deletions are carried out here. Answers how many.
+  virtual void allowDeletions(Reply<std::uint64_t> reply) = 0;
+
+  /// The items of the held deletions stay, and are sent to the store again. Answers how many.
+  virtual void keepDeleted(Reply<std::uint64_t> reply) = 0;
+};
+
+}  // namespace kestrune::host
