@@ -19,7 +19,10 @@ bool Passthrough::inUse() const {
 bool Passthrough::beginChange(NodeId id) {
   MutexLock lock(mutex_);
   Node& node = nodes_[id];
-  if (node.byKernel > 0) return false;
+  if (node.byKernel > 0) {
+    pause();
+    return false;
+  }
   ++node.throughRequests;
   ++node.changes;
   return true;
@@ -39,7 +42,10 @@ Passthrough::Opened Passthrough::endOpening(NodeId id, Ticket ticket, const Loca
   Node& node = place->second;
   --node.opening;
   if (node.byKernel > 0) {
-    if (!whole) return {Way::conflict};
+    if (!whole) {
+      pause();
+      return {Way::conflict};
+    }
     ++node.byKernel;
     return {Way::kernel, node.backing};
   }
@@ -49,8 +55,10 @@ Passthrough::Opened Passthrough::endOpening(NodeId id, Ticket ticket, const Loca
   return {Way::requests};
 }
 
+void Passthrough::pause() { pausedUntil_ = now_() + kPauseAfterConflict; }
+
 bool Passthrough::leaveToKernel(Node& node, const LocalFilePtr& whole) {
-  if (!allowed_) return false;
+  if (!allowed_ || now_() < pausedUntil_) return false;
   const auto backing = files_.open(whole->descriptor());
   if (!backing) {
     allowed_ = false;

@@ -5,7 +5,10 @@
 //   nothing open ──► through requests ◄─► more of the same, readers of whole files too
 //        └─────────► by the kernel    ◄─► more readers of the whole file; anybody else is told to take the node's successor
 //
-// and back when the last open file of the node is released. Only readers are left to the kernel. Who writes, or changes the
+// and back when the last open file of the node is released. For a moment after a conflict no node begins to be read by the
+// kernel, so that whoever was sent to the successor does not find it taken again: the kernel looks up once more, not twice.
+//
+// Only readers are left to the kernel. Who writes, or changes the
 // length, says so before the dispatcher is asked, so that a reader whose file was whole a moment ago is not left to the kernel
 // any more.
 //
@@ -13,9 +16,12 @@
 // the system).
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <unordered_map>
+#include <utility>
 
 #include "host/basics/LocalFile.h"
 #include "host/basics/NodeId.h"
@@ -46,9 +52,14 @@ class Passthrough {
   };
   /// What was so when an open began.
   using Ticket = std::uint64_t;
+  using Now = std::function<std::chrono::steady_clock::time_point()>;
+
+  /// Much longer than the kernel needs to look a name up again.
+  static constexpr std::chrono::seconds kPauseAfterConflict{1};
 
   /// `files` outlive the object. Nothing is left to the kernel before `allow`.
-  explicit Passthrough(BackingFiles& files) : files_(files) {}
+  explicit Passthrough(BackingFiles& files, Now now = &std::chrono::steady_clock::now)
+      : files_(files), now_(std::move(now)) {}
   Passthrough(const Passthrough&) = delete;
   Passthrough& operator=(const Passthrough&) = delete;
 
@@ -79,13 +90,16 @@ class Passthrough {
     Ticket changes = 0;
   };
   using Nodes = std::unordered_map<NodeId, Node>;
+  void pause() REQUIRES_LOCK(mutex_);
   bool leaveToKernel(Node& node, const LocalFilePtr& whole) REQUIRES_LOCK(mutex_);
   void dropIfUnused(Nodes::iterator place) REQUIRES_LOCK(mutex_);
 
   BackingFiles& files_;
+  const Now now_;
   mutable platform::Mutex mutex_;
   bool allowed_ GUARDED_BY(mutex_) = false;
   bool succeeded_ GUARDED_BY(mutex_) = false;
+  std::chrono::steady_clock::time_point pausedUntil_ GUARDED_BY(mutex_);
   Nodes nodes_ GUARDED_BY(mutex_);
 };
 

@@ -35,8 +35,9 @@ class PassthroughTest : public testing::Test {
     return table_.endOpening(kNode, table_.beginOpening(kNode), file);
   }
 
+  std::chrono::steady_clock::time_point now_{std::chrono::hours(1)};
   KernelsFiles files_;
-  Passthrough table_{files_};
+  Passthrough table_{files_, [this] { return now_; }};
   const LocalFilePtr whole_ = std::make_shared<LocalFile>(-1, 5);
 };
 
@@ -67,11 +68,28 @@ TEST_F(PassthroughTest, WhoFindsItOpenThroughRequestsDoesTheSame) {
 TEST_F(PassthroughTest, WhatTheKernelReadsIsNeitherChangedNorOpenedOtherwise) {
   EXPECT_EQ(read(whole_).way, Way::kernel);
   EXPECT_FALSE(table_.beginChange(kNode));
+  EXPECT_EQ(read(whole_).way, Way::kernel);
   EXPECT_EQ(read(nullptr).way, Way::conflict);
   EXPECT_TRUE(table_.beginChange(kNode + 1));
   table_.end(kNode, Way::kernel);
+  table_.end(kNode, Way::kernel);
   EXPECT_TRUE(table_.beginChange(kNode));
   EXPECT_EQ(read(whole_).way, Way::requests);
+}
+
+TEST_F(PassthroughTest, AfterAConflictTheSuccessorIsFreeForAMoment) {
+  EXPECT_EQ(read(whole_).way, Way::kernel);
+  EXPECT_FALSE(table_.beginChange(kNode));
+  constexpr NodeId kSuccessor = kNode + 1;
+  const auto readSuccessor = [&] {
+    return table_.endOpening(kSuccessor, table_.beginOpening(kSuccessor), whole_).way;
+  };
+  EXPECT_EQ(readSuccessor(), Way::requests);
+  EXPECT_TRUE(table_.beginChange(kSuccessor));
+  table_.end(kSuccessor, Way::requests);
+  table_.end(kSuccessor, Way::requests);
+  now_ += Passthrough::kPauseAfterConflict;
+  EXPECT_EQ(readSuccessor(), Way::kernel);
 }
 
 TEST_F(PassthroughTest, AFileThatWasChangedWhileItWasBeingOpenedIsNotLeftToTheKernel) {
