@@ -103,7 +103,7 @@ void FrontTest::TearDown() {
   EXPECT_TRUE(support::waitUntil([this] { return say("openFiles").get<int>() == 0; }));
 }
 
-void FrontTest::waitUntilAsked(const char* operation, int before) {
+void FrontTest::waitUntilAsked(const std::string& operation, int before) {
   EXPECT_TRUE(support::waitUntil([&] { return asked(operation) > before; })) << operation;
 }
 

@@ -95,9 +95,9 @@ class FrontTest : public testing::Test {
   platform::Json say(const Words&... words) {
     return mount_->say(platform::Json::array({words...}));
   }
-  int asked(const char* operation) { return say("asked", operation); }
+  int asked(const std::string& operation) { return say("asked", operation); }
   /// Waits until `operation` was asked for once more than `before`.
-  void waitUntilAsked(const char* operation, int before);
+  void waitUntilAsked(const std::string& operation, int before);
   FrontMount& mount() { return *mount_; }
 
  private:

@@ -16,6 +16,7 @@
 #include <string_view>
 #include <thread>
 
+#include "host/front/FuseKernelCache.h"
 #include "host/front/MountSession.h"
 #include "platform/values/Json.h"
 #include "tests/mount/FrontTree.h"
@@ -88,14 +89,17 @@ int main(int argc, char** argv) {
     settings.allowOtherUsers |= option == "--allow-other";
   }
   FrontTree tree(argv[2]);
-  host::FuseFront front(tree);
+  auto kernel = std::make_shared<host::FuseKernelCache>();
+  host::FuseFront front(tree, kernel);
   host::MountSession session(front, settings);
+  kernel->attach(session.kernelSession());
   session.start();
   std::thread(readCommands, std::ref(tree), std::cref(front)).detach();
   std::array<pollfd, 2> polled = {pollfd{ending, POLLIN, 0},
                                   pollfd{session.endedDescriptor(), POLLIN, 0}};
   ::poll(polled.data(), polled.size(), -1);
   front.endAll();
+  kernel->detach();
   session.stop();
   ::umount2(argv[1], 0);
   std::cout.flush();

@@ -182,12 +182,13 @@ TEST_F(FrontNamesTest, TheSpaceIsTheDispatchers) {
 
 // What is interrupted, and what is asked of the dispatcher for it.
 struct BlockedChange {
-  const char* operation;
+  std::string operation;
   std::function<int(const std::filesystem::path& folder)> call;
 };
 
 TEST_F(FrontNamesTest, ASignalEndsAChangeThatIsBlocked) {
   put(at("a"), "x");
+  // In this order: each leaves what the next needs, though its program is told EINTR.
   const std::vector<BlockedChange> changes = {
       {"create", [](const auto& in) { return ::open((in / "n").c_str(), O_CREAT | O_RDWR, 0644); }},
       {"makeFolder", [](const auto& in) { return ::mkdir((in / "m").c_str(), 0755); }},
@@ -195,10 +196,11 @@ TEST_F(FrontNamesTest, ASignalEndsAChangeThatIsBlocked) {
       {"removeFile", [](const auto& in) { return ::unlink((in / "b").c_str()); }},
   };
   for (const auto& [operation, change] : changes) {
+    const int before = asked(operation);
     say("hold", operation);
     {
       InterruptedCall call([&] { return errnoOf([&] { return change(at("")); }); });
-      waitUntilAsked(operation, 0);
+      waitUntilAsked(operation, before);
       call.interrupt();
       // Not at once: programs with timers are signalled all the time.
       EXPECT_TRUE(support::staysTrue([&] { return !call.done(); }, std::chrono::milliseconds(500)))
@@ -209,9 +211,30 @@ TEST_F(FrontNamesTest, ASignalEndsAChangeThatIsBlocked) {
       EXPECT_EQ(call.result(), EINTR) << operation;
     }
     say("letGo", operation);  // the work goes on; what it brings is given back
+    if (operation == "rename")
+      EXPECT_TRUE(waitUntil([&] { return ::access(at("b").c_str(), F_OK) == 0; }));
   }
   EXPECT_TRUE(waitUntil([&] { return say("openFiles").get<int>() == 0; }));
   EXPECT_THAT(namesIn(at("")), ElementsAre("m", "n"));
+}
+
+TEST_F(FrontNamesTest, WhatComesAboutAfterItsProgramGaveUpShows) {
+  put(at("a"), "x");
+  say("hold", "rename");
+  {
+    InterruptedCall call([&] { return renameError("a", "b"); });
+    waitUntilAsked("rename", 0);
+    call.interrupt();
+    EXPECT_TRUE(waitUntil([&] { return call.done(); }, std::chrono::seconds(3)));
+    EXPECT_EQ(call.result(), EINTR);
+  }
+  // The kernel learns what is not so any more in a moment.
+  EXPECT_THAT(namesIn(at("")), ElementsAre("a"));
+  EXPECT_EQ(bytesOf(at("a")), "x");
+  say("letGo", "rename");
+  EXPECT_TRUE(waitUntil([&] { return ::access(at("a").c_str(), F_OK) != 0; }));
+  EXPECT_TRUE(waitUntil([&] { return ::access(at("b").c_str(), F_OK) == 0; }));
+  EXPECT_TRUE(waitUntil([&] { return namesIn(at("")) == std::vector<std::string>{"b"}; }));
 }
 
 TEST_F(FrontNamesTest, ASignalDoesNoHarmToAChangeThatTakesAMoment) {

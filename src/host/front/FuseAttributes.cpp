@@ -95,7 +95,7 @@ void setAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, int
     fuse_reply_err(request, ESTALE);  // the kernel looks the name up again
     return;
   }
-  auto call = beginCall(request, Signalled::endsLater);
+  auto call = beginCall(request, Effect::changes);
   if (!call) {
     if (isChangeByName) front.passthrough().end(node, Passthrough::Way::requests);
     return;
@@ -104,7 +104,11 @@ void setAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, int
       node, info != nullptr ? handleOf(*info).file : nullptr, *changes,
       [&front, request, node, call, isChangeByName](const Answer<Attributes>& answer) {
         if (isChangeByName) front.passthrough().end(node, Passthrough::Way::requests);
-        if (call->claim()) replyAttributes(request, answer);
+        if (call->claim()) {
+          replyAttributes(request, answer);
+        } else if (answer.ok()) {
+          front.changedUnseen(bytesChanged(node));
+        }
       });
 }
 

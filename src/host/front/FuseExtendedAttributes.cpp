@@ -63,7 +63,7 @@ void setAttribute(fuse_req_t request, fuse_ino_t node, const char* name, const c
     fuse_reply_err(request, EINVAL);
     return;
   }
-  auto call = beginCall(request, Signalled::endsLater);
+  auto call = beginCall(request, Effect::changes);
   if (!call) return;
   dispatcherOf(request).setExtendedAttribute(
       node, name, std::string(value, size), (flags & XATTR_CREATE) != 0,
@@ -72,7 +72,7 @@ void setAttribute(fuse_req_t request, fuse_ino_t node, const char* name, const c
 
 void removeAttribute(fuse_req_t request, fuse_ino_t node, const char* name) {
   if (!isOurs(request, name)) return;
-  auto call = beginCall(request, Signalled::endsLater);
+  auto call = beginCall(request, Effect::changes);
   if (!call) return;
   dispatcherOf(request).setExtendedAttribute(node, name, std::nullopt, false, true,
                                              replyingDone(request, call));

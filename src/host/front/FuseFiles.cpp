@@ -67,6 +67,13 @@ void replyOpen(FuseFront& front, fuse_req_t request, fuse_ino_t node, fuse_file_
   }
 }
 
+// The file that the kernel may read by itself: it would also read what lies behind the end, which does not belong to the file.
+LocalFilePtr wholeOf(const OpenFile& file) {
+  struct stat status = {};
+  if (!file.whole || ::fstat(file.whole->descriptor(), &status) != 0) return nullptr;
+  return status.st_size == file.whole->sizeBytes() ? file.whole : nullptr;
+}
+
 void openForReading(FuseFront& front, fuse_req_t request, fuse_ino_t node,
                     const fuse_file_info& info, const OpenCalls::CallPtr& call) {
   const auto ticket = front.passthrough().beginOpening(node);
@@ -81,7 +88,7 @@ void openForReading(FuseFront& front, fuse_req_t request, fuse_ino_t node,
           if (mine) replyError(request, *answer.error());
           return;
         }
-        const auto opened = passthrough.endOpening(node, ticket, answer.value()->whole);
+        const auto opened = passthrough.endOpening(node, ticket, wholeOf(*answer.value()));
         if (opened.way == Way::conflict) {
           front.dispatcher().succeed(node);
           front.dispatcher().release(answer.value());
@@ -115,12 +122,12 @@ void openForChange(FuseFront& front, fuse_req_t request, fuse_ino_t node,
 void openFile(fuse_req_t request, fuse_ino_t node, fuse_file_info* info) {
   const OpenMode mode = modeOf(*info);
   if (mode.writes || mode.truncates) {
-    if (auto call = beginCall(request, Signalled::endsLater))
+    if (auto call = beginCall(request, Effect::changes))
       openForChange(frontOf(request), request, node, *info, call);
     return;
   }
   info->noflush = 1;  // nobody waits for what the last reader leaves behind
-  if (auto call = beginCall(request, Signalled::endsAtOnce))
+  if (auto call = beginCall(request, Effect::looks))
     openForReading(frontOf(request), request, node, *info, call);
 }
 
@@ -183,7 +190,7 @@ void readFile(fuse_req_t request, fuse_ino_t, std::size_t size, off_t offset,
     replyBytes(request, *present, size, offset);
     return;
   }
-  auto call = beginCall(request, Signalled::endsAtOnce);
+  auto call = beginCall(request, Effect::looks);
   if (!call) return;
   dispatcher.read(file, offset, size,
                   [call, request, size, offset](const Answer<LocalFilePtr>& answer) {
@@ -196,43 +203,46 @@ void readFile(fuse_req_t request, fuse_ino_t, std::size_t size, off_t offset,
                   });
 }
 
-void writeFile(fuse_req_t request, fuse_ino_t, const char* bytes, std::size_t size, off_t offset,
-               fuse_file_info* info) {
-  auto call = beginCall(request, Signalled::endsLater);
+void writeFile(fuse_req_t request, fuse_ino_t node, const char* bytes, std::size_t size,
+               off_t offset, fuse_file_info* info) {
+  FuseFront& front = frontOf(request);
+  auto call = beginCall(request, Effect::changes);
   if (!call) return;
-  dispatcherOf(request).write(handleOf(*info).file, offset,
-                              std::as_bytes(std::span<const char>(bytes, size)),
-                              [call, request, size](const Answer<Done>& answer) {
-                                if (!call->claim()) return;
-                                if (answer.ok()) {
-                                  fuse_reply_write(request, size);
-                                } else {
-                                  replyError(request, *answer.error());
-                                }
-                              });
+  front.dispatcher().write(handleOf(*info).file, offset,
+                           std::as_bytes(std::span<const char>(bytes, size)),
+                           [&front, call, request, node, size](const Answer<Done>& answer) {
+                             const bool mine = call->claim();
+                             if (mine && answer.ok()) {
+                               fuse_reply_write(request, size);
+                             } else if (mine) {
+                               replyError(request, *answer.error());
+                             } else if (answer.ok()) {
+                               front.changedUnseen(bytesChanged(node));
+                             }
+                           });
 }
 
 void flushFile(fuse_req_t request, fuse_ino_t, fuse_file_info* info) {
-  auto call = beginCall(request, Signalled::endsLater);
+  auto call = beginCall(request, Effect::changes);
   if (call) dispatcherOf(request).flush(handleOf(*info).file, replyingDone(request, call));
 }
 
 void syncFile(fuse_req_t request, fuse_ino_t, int, fuse_file_info* info) {
-  auto call = beginCall(request, Signalled::endsLater);
+  auto call = beginCall(request, Effect::changes);
   if (call) dispatcherOf(request).sync(handleOf(*info).file, replyingDone(request, call));
 }
 
-void reserve(fuse_req_t request, fuse_ino_t, int mode, off_t offset, off_t length,
+void reserve(fuse_req_t request, fuse_ino_t node, int mode, off_t offset, off_t length,
              fuse_file_info* info) {
   if ((mode & ~FALLOC_FL_KEEP_SIZE) != 0) {
     fuse_reply_err(request, EOPNOTSUPP);
     return;
   }
-  auto call = beginCall(request, Signalled::endsLater);
+  auto call = beginCall(request, Effect::changes);
   if (!call) return;
   const bool keepsSize = (mode & FALLOC_FL_KEEP_SIZE) != 0;
   dispatcherOf(request).reserve(handleOf(*info).file, offset, length, keepsSize,
-                                replyingDone(request, call));
+                                replyingDone(request, call, bytesChanged(node)));
 }
 
 void releaseFile(fuse_req_t request, fuse_ino_t node, fuse_file_info* info) {
@@ -250,16 +260,18 @@ void createFile(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t 
                 fuse_file_info* info) {
   if (!isNamePossible(request, name)) return;
   FuseFront& front = frontOf(request);
-  auto call = beginCall(request, Signalled::endsLater);
+  auto call = beginCall(request, Effect::changes);
   if (!call) return;
   front.dispatcher().create(
       folder, name, (mode & S_IXUSR) != 0, modeOf(*info), {fuse_req_ctx(request)->pid},
-      [&front, call, request, info = *info](const Answer<Created>& answer) {
+      [&front, call, request, info = *info,
+       ifLate = nameChanged(folder, name)](const Answer<Created>& answer) {
         const bool mine = call->claim();
         if (answer.ok() && mine) {
           replyCreated(front, request, info, answer.value());
         } else if (answer.ok()) {
           undo(front, answer.value());
+          front.changedUnseen(ifLate);
         } else if (mine) {
           const int error = errnoFor(*answer.error());
           const bool wouldOpenIt = error == EEXIST && (info.flags & O_EXCL) == 0;

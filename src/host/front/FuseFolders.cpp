@@ -12,7 +12,7 @@ namespace {
 
 void openFolder(fuse_req_t request, fuse_ino_t folder, fuse_file_info* info) {
   Dispatcher& dispatcher = dispatcherOf(request);
-  auto call = beginCall(request, Signalled::endsAtOnce);
+  auto call = beginCall(request, Effect::looks);
   if (!call) return;
   fuse_file_info answered = *info;
   answered.cache_readdir = 1;
@@ -85,7 +85,7 @@ void readFolderPlus(fuse_req_t request, fuse_ino_t folder, std::size_t size, off
 }
 
 void syncFolder(fuse_req_t request, fuse_ino_t folder, int, fuse_file_info*) {
-  auto call = beginCall(request, Signalled::endsLater);
+  auto call = beginCall(request, Effect::changes);
   if (!call) return;
   dispatcherOf(request).syncFolder(folder, replyingDone(request, call));
 }

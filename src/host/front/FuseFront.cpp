@@ -1,17 +1,13 @@
 #include "host/front/FuseFront.h"
 
 #include <cerrno>
-#include <chrono>
+#include <utility>
 
 #include "host/front/FuseRequest.h"
 
 namespace kestrune::host {
 
 namespace {
-
-// How long a change that a signal interrupts may still take. Longer than what only needs the local disk, and short enough for
-// who presses Ctrl-C.
-constexpr std::chrono::seconds kGrace{1};
 
 void initialise(void*, fuse_conn_info* connection) {
   // Reads are asked for by the program that waits for them, not in the background: only so does its signal reach us.
@@ -49,8 +45,12 @@ void FuseFront::mounted(fuse_session* session) {
   device_.attach(session, [this] { passthrough_.allow(); });
 }
 
-void FuseFront::interruptLater(std::uint64_t number) {
-  timers_->after(kGrace, [calls = calls_, number] { calls->interrupt(number); });
+void FuseFront::interrupt(std::uint64_t number, std::chrono::milliseconds patience) {
+  timers_->after(patience, [calls = calls_, number] { calls->interrupt(number); });
+}
+
+void FuseFront::changedUnseen(std::vector<CacheUpdate> updates) {
+  if (kernel_ && !updates.empty()) kernel_->tell(std::move(updates), nullptr);
 }
 
 void FuseFront::endAll() { calls_->endAll(ENOTCONN); }

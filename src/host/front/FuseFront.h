@@ -17,15 +17,22 @@
 //   the kernel looks again.
 //
 // Requests that may wait are registered in OpenCalls, so that a program's signal, or the end of the mount, answers them
-// while the work goes on; a value that comes too late is given back. A signal ends what only looks or reads at once. What
-// changes something gets a second more: EINTR leaves open whether it has happened, programs repeat it then, and those
-// with a timer or a runtime of their own are signalled all the time.
+// while the work goes on; a value that comes too late is given back. A signal ends only what is really blocked: programs with a
+// timer or a runtime of their own are signalled all the time, and expect of calls that need the local disk alone that they
+// never end with EINTR. Looking and reading may take a moment more. What changes something gets a second, because EINTR leaves
+// open whether it has happened, and a rename that is repeated says that there is no such file. A change that comes about after
+// all is told to the kernel like one from elsewhere.
 //
 // Threads: requests come on the session's threads and are answered on any. Nothing blocks here.
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <memory>
+#include <utility>
+#include <vector>
 
+#include "host/basics/KernelCache.h"
 #include "host/basics/Timers.h"
 #include "host/front/Dispatcher.h"
 #include "host/front/FuseDevice.h"
@@ -44,8 +51,9 @@ class FuseFront {
     bool extendedAttributes = false;
   };
 
-  /// The dispatcher outlives the front.
-  explicit FuseFront(Dispatcher& dispatcher) : dispatcher_(dispatcher) {}
+  /// The dispatcher outlives the front. `kernel`: where changes are told of which the kernel does not know.
+  explicit FuseFront(Dispatcher& dispatcher, std::shared_ptr<KernelCache> kernel = nullptr)
+      : dispatcher_(dispatcher), kernel_(std::move(kernel)) {}
   FuseFront(const FuseFront&) = delete;
   FuseFront& operator=(const FuseFront&) = delete;
 
@@ -66,11 +74,14 @@ class FuseFront {
   OpenCalls& calls() { return *calls_; }
   Passthrough& passthrough() { return passthrough_; }
   FuseDevice& device() { return device_; }
-  /// A signal came for a call that changes something.
-  void interruptLater(std::uint64_t number);
+  /// A signal came for the call with this number: it is answered if it takes longer than `patience`.
+  void interrupt(std::uint64_t number, std::chrono::milliseconds patience);
+  /// A change came about whose call had been answered with an error.
+  void changedUnseen(std::vector<CacheUpdate> updates);
 
  private:
   Dispatcher& dispatcher_;
+  const std::shared_ptr<KernelCache> kernel_;
   Options options_;
   FuseDevice device_;
   Passthrough passthrough_{device_};

@@ -13,11 +13,11 @@ namespace {
 
 void lookup(fuse_req_t request, fuse_ino_t folder, const char* name) {
   if (!isNamePossible(request, name)) return;
-  Dispatcher& dispatcher = dispatcherOf(request);
-  auto call = beginCall(request, Signalled::endsAtOnce);
+  FuseFront& front = frontOf(request);
+  auto call = beginCall(request, Effect::looks);
   if (!call) return;
-  dispatcher.lookup(folder, name, [&dispatcher, call, request](const Answer<Entry>& answer) {
-    replyEntry(dispatcher, *call, request, answer);
+  front.dispatcher().lookup(folder, name, [&front, call, request](const Answer<Entry>& answer) {
+    replyEntry(front, *call, request, answer);
   });
 }
 
@@ -39,40 +39,48 @@ void makeNode(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mo
     return;
   }
   if (!isNamePossible(request, name)) return;
-  Dispatcher& dispatcher = dispatcherOf(request);
-  auto call = beginCall(request, Signalled::endsLater);
+  FuseFront& front = frontOf(request);
+  auto call = beginCall(request, Effect::changes);
   if (!call) return;
   OpenMode open;
   open.writes = true;
-  dispatcher.create(folder, name, (mode & S_IXUSR) != 0, open, {fuse_req_ctx(request)->pid},
-                    [&dispatcher, call, request](const Answer<Created>& answer) {
-                      if (!answer.ok()) {
-                        replyEntry(dispatcher, *call, request, answer.error());
-                        return;
-                      }
-                      dispatcher.release(answer.value().file);
-                      replyEntry(dispatcher, *call, request, answer.value().entry);
-                    });
+  const Caller caller{fuse_req_ctx(request)->pid};
+  front.dispatcher().create(
+      folder, name, (mode & S_IXUSR) != 0, open, caller,
+      [&front, call, request, ifLate = nameChanged(folder, name)](const Answer<Created>& answer) {
+        if (answer.ok()) {
+          front.dispatcher().release(answer.value().file);
+          replyEntry(front, *call, request, answer.value().entry, ifLate);
+        } else {
+          replyEntry(front, *call, request, answer.error());
+        }
+      });
 }
 
 void makeFolder(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t) {
   if (!isNamePossible(request, name)) return;
-  Dispatcher& dispatcher = dispatcherOf(request);
-  auto call = beginCall(request, Signalled::endsLater);
+  FuseFront& front = frontOf(request);
+  auto call = beginCall(request, Effect::changes);
   if (!call) return;
-  dispatcher.makeFolder(folder, name, [&dispatcher, call, request](const Answer<Entry>& answer) {
-    replyEntry(dispatcher, *call, request, answer);
-  });
+  front.dispatcher().makeFolder(
+      folder, name,
+      [&front, call, request, ifLate = nameChanged(folder, name)](const Answer<Entry>& answer) {
+        replyEntry(front, *call, request, answer, ifLate);
+      });
 }
 
 void removeFile(fuse_req_t request, fuse_ino_t folder, const char* name) {
-  auto call = beginCall(request, Signalled::endsLater);
-  if (call) dispatcherOf(request).removeFile(folder, name, replyingDone(request, call));
+  auto call = beginCall(request, Effect::changes);
+  if (!call) return;
+  dispatcherOf(request).removeFile(folder, name,
+                                   replyingDone(request, call, nameChanged(folder, name)));
 }
 
 void removeFolder(fuse_req_t request, fuse_ino_t folder, const char* name) {
-  auto call = beginCall(request, Signalled::endsLater);
-  if (call) dispatcherOf(request).removeFolder(folder, name, replyingDone(request, call));
+  auto call = beginCall(request, Effect::changes);
+  if (!call) return;
+  dispatcherOf(request).removeFolder(folder, name,
+                                     replyingDone(request, call, nameChanged(folder, name)));
 }
 
 std::optional<RenameMode> renameModeOf(unsigned flags) {
@@ -96,10 +104,12 @@ void rename(fuse_req_t request, fuse_ino_t folder, const char* name, fuse_ino_t 
     return;
   }
   if (!isNamePossible(request, newName)) return;
-  auto call = beginCall(request, Signalled::endsLater);
+  auto call = beginCall(request, Effect::changes);
   if (!call) return;
+  Consequences ifLate = nameChanged(folder, name);
+  for (auto& update : nameChanged(newFolder, newName)) ifLate.push_back(std::move(update));
   dispatcherOf(request).rename(folder, name, newFolder, newName, *mode,
-                               replyingDone(request, call));
+                               replyingDone(request, call, std::move(ifLate)));
 }
 
 void makeSymbolicLink(fuse_req_t request, const char*, fuse_ino_t, const char*) {

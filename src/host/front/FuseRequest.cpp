@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <utility>
 
@@ -30,22 +32,26 @@ mode_t modeOf(const Attributes& attributes) {
 // the request must not be answered there.
 thread_local bool* interruptedWhileArming = nullptr;
 
+// Longer than what needs the local disk alone, and short for who presses Ctrl-C.
+constexpr std::chrono::milliseconds kPatienceWithLooking{20};
+constexpr std::chrono::milliseconds kPatienceWithChanges{1000};
+
 // A program that waits for a mapped page is reported like one in `read`. Its page fault ends without an error to it: it
 // handles its signal and touches the page again.
-void onInterrupt(fuse_req_t request, void* number) {
+void interrupt(fuse_req_t request, void* number, std::chrono::milliseconds patience) {
   if (interruptedWhileArming != nullptr) {
     *interruptedWhileArming = true;
   } else {
-    frontOf(request).calls().interrupt(reinterpret_cast<std::uintptr_t>(number));
+    frontOf(request).interrupt(reinterpret_cast<std::uintptr_t>(number), patience);
   }
 }
 
-void onInterruptOfChange(fuse_req_t request, void* number) {
-  if (interruptedWhileArming != nullptr) {
-    *interruptedWhileArming = true;
-  } else {
-    frontOf(request).interruptLater(reinterpret_cast<std::uintptr_t>(number));
-  }
+void interruptLooking(fuse_req_t request, void* number) {
+  interrupt(request, number, kPatienceWithLooking);
+}
+
+void interruptChange(fuse_req_t request, void* number) {
+  interrupt(request, number, kPatienceWithChanges);
 }
 
 }  // namespace
@@ -56,13 +62,13 @@ FuseFront& frontOf(fuse_req_t request) {
 
 Dispatcher& dispatcherOf(fuse_req_t request) { return frontOf(request).dispatcher(); }
 
-OpenCalls::CallPtr beginCall(fuse_req_t request, Signalled signalled) {
+OpenCalls::CallPtr beginCall(fuse_req_t request, Effect effect) {
   FuseFront& front = frontOf(request);
   bool interrupted = false;
-  auto arm = [request, signalled, &interrupted](std::uint64_t number) {
+  auto arm = [request, effect, &interrupted](std::uint64_t number) {
     interruptedWhileArming = &interrupted;
     fuse_req_interrupt_func(
-        request, signalled == Signalled::endsAtOnce ? &onInterrupt : &onInterruptOfChange,
+        request, effect == Effect::looks ? &interruptLooking : &interruptChange,
         // NOLINTNEXTLINE(performance-no-int-to-ptr): the library keeps a pointer's worth for us
         reinterpret_cast<void*>(static_cast<std::uintptr_t>(number)));
     interruptedWhileArming = nullptr;
@@ -72,19 +78,32 @@ OpenCalls::CallPtr beginCall(fuse_req_t request, Signalled signalled) {
     fuse_reply_err(request, ENOTCONN);
     return nullptr;
   }
-  // Nothing has been done yet, whatever it is.
-  if (interrupted) front.calls().interrupt(call->number());
-  return call->isClaimed() ? nullptr : call;
+  if (interrupted) {
+    front.interrupt(call->number(),
+                    effect == Effect::looks ? kPatienceWithLooking : kPatienceWithChanges);
+  }
+  return call;
 }
 
 void replyError(fuse_req_t request, const platform::NSError& error) {
   fuse_reply_err(request, errnoFor(error));
 }
 
-Reply<Done> replyingDone(fuse_req_t request, OpenCalls::CallPtr call) {
-  return [request, call = std::move(call)](const Answer<Done>& answer) {
-    if (!call->claim()) return;
-    fuse_reply_err(request, answer.ok() ? 0 : errnoFor(*answer.error()));
+Consequences nameChanged(NodeId folder, const std::string& name) {
+  return {{CacheUpdate::Kind::entry, folder, name}, {CacheUpdate::Kind::listing, folder}};
+}
+
+// What a listing is for a folder is the bytes for a file.
+Consequences bytesChanged(NodeId node) { return {{CacheUpdate::Kind::listing, node}}; }
+
+Reply<Done> replyingDone(fuse_req_t request, OpenCalls::CallPtr call, Consequences ifLate) {
+  return [&front = frontOf(request), request, call = std::move(call),
+          ifLate = std::move(ifLate)](const Answer<Done>& answer) {
+    if (call->claim()) {
+      fuse_reply_err(request, answer.ok() ? 0 : errnoFor(*answer.error()));
+    } else if (answer.ok()) {
+      front.changedUnseen(ifLate);
+    }
   };
 }
 
@@ -115,14 +134,16 @@ fuse_entry_param parametersOf(const Entry& entry) {
   return parameters;
 }
 
-void replyEntry(Dispatcher& dispatcher, OpenCalls::Call& call, fuse_req_t request,
-                const Answer<Entry>& answer) {
+void replyEntry(FuseFront& front, OpenCalls::Call& call, fuse_req_t request,
+                const Answer<Entry>& answer, const Consequences& ifLate) {
   const bool mine = call.claim();
   if (mine && !answer.ok()) replyError(request, *answer.error());
   if (!answer.ok()) return;
   const fuse_entry_param parameters = parametersOf(answer.value());
   const bool arrived = mine && fuse_reply_entry(request, &parameters) == 0;
-  if (!arrived && answer.value().node != 0) dispatcher.forget(answer.value().node, 1);
+  if (arrived) return;
+  if (answer.value().node != 0) front.dispatcher().forget(answer.value().node, 1);
+  front.changedUnseen(ifLate);
 }
 
 bool isNamePossible(fuse_req_t request, const char* name) {

@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 
 #include <cstddef>
+#include <string>
+#include <vector>
 
 #include "host/front/FuseFront.h"
 
@@ -26,24 +28,31 @@ void addExtendedAttributeOperations(fuse_lowlevel_ops& operations);
 FuseFront& frontOf(fuse_req_t request);
 Dispatcher& dispatcherOf(fuse_req_t request);
 
-enum class Signalled {
-  endsAtOnce,
-  endsLater,  // for what changes something
+/// What a request does, which decides for how long a signal leaves it alone.
+enum class Effect {
+  looks,
+  changes,
 };
 
 /// Registers a request that may wait. Null: it has been answered.
-OpenCalls::CallPtr beginCall(fuse_req_t request, Signalled signalled);
+OpenCalls::CallPtr beginCall(fuse_req_t request, Effect effect);
 
 void replyError(fuse_req_t request, const platform::NSError& error);
+
+/// What the kernel must forget if a change comes about when its call has been answered already.
+using Consequences = std::vector<CacheUpdate>;
+Consequences nameChanged(NodeId folder, const std::string& name);
+Consequences bytesChanged(NodeId node);
+
 /// Answers a call that has no value.
-Reply<Done> replyingDone(fuse_req_t request, OpenCalls::CallPtr call);
+Reply<Done> replyingDone(fuse_req_t request, OpenCalls::CallPtr call, Consequences ifLate = {});
 
 struct stat statusOf(const Attributes& attributes);
 fuse_entry_param parametersOf(const Entry& entry);
 
 /// Answers with an entry. A reference that does not reach the kernel is given back.
-void replyEntry(Dispatcher& dispatcher, OpenCalls::Call& call, fuse_req_t request,
-                const Answer<Entry>& answer);
+void replyEntry(FuseFront& front, OpenCalls::Call& call, fuse_req_t request,
+                const Answer<Entry>& answer, const Consequences& ifLate = {});
 
 /// False if no file can have this name; it has been answered then.
 bool isNamePossible(fuse_req_t request, const char* name);
