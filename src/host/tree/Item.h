@@ -72,7 +72,7 @@ struct Item {
   std::uint64_t sentAt = 0;
   /// A change of it is on its way to the store.
   bool isUnderWay = false;
-  /// When this host last sent its contents, by the host's steady clock.
+  /// When this host last sent its contents, by the tree's clock, since 1970.
   std::int64_t uploadedSeconds = 0;
 
   bool isRoot() const { return id == kRootItem; }

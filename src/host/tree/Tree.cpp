@@ -61,41 +61,6 @@ ItemRow Tree::row(const Item& item) const {
   return row;
 }
 
-void Tree::restore(std::vector<ItemRow> rows, ItemId nextItem) {
-  nextItem_ = std::max(nextItem_, nextItem);
-  for (const ItemRow& row : rows) {
-    if (row.id != kRootItem) make(row.id, row.isFolder);
-    nextItem_ = std::max(nextItem_, row.id + 1);
-  }
-  for (ItemRow& row : rows) {
-    Item& item = *find(row.id);
-    if (item.part && row.listing) item.part->listing = std::move(*row.listing);
-    item.modified = row.modified;
-    item.changed = row.changed;
-    item.accessed = row.modified;
-    if (item.isRoot()) continue;
-    item.name = std::move(row.name);
-    item.isExecutable = row.isExecutable;
-    item.staysHere = row.staysHere;
-    item.sizeBytes = row.sizeBytes;
-    if (row.content && !item.isFolder)
-      item.content = std::make_unique<ContentRow>(std::move(*row.content));
-    Item* folder = find(row.folder);
-    const bool fits = row.isLinked && folder != nullptr && folder->isFolder &&
-                      whyNotAFileName(item.name) == nullptr &&
-                      child(*folder, item.name) == nullptr && !isWithin(*folder, item);
-    if (fits) link(item, *folder, item.name, false);
-    if (row.there) setThere(item, std::move(row.there));
-  }
-  std::vector<Item*> gone;
-  forEach([&](Item& item) {
-    if (!item.isLinked() && !item.there) gone.push_back(&item);
-    if (item.there && item.there->isHeldDeletion) held_.insert(item.id);
-  });
-  for (Item* item : gone) forget(*item);
-  effects_.changed.clear();
-}
-
 Item& Tree::make(ItemId id, bool isFolder) {
   auto made = std::make_unique<Item>(id, isFolder);
   Item& item = *made;
@@ -154,13 +119,17 @@ Item* Tree::byIdentifier(const platform::NSFileProviderItemIdentifier& identifie
   return found == byIdentifier_.end() ? nullptr : found->second;
 }
 
+bool Tree::isSure(const Item& item) const {
+  return item.there && byIdentifier(item.there->identifier) == &item;
+}
+
 Item* Tree::occupant(const Place& there) const {
   if (const Item* folder = find(there.folder); folder != nullptr && folder->isFolder) {
     Item* named = child(*folder, there.name);
     if (named != nullptr && named->there && isAtPlaceThere(*named)) return named;
   }
-  const auto found = astray_.find(there);
-  return found == astray_.end() ? nullptr : found->second;
+  const auto found = astray_.lower_bound({there, 0});
+  return found == astray_.end() || found->first != there ? nullptr : items_.at(found->second).get();
 }
 
 std::string Tree::path(const Item& item) const {
@@ -199,56 +168,75 @@ std::vector<Item*> Tree::childrenThere(const Item& folder) const {
   for (const auto& [id, item] : folder.part->children) {
     if (item->there && isAtPlaceThere(*item)) children.push_back(item);
   }
-  for (auto at = astray_.lower_bound({folder.id, ""});
+  for (auto at = astray_.lower_bound({{folder.id, ""}, 0});
        at != astray_.end() && at->first.folder == folder.id; ++at) {
-    children.push_back(at->second);
+    children.push_back(items_.at(at->second).get());
   }
   return children;
 }
 
 // ------------------------------------------------------------------------------------------- links
 
-// Both sides' places of every item go through link, unlink and setThere, which keep the table of what is astray.
-void Tree::link(Item& item, Item& folder, std::string name, bool tellKernel) {
-  if (item.there) astray_.erase(placeThere(item));
+void Tree::leavePlaceThere(const Item& item) {
+  if (item.there) astray_.erase({placeThere(item), item.id});
+}
+
+void Tree::enterPlaceThere(const Item& item) {
+  if (item.there && !item.isRoot() && !isAtPlaceThere(item))
+    astray_.insert({placeThere(item), item.id});
+}
+
+void Tree::attach(Item& item, Item& folder, std::string name) {
+  assert(item.folder == nullptr && child(folder, name) == nullptr);
+  leavePlaceThere(item);
   item.name = std::move(name);
   item.folder = &folder;
   folder.part->children.emplace(item.id, &item);
   folder.part->byName.emplace(item.name, &item);
-  if (item.there && !isAtPlaceThere(item)) astray_.insert_or_assign(placeThere(item), &item);
+  enterPlaceThere(item);
+  note(item);
+}
+
+void Tree::detach(Item& item) {
+  leavePlaceThere(item);
+  item.folder->part->children.erase(item.id);
+  item.folder->part->byName.erase(item.name);
+  item.folder = nullptr;
+  enterPlaceThere(item);
+  note(item);
+}
+
+void Tree::setThere(Item& item, std::optional<ThereState> there) {
+  if (item.there) {
+    if (isSure(item)) byIdentifier_.erase(item.there->identifier);
+    leavePlaceThere(item);
+  }
+  if (!there || !there->isHeldDeletion) held_.erase(item.id);
+  item.there = std::move(there);
+  if (item.there) {
+    const Item* folder = find(item.there->folder);
+    if (folder != nullptr && folder->isFolder && !folder->part->listing.hasStaleIdentifiers) {
+      byIdentifier_.erase(item.there->identifier);
+      byIdentifier_.emplace(item.there->identifier, &item);
+    }
+    enterPlaceThere(item);
+  }
+  note(item);
+}
+
+void Tree::link(Item& item, Item& folder, std::string name, bool tellKernel) {
+  attach(item, folder, std::move(name));
   if (tellKernel && folder.node != 0)
     effects_.cache.push_back({Kind::entry, folder.node, item.name, 0});
   touch(folder, tellKernel);
-  note(item);
 }
 
 void Tree::unlink(Item& item, bool tellKernel) {
   Item& folder = *item.folder;
   if (tellKernel && folder.node != 0)
     effects_.cache.push_back({Kind::deletion, folder.node, item.name, item.node});
-  folder.part->children.erase(item.id);
-  folder.part->byName.erase(item.name);
-  item.folder = nullptr;
-  if (item.there) astray_.insert_or_assign(placeThere(item), &item);
+  detach(item);
   touch(folder, tellKernel);
-  note(item);
-}
-
-void Tree::setThere(Item& item, std::optional<ThereState> there) {
-  if (item.there) {
-    const auto named = byIdentifier_.find(item.there->identifier);
-    if (named != byIdentifier_.end() && named->second == &item) byIdentifier_.erase(named);
-    const auto place = astray_.find(placeThere(item));
-    if (place != astray_.end() && place->second == &item) astray_.erase(place);
-    if (!there || !there->isHeldDeletion) held_.erase(item.id);
-  }
-  item.there = std::move(there);
-  if (item.there) {
-    byIdentifier_.erase(item.there->identifier);  // whoever had it before: what is told last counts
-    byIdentifier_.emplace(item.there->identifier, &item);
-    if (!isAtPlaceThere(item)) astray_.insert_or_assign(placeThere(item), &item);
-  }
-  note(item);
 }
 
 // The modification time of a folder moves when a name in it comes, goes or stands for another item; the kernel tells by it
@@ -295,13 +283,18 @@ void Tree::releaseContent(Item& item, bool rescue) {
 }
 
 void Tree::setContent(Item& item, const ContentState& state) {
-  if (!item.content) item.content = std::make_unique<ContentRow>();
+  const bool isFirst = !item.content;
+  const bool wasEdited = item.isEdited();
+  if (isFirst) {
+    item.content = std::make_unique<ContentRow>();
+    item.content->sentEdits = state.isEdited ? state.edits - 1 : state.edits;
+  }
   ContentRow& row = *item.content;
-  const bool begins = row.state.edits == row.sentEdits && state.edits != row.sentEdits;
-  if (begins && item.there) row.base = item.there->version.contentVersion;
   row.state = state;
+  if (!wasEdited && item.isEdited() && item.there) row.base = item.there->version.contentVersion;
   item.sizeBytes = state.sizeBytes;
   note(item);
+  if (isFirst && !item.there && item.isLinked()) takeOver(item);
 }
 
 void Tree::dropContent(Item& item) {
@@ -327,6 +320,7 @@ void Tree::changedHere(Item& item) { note(item); }
 
 void Tree::remove(Item& item) {
   unlink(item, false);
+  item.staysHere = false;  // what is there of it goes
   item.changed = FileTime::of(setting_.now());
   if (!item.there && !item.isUnderWay) effects_.gone.insert(item.id);
 }
@@ -348,6 +342,8 @@ void Tree::exchange(Item& a, Item& b) {
   std::string nameB = b.name;
   unlink(a, false);
   unlink(b, false);
+  a.staysHere = false;
+  b.staysHere = false;
   link(a, folderB, std::move(nameB), false);
   link(b, folderA, std::move(nameA), false);
 }
@@ -356,6 +352,11 @@ std::string Tree::freeNameFor(const Item& folder, const std::string& name) const
   return conflictName(name, setting_.machine, setting_.now(), [&](const std::string& tried) {
     return child(folder, tried) != nullptr || occupant({folder.id, tried}) != nullptr;
   });
+}
+
+// `name` where nobody has it.
+std::string Tree::nameIn(const Item& folder, const std::string& name) const {
+  return child(folder, name) == nullptr ? name : freeNameFor(folder, name);
 }
 
 bool Tree::differs(const Item& item) { return !item.staysHere && outgoingItem(item).differs(); }

@@ -83,8 +83,10 @@ class Tree {
   Tree& operator=(const Tree&) = delete;
 
   // ---- Memory.
-  /// Takes the rows of an earlier mount; once, before anything else. Rows that contradict each other are left out, and
-  /// their items forgotten; what was removed here and never was there goes too.
+  /// Takes the rows of an earlier mount; once, before anything else. What was removed here and is not there is forgotten.
+  /// Where rows contradict each other the effects tell what was mended: an item without a right place here is put
+  /// where the store has it, or, if only this host has its contents, into the root; of what is not right about the store
+  /// nothing is believed, and its folder is doubtful. REQUIRES: the numbers of the rows differ and are not 0.
   void restore(std::vector<ItemRow> rows, ItemId nextItem);
   ItemId nextItem() const { return nextItem_; }
   ItemRow row(const Item& item) const;
@@ -98,6 +100,9 @@ class Tree {
   Item* byIdentifier(const platform::NSFileProviderItemIdentifier& identifier) const;
   /// The item whose place there this is, linked here or not.
   Item* occupant(const Place& there) const;
+  /// Whether the item's identifier is its own for certain. It is not in a folder that got another identifier, until
+  /// that one is listed; what is asked or changed at the store meanwhile might be another item.
+  bool isSure(const Item& item) const;
   /// "/a/b"; of an item that has no name here, its path there.
   std::string path(const Item& item) const;
   static bool isWithin(const Item& item, const Item& folder);
@@ -119,9 +124,10 @@ class Tree {
   void exchange(Item& a, Item& b);
   /// The item's times, executable bit or size here were set by the caller.
   void changedHere(Item& item);
-  /// The item's contents are in this state; `item.content` is made if there is none.
+  /// The item's contents are in this state; `item.content` is made if there is none. With its first contents a new item
+  /// becomes the new contents of what the store has under its name, if that is no longer there here.
   void setContent(Item& item, const ContentState& state);
-  /// The item has no contents here any more.
+  /// The item has no contents here any more. REQUIRES: not edited.
   void dropContent(Item& item);
   /// Nobody has the item open any more: forgets one that is neither here nor there.
   void forgetIfGone(Item& item);
@@ -130,16 +136,21 @@ class Tree {
 
   // ---- What the store says. `asOf` is the moment when it was asked.
   std::uint64_t moment() { return ++moment_; }
-  /// `items` are the whole content of `folder`.
+  /// `items` are the whole content of `folder`. What can not be believed yet makes the folder doubtful, and it has no anchor.
   void applyListing(Item& folder, const std::vector<ItemRecord>& items,
                     std::optional<platform::NSFileProviderSyncAnchor> anchor, std::uint64_t asOf);
+  /// With doubts the folder's anchor stays as it was, so that the same changes are told again; it has none where only
+  /// a whole listing can tell more.
   void applyChanges(Item& folder, const std::vector<ReportedChange>& changes,
                     platform::NSFileProviderSyncAnchor anchor, std::uint64_t asOf);
-  /// One item was asked for: what it is, or that it is not there.
+  /// One item was asked for: what it is, or that it is not there (which is not believed while a change of it is on its
+  /// way: that one is ended first). A removal that loses against newer contents is undone: a
+  /// sender looks whether the item is linked or still there afterwards.
   void applyItem(Item& item, const std::optional<ItemRecord>& record, std::uint64_t asOf);
   void setPolicy(Item& item, platform::NSFileProviderContentPolicy policy);
   std::vector<ItemId> heldDeletions() const;
-  /// Believes the held deletions, or sends what they would take away to the store again.
+  /// Believes the held deletions, or sends what they would take away to the store again. Those with a change on its
+  /// way stay held.
   void settleHeldDeletions(bool believe);
 
   // ---- What is sent.
@@ -161,53 +172,85 @@ class Tree {
   void removedThere(Item& item);
   /// The extension will never take it.
   void refused(Item& item);
-  /// Both sides changed `item`: its contents here become a file beside it, under a name that says so, and it is
-  /// what the store has from now on. Returns the new one.
+  /// Both sides changed `item`: it becomes a new file beside what the store has, under a name that says so if it has not
+  /// been moved here. Returns the item that is the store's from now on. REQUIRES: a linked file with contents, there.
   Item& keepBoth(Item& item);
   /// It was removed here while the store got something newer: it is here again.
   void bringBack(Item& item);
 
  private:
   struct Batch;
+  /// An item as the store shows it, and which one it is here; null if it is new.
+  struct Sighting {
+    const ItemRecord* record;
+    Item* item;
+  };
+  using Kept = std::unordered_set<const Item*>;
+
   Item& make(ItemId id, bool isFolder);
   void note(Item& item);
+  void forget(Item& item);
+  void restoreItem(ItemRow& row);
+  void restoreLinks(const std::vector<ItemRow>& rows);
+  void restoreThere(const std::vector<ItemRow>& rows);
+  void mend(const ItemRow& row);
+
+  // Both sides' places of every item go through these.
+  void attach(Item& item, Item& folder, std::string name);
+  void detach(Item& item);
+  void setThere(Item& item, std::optional<ThereState> there);
+  void forgetThere(Item& item) { setThere(item, std::nullopt); }
+  void leavePlaceThere(const Item& item);
+  void enterPlaceThere(const Item& item);
+
   void link(Item& item, Item& folder, std::string name, bool tellKernel);
   void unlink(Item& item, bool tellKernel);
   void touch(Item& folder, bool tellKernel);
-  void forget(Item& item);
-  void setThere(Item& item, std::optional<ThereState> there);
-  void forgetThere(Item& item) { setThere(item, std::nullopt); }
   void takeOver(Item& item);
+  void leaveOwnThere(Item& item);
   std::string freeNameFor(const Item& folder, const std::string& name) const;
+  std::string nameIn(const Item& folder, const std::string& name) const;
   void detachVersion(Item& item);
   void releaseContent(Item& item, bool rescue);
+  static void contentsAreThere(ContentRow& row, std::uint64_t edits, const std::string& version);
+  void markStale(Item& folder);
+  void displace(const Place& place, const Item& by);
+  std::vector<Item*> childrenThere(const Item& folder) const;
 
   // What the store says.
-  const char* whyNotShown(const Item& folder, const ItemRecord& record, const Batch& batch) const;
-  Item* match(Item& folder, const ItemRecord& record, const Batch& batch) const;
-  void applyRecord(Item& folder, const ItemRecord& record, Batch& batch);
-  void applyToKnown(Item& item, Item& folder, const ItemRecord& record, Batch& batch);
-  void applyContents(Item& item, const ItemRecord& record);
-  bool adopts(const Item& item, const ItemRecord& record) const;
-  bool makeRoom(Item& folder, const std::string& name, const ItemRecord& record, Batch& batch);
-  void goneThere(Item& item, Batch& batch);
-  using Kept = std::unordered_set<const Item*>;
-  void believeGone(Item& item, bool rescue, const Kept& kept);
-  void leaveOldPlace(Item& item, const Item& folder, const ItemRecord& record, Batch& batch);
-  void holdOrBelieve(Item& folder, const std::vector<Item*>& gone, Batch& batch);
-  void returnLeft(Batch& batch);
   bool isOld(const Item& item, const Batch& batch) const;
-  std::vector<Item*> childrenThere(const Item& folder) const;
-  void markStale(Item& folder);
+  bool holdsOld(const Item& item, const Batch& batch) const;
+  bool isCurrent(const Item& folder, const Batch& batch) const;
+  void doubt(const Item& folder, Batch& batch);
+  const char* whyNotShown(const Item& folder, const ItemRecord& record, const Batch& batch) const;
+  std::vector<Sighting> recognise(const Item& folder, const std::vector<const ItemRecord*>& records,
+                                  Batch& batch);
+  Item* inItsPlace(const Item& folder, const ItemRecord& record) const;
+  void bringIn(Item& folder, const std::vector<Sighting>& sightings, const std::vector<Item*>& gone,
+               Batch& batch);
+  bool isNews(const Item& folder, const Sighting& sighting, const Batch& batch) const;
+  void leaveOldPlace(Item& item, const Item& folder, const ItemRecord& record, Batch& batch);
+  void returnLeft(const Batch& batch);
+  void applyNew(Item& folder, const ItemRecord& record, Batch& batch);
+  void applyToKnown(Item& item, Item& folder, const ItemRecord& record, Batch& batch);
+  bool adoptNamed(Item& named, const Item& folder, const ItemRecord& record);
+  void makeRoom(Item& folder, const std::string& name);
+  void applyContents(Item& item, const ItemRecord& record);
+  bool adopt(Item& item, const ItemRecord& record);
+  bool goneThere(Item& item, Batch& batch);
+  void believeGone(Item& item, bool rescue, const Kept& kept);
+  void holdOrBelieve(Item& folder, const std::vector<Item*>& gone, Batch& batch);
+  void sendAgain(Item& item);
 
   const Setting setting_;
   ItemId nextItem_ = kRootItem;
   std::uint64_t moment_ = 0;
   std::unordered_map<ItemId, std::unique_ptr<Item>> items_;
   Item* root_ = nullptr;
-  std::unordered_map<std::string_view, Item*> byIdentifier_;  // views of there->identifier
-  /// Items whose place there is not their place here.
-  std::map<Place, Item*> astray_;
+  /// Views of there->identifier; of items that are sure. Whoever was told last to have an identifier has it.
+  std::unordered_map<std::string_view, Item*> byIdentifier_;
+  /// Items whose place there is not their place here. Two may have one place there, while what the store said is old.
+  std::set<std::pair<Place, ItemId>> astray_;
   std::set<ItemId> differing_;
   std::set<ItemId> held_;
   TreeEffects effects_;

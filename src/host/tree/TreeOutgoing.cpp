@@ -2,7 +2,7 @@
 #include <chrono>
 #include <utility>
 
-#include "host/tree/Tree.h"
+#include "host/tree/TreeBatch.h"
 
 namespace kestrune::host {
 
@@ -75,29 +75,43 @@ void Tree::takeOver(Item& item) {
   if (item.isFolder || item.isUnderWay || !item.content || item.staysHere) return;
   Item* before = occupant({item.folder->id, item.name});
   if (before == nullptr || before == &item || before->isFolder || before->isUnderWay) return;
+  if (before->there->isHeldDeletion || !isSure(*before)) return;
   const bool keepsName = before->isLinked();
   // A backup copy beside it goes out as a new file, if all of it is here; else the renaming goes out as one.
   if (keepsName && (before->folder != item.folder || !before->isWhole())) return;
   if (item.there) {
-    const platform::Date now = setting_.now();
     const platform::Date sent{std::chrono::seconds(item.uploadedSeconds)};
-    if (!item.isWhole() || now - sent > kLately) return;
-    // Its own place at the store is to be cleared: that is left to an item that is there alone.
-    Item& left = make(nextItem_++, false);
-    left.name = item.there->name;
-    ThereState there = *item.there;
-    forgetThere(item);
-    setThere(left, std::move(there));
+    if (!item.isWhole() || !isSure(item) || setting_.now() - sent > kLately) return;
+    leaveOwnThere(item);
   }
   ThereState there = *before->there;
   ContentRow& row = *item.content;
   row.base = before->isEdited() ? before->content->base : there.version.contentVersion;
-  if (row.sentEdits == row.state.edits) row.sentEdits = row.state.edits - 1;
+  if (!item.isEdited())
+    row.sentEdits = row.state.edits - 1;  // before the first it wraps: any other number will do
+  row.state.isEdited = true;
+  row.sendingSince = 0;
+  if (before->content && before->content->sendingSince != 0) {
+    row.sendingSince = before->content->sendingSince;
+    row.sendingBytes = before->content->sendingBytes;
+    row.sendingEdits = row.sentEdits;  // of these contents nothing
+    before->content->sendingSince = 0;
+  }
   forgetThere(*before);
   setThere(item, std::move(there));
   item.sentAt = moment();
-  before->sentAt = moment();
+  before->sentAt = item.sentAt;
   if (!keepsName) effects_.gone.insert(before->id);
+}
+
+// The item's own place at the store is to be cleared: that is left to one that is there alone.
+void Tree::leaveOwnThere(Item& item) {
+  Item& left = make(nextItem_++, false);
+  left.name = item.there->name;
+  left.sentAt = item.sentAt;
+  ThereState there = *item.there;
+  forgetThere(item);
+  setThere(left, std::move(there));
 }
 
 void Tree::beginChange(Item& item) { item.isUnderWay = true; }
@@ -120,6 +134,7 @@ void Tree::endChange(Item& item) {
 
 void Tree::created(Item& item, const Place& place, const ItemRecord& answer, std::uint64_t edits,
                    platform::Date began) {
+  displace(place, item);
   ThereState there = thereStateOf(answer, place.folder);
   there.name = place.name;
   if (!item.isFolder) {
@@ -131,6 +146,16 @@ void Tree::created(Item& item, const Place& place, const ItemRecord& answer, std
   item.sentAt = moment();
 }
 
+// The store has put `by` there: whatever was known to be there is not any more.
+void Tree::displace(const Place& place, const Item& by) {
+  Item* other = occupant(place);
+  if (other == nullptr || other == &by) return;
+  effects_.doubtful.insert(place.folder);
+  Batch now;
+  now.asOf = moment();
+  if (!holdsOld(*other, now)) believeGone(*other, true, {});
+}
+
 void Tree::sent(Item& item, const ItemRecord& answer, std::uint64_t edits, platform::Date began) {
   const ThereState answered = thereStateOf(answer, 0);
   ContentRow& row = *item.content;
@@ -139,41 +164,52 @@ void Tree::sent(Item& item, const ItemRecord& answer, std::uint64_t edits, platf
   there.sizeBytes = row.sendingSince != 0 ? row.sendingBytes : answered.sizeBytes;
   there.modified = began;
   there.isProvisional = true;
-  row.sentEdits = edits;
-  row.base = there.version.contentVersion;
   row.sendingSince = 0;
+  contentsAreThere(row, edits, there.version.contentVersion);
   item.uploadedSeconds =
       std::chrono::floor<std::chrono::seconds>(setting_.now()).time_since_epoch().count();
   item.sentAt = moment();
   note(item);
 }
 
+// The store has the contents up to `edits`, as `version`; what hangs on an object is told it by others.
+void Tree::contentsAreThere(ContentRow& row, std::uint64_t edits, const std::string& version) {
+  row.sentEdits = edits;
+  row.base = version;
+  row.state.version = version;
+  row.state.isEdited = row.state.edits != edits;
+  if (!row.state.isEdited) row.state.fetchableBytes = row.state.sizeBytes;
+}
+
 void Tree::moved(Item& item, const Place& place, const ItemRecord& answer) {
+  displace(place, item);
   ThereState there = *item.there;
+  const bool isSameIdentifier = there.identifier == answer.identifier;
   there.identifier = answer.identifier;
   there.folder = place.folder;
   there.name = place.name;
   there.version.metadataVersion = answer.metadataVersion;
   setThere(item, std::move(there));
   item.sentAt = moment();
-  if (item.isFolder) markStale(item);
+  if (item.isFolder && !isSameIdentifier) markStale(item);
 }
 
-// What is in it may have other identifiers now, at any depth.
+// The folder has another identifier: what is in it may have others too, at any depth.
 void Tree::markStale(Item& folder) {
   std::vector<Item*> pending = {&folder};
   while (!pending.empty()) {
     Item& at = *pending.back();
     pending.pop_back();
     at.sentAt = moment();
+    FolderRow& listing = at.part->listing;
     const std::vector<Item*> children = childrenThere(at);
-    if (!children.empty() || at.part->listing.isEnumerated) {
-      at.part->listing.hasStaleIdentifiers = true;
-      at.part->listing.anchor = std::nullopt;
-      effects_.doubtful.insert(at.id);
-      note(at);
-    }
+    if (children.empty() && !listing.isEnumerated) continue;
+    listing.hasStaleIdentifiers = true;
+    listing.anchor = std::nullopt;
+    effects_.doubtful.insert(at.id);
+    note(at);
     for (Item* child : children) {
+      if (isSure(*child)) byIdentifier_.erase(child->there->identifier);
       if (child->isFolder) pending.push_back(child);
     }
   }
@@ -182,6 +218,11 @@ void Tree::markStale(Item& folder) {
 void Tree::removedThere(Item& item) {
   if (item.isFolder) {
     for (Item* child : childrenThere(item)) removedThere(*child);
+  }
+  const bool isLost = item.isLinked() && !item.isFolder && !item.isWhole();
+  if (isLost) {  // moved out here when it was too late, and its bytes were at the store alone
+    believeGone(item, false, {});
+    return;
   }
   forgetThere(item);
   item.sentAt = moment();
@@ -195,32 +236,26 @@ void Tree::refused(Item& item) {
 
 Item& Tree::keepBoth(Item& item) {
   ThereState there = *item.there;
-  Item* folderThere = find(there.folder);
-  const bool wasAtPlace =
-      item.folder != nullptr && item.folder == folderThere && item.name == there.name;
-  const std::string name = there.name;
+  const bool wasAtPlace = item.folder->id == there.folder && item.name == there.name;
   forgetThere(item);
   item.content->base.clear();
   item.content->sendingSince = 0;
   if (wasAtPlace) {
     Item& folder = *item.folder;
-    const std::string conflicting = freeNameFor(folder, name);
+    const std::string conflicting = freeNameFor(folder, there.name);
     unlink(item, true);
     link(item, folder, conflicting, true);
   }
   Item& stored = make(nextItem_++, false);
+  stored.name = there.name;
   stored.sizeBytes = there.sizeBytes;
   stored.modified = FileTime::of(there.modified);
   stored.changed = stored.modified;
   stored.accessed = stored.modified;
   stored.isExecutable = item.isExecutable;
-  const std::string free =
-      child(*folderThere, name) == nullptr ? name : freeNameFor(*folderThere, name);
-  if (folderThere->isLinked())
-    link(stored, *folderThere, free, true);
-  else
-    stored.name = name;
+  stored.sentAt = item.sentAt;
   setThere(stored, std::move(there));
+  bringBack(stored);
   return stored;
 }
 
@@ -229,12 +264,14 @@ void Tree::bringBack(Item& item) {
   Item* folder = find(item.there->folder);
   if (folder == nullptr) return;
   if (!folder->isLinked()) bringBack(*folder);
-  if (!folder->isLinked()) return;
-  const std::string& name = item.there->name;
-  link(item, *folder, child(*folder, name) == nullptr ? name : freeNameFor(*folder, name), true);
+  // With its folder may have come all that is in it.
+  if (!folder->isLinked() || item.isLinked()) return;
+  link(item, *folder, nameIn(*folder, item.there->name), true);
   effects_.gone.erase(item.id);
   if (!item.isFolder) return;
-  for (Item* child : childrenThere(item)) bringBack(*child);
+  for (Item* child : childrenThere(item)) {
+    if (!child->isUnderWay) bringBack(*child);
+  }
 }
 
 }  // namespace kestrune::host

@@ -1,0 +1,134 @@
+// What the store says is gone: believed, or held where it is much.
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+#include "host/tree/TreeBatch.h"
+
+namespace kestrune::host {
+
+namespace {
+
+// So many files with contents here may go at once without being asked, or a tenth of those below the folder.
+constexpr std::size_t kMostAtOnce = 20;
+constexpr std::size_t kShare = 10;
+
+std::size_t filesHere(const Item& folder) {
+  std::size_t files = 0;
+  std::vector<const Item*> pending = {&folder};
+  while (!pending.empty()) {
+    const Item& at = *pending.back();
+    pending.pop_back();
+    if (!at.isFolder) {
+      files += at.content && at.content->state.present.byteCount() > 0 ? 1U : 0U;
+      continue;
+    }
+    for (const auto& [id, child] : at.part->children) pending.push_back(child);
+  }
+  return files;
+}
+
+}  // namespace
+
+// What was sent after the store was asked, or is on its way, is newer than the answer.
+bool Tree::isOld(const Item& item, const Batch& batch) const {
+  return item.isUnderWay || item.sentAt > batch.asOf;
+}
+
+// The same of anything in it, or on its way into it.
+bool Tree::holdsOld(const Item& item, const Batch& batch) const {
+  if (isOld(item, batch)) return true;
+  if (!item.isFolder) return false;
+  for (const auto& [id, child] : item.part->children) {
+    if (child->isUnderWay) return true;
+  }
+  const std::vector<Item*> children = childrenThere(item);
+  return std::any_of(children.begin(), children.end(),
+                     [&](const Item* child) { return holdsOld(*child, batch); });
+}
+
+// False: it can not be believed yet.
+bool Tree::goneThere(Item& item, Batch& batch) {
+  if (holdsOld(item, batch)) {
+    doubt(*find(item.there->folder), batch);
+    return false;
+  }
+  believeGone(item, false, batch.kept);
+  return true;
+}
+
+void Tree::believeGone(Item& item, bool rescue, const Kept& kept) {
+  if (item.isFolder) {
+    for (Item* child : childrenThere(item)) {
+      if (!kept.contains(child)) believeGone(*child, rescue, kept);
+    }
+  }
+  const bool isMovedHere = item.folder != nullptr &&
+                           (item.folder->id != item.there->folder || item.name != item.there->name);
+  forgetThere(item);
+  if (item.folder == nullptr) {
+    effects_.gone.insert(item.id);
+    return;
+  }
+  // A deletion loses against what was changed here: it will be made again.
+  const bool survives = item.isFolder ? !item.part->children.empty()
+                                      : item.isEdited() || (isMovedHere && item.isWhole());
+  if (survives) {
+    if (item.content) item.content->base.clear();
+    if (item.part) item.part->listing = {.isEnumerated = true};  // nobody else knows it any more
+    note(item);
+    return;
+  }
+  unlink(item, true);
+  detachVersion(item);
+  releaseContent(item, rescue);
+  forget(item);
+}
+
+// A change that would take away much of what is here is not believed at once.
+void Tree::holdOrBelieve(Item& folder, const std::vector<Item*>& gone, Batch& batch) {
+  std::size_t files = 0;
+  for (const Item* item : gone) files += item->folder != nullptr ? filesHere(*item) : 0;
+  const bool isMuch = files > kMostAtOnce && files > filesHere(folder) / kShare;
+  for (Item* item : gone) {
+    const bool isHeld = item->there->isHeldDeletion;
+    if ((isMuch || isHeld) && item->folder != nullptr && !holdsOld(*item, batch)) {
+      item->there->isHeldDeletion = true;
+      held_.insert(item->id);
+      note(*item);
+    } else {
+      goneThere(*item, batch);
+    }
+  }
+}
+
+std::vector<ItemId> Tree::heldDeletions() const { return {held_.begin(), held_.end()}; }
+
+void Tree::settleHeldDeletions(bool believe) {
+  Batch now;
+  now.asOf = std::numeric_limits<std::uint64_t>::max();
+  for (const ItemId id : heldDeletions()) {
+    Item* item = find(id);
+    if (item == nullptr || !item->there || holdsOld(*item, now)) continue;
+    if (believe) {
+      believeGone(*item, true, {});
+    } else {
+      sendAgain(*item);
+    }
+  }
+}
+
+// What it is here is to be made at the store anew.
+void Tree::sendAgain(Item& item) {
+  if (item.isFolder) {
+    for (Item* child : childrenThere(item)) sendAgain(*child);
+    item.part->listing = {.isEnumerated = true};
+  } else if (item.isLinked() && !item.isWhole()) {
+    believeGone(item, false, {});  // what was never here cannot be sent
+    return;
+  }
+  forgetThere(item);
+  if (!item.isLinked()) effects_.gone.insert(item.id);
+}
+
+}  // namespace kestrune::host
