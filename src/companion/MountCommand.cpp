@@ -1,9 +1,13 @@
 #include "companion/MountCommand.h"
 
+#include <chrono>
 #include <cstdio>
+#include <optional>
 #include <utility>
 
 #include "companion/configuration/CommandError.h"
+#include "companion/configuration/InvalidateCommand.h"
+#include "companion/events/EventListener.h"
 #include "config/SharedConfig.h"
 #include "config/StorageLocations.h"
 #include "extension/FileProviderExtension.h"
@@ -41,7 +45,12 @@ void runMount(const MountOptions& options) {
   host.signalFile = storage::invalidationTokenFile();
   host.domainIdentifier = options.domainIdentifier;
   host.allowOtherUsers = options.allowOtherUsers;
-  host.mounted = [&options] {
+  // From when the folder can be used: no thread may run before.
+  std::optional<EventListener> listener;
+  host.mounted = [&options, &listener] {
+    EventListenerOptions events;
+    events.refresh = std::chrono::seconds(options.refreshSeconds);
+    listener.emplace(events, [] { writeInvalidationToken(); });
     std::printf("Mounted at %s; Ctrl-C or fusermount3 -u ends it.\n", options.mountPoint.c_str());
     std::fflush(stdout);
   };

@@ -1,6 +1,7 @@
 // `kestrune mount`: the extension as a folder, until somebody ends it.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 
@@ -16,6 +17,8 @@ struct MountOptions {
   /// Whether users other than the one who mounts may look inside (needs user_allow_other in
   /// /etc/fuse.conf where not root).
   bool allowOtherUsers = false;
+  /// How often the store is looked at for changes where its service has no events to tell of them.
+  std::int64_t refreshSeconds = 30;
 };
 
 /// Prints where the folder is once it can be used, and returns after SIGINT, SIGTERM, SIGHUP or an

@@ -7,11 +7,14 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <functional>
 #include <iostream>
+#include <memory>
 #include <string>
 
 #include "companion/ConsoleCommand.h"
@@ -20,6 +23,7 @@
 #include "companion/configuration/CommandError.h"
 #include "companion/configuration/ConfigureCommand.h"
 #include "companion/configuration/InvalidateCommand.h"
+#include "companion/control/ControlCommands.h"
 #include "platform/values/Allocator.h"
 #include "status/SyncStatusStore.h"
 
@@ -36,6 +40,9 @@ constexpr const char* kFooter =
     "  kestrune mount ~/Kestrune\n"
     "  kestrune ls -l /Docs\n"
     "  kestrune cat /Docs/a.pdf >a.pdf\n"
+    "  kestrune status\n"
+    "  kestrune sync --wait ~/Kestrune/Docs\n"
+    "  kestrune pin ~/Kestrune/Docs/a.pdf\n"
     "  kestrune invalidate\n"
     "  echo '{\"id\":1,\"op\":\"enumerateItems\",\"container\":\"/Docs\"}' | kestrune console\n"
     "\n"
@@ -91,6 +98,11 @@ void addMount(CLI::App& app, Command& chosen) {
                       "where fetched contents are kept; default: below the shared directory");
   command->add_option("--domain", options->domainIdentifier, "the domain's identifier")
       ->capture_default_str();
+  command
+      ->add_option("--refresh", options->refreshSeconds,
+                   "seconds between looks for changes, where the service does not tell of them")
+      ->check(CLI::Range(std::int64_t{1}, std::int64_t{86'400}))
+      ->capture_default_str();
   command->add_flag("--allow-other", options->allowOtherUsers,
                     "let other users look inside (needs user_allow_other in /etc/fuse.conf)");
   command->callback([&chosen, options] { chosen = [options] { runMount(*options); }; });
@@ -126,6 +138,82 @@ void addConsole(CLI::App& app, Command& chosen) {
   command->callback([&chosen, options] { chosen = [options] { runConsole(*options); }; });
 }
 
+using Op = host::ControlRequest::Op;
+
+/// What all commands to a running host have in common.
+CLI::App* addControl(CLI::App& app, Command& chosen, const std::shared_ptr<ControlCommand>& control,
+                     const char* name, const char* description) {
+  auto* command = app.add_subcommand(name, description);
+  command->add_flag("--json", control->asJson, "for programs: JSON, one object a line");
+  command->callback([&chosen, control] { chosen = [control] { runControl(*control); }; });
+  return command;
+}
+
+void addDomainControl(CLI::App& app, Command& chosen, Op op, const char* name,
+                      const char* description) {
+  auto control = std::make_shared<ControlCommand>();
+  control->op = op;
+  addControl(app, chosen, control, name, description)
+      ->add_option("--domain", control->domainIdentifier, "the domain's identifier")
+      ->capture_default_str();
+}
+
+void addItemControl(CLI::App& app, Command& chosen, Op op, const char* name,
+                    const char* description) {
+  auto control = std::make_shared<ControlCommand>();
+  control->op = op;
+  addControl(app, chosen, control, name, description)
+      ->add_option("PATH", control->paths, "files and folders in the mounted folder")
+      ->required();
+}
+
+void addPending(CLI::App& app, Command& chosen) {
+  auto control = std::make_shared<ControlCommand>();
+  control->op = Op::pending;
+  auto* command = addControl(app, chosen, control, "pending",
+                             "Show what was changed here and is not at the store yet");
+  command->add_option("PATH", control->paths, "only what lies there; default: all of the domain");
+  command->add_option("--domain", control->domainIdentifier, "the domain, where there is no PATH")
+      ->capture_default_str();
+  command->add_option("--most", control->most, "how many changes are shown")
+      ->check(CLI::Range(std::size_t{0}, host::ControlRequest::kMostChanges))
+      ->capture_default_str();
+}
+
+void addSync(CLI::App& app, Command& chosen) {
+  auto control = std::make_shared<ControlCommand>();
+  control->op = Op::sync;
+  auto* command = addControl(app, chosen, control, "sync",
+                             "Send what was changed here now, whatever failed before");
+  command->add_option("PATH", control->paths, "files and folders in the mounted folder")
+      ->required();
+  command->add_flag("--wait", control->waits, "until all of it is at the store");
+  auto seconds = std::make_shared<std::int64_t>(control->timeout.count());
+  command->add_option("--timeout", *seconds, "seconds to wait at most")
+      ->check(CLI::Range(std::int64_t{0}, host::ControlRequest::kLongestTimeout.count()))
+      ->capture_default_str();
+  command->callback([&chosen, control, seconds] {
+    control->timeout = std::chrono::seconds(*seconds);
+    chosen = [control] { runControl(*control); };
+  });
+}
+
+void addControls(CLI::App& app, Command& chosen) {
+  addDomainControl(app, chosen, Op::status, "status", "Show how a mounted folder is doing");
+  addPending(app, chosen);
+  addSync(app, chosen);
+  addItemControl(app, chosen, Op::pin, "pin", "Keep items on this machine");
+  addItemControl(app, chosen, Op::unpin, "unpin", "No longer keep items on this machine");
+  addItemControl(app, chosen, Op::evict, "evict", "Remove contents from this machine, not items");
+  addItemControl(app, chosen, Op::download, "download", "Fetch contents now");
+  addItemControl(app, chosen, Op::link, "link", "Print links to items, for others");
+  addItemControl(app, chosen, Op::state, "state", "Show what of items is on this machine");
+  addDomainControl(app, chosen, Op::allowDeletions, "allow-deletions",
+                   "Carry out the deletions that the host holds back");
+  addDomainControl(app, chosen, Op::keepDeleted, "keep-deleted",
+                   "Keep what the host has not deleted yet, and send it to the store again");
+}
+
 int run(int argc, char** argv) {
   CLI::App app("Kestrune: a remote file store as a folder.", "kestrune");
   app.footer(kFooter);
@@ -138,6 +226,7 @@ int run(int argc, char** argv) {
   addList(app, chosen);
   addCat(app, chosen);
   addConsole(app, chosen);
+  addControls(app, chosen);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

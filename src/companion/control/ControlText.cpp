@@ -1,0 +1,156 @@
+#include "companion/control/ControlText.h"
+
+#include <array>
+#include <cstdio>
+
+#include "host/control/ControlRequest.h"
+#include "platform/log/Log.h"
+
+namespace kestrune {
+
+using platform::Json;
+
+namespace {
+
+std::uint64_t numberAt(const Json& object, const char* name) {
+  return object.value(name, std::uint64_t{0});
+}
+
+std::string counted(std::uint64_t count, const char* one, const char* many) {
+  return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+
+std::string heldText(const Json& held, Escaping escaping) {
+  const std::uint64_t count = numberAt(held, "count");
+  if (count == 0) return {};
+  std::string text = counted(count, "deletion", "deletions") +
+                     " at the store not carried out here; decide with kestrune allow-deletions or "
+                     "kestrune keep-deleted:\n";
+  const Json& paths = held.at("paths");
+  for (const Json& path : paths) text += "  " + pathText(path, escaping) + "\n";
+  if (paths.size() < count) text += "  and " + std::to_string(count - paths.size()) + " more\n";
+  return text;
+}
+
+std::string changesText(const Json& status) {
+  const std::uint64_t count = numberAt(status, "pendingChanges");
+  if (count == 0) return "Everything that was changed here is at the store.\n";
+  std::string text = counted(count, "change is", "changes are") + " not at the store yet";
+  if (const std::uint64_t failing = numberAt(status, "failingChanges"); failing > 0) {
+    text += ", " + std::to_string(failing) + " failed so far";
+  }
+  return text + "; kestrune pending shows them.\n";
+}
+
+std::string changeText(const Json& change, Escaping escaping) {
+  std::string text = change.at("change").get<std::string>();
+  text.resize(6, ' ');
+  text +=
+      "  " + change.at("since").get<std::string>() + "  " + pathText(change.at("path"), escaping);
+  if (const std::uint64_t bytes = numberAt(change, "bytes"); bytes > 0) {
+    text += "  (" + sizeText(bytes) + ")";
+  }
+  if (change.value("underWay", false)) text += "  under way";
+  text += "\n";
+  if (const std::string reason = change.value("reason", ""); !reason.empty()) {
+    text += "        failed " + counted(numberAt(change, "attempts"), "time", "times");
+    if (change.contains("nextAttemptSeconds")) {
+      text += ", again in " + std::to_string(numberAt(change, "nextAttemptSeconds")) + " s";
+    }
+    text += ": " + escapedText(reason, escaping) + "\n";
+  }
+  return text;
+}
+
+}  // namespace
+
+std::string sizeText(std::uint64_t bytes) {
+  constexpr std::uint64_t kStep = 1024;
+  if (bytes < kStep) return counted(bytes, "byte", "bytes");
+  constexpr std::array<const char*, 6> kUnits = {"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+  std::size_t unit = 0;
+  auto value = static_cast<double>(bytes) / kStep;
+  for (; value >= kStep && unit + 1 < kUnits.size(); ++unit) value /= kStep;
+  std::array<char, 32> text{};
+  std::snprintf(text.data(), text.size(), "%.1f %s", value, kUnits.at(unit));
+  return text.data();
+}
+
+std::string escapedText(const std::string& text, Escaping escaping) {
+  return escaping == Escaping::forTerminal ? platform::escapeForDisplay(text) : text;
+}
+
+std::string pathText(const Json& path, Escaping escaping) {
+  return escapedText(host::pathFromJson(path), escaping);
+}
+
+std::string statusText(const Json& status, Escaping escaping) {
+  std::string text = "Mounted at " + pathText(status.at("mountPoint"), escaping) + ", domain " +
+                     pathText(status.at("domain"), escaping) + ", process " +
+                     std::to_string(numberAt(status, "process")) + ".\n";
+  if (status.value("storeReachable", false)) {
+    text += "The store answers.\n";
+  } else {
+    text +=
+        "The store cannot be reached: " + escapedText(status.value("storeError", ""), escaping) +
+        "\n";
+  }
+  text += changesText(status);
+  text += std::to_string(numberAt(status, "uploads")) + " uploads and " +
+          std::to_string(numberAt(status, "downloads")) + " downloads under way.\n";
+  text += counted(numberAt(status, "knownItems"), "item", "items") + " known, " +
+          std::to_string(numberAt(status, "itemsHere")) +
+          " with contents here: " + sizeText(numberAt(status, "bytesHere"));
+  if (status.contains("cacheLimitBytes")) {
+    text += " of at most " + sizeText(numberAt(status, "cacheLimitBytes"));
+  }
+  text += ".\n" + heldText(status.at("heldDeletions"), escaping);
+  if (status.contains("lastAudit")) {
+    const Json& audit = status["lastAudit"];
+    text += "Last audit: " + audit.at("at").get<std::string>() + ", " +
+            pathText(audit.at("path"), escaping) + ", " +
+            counted(numberAt(audit, "differences"), "difference", "differences") + " repaired.\n";
+  }
+  if (status.contains("lastSignal")) {
+    text += "Last told of changes at the store: " + status["lastSignal"].get<std::string>() + ".\n";
+  }
+  text += status.value("passthrough", false) ? "Whole files are read by the kernel itself.\n"
+                                             : "All reading goes through the host.\n";
+  return text;
+}
+
+std::string pendingText(const Json& pending, Escaping escaping) {
+  const std::uint64_t count = numberAt(pending, "count");
+  if (count == 0) return "Everything is at the store.\n";
+  std::string text;
+  const Json& changes = pending.at("changes");
+  for (const Json& change : changes) text += changeText(change, escaping);
+  if (changes.size() < count) text += "and " + std::to_string(count - changes.size()) + " more\n";
+  return text;
+}
+
+std::string stateText(const Json& state, Escaping escaping) {
+  std::string text;
+  const std::uint64_t size = numberAt(state, "sizeBytes");
+  const std::uint64_t here = numberAt(state, "bytesHere");
+  if (state.value("folder", false)) {
+    text = "a folder";
+  } else if (here == 0 && size > 0) {
+    text = sizeText(size) + ", not here";
+  } else if (here < size) {
+    text = sizeText(here) + " of " + sizeText(size) + " here";
+  } else {
+    text = sizeText(size) + ", here";
+  }
+  if (state.value("pinned", false)) text += ", pinned";
+  if (state.contains("pending")) {
+    const Json& change = state["pending"];
+    text += ", not at the store yet (" + change.at("change").get<std::string>() + ")";
+    if (const std::string reason = change.value("reason", ""); !reason.empty()) {
+      text += ": " + escapedText(reason, escaping);
+    }
+  }
+  return text;
+}
+
+}  // namespace kestrune

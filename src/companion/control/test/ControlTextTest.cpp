@@ -1,0 +1,96 @@
+#include "companion/control/ControlText.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "host/control/ControlAnswer.h"
+#include "host/control/test/FakeHostControl.h"
+
+namespace kestrune {
+namespace {
+
+using host::HostStatus;
+using host::PendingChanges;
+using platform::Json;
+using testing::HasSubstr;
+using testing::Not;
+
+std::string statusOf(const HostStatus& status) {
+  Json json = host::toJson(status);
+  json.update({{"mountPoint", "/mnt/k"}, {"domain", "main"}, {"process", 5}});
+  return statusText(json, Escaping::forTerminal);
+}
+
+TEST(ControlText, CountsBytes) {
+  EXPECT_EQ(sizeText(0), "0 bytes");
+  EXPECT_EQ(sizeText(1), "1 byte");
+  EXPECT_EQ(sizeText(1023), "1023 bytes");
+  EXPECT_EQ(sizeText(1536), "1.5 KiB");
+  EXPECT_EQ(sizeText(10ULL << 30U), "10.0 GiB");
+  EXPECT_EQ(sizeText(~0ULL), "16.0 EiB");
+}
+
+TEST(ControlText, AQuietHostSaysSo) {
+  const std::string text = statusOf(HostStatus());
+  EXPECT_THAT(text, HasSubstr("Mounted at /mnt/k, domain main, process 5."));
+  EXPECT_THAT(text, HasSubstr("The store answers."));
+  EXPECT_THAT(text, HasSubstr("Everything that was changed here is at the store."));
+  EXPECT_THAT(text, Not(HasSubstr("deletion")));
+  EXPECT_THAT(text, Not(HasSubstr("audit")));
+}
+
+TEST(ControlText, TroubleIsTold) {
+  HostStatus status;
+  status.isStoreReachable = false;
+  status.storeError = "no route\x1b[31m";
+  status.pendingChanges = 3;
+  status.failingChanges = 1;
+  status.heldDeletionCount = 3;
+  status.heldDeletions = {"/a\x1b", "/b"};
+  status.cacheLimitBytes = 2048;
+  status.lastAudit = host::AuditReport{{}, "/Docs", 1};
+  status.lastSignal = platform::Date();
+  const std::string text = statusOf(status);
+  EXPECT_THAT(text, HasSubstr("cannot be reached: no route"));
+  EXPECT_THAT(text, HasSubstr("3 changes are not at the store yet, 1 failed so far"));
+  EXPECT_THAT(text, HasSubstr("3 deletions at the store"));
+  EXPECT_THAT(text, HasSubstr("and 1 more"));
+  EXPECT_THAT(text, HasSubstr("of at most 2.0 KiB"));
+  EXPECT_THAT(text, HasSubstr("/Docs, 1 difference repaired"));
+  EXPECT_EQ(text.find('\x1b'), std::string::npos);
+}
+
+TEST(ControlText, PendingChangesHaveReasons) {
+  PendingChanges changes{3, {host::pendingSend("/a\n", "no room"), host::pendingSend("/b")}};
+  changes.changes[1].isUnderWay = true;
+  const std::string text = pendingText(host::toJson(changes), Escaping::forTerminal);
+  EXPECT_THAT(text, HasSubstr("send    1970-01-01T00:00:00Z  /a\\n  (5 bytes)\n"));
+  EXPECT_THAT(text, HasSubstr("failed 3 times, again in 8 s: no room\n"));
+  EXPECT_THAT(text, HasSubstr("/b  (5 bytes)  under way\n"));
+  EXPECT_THAT(text, HasSubstr("and 1 more\n"));
+  EXPECT_THAT(pendingText(host::toJson(changes), Escaping::none), HasSubstr("/a\n  ("));
+  EXPECT_EQ(pendingText(host::toJson(PendingChanges()), Escaping::none),
+            "Everything is at the store.\n");
+}
+
+TEST(ControlText, TheStateOfAnItem) {
+  host::ItemState state;
+  state.sizeBytes = 10;
+  EXPECT_EQ(stateText(host::toJson(state), Escaping::none), "10 bytes, not here");
+  state.bytesHere = 5;
+  EXPECT_EQ(stateText(host::toJson(state), Escaping::none), "5 bytes of 10 bytes here");
+  state.bytesHere = 10;
+  state.isPinned = true;
+  EXPECT_EQ(stateText(host::toJson(state), Escaping::none), "10 bytes, here, pinned");
+  state.pending = host::pendingSend("/a", "no room");
+  EXPECT_EQ(stateText(host::toJson(state), Escaping::none),
+            "10 bytes, here, pinned, not at the store yet (send): no room");
+  state = {};
+  state.isFolder = true;
+  EXPECT_EQ(stateText(host::toJson(state), Escaping::none), "a folder");
+}
+
+}  // namespace
+}  // namespace kestrune
