@@ -29,6 +29,8 @@ struct FolderPart {
   /// meanwhile neither repeat nor hide others.
   std::map<ItemId, Item*> children;
   std::unordered_map<std::string_view, Item*> byName;
+  /// When it was last listed as a whole, as Tree::moment tells.
+  std::uint64_t listedAt = 0;
 };
 
 struct Item {
@@ -72,6 +74,7 @@ struct Item {
   std::uint64_t sentAt = 0;
   /// A change of it is on its way to the store.
   bool isUnderWay = false;
+  std::uint64_t begunAt = 0;
   /// When this host last sent its contents, by the tree's clock, since 1970.
   std::int64_t uploadedSeconds = 0;
 

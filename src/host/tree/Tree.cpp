@@ -216,12 +216,21 @@ void Tree::setThere(Item& item, std::optional<ThereState> there) {
   if (item.there) {
     const Item* folder = find(item.there->folder);
     if (folder != nullptr && folder->isFolder && !folder->part->listing.hasStaleIdentifiers) {
+      if (const Item* other = byIdentifier(item.there->identifier))
+        askAgain(*find(other->there->folder));  // it has another one now, or is this very item
       byIdentifier_.erase(item.there->identifier);
       byIdentifier_.emplace(item.there->identifier, &item);
     }
     enterPlaceThere(item);
   }
   note(item);
+}
+
+// Only a whole listing can tell what is in the folder.
+void Tree::askAgain(Item& folder) {
+  folder.part->listing.anchor = std::nullopt;
+  effects_.doubtful.insert(folder.id);
+  note(folder);
 }
 
 void Tree::link(Item& item, Item& folder, std::string name, bool tellKernel) {

@@ -200,6 +200,7 @@ class Tree {
   void detach(Item& item);
   void setThere(Item& item, std::optional<ThereState> there);
   void forgetThere(Item& item) { setThere(item, std::nullopt); }
+  void askAgain(Item& folder);
   void leavePlaceThere(const Item& item);
   void enterPlaceThere(const Item& item);
 
@@ -208,13 +209,14 @@ class Tree {
   void touch(Item& folder, bool tellKernel);
   void takeOver(Item& item);
   void leaveOwnThere(Item& item);
+  void doubtWhatWasMissed(const Item& item, const Place& place, const std::string& identifier);
   std::string freeNameFor(const Item& folder, const std::string& name) const;
   std::string nameIn(const Item& folder, const std::string& name) const;
   void detachVersion(Item& item);
   void releaseContent(Item& item, bool rescue);
   static void contentsAreThere(ContentRow& row, std::uint64_t edits, const std::string& version);
   void markStale(Item& folder);
-  void displace(const Place& place, const Item& by);
+  void displace(const Place& place, const std::string& identifier, const Item& by);
   std::vector<Item*> childrenThere(const Item& folder) const;
 
   // What the store says.
@@ -253,6 +255,9 @@ class Tree {
   std::set<std::pair<Place, ItemId>> astray_;
   std::set<ItemId> differing_;
   std::set<ItemId> held_;
+  /// Told to be gone while changes were on their way whose answers will say who that was.
+  std::set<std::string> goneUnknown_;
+  std::size_t underWay_ = 0;
   TreeEffects effects_;
 };
 

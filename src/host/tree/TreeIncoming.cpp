@@ -126,6 +126,7 @@ void Tree::applyListing(Item& folder, const std::vector<ItemRecord>& items,
     for (Item* child : before) byIdentifier_.emplace(child->there->identifier, child);
   }
   listing.isEnumerated = true;
+  folder.part->listedAt = moment();
   std::vector<Item*> gone;
   for (Item* item : before) {
     if (!batch.kept.contains(item)) gone.push_back(item);
@@ -165,6 +166,7 @@ void Tree::applyChanges(Item& folder, const std::vector<ReportedChange>& changes
   for (const ReportedChange* change : last) {
     if (change->kind == ReportedChange::Kind::update) continue;
     Item* item = byIdentifier(change->item.identifier);
+    if (item == nullptr && underWay_ > 0) goneUnknown_.insert(change->item.identifier);
     // An item that moved elsewhere is reported as deleted by the folder that it left.
     if (item == nullptr || item->isRoot() || item->there->folder != folder.id) continue;
     if (!batch.kept.contains(item)) gone.push_back(item);
@@ -236,7 +238,9 @@ void Tree::applyItem(Item& item, const std::optional<ItemRecord>& record, std::u
     effects_.doubtful.insert(folder.id);
     return;
   }
-  if (!record) {
+  // Something of the other kind in its place is not it.
+  if (!record || record->isFolder != item.isFolder) {
+    if (record) effects_.doubtful.insert(folder.id);
     // What is held is asked for as long as nothing is to be done with it.
     if (!item.there->isHeldDeletion) {
       holdOrBelieve(folder, {&item}, batch);
@@ -248,8 +252,8 @@ void Tree::applyItem(Item& item, const std::optional<ItemRecord>& record, std::u
   const bool isElsewhere =
       record->name != item.there->name || record->identifier != item.there->identifier ||
       (record->parentIdentifier && *record->parentIdentifier != folder.there->identifier);
-  if (isElsewhere || record->isFolder != item.isFolder) effects_.doubtful.insert(folder.id);
-  if (record->isFolder == item.isFolder) applyContents(item, *record);
+  if (isElsewhere) effects_.doubtful.insert(folder.id);
+  applyContents(item, *record);
 }
 
 void Tree::applyNew(Item& folder, const ItemRecord& record, Batch& batch) {
@@ -282,9 +286,7 @@ bool Tree::adoptNamed(Item& named, const Item& folder, const ItemRecord& record)
     setThere(named, thereStateOf(record, folder.id));
     named.staysHere = false;
     named.part->listing.hasStaleIdentifiers = true;  // only this side's part of it is known
-    named.part->listing.anchor = std::nullopt;
-    effects_.doubtful.insert(named.id);
-    note(named);
+    askAgain(named);
     return true;
   }
   if (!adopt(named, record)) return false;

@@ -114,10 +114,13 @@ void Tree::leaveOwnThere(Item& item) {
   setThere(left, std::move(there));
 }
 
-void Tree::beginChange(Item& item) { item.isUnderWay = true; }
+void Tree::beginChange(Item& item) {
+  if (!std::exchange(item.isUnderWay, true)) ++underWay_;
+  item.begunAt = moment();
+}
 
 void Tree::beginSending(Item& item, std::int64_t bytes, std::uint64_t edits) {
-  item.isUnderWay = true;
+  beginChange(item);
   if (!item.content) return;
   item.content->sendingSince =
       std::chrono::floor<std::chrono::seconds>(setting_.now()).time_since_epoch().count();
@@ -127,14 +130,15 @@ void Tree::beginSending(Item& item, std::int64_t bytes, std::uint64_t edits) {
 }
 
 void Tree::endChange(Item& item) {
-  item.isUnderWay = false;
+  if (std::exchange(item.isUnderWay, false) && --underWay_ == 0) goneUnknown_.clear();
   note(item);
   if (!item.isLinked() && !item.there) effects_.gone.insert(item.id);
 }
 
 void Tree::created(Item& item, const Place& place, const ItemRecord& answer, std::uint64_t edits,
                    platform::Date began) {
-  displace(place, item);
+  displace(place, answer.identifier, item);
+  doubtWhatWasMissed(item, place, answer.identifier);
   ThereState there = thereStateOf(answer, place.folder);
   there.name = place.name;
   if (!item.isFolder) {
@@ -146,14 +150,22 @@ void Tree::created(Item& item, const Place& place, const ItemRecord& answer, std
   item.sentAt = moment();
 }
 
-// The store has put `by` there: whatever was known to be there is not any more.
-void Tree::displace(const Place& place, const Item& by) {
-  Item* other = occupant(place);
-  if (other == nullptr || other == &by) return;
-  effects_.doubtful.insert(place.folder);
+// What was said of the item while nobody knew yet who it is there passed unnoticed.
+void Tree::doubtWhatWasMissed(const Item& item, const Place& place, const std::string& identifier) {
+  Item& folder = *find(place.folder);
+  if (folder.part->listedAt > item.begunAt || goneUnknown_.contains(identifier)) askAgain(folder);
+}
+
+// The store has put `by` there: whoever was known to be there, or by its identifier, is not any more.
+void Tree::displace(const Place& place, const std::string& identifier, const Item& by) {
   Batch now;
   now.asOf = moment();
-  if (!holdsOld(*other, now)) believeGone(*other, true, {});
+  for (const bool isByName : {false, true}) {
+    Item* other = isByName ? occupant(place) : byIdentifier(identifier);
+    if (other == nullptr || other == &by || other->isRoot()) continue;
+    askAgain(*find(other->there->folder));
+    if (!holdsOld(*other, now)) believeGone(*other, true, {});
+  }
 }
 
 void Tree::sent(Item& item, const ItemRecord& answer, std::uint64_t edits, platform::Date began) {
@@ -182,7 +194,8 @@ void Tree::contentsAreThere(ContentRow& row, std::uint64_t edits, const std::str
 }
 
 void Tree::moved(Item& item, const Place& place, const ItemRecord& answer) {
-  displace(place, item);
+  displace(place, answer.identifier, item);
+  doubtWhatWasMissed(item, place, answer.identifier);
   ThereState there = *item.there;
   const bool isSameIdentifier = there.identifier == answer.identifier;
   there.identifier = answer.identifier;

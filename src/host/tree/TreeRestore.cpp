@@ -95,9 +95,7 @@ void Tree::mend(const ItemRow& row) {
   }
   if (lacksThere) {
     if (Item* folder = find(row.there->folder); folder != nullptr && folder->isFolder) {
-      folder->part->listing.anchor = std::nullopt;
-      effects_.doubtful.insert(folder->id);
-      note(*folder);
+      askAgain(*folder);
     }
     if (item.part) item.part->listing = {.isEnumerated = true};  // nobody else knows it
     note(item);

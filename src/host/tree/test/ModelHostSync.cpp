@@ -326,18 +326,21 @@ void ModelHost::compare() {
   std::map<std::string, Token> here;
   std::map<std::string, Token> there;
   std::set<Token> kept;
+  std::set<Key> left;  // what was moved into a folder that stays here is left alone there
   tree_->forEach([&](Item& item) {
     if (!item.isLinked()) return;
     bool staysHere = false;
     for (const Item* at = &item; at != nullptr; at = at->folder) staysHere |= at->staysHere;
     if (staysHere) {
       kept.insert(visible(item));
+      const auto key = item.there ? store_.find(item.there->identifier) : std::nullopt;
+      for (const Key each : key ? store_.tree(*key) : std::vector<Key>{}) left.insert(each);
     } else {
       here[tree_->path(item)] = visible(item);
     }
   });
   for (const auto& [key, node] : store_.nodes()) {
-    there[store_.path(key)] = node.token;
+    if (!left.contains(key)) there[store_.path(key)] = node.token;
     kept.insert(node.token);
   }
   EXPECT_EQ(here, there);
