@@ -115,6 +115,59 @@ TEST_F(ItemTableTest, EmptyIsNotNone) {
   EXPECT_THAT(loaded(connection()), ElementsAre(row, folder, withoutAnchor));
 }
 
+// What is put into a column and taken from it stays the same when two are exchanged: older databases would tell.
+TEST_F(ItemTableTest, ColumnsHoldWhatTheirNamesSay) {
+  table.put(sampleFile(2));
+  table.put(sampleFolder(3));
+  const auto column = [&](const std::string& name, int id) {
+    const std::string query = "SELECT " + name + " FROM item WHERE id = " + std::to_string(id);
+    return connection().execAndGet(query).getString();
+  };
+  using Values = std::vector<std::pair<const char*, const char*>>;
+  const Values ofFile{{"is_folder", "0"},
+                      {"is_linked", "1"},
+                      {"folder", "3"},
+                      {"name", "item 2"},
+                      {"is_executable", "1"},
+                      {"stays_here", "0"},
+                      {"size", "4099"},
+                      {"modified_seconds", "-5"},
+                      {"modified_nanoseconds", "999999999"},
+                      {"changed_seconds", "1800000000"},
+                      {"changed_nanoseconds", "1"},
+                      {"there_folder", "1002"},
+                      {"there_name", "item 2 there.txt"},
+                      {"there_content_version", "content 15838"},
+                      {"there_metadata_version", "metadata 2"},
+                      {"there_size", "4097"},
+                      {"there_modified_microseconds", "1700000000123456"},
+                      {"there_policy", "3"},
+                      {"there_is_provisional", "1"},
+                      {"there_is_held_deletion", "0"},
+                      {"content_number", "19"},
+                      {"content_version", "version of 2"},
+                      {"content_size", "4098"},
+                      {"content_fetchable", "4096"},
+                      {"content_present", "0-100,200-4098"},
+                      {"content_base", "base of 2"},
+                      {"content_edits", "12"},
+                      {"content_is_edited", "1"},
+                      {"content_sent_edits", "11"},
+                      {"content_sending_since", "1780000000"},
+                      {"content_sending_bytes", "4095"},
+                      {"content_sending_edits", "10"},
+                      {"content_used_seconds", "1790000000"}};
+  for (const auto& [name, value] : ofFile) EXPECT_EQ(column(name, 2), value) << name;
+  const Values ofFolder{{"is_folder", "1"},
+                        {"stays_here", "1"},
+                        {"there_is_provisional", "0"},
+                        {"there_is_held_deletion", "1"},
+                        {"listing_is_enumerated", "0"},
+                        {"listing_is_stale", "1"},
+                        {"listing_anchor", "anchor of 3"}};
+  for (const auto& [name, value] : ofFolder) EXPECT_EQ(column(name, 3), value) << name;
+}
+
 TEST_F(ItemTableTest, TheRootHasNoName) {
   ItemRow root = sampleFolder(kRootItem);
   root.name = root.there->name = "";
