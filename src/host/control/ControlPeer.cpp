@@ -18,7 +18,6 @@ bool isForLater(int errorNumber) {
 }  // namespace
 
 bool ControlPeer::receive() {
-  if (ended_ || isLineTooLong()) return true;
   std::array<char, kPieceBytes> piece{};
   const ssize_t got = ::recv(descriptor(), piece.data(), piece.size(), 0);
   if (got < 0) return isForLater(errno);

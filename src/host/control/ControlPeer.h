@@ -24,7 +24,7 @@ class ControlPeer {
 
   int descriptor() const { return connection_->number(); }
 
-  /// Takes what has arrived. False if the connection has failed.
+  /// Takes what has arrived. False if the connection has failed. REQUIRES: not ended, and no line too long.
   bool receive();
   /// The next whole line without its end, or what was left without one when the client ended its sending.
   std::optional<std::string> takeLine();

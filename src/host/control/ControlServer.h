@@ -28,7 +28,8 @@ namespace kestrune::host {
 struct ControlOptions {
   /// Where to listen: a name in a folder that is the user's own and holds nothing but sockets of hosts.
   std::filesystem::path socketFile;
-  /// What "about" and "status" tell of the host.
+  /// What "about" and "status" tell of the host. The mount point is absolute and without links, as the kernel's table of
+  /// mounts has it: that is how programs find the host of a path.
   std::filesystem::path mountPoint;
   std::string domainIdentifier;
   std::size_t mostClients = 32;
