@@ -7,6 +7,8 @@
 #include "host/basics/ItemName.h"
 #include "host/tree/Tree.h"
 
+// Whether an item is there follows from how it was found, which the check does not see.
+// NOLINTBEGIN(bugprone-unchecked-optional-access)
 namespace kestrune::host {
 
 void Tree::restore(std::vector<ItemRow> rows, ItemId nextItem) {
@@ -105,3 +107,4 @@ void Tree::mend(const ItemRow& row) {
 }
 
 }  // namespace kestrune::host
+// NOLINTEND(bugprone-unchecked-optional-access)

@@ -69,6 +69,28 @@ TEST_F(TreeIncomingTest, AMoveWithinAndAcrossFoldersKeepsTheItem) {
   EXPECT_THAT(ready(), IsEmpty());
 }
 
+TEST_F(TreeIncomingTest, AMoveHereWinsAgainstOneThere) {
+  list({file("1", "a"), file("2", "b")});
+  Item& a = *at("a");
+  tree().move(a, root(), "mine");
+  tree().remove(*at("b"));
+  list({file("1", "theirs"), file("2", "c")});
+  EXPECT_THAT(names(), ElementsAre("mine"));
+  EXPECT_EQ(a.there->name, "theirs");
+  EXPECT_EQ(ready().size(), 2U);
+}
+
+TEST_F(TreeIncomingTest, AFolderWithAnotherIdentifierIsListedAnew) {
+  list({folder("1", "d")});
+  Item& d = *at("d");
+  list(d, {file("2", "a")});
+  list({folder("3", "d")});
+  EXPECT_EQ(at("d"), &d);
+  EXPECT_FALSE(d.part->listing.anchor);
+  EXPECT_FALSE(tree().isSure(*tree().child(d, "a")));
+  EXPECT_TRUE(effects_.doubtful.contains(d.id));
+}
+
 TEST_F(TreeIncomingTest, NamesThatWereSwappedAreSwappedHere) {
   list({file("1", "a", 3), file("2", "b", 4)});
   Item* a = at("a");
@@ -131,6 +153,21 @@ TEST_F(TreeIncomingTest, WhoseNewNameCanNotBeShownIsFoundOutByAListing) {
   EXPECT_EQ(at("a"), nullptr);
 }
 
+TEST_F(TreeIncomingTest, WhoeverHadAnIdentifierBeforeIsAskedForAgain) {
+  list({folder("d", "d")});
+  Item& d = *at("d");
+  list(d, {file("1", "a")});
+  Item& a = *tree().child(d, "a");
+  list({folder("d", "d"), folder("1", "x")});
+  EXPECT_EQ(tree().byIdentifier("1"), at("x"));
+  EXPECT_FALSE(tree().isSure(a));
+  EXPECT_TRUE(effects_.doubtful.contains(d.id));
+  EXPECT_FALSE(d.part->listing.anchor);
+  list(d, {});
+  EXPECT_THAT(names(d), IsEmpty());
+  EXPECT_EQ(tree().byIdentifier("1"), at("x"));
+}
+
 // ------------------------------------------------------------------------------------------- old answers
 
 TEST_F(TreeIncomingTest, AnAnswerFromBeforeASendingChangesNothing) {
@@ -146,6 +183,7 @@ TEST_F(TreeIncomingTest, AnAnswerFromBeforeASendingChangesNothing) {
   tree().applyChanges(root(), {update(file("1", "a", 3))}, "stale", asOf);
   EXPECT_TRUE(tree().takeEffects().doubtful.contains(kRootItem));
   EXPECT_EQ(root().part->listing.anchor, "before");
+  tree().applyItem(*at("a"), file("1", "a", 4), asOf);
   tree().applyItem(*at("a"), std::nullopt, asOf);
   ASSERT_NE(at("a"), nullptr);
   EXPECT_TRUE(at("a")->isWhole());
@@ -187,6 +225,28 @@ TEST_F(TreeIncomingTest, WhatGoesWhileItsAnswerIsOnTheWayIsAskedFor) {
   tree().endChange(a);
   EXPECT_TRUE(check().doubtful.contains(kRootItem));
   EXPECT_FALSE(root().part->listing.anchor);
+}
+
+TEST_F(TreeIncomingTest, AListingWhileAnAnswerIsOnTheWayIsRepeated) {
+  list({});
+  Item& a = make("a");
+  tree().beginSending(a, 5, 1);
+  list({});  // before it was there, or after it was gone again
+  tree().created(a, {kRootItem, "a"}, file("1", "a", 5), 1, now_);
+  tree().endChange(a);
+  EXPECT_TRUE(check().doubtful.contains(kRootItem));
+  EXPECT_FALSE(root().part->listing.anchor);
+}
+
+TEST_F(TreeIncomingTest, WhatMovedOutOfAFolderThatIsGoneStays) {
+  list({folder("d", "d")});
+  list(*at("d"), {file("1", "a", 3)});
+  Item* a = tree().byIdentifier("1");
+  fill(*a, 3);
+  list({file("1", "a", 3)});
+  EXPECT_EQ(at("a"), a);
+  EXPECT_TRUE(a->isWhole());
+  EXPECT_THAT(names(), ElementsAre("a"));
 }
 
 TEST_F(TreeIncomingTest, AnItemThatWasSeenBeforeItsAnswerCameIsOne) {
@@ -250,6 +310,13 @@ TEST_F(TreePathsTest, ListingsMatchByNamesFromTheTopDown) {
   EXPECT_EQ(tree().byIdentifier("/x/e/b"), b_);
   EXPECT_THAT(ready(), ElementsAre(Change{ChangeKind::send, b_->id, {}}));
   EXPECT_EQ(b_->content->base, "v4");
+}
+
+TEST_F(TreePathsTest, OnlyAListingTellsWhoIsWho) {
+  tree().applyChanges(*d_, {update(file("/x/new", "new"))}, "next", tree().moment());
+  EXPECT_TRUE(check().doubtful.contains(d_->id));
+  EXPECT_THAT(names(*d_), ElementsAre("a", "e"));
+  EXPECT_FALSE(d_->part->listing.anchor);
 }
 
 TEST_F(TreePathsTest, WhatComesToTheOldPathIsAnother) {

@@ -116,6 +116,14 @@ TEST_F(TreePendingTest, TwoFilesOfOneNameAreBothKept) {
   EXPECT_EQ(at("a")->there->identifier, "1");
 }
 
+TEST_F(TreePendingTest, ANameForBothIsFreeOnBothSides) {
+  list({file("2", "a" + kConflict)});
+  tree().remove(*at("a" + kConflict));
+  Item& mine = make("a");
+  list({file("1", "a", 5), file("2", "a" + kConflict)});
+  EXPECT_EQ(mine.name, "a (conflict here 1970-01-12 13.46 2)");
+}
+
 TEST_F(TreePendingTest, TwoFoldersOfOneNameAreOne) {
   list({});
   Item& mine = tree().create(root(), "d", true, false);
@@ -295,6 +303,7 @@ TEST_F(TreeHeldTest, BelievedTheirContentsAreRescued) {
 TEST_F(TreeHeldTest, KeptTheyAreSentAgain) {
   list({});
   Item& removed = *at(name(2));
+  const ItemId id = removed.id;
   tree().remove(removed);
   tree().beginChange(*at(name(3)));
   tree().settleHeldDeletions(false);
@@ -303,6 +312,7 @@ TEST_F(TreeHeldTest, KeptTheyAreSentAgain) {
   tree().settleHeldDeletions(false);
   check();
   EXPECT_EQ(at("absent"), nullptr);
+  EXPECT_EQ(tree().find(id), nullptr);
   EXPECT_EQ(names().size(),
             static_cast<std::size_t>(kFiles));  // with the folder, without the removed one
   EXPECT_EQ(ready().size(), static_cast<std::size_t>(kFiles));

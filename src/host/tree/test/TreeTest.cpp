@@ -70,6 +70,7 @@ TEST_F(TreeTest, AnItemUnderWayIsForgottenWhenItsChangeHasEnded) {
   tree().beginChange(item);
   tree().remove(item);
   check();
+  tree().forgetIfGone(item);
   ASSERT_NE(tree().find(id), nullptr);
   tree().endChange(item);
   check();
