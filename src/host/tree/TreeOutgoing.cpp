@@ -139,6 +139,8 @@ void Tree::endChange(Item& item) {
 
 void Tree::created(Item& item, const Place& place, const ItemRecord& answer, std::uint64_t edits,
                    platform::Date began) {
+  const Item* folder = find(place.folder);
+  if (folder == nullptr || !folder->there) return;  // gone meanwhile, with all that came into it
   displace(place, answer.identifier, item);
   doubtWhatWasMissed(item, place, answer.identifier);
   ThereState there = thereStateOf(answer, place.folder);
@@ -196,6 +198,11 @@ void Tree::contentsAreThere(ContentRow& row, std::uint64_t edits, const std::str
 }
 
 void Tree::moved(Item& item, const Place& place, const ItemRecord& answer) {
+  const Item* folder = find(place.folder);
+  if (folder == nullptr || !folder->there) {
+    removedThere(item);  // gone meanwhile, with all that came into it
+    return;
+  }
   displace(place, answer.identifier, item);
   doubtWhatWasMissed(item, place, answer.identifier);
   ThereState there = *item.there;

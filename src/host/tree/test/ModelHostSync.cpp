@@ -148,7 +148,9 @@ std::optional<ModelStore::Key> ModelHost::look(Begun& begun, Item& item) {
 }
 
 void ModelHost::create(Begun& begun, Item& item) {
+  if (tree_->find(begun.change.to.folder) == nullptr) return;
   const Item& folder = *tree_->find(begun.change.to.folder);
+  if (!folder.there) return;
   const auto parent = store_.find(folder.there->identifier);
   doubtful_.insert(folder.id);
   if (!parent || store_.child(*parent, begun.change.to.name)) return;
@@ -166,7 +168,9 @@ void ModelHost::create(Begun& begun, Item& item) {
 void ModelHost::move(Begun& begun, Item& item) {
   const auto key = look(begun, item);
   if (!key) return;
+  if (tree_->find(begun.change.to.folder) == nullptr) return;
   const Item& folder = *tree_->find(begun.change.to.folder);
+  if (!folder.there) return;
   const auto parent = store_.find(folder.there->identifier);
   doubtful_.insert(folder.id);
   doubtful_.insert(item.there->folder);
