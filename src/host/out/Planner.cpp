@@ -138,7 +138,8 @@ class Planning {
       if (!isThere(item->here.folder) || isAbove(item->id, item->here.folder)) continue;
       const OutgoingItem* occupant = items_.occupant(item->here);
       if (occupant == nullptr || occupant->id == item->id || !mayBegin(*occupant)) continue;
-      const Place aside{item->here.folder, asideName(occupant->id)};
+      Place aside{item->here.folder, asideName(occupant->id)};
+      while (items_.occupant(aside) != nullptr) aside.name += '-';  // somebody wants that name too
       together_.push_back({Kind::moveAside, occupant->id, aside});
       return;
     }
