@@ -2,7 +2,8 @@
 // the temporary folder from which fetched files are taken over by a rename.
 //
 //   <directory>/lock        held while a host uses the directory
-//   <directory>/contents/   files named by number, mode 0600, sparse where not everything is here
+//   <directory>/contents/   files named by number, mode 0600, sparse where not everything is here; beside one that is
+//                           changed, <number>.log says what the database may not know yet (RangeLog.h)
 //   <directory>/outgoing/   what is on its way to the store: a second name, or a copy, that nobody writes to
 //   <directory>/rescued/    what was here and went at the store, by day
 //   <directory>/tmp/        the temporary directory of the process; emptied at the start, as is outgoing/
@@ -14,9 +15,11 @@
 // Fails: throws NSPOSIXError.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "host/basics/LocalFile.h"
@@ -33,7 +36,7 @@ class ContentDirectory {
   const std::filesystem::path& path() const { return path_; }
   const std::filesystem::path& temporaryDirectory() const { return temporary_; }
 
-  /// A new empty file for reading and writing.
+  /// A new empty file for reading and writing. Throws EEXIST if there is one.
   LocalFilePtr create(ContentNumber number);
   /// The file again, for reading and writing; null if there is none.
   LocalFilePtr open(ContentNumber number) const;
@@ -44,11 +47,13 @@ class ContentDirectory {
   LocalFilePtr takeUnnamed(const std::filesystem::path& path);
   /// Who has it open keeps it.
   void remove(ContentNumber number) noexcept;
+  /// The log beside the contents, for reading and appending; null if there is none and `creates` is false.
+  std::shared_ptr<Descriptor> openLog(ContentNumber number, bool creates);
   /// Every number that has a file: what the database does not know is removed by whoever knows both.
   std::vector<ContentNumber> numbers() const;
 
-  /// A file with the present bytes of `number` that later writes through `replaceWithCopy` or a reflink do not reach.
-  /// `shared`: it is the same file under a second name, so whoever writes must call `replaceWithCopy` first.
+  /// A file with the present bytes of `number`. `shared`: it is the same file under a second name, so whoever writes to
+  /// `number` must call `replaceWithCopy` before.
   struct Outgoing {
     std::filesystem::path path;
     bool shared = false;
@@ -59,6 +64,7 @@ class ContentDirectory {
   LocalFilePtr replaceWithCopy(ContentNumber number, const LocalFile& file, std::int64_t sizeBytes);
 
   /// Moves the contents to rescued/<day>/<name>, or a name beside it that is free. `name` has no slash. Returns the path.
+  /// Days are those of UTC ("2024-05-31").
   std::filesystem::path rescue(ContentNumber number, const std::string& name);
   /// Removes the days of rescued/ that are older.
   void forgetRescued(int olderThanDays);
@@ -67,12 +73,16 @@ class ContentDirectory {
   std::uint64_t freeBytes() const;
 
  private:
+  void clear();
+
   std::filesystem::path path_;
   std::filesystem::path temporary_;
   std::unique_ptr<Descriptor> directory_;
   std::unique_ptr<Descriptor> lock_;
   std::unique_ptr<Descriptor> contents_;
   std::unique_ptr<Descriptor> outgoing_;
+  std::unique_ptr<Descriptor> rescued_;
+  std::atomic<std::uint64_t> nextOutgoing_ = 1;  // makes the names in outgoing/ differ
 };
 
 }  // namespace kestrune::host

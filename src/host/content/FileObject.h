@@ -22,55 +22,39 @@
 // what is here block for the local disk only.
 #pragma once
 
-#include <chrono>
 #include <cstddef>
-#include <functional>
+#include <cstdint>
 #include <memory>
-#include <optional>
 #include <span>
+#include <string>
 
 #include "host/basics/Answer.h"
 #include "host/basics/LocalFile.h"
 #include "host/basics/NodeId.h"
-#include "host/basics/Timers.h"
-#include "host/content/ContentDirectory.h"
+#include "host/content/ContentChanges.h"
+#include "host/content/ContentFile.h"
+#include "host/content/ContentReads.h"
 #include "host/content/ContentState.h"
-#include "platform/file_provider/NSFileProviderReplicatedExtension.h"
+#include "host/content/FileObjectServices.h"
+#include "platform/values/Mutex.h"
 
 namespace kestrune::host {
 
-/// What the contents of all files share. The functions are called without a lock held, from any thread.
-struct FileObjectServices {
-  std::shared_ptr<platform::NSFileProviderReplicatedExtension> extension;
-  std::shared_ptr<ContentDirectory> directory;
-  std::shared_ptr<Timers> timers;
-
-  /// A number that was never given before.
-  std::function<ContentNumber()> newNumber;
-  /// What can be fetched of the item now; the error says why nothing can (ENOENT: it is not at the store).
-  std::function<Answer<ContentSource>(InodeNumber item)> source;
-  /// Commits `state`, whose `edits` is one higher than before, then answers.
-  std::function<void(InodeNumber item, const ContentState& state, Reply<Done> reply)> willEdit;
-  /// The state changed (ranges came, size of an edited file): to be remembered some time soon.
-  std::function<void(InodeNumber item, const ContentState& state)> changed;
-  /// Told before anybody gets bytes of a file whose length is not the one that was listed. Runs `then` when the kernel knows.
-  std::function<void(InodeNumber item, std::int64_t sizeBytes, std::function<void()> then)> resized;
-  /// Told whenever a fetch begins (+1) and ends (-1).
-  std::function<void(InodeNumber item, int step)> fetching;
-  std::function<void(InodeNumber item, const platform::NSError& error)> fetchFailed;
-  /// The store has another version than the one that was asked for.
-  std::function<void(InodeNumber item)> versionGone;
-};
-
-class FileObject : public std::enable_shared_from_this<FileObject> {
+class FileObject {
  public:
-  static constexpr std::int64_t kWholeFetchBytes = 16LL << 20;
-  static constexpr std::chrono::seconds kFailureHolds{1};
+  using Snapshot = ContentSnapshot;
 
-  /// `state`: as it was remembered; number 0 if nothing of it is here. A file that is missing in the directory, or shorter
-  /// than its state says, counts as not here, unless it has changes: then what is left of it is kept.
+  static constexpr std::int64_t kWholeFetchBytes = ContentReads::kWholeFetchBytes;
+  static constexpr std::chrono::seconds kFailureHolds = ContentReads::kFailureHolds;
+
+  /// `state`: as it was remembered; number 0 if nothing of it is here. What is not on the disk counts as not here; of a
+  /// file with changes all that is left is kept (ContentRecovery.h). Looks at the disk; throws NSPOSIXError.
   FileObject(std::shared_ptr<const FileObjectServices> services, InodeNumber item,
              ContentState state);
+  /// Removes an abandoned file that nobody had open.
+  ~FileObject();
+  FileObject(const FileObject&) = delete;
+  FileObject& operator=(const FileObject&) = delete;
 
   ContentState state() const;
   std::int64_t sizeBytes() const;
@@ -85,8 +69,8 @@ class FileObject : public std::enable_shared_from_this<FileObject> {
 
   /// The file, if the bytes that exist of [offset, offset + length) are here and it is open; else null. `sizeBytes` of the
   /// answer is the length that counts for this read.
-  LocalFilePtr present(std::int64_t offset, std::size_t length) const;
-  /// The same, fetched if need be. `mayFetch` false: ENODATA instead of a fetch.
+  LocalFilePtr present(std::int64_t offset, std::size_t length);
+  /// The same, fetched if need be, open or not. `mayFetch` false: ENODATA instead of a fetch.
   void read(std::int64_t offset, std::size_t length, bool mayFetch, Reply<LocalFilePtr> reply);
   /// All bytes in one file that nobody writes to at present; null if that is not so.
   LocalFilePtr whole() const;
@@ -104,29 +88,33 @@ class FileObject : public std::enable_shared_from_this<FileObject> {
   void fill(Reply<Done> reply);
 
   /// The bytes as they are now, whole. Answers EAGAIN while a change is being begun, EBUSY while the file is open for
-  /// writing, ENODATA if it is not whole (`fill` first). Once per snapshot: `give(back)`.
-  struct Snapshot {
-    std::filesystem::path path;
-    std::int64_t sizeBytes = 0;
-    /// Of the edits so far; what comes later has a higher number.
-    std::uint64_t edits = 0;
-  };
+  /// writing, ENODATA if it is not whole (`fill` first). `giveBack` once per snapshot.
   Answer<Snapshot> snapshot();
   void giveBack(const Snapshot& snapshot);
 
   /// The store has the edits up to `edits` as `version`. If there are no later ones, the file is unchanged from now on.
   void sent(std::uint64_t edits, std::string version);
 
-  /// Drops the bytes and keeps the object. Throws EBUSY if it is open or edited.
+  /// Drops the bytes and keeps the object. Throws EBUSY if it is open, edited or being filled.
   void evict();
   /// The item has another version at the store, or is gone: nothing is fetched for this object any more; who has it open
-  /// finishes on what is here (ESTALE for the rest), and its file goes with the last of them. No input or output: may be
-  /// called with locks held. REQUIRES: not edited.
+  /// finishes on what is here (ESTALE for the rest, and for changes), and its file goes with the last of them, or with this
+  /// object. No input or output: may be called with locks held. REQUIRES: not edited.
   void abandon();
 
  private:
-  class Impl;
-  std::shared_ptr<Impl> impl_;
+  // Constant.
+  const std::shared_ptr<const FileObjectServices> services_;
+  const InodeNumber item_;
+  const std::shared_ptr<ContentFile> content_;
+  const std::shared_ptr<ContentReads> reads_;
+  const std::shared_ptr<ContentChanges> changes_;
+
+  // Taken before the locks of the parts.
+  mutable platform::Mutex mutex_;
+  std::size_t openCount_ GUARDED_BY(mutex_) = 0;
+  std::size_t writerCount_ GUARDED_BY(mutex_) = 0;
+  bool isAbandoned_ GUARDED_BY(mutex_) = false;
 };
 
 using FileObjectPtr = std::shared_ptr<FileObject>;

@@ -69,6 +69,13 @@ std::vector<ByteRange> Ranges::missing(ByteRange within) const {
   return stretches;
 }
 
+ByteRange Ranges::around(std::int64_t offset) const {
+  const auto next = ends_.upper_bound(offset);
+  if (next == ends_.begin()) return {};
+  const auto& [start, end] = *std::prev(next);
+  return offset < end ? ByteRange{start, end} : ByteRange{};
+}
+
 std::int64_t Ranges::byteCount() const {
   std::int64_t count = 0;
   for (const auto& [start, end] : ends_) count += end - start;

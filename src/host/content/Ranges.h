@@ -33,6 +33,8 @@ class Ranges {
   ByteRange firstMissing(ByteRange within) const;
   /// All stretches of `within` that are not here, in order.
   std::vector<ByteRange> missing(ByteRange within) const;
+  /// The range that `offset` lies in; empty if it is not here.
+  ByteRange around(std::int64_t offset) const;
 
   bool isEmpty() const { return ends_.empty(); }
   std::int64_t byteCount() const;

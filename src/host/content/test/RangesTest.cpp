@@ -61,6 +61,15 @@ TEST(RangesTest, MissingStretchesAreFound) {
   EXPECT_FALSE(ranges.contains({29, 30}));
 }
 
+TEST(RangesTest, TheRangeAroundAnOffsetIsFound) {
+  const Ranges ranges = rangesOf({{10, 20}, {30, 40}});
+  EXPECT_EQ(ranges.around(10), (ByteRange{10, 20}));
+  EXPECT_EQ(ranges.around(39), (ByteRange{30, 40}));
+  EXPECT_EQ(ranges.around(9), ByteRange{});
+  EXPECT_EQ(ranges.around(20), ByteRange{});
+  EXPECT_EQ(ranges.around(40), ByteRange{});
+}
+
 TEST(RangesTest, TheLargestFileHasItsRange) {
   const Ranges ranges = rangesOf({{kMost - 1, kMost}});
   EXPECT_EQ(ranges.firstMissing({0, kMost}), (ByteRange{0, kMost - 1}));

@@ -1,0 +1,116 @@
+// Who waits for which bytes of one file, and what is being fetched for them.
+//
+//   reader ──▶ bytes are here ──▶ answered
+//     └──▶ waits ──▶ on its way already, or a new fetch ──▶ taken into the file ──▶ looked at again
+//
+// After every event all who wait are looked at again in the same way; so it does not matter for whom a fetch was made, or
+// whether it brought what was hoped for.
+//
+// A fetch is expected to bring kExpectedAhead more than it was asked for, since extensions read ahead: who misses bytes
+// there waits for it first.
+//
+// Threads: every operation may be called from any thread. Replies and the services' functions are called without a lock
+// held.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/basics/Answer.h"
+#include "host/content/ContentFetch.h"
+#include "host/content/ContentFile.h"
+#include "host/content/FileObjectServices.h"
+#include "platform/values/Mutex.h"
+
+namespace kestrune::host {
+
+class ContentReads : public std::enable_shared_from_this<ContentReads> {
+ public:
+  static constexpr std::int64_t kWholeFetchBytes = 16LL << 20;
+  static constexpr std::int64_t kExpectedAhead = 16LL << 20;
+  /// The most that is asked for at once: what the local disk copies in some ten milliseconds.
+  static constexpr std::int64_t kMostAsked = 64LL << 20;
+  static constexpr std::chrono::seconds kFailureHolds{1};
+
+  ContentReads(std::shared_ptr<const FileObjectServices> services, InodeNumber item,
+               std::shared_ptr<ContentFile> content);
+
+  /// The file if the existing bytes of `range` are here, else null. Fetches the next range where this one goes on from an
+  /// earlier one.
+  LocalFilePtr present(ByteRange range);
+  void read(ByteRange range, bool mayFetch, Reply<LocalFilePtr> reply);
+  void fill(Reply<Done> reply);
+  bool isFilling() const;
+  /// The file, if it is whole.
+  LocalFilePtr whole();
+
+  /// Nobody has it open: who waits for bytes is gone, fetches that are for nobody are cancelled.
+  void lastClosed();
+  /// Nothing is fetched from now on. No input or output.
+  void abandon();
+
+ private:
+  struct Waiter {
+    ByteRange range;
+    bool fills = false;
+    Reply<LocalFilePtr> reply;
+  };
+  struct Running {
+    /// What is expected to come is from here on; none: everything.
+    std::optional<ByteRange> asked;
+    ContentSource source;
+    std::shared_ptr<ContentFetch> fetch;
+    bool isCancelled = false;
+  };
+  using RunningPtr = std::shared_ptr<Running>;
+  struct Settled {
+    std::vector<std::pair<Reply<LocalFilePtr>, Answer<LocalFilePtr>>> answers;
+    std::vector<RunningPtr> fetches;
+  };
+
+  void settle();
+  bool settle(const Waiter& waiter, Settled& settled) REQUIRES_LOCK(mutex_);
+  Answer<LocalFilePtr> fileFor(ByteRange range) REQUIRES_LOCK(mutex_);
+  bool isComing(std::int64_t offset) const REQUIRES_LOCK(mutex_);
+  bool failureHolds() const REQUIRES_LOCK(mutex_);
+  RunningPtr plan(ByteRange missing) REQUIRES_LOCK(mutex_);
+  RunningPtr planAhead(ByteRange read) REQUIRES_LOCK(mutex_);
+  bool goesOn(ByteRange read) REQUIRES_LOCK(mutex_);
+
+  void start(const RunningPtr& running);
+  platform::NSErrorPtr chooseSource(const RunningPtr& running);
+  void arrived(const RunningPtr& running, Answer<FetchedFile> answer);
+  platform::NSErrorPtr take(const RunningPtr& running, const FetchedFile& file);
+  void refuse(const RunningPtr& running, const platform::NSFileProviderItemPtr& now);
+  void announceLength();
+  void ended(const RunningPtr& running, const platform::NSErrorPtr& error);
+
+  // Constant.
+  const std::shared_ptr<const FileObjectServices> services_;
+  const InodeNumber item_;
+  const std::shared_ptr<ContentFile> content_;
+  const bool fetchesParts_;
+
+  // Taken before the locks of the content.
+  mutable platform::Mutex mutex_;
+  std::vector<Waiter> waiters_ GUARDED_BY(mutex_);
+  std::vector<RunningPtr> running_ GUARDED_BY(mutex_);
+  platform::NSErrorPtr failure_ GUARDED_BY(mutex_);  // of the last fetch
+  std::chrono::nanoseconds failedAt_ GUARDED_BY(mutex_){0};
+  std::optional<std::string> refused_
+      GUARDED_BY(mutex_);                    // the version that the store did not have
+  int timesRefused_ GUARDED_BY(mutex_) = 0;  // in a row
+  bool isAbandoned_ GUARDED_BY(mutex_) = false;
+  int announcing_ GUARDED_BY(mutex_) = 0;      // lengths that the kernel does not know yet
+  std::int64_t toldBytes_ GUARDED_BY(mutex_);  // the length that it knows
+  std::array<std::int64_t, 4> readEnds_ GUARDED_BY(mutex_) = {-1, -1, -1,
+                                                              -1};  // of several readers
+  std::size_t nextReader_ GUARDED_BY(mutex_) = 0;
+};
+
+}  // namespace kestrune::host

@@ -1,0 +1,50 @@
+// What happened to the bytes of a changed file that the database may not know yet, beside the file on the disk.
+//
+// A changed file that is not whole has two kinds of holes in what is known of it: bytes that must still be fetched, and
+// bytes that were written and whose ranges are not committed yet. A host that is killed and then took the second for the
+// first would fetch the store's bytes over the user's. So each range is noted here after its bytes are in the file and
+// before the write is answered, and so is each cut below what the store's version still has.
+//
+//   log   = { line }
+//   line  = "+" ranges "\n"    these bytes are here, as in Ranges::text
+//         | "=" size "\n"      cut to this length: nothing beyond it can be fetched any more
+//
+// Lines count in their order; a torn last line is none. Repeating lines over a state that has them already changes nothing.
+//
+// Threads: one at a time. Fails: throws NSPOSIXError; nothing is noted then.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "host/content/ContentDirectory.h"
+#include "host/content/ContentState.h"
+
+namespace kestrune::host {
+
+class RangeLog {
+ public:
+  RangeLog(std::shared_ptr<ContentDirectory> directory, ContentNumber number)
+      : directory_(std::move(directory)), number_(number) {}
+
+  void noteHere(ByteRange range);
+  void noteCut(std::int64_t sizeBytes);
+  /// How many lines were noted through this object.
+  std::uint64_t noted() const { return noted_; }
+  /// Empties it: the database knows all of it.
+  void clear();
+  /// Brings it to the disk.
+  void flush();
+  /// Applies what it says to `state`.
+  void replay(ContentState& state);
+
+ private:
+  void append(const std::string& line);
+
+  const std::shared_ptr<ContentDirectory> directory_;
+  const ContentNumber number_;
+  std::shared_ptr<Descriptor> file_;  // once something was noted
+  std::uint64_t noted_ = 0;
+};
+
+}  // namespace kestrune::host

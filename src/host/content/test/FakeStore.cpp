@@ -1,0 +1,250 @@
+#include "host/content/test/FakeStore.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <boost/asio/post.hpp>
+#include <cerrno>
+#include <cstring>
+#include <span>
+#include <stdexcept>
+#include <utility>
+
+#include "host/basics/LocalFile.h"
+#include "host/content/FileCopy.h"
+#include "platform/tasks/Task.h"
+#include "platform/values/UUID.h"
+#include "tests/support/Waiting.h"
+
+namespace kestrune::host::test {
+
+namespace {
+
+using platform::MutexLock;
+using platform::NSRange;
+namespace fs = std::filesystem;
+
+class StoreItem final : public platform::NSFileProviderItem {
+ public:
+  StoreItem(std::string version, std::int64_t size) : version_(std::move(version)), size_(size) {}
+  std::string itemIdentifier() const override { return "item-1"; }
+  std::string parentItemIdentifier() const override { return "folder"; }
+  std::string filename() const override { return "file"; }
+  std::optional<std::int64_t> documentSize() const override { return size_; }
+  std::optional<platform::NSFileProviderItemVersion> itemVersion() const override {
+    return platform::NSFileProviderItemVersion{version_, version_};
+  }
+
+ private:
+  const std::string version_;
+  const std::int64_t size_;
+};
+
+}  // namespace
+
+class WholeExtension : public virtual platform::NSFileProviderReplicatedExtension {
+ public:
+  explicit WholeExtension(std::shared_ptr<FakeStore> store) : store_(std::move(store)) {}
+  void invalidate() override {}
+  platform::NSProgressPtr item(std::string, platform::NSFileProviderRequest,
+                               ItemHandler completionHandler) override {
+    completionHandler(nullptr, platform::NSPOSIXError(ENOTSUP, "ask for an item").share());
+    return std::make_shared<platform::NSProgress>(1);
+  }
+  platform::NSProgressPtr fetchContents(std::string,
+                                        std::optional<platform::NSFileProviderItemVersion>,
+                                        platform::NSFileProviderRequest,
+                                        ContentsHandler completionHandler) override {
+    return store_->ask(std::nullopt, [handler = std::move(completionHandler)](auto url, auto item,
+                                                                              NSRange, auto error) {
+      handler(std::move(url), std::move(item), std::move(error));
+    });
+  }
+  std::shared_ptr<platform::NSFileProviderEnumerator> enumerator(
+      std::string, platform::NSFileProviderRequest) override {
+    throw platform::NSPOSIXError(ENOTSUP, "enumerate a file");
+  }
+
+ protected:
+  const std::shared_ptr<FakeStore> store_;
+};
+
+class PartExtension final : public WholeExtension,
+                            public platform::NSFileProviderPartialContentFetching {
+ public:
+  using WholeExtension::WholeExtension;
+  platform::NSProgressPtr fetchPartialContents(std::string, platform::NSFileProviderItemVersion,
+                                               platform::NSFileProviderRequest,
+                                               NSRange minimalRange, std::int64_t,
+                                               platform::NSFileProviderFetchContentsOptions,
+                                               PartialContentsHandler completionHandler) override {
+    return store_->ask(minimalRange, [handler = std::move(completionHandler)](
+                                         auto url, auto item, NSRange range, auto error) {
+      handler(std::move(url), std::move(item), range,
+              platform::NSFileProviderMaterializationFlags::none, std::move(error));
+    });
+  }
+};
+
+std::string pattern(std::size_t size, std::uint64_t seed) {
+  std::string text(size + 8, '\0');
+  for (std::size_t at = 0; at < size; at += 8) {
+    std::uint64_t word = (seed << 40U) + at + 0x9E3779B97F4A7C15U;
+    word = (word ^ (word >> 30U)) * 0xBF58476D1CE4E5B9U;
+    word ^= word >> 27U;
+    std::memcpy(text.data() + at, &word, 8);
+  }
+  text.resize(size);
+  return text;
+}
+
+void FakeStore::put(std::string contents, std::string version) {
+  MutexLock lock(mutex_);
+  contents_ = std::move(contents);
+  version_ = std::move(version);
+  exists_ = true;
+}
+
+void FakeStore::remove() {
+  MutexLock lock(mutex_);
+  exists_ = false;
+}
+
+std::string FakeStore::contents() const {
+  MutexLock lock(mutex_);
+  return contents_;
+}
+
+Answer<ContentSource> FakeStore::source() const {
+  MutexLock lock(mutex_);
+  if (!exists_) return platform::NSPOSIXError(ENOENT, "find the item").share();
+  return ContentSource{"item-1", {version_, version_}, static_cast<std::int64_t>(contents_.size())};
+}
+
+void FakeStore::setReadAhead(std::int64_t bytes) {
+  MutexLock lock(mutex_);
+  readAhead_ = bytes;
+}
+
+void FakeStore::misbehave(Misbehaviour how) {
+  MutexLock lock(mutex_);
+  how_ = std::move(how);
+}
+
+void FakeStore::hold() {
+  MutexLock lock(mutex_);
+  holding_ = true;
+}
+
+void FakeStore::release() {
+  std::function<void()> answer;
+  {
+    MutexLock lock(mutex_);
+    if (held_.empty()) throw std::logic_error("no fetch waits");
+    answer = std::move(held_.front());
+    held_.pop_front();
+  }
+  boost::asio::post(platform::sharedExecutor(), std::move(answer));
+}
+
+void FakeStore::stopHolding() {
+  std::deque<std::function<void()>> answers;
+  {
+    MutexLock lock(mutex_);
+    holding_ = false;
+    answers.swap(held_);
+  }
+  for (auto& answer : answers) boost::asio::post(platform::sharedExecutor(), std::move(answer));
+}
+
+int FakeStore::wholeFetches() const {
+  MutexLock lock(mutex_);
+  return wholeFetches_;
+}
+
+std::vector<NSRange> FakeStore::parts() const {
+  MutexLock lock(mutex_);
+  return parts_;
+}
+
+bool FakeStore::waitForFetches(int count) const {
+  return support::waitUntil([&] { return fetches() >= count; });
+}
+
+int FakeStore::cancelled() const {
+  MutexLock lock(mutex_);
+  return cancelled_;
+}
+
+std::shared_ptr<platform::NSFileProviderReplicatedExtension> FakeStore::extension(bool withParts) {
+  if (withParts) return std::make_shared<PartExtension>(shared_from_this());
+  return std::make_shared<WholeExtension>(shared_from_this());
+}
+
+platform::NSProgressPtr FakeStore::ask(std::optional<NSRange> part, Handler handler) {
+  auto progress = std::make_shared<platform::NSProgress>(1);
+  progress->setCancellationHandler([self = shared_from_this()] {
+    MutexLock lock(self->mutex_);
+    ++self->cancelled_;
+  });
+  std::function<void()> answering = [self = shared_from_this(), part,
+                                     handler = std::move(handler)] { self->answer(part, handler); };
+  {
+    MutexLock lock(mutex_);
+    // Who sees the count can release it.
+    if (holding_) held_.push_back(std::exchange(answering, nullptr));
+    if (part) {
+      parts_.push_back(*part);
+    } else {
+      ++wholeFetches_;
+    }
+  }
+  if (answering) boost::asio::post(platform::sharedExecutor(), std::move(answering));
+  return progress;
+}
+
+void FakeStore::answer(std::optional<NSRange> part, const Handler& handler) {
+  Misbehaviour how;
+  std::string contents;
+  std::string version;
+  std::int64_t readAhead = 0;
+  {
+    MutexLock lock(mutex_);
+    how = how_;
+    contents = contents_;
+    version = how.version.value_or(version_);
+    readAhead = readAhead_;
+  }
+  if (how.drops) return;
+  if (how.error) return handler(std::nullopt, nullptr, {}, how.error);
+  const auto size = static_cast<std::int64_t>(contents.size());
+  NSRange range{0, size};
+  if (part) {
+    range.location = std::min(part->location, size);
+    range.length = std::min(size, part->location + part->length + readAhead) - range.location;
+  }
+  if (how.version) contents.assign(contents.size(), '?');
+  const auto item = std::make_shared<StoreItem>(version, size);
+  for (int time = how.answersTwice ? 2 : 1; time > 0; --time) {
+    std::optional<fs::path> url;
+    if (!how.forgetsFile)
+      url = makeFile(contents, {range.location, range.location + range.length},
+                     size + how.extraBytes);
+    handler(url, item, how.range.value_or(range), nullptr);
+  }
+}
+
+fs::path FakeStore::makeFile(const std::string& contents, ByteRange present,
+                             std::int64_t length) const {
+  const fs::path path = temporary_ / platform::newUUIDString();
+  const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  const auto bytes = std::as_bytes(std::span(contents))
+                         .subspan(static_cast<std::size_t>(present.start),
+                                  static_cast<std::size_t>(present.length()));
+  writeBytes(file.number(), present.start, bytes);
+  if (::ftruncate(file.number(), length) != 0) throw std::runtime_error("ftruncate");
+  return path;
+}
+
+}  // namespace kestrune::host::test
