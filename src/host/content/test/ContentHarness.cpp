@@ -189,6 +189,16 @@ ContentHarness::ContentHarness(bool withParts)
   remembered_->serve(*services_, remembered_);
 }
 
+ContentHarness::~ContentHarness() {
+  remembered_->whenGone(nullptr);  // it may stand on what the test has destroyed
+  store_->behave();
+  store_->stopHolding();
+  remembered_->stopHoldingCommits();
+  remembered_->releaseResizes();
+  if (!support::waitUntil([&] { return store_->isIdle() && remembered_->fetching() == 0; }))
+    std::abort();
+}
+
 FileObjectPtr ContentHarness::fresh() {
   ContentState state;
   const auto source = store_->source();

@@ -116,6 +116,8 @@ class RememberedState {
 class ContentHarness {
  public:
   explicit ContentHarness(bool withParts = true);
+  /// Waits for what is still under way: it would write into a folder that is gone.
+  ~ContentHarness();
 
   FakeStore& store() { return *store_; }
   RememberedState& remembered() { return *remembered_; }

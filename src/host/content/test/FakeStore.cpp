@@ -1,6 +1,7 @@
 #include "host/content/test/FakeStore.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -172,9 +173,19 @@ bool FakeStore::waitForFetches(int count) const {
   return support::waitUntil([&] { return fetches() >= count; });
 }
 
+bool FakeStore::isIdle() const {
+  MutexLock lock(mutex_);
+  return unanswered_ == 0;
+}
+
 int FakeStore::cancelled() const {
   MutexLock lock(mutex_);
   return cancelled_;
+}
+
+std::uint64_t FakeStore::lastInode() const {
+  MutexLock lock(mutex_);
+  return lastInode_;
 }
 
 std::shared_ptr<platform::NSFileProviderReplicatedExtension> FakeStore::extension(bool withParts) {
@@ -189,10 +200,15 @@ platform::NSProgressPtr FakeStore::ask(std::optional<NSRange> part, Handler hand
     ++self->cancelled_;
   });
   std::function<void()> answering = [self = shared_from_this(), part,
-                                     handler = std::move(handler)] { self->answer(part, handler); };
+                                     handler = std::move(handler)] {
+    self->answer(part, handler);
+    MutexLock lock(self->mutex_);
+    --self->unanswered_;
+  };
   {
     MutexLock lock(mutex_);
     // Who sees the count can release it.
+    ++unanswered_;
     if (holding_) held_.push_back(std::exchange(answering, nullptr));
     if (part) {
       parts_.push_back(*part);
@@ -235,8 +251,7 @@ void FakeStore::answer(std::optional<NSRange> part, const Handler& handler) {
   }
 }
 
-fs::path FakeStore::makeFile(const std::string& contents, ByteRange present,
-                             std::int64_t length) const {
+fs::path FakeStore::makeFile(const std::string& contents, ByteRange present, std::int64_t length) {
   const fs::path path = temporary_ / platform::newUUIDString();
   const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   const auto bytes = std::as_bytes(std::span(contents))
@@ -244,6 +259,10 @@ fs::path FakeStore::makeFile(const std::string& contents, ByteRange present,
                                   static_cast<std::size_t>(present.length()));
   writeBytes(file.number(), present.start, bytes);
   if (::ftruncate(file.number(), length) != 0) throw std::runtime_error("ftruncate");
+  struct stat status = {};
+  if (::fstat(file.number(), &status) != 0) throw std::runtime_error("fstat");
+  MutexLock lock(mutex_);
+  lastInode_ = status.st_ino;
   return path;
 }
 

@@ -65,7 +65,11 @@ class FakeStore : public std::enable_shared_from_this<FakeStore> {
   int fetches() const { return wholeFetches() + static_cast<int>(parts().size()); }
   /// Waits until so many fetches began; false when the deadline passed first.
   [[nodiscard]] bool waitForFetches(int count) const;
+  /// No answer is being given or waits.
+  bool isIdle() const;
   int cancelled() const;
+  /// Of the file that was handed over last.
+  std::uint64_t lastInode() const;
 
   std::shared_ptr<platform::NSFileProviderReplicatedExtension> extension(bool withParts = true);
 
@@ -79,7 +83,7 @@ class FakeStore : public std::enable_shared_from_this<FakeStore> {
   platform::NSProgressPtr ask(std::optional<platform::NSRange> part, Handler handler);
   void answer(std::optional<platform::NSRange> part, const Handler& handler);
   std::filesystem::path makeFile(const std::string& contents, ByteRange present,
-                                 std::int64_t length) const;
+                                 std::int64_t length);
 
   const std::filesystem::path temporary_;
   mutable platform::Mutex mutex_;
@@ -92,7 +96,9 @@ class FakeStore : public std::enable_shared_from_this<FakeStore> {
   std::deque<std::function<void()>> held_ GUARDED_BY(mutex_);
   int wholeFetches_ GUARDED_BY(mutex_) = 0;
   std::vector<platform::NSRange> parts_ GUARDED_BY(mutex_);
+  int unanswered_ GUARDED_BY(mutex_) = 0;
   int cancelled_ GUARDED_BY(mutex_) = 0;
+  std::uint64_t lastInode_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace kestrune::host::test
