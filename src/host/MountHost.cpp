@@ -4,12 +4,12 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <system_error>
 
-#include "host/FileSystem.h"
 #include "host/front/FuseFront.h"
 #include "host/front/FuseKernelCache.h"
 #include "host/front/MountPoint.h"
@@ -57,6 +57,47 @@ void waitForEnd(int signals, int ended) {
   }
 }
 
+// What the host remembers of a replica. Where it cannot be used a new memory is begun; contents that nobody else may have are
+// set aside first, since nothing tells any more whose they were.
+struct Remembered {
+  std::shared_ptr<ContentDirectory> directory;
+  std::filesystem::path file;
+  std::shared_ptr<HostLog> log;
+
+  std::shared_ptr<ItemStore> begin(OpenedItems opened) const {
+    if (!opened.setAside.empty()) {
+      std::size_t kept = 0;
+      for (const ContentNumber number : directory->numbers()) {
+        directory->rescue(number, "contents " + std::to_string(number));
+        ++kept;
+      }
+      log->note("memory", "What was remembered cannot be used (" + opened.reason +
+                              ") and lies at '" + opened.setAside.string() + "' now; " +
+                              std::to_string(kept) + " files of contents were moved to '" +
+                              (directory->path() / "rescued").string() + "'.");
+    }
+    return std::make_shared<ItemStore>(std::move(opened.database));
+  }
+};
+
+std::unique_ptr<FileSystem> openFileSystem(const Remembered& remembered, Volume::Services services,
+                                           const FileSystemOptions& options) {
+  services.store = remembered.begin(openItems(remembered.file));
+  try {
+    return std::make_unique<FileSystem>(services, options);
+  } catch (const StoreError& error) {
+    if (error.which() != StoreError::Case::damaged) throw;
+    services.store = nullptr;
+    services.store = remembered.begin(replaceItems(remembered.file, error.localizedDescription()));
+    return std::make_unique<FileSystem>(services, options);
+  }
+}
+
+std::string machineName() {
+  std::array<char, 256> name{};
+  return ::gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "here";
+}
+
 }  // namespace
 
 void runMountHost(const HostOptions& options, const ExtensionFactory& makeExtension) {
@@ -65,31 +106,40 @@ void runMountHost(const HostOptions& options, const ExtensionFactory& makeExtens
   requireApart(options.mountPoint, options.replicaDirectory);
   requireApart(options.mountPoint, options.signalFile.parent_path());
   prepareMountPoint(options.mountPoint);
-  auto replica = std::make_shared<Replica>(options.replicaDirectory);
-  platform::setTemporaryDirectory(replica->temporaryDirectory());
+  Remembered remembered;
+  remembered.directory = std::make_shared<ContentDirectory>(options.replicaDirectory);
+  remembered.file = options.replicaDirectory / "items.sqlite";
+  remembered.log = std::make_shared<HostLog>();
+  platform::setTemporaryDirectory(remembered.directory->temporaryDirectory());
 
   auto kernelCache = std::make_shared<FuseKernelCache>();
-  LiveTree::Services services;
+  Volume::Services services;
   services.extension = makeExtension(std::make_shared<const platform::NSFileProviderDomain>(
       options.domainIdentifier, options.domainDisplayName));
   services.timers = systemTimers();
   services.kernel = kernelCache;
   services.clock = std::make_shared<const platform::SystemClock>();
-  services.log = std::make_shared<HostLog>();
-  FileSystem fileSystem(services, std::move(replica));
-  FuseFront front(fileSystem);
-  MountSession session(front, {options.mountPoint, options.allowOtherUsers});
+  services.log = remembered.log;
+  services.directory = remembered.directory;
+  services.machine = machineName();
+  const auto fileSystem =
+      openFileSystem(remembered, services, {options.lookersOn, options.extendedAttributes});
+  FuseFront front(*fileSystem, kernelCache);
+  MountSession session(
+      front, {options.mountPoint, options.allowOtherUsers, true, options.extendedAttributes});
   kernelCache->attach(session.kernelSession());
   {
-    const FileWatcher watcher(options.signalFile, [&fileSystem] { fileSystem.changesSignalled(); });
+    const FileWatcher watcher(options.signalFile,
+                              [&fileSystem] { fileSystem->changesSignalled(); });
     session.start();
+    fileSystem->start();
     if (options.mounted) options.mounted();
     waitForEnd(endSignals.number(), session.endedDescriptor());
   }
   // Everybody who waits is answered before the threads end: a notification may wait for a folder's lock that one of them
   // holds, and the kernel library must not be left while that lasts.
   front.endAll();
-  fileSystem.stop();
+  fileSystem->stop();
   kernelCache->detach();
   session.stop();
 }

@@ -4,8 +4,10 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 
+#include "host/volume/FileSystem.h"
 #include "platform/file_provider/NSFileProviderManager.h"
 #include "platform/file_provider/NSFileProviderReplicatedExtension.h"
 
@@ -25,6 +27,10 @@ struct HostOptions {
   std::string domainIdentifier = "main";
   std::string domainDisplayName = "Kestrune";
   bool allowOtherUsers = false;
+  /// Whether files show and keep extended attributes, which makes listings slower.
+  bool extendedAttributes = false;
+  /// Executables for which nothing is fetched, by their file names.
+  std::set<std::string> lookersOn = defaultLookersOn();
   /// Called when the folder can be used.
   std::function<void()> mounted;
 };

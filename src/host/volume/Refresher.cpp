@@ -1,4 +1,4 @@
-#include "host/Refresher.h"
+#include "host/volume/Refresher.h"
 
 #include <algorithm>
 #include <utility>
@@ -22,29 +22,59 @@ bool isExpiredAnchor(const NSError& error) {
 
 }  // namespace
 
-Refresher::Refresher(ExtensionPtr extension, std::shared_ptr<LiveTree> tree,
-                     std::shared_ptr<Timers> timers, std::shared_ptr<HostLog> log)
-    : extension_(std::move(extension)),
-      tree_(std::move(tree)),
-      timers_(std::move(timers)),
-      log_(std::move(log)) {}
+Refresher::Refresher(std::shared_ptr<Volume> volume, std::shared_ptr<FolderLister> lister)
+    : volume_(std::move(volume)), lister_(std::move(lister)) {}
+
+Refresher::State Refresher::stateOf(ItemId folder) {
+  return volume_->look([folder](Tree& tree, Nodes&) {
+    State state;
+    const Item* item = tree.find(folder);
+    if (item == nullptr || !item->isFolder || !item->there) return state;
+    const FolderRow& listing = item->part->listing;
+    // What is in a folder that moved is asked when the folder itself is known again.
+    if (!item->isRoot() && !tree.isSure(*item)) return state;
+    state.isListed = listing.isEnumerated || listing.hasStaleIdentifiers;
+    state.isAnew = listing.hasStaleIdentifiers || !listing.anchor;
+    state.identifier = item->there->identifier;
+    state.anchor = listing.anchor;
+    state.asOf = tree.moment();
+    return state;
+  });
+}
+
+std::vector<ItemId> Refresher::staleFoldersIn(ItemId folder) {
+  return volume_->look([folder](Tree& tree, Nodes&) {
+    std::vector<ItemId> stale;
+    tree.forEachChildThere(folder, [&](const Item& child) {
+      if (child.isFolder && child.part->listing.hasStaleIdentifiers) stale.push_back(child.id);
+    });
+    return stale;
+  });
+}
 
 void Refresher::signal() {
-  for (const NodeId folder : tree_->listedFolders()) enqueue(folder, false);
+  const auto folders = volume_->look([](Tree& tree, Nodes&) {
+    std::vector<ItemId> listed = {kRootItem};
+    tree.forEach([&](const Item& item) {
+      if (item.isFolder && item.there && item.part->listing.isEnumerated) listed.push_back(item.id);
+    });
+    return listed;
+  });
+  for (const ItemId folder : folders) enqueue(folder, false);
   pump();
 }
 
-void Refresher::ask(NodeId folder) {
+void Refresher::ask(ItemId folder) {
   enqueue(folder, false);
   pump();
 }
 
-void Refresher::enumerateAnew(NodeId folder) {
+void Refresher::enumerateAnew(ItemId folder) {
   enqueue(folder, true);
   pump();
 }
 
-void Refresher::enqueue(NodeId folder, bool anew) {
+void Refresher::enqueue(ItemId folder, bool anew) {
   Timers::Token timer = 0;
   {
     MutexLock lock(mutex_);
@@ -60,12 +90,12 @@ void Refresher::enqueue(NodeId folder, bool anew) {
     state.phase = Phase::queued;
     queue_.push_back(folder);
   }
-  if (timer != 0) timers_->cancel(timer);
+  if (timer != 0) volume_->services().timers->cancel(timer);
 }
 
 void Refresher::pump() {
   for (;;) {
-    NodeId folder = 0;
+    ItemId folder = 0;
     bool anew = false;
     {
       MutexLock lock(mutex_);
@@ -81,17 +111,17 @@ void Refresher::pump() {
   }
 }
 
-void Refresher::begin(NodeId folder, bool anew) {
-  auto state = tree_->listedFolder(folder);
-  if (!state) {
+void Refresher::begin(ItemId folder, bool anew) {
+  State state = stateOf(folder);
+  if (!state.isListed) {
     ended(folder, false);
     return;
   }
-  if (anew || !state->anchor) {
+  if (anew || state.isAnew) {
     list(folder);
     return;
   }
-  const Question question{folder, state->identifier, *state->anchor};
+  const Question question{folder, std::move(state.identifier), *state.anchor, false, state.asOf};
   auto answered = [self = shared_from_this(),
                    question](const Answer<std::optional<NSFileProviderSyncAnchor>>& current) {
     if (!current.ok()) {
@@ -100,11 +130,12 @@ void Refresher::begin(NodeId folder, bool anew) {
     } else if (current.value() == question.anchor) {
       self->ended(question.folder, false);
     } else {
-      self->askChanges(
-          {question.folder, question.identifier, question.anchor, current.value().has_value()});
+      Question behind = question;
+      behind.isBehind = current.value().has_value();
+      self->askChanges(behind);
     }
   };
-  askSyncAnchor(extension_, question.identifier, std::move(answered));
+  askSyncAnchor(volume_->services().extension, question.identifier, std::move(answered));
 }
 
 void Refresher::askChanges(const Question& question) {
@@ -115,11 +146,12 @@ void Refresher::askChanges(const Question& question) {
   auto answered = [self = shared_from_this(), question](const Answer<ChangeSet>& answer) {
     self->changed(question, answer);
   };
-  enumerateFolderChanges(extension_, question.identifier, question.anchor, std::move(answered));
+  enumerateFolderChanges(volume_->services().extension, question.identifier, question.anchor,
+                         std::move(answered));
 }
 
 void Refresher::changed(const Question& question, const Answer<ChangeSet>& answer) {
-  const NodeId folder = question.folder;
+  const ItemId folder = question.folder;
   if (!answer.ok()) {
     if (isExpiredAnchor(*answer.error())) {
       list(folder);
@@ -130,41 +162,41 @@ void Refresher::changed(const Question& question, const Answer<ChangeSet>& answe
     return;
   }
   const ChangeSet& changes = answer.value();
-  tree_->applyChanges(folder, changes);
+  volume_->change([&](Tree& tree, Nodes&) {
+    Item* item = tree.find(folder);
+    if (item == nullptr || !item->isFolder || !item->there) return;
+    tree.applyChanges(*item, changes.changes, changes.anchor, question.asOf);
+  });
+  if (reached_) reached_(nullptr);
   const bool moved = changes.anchor != question.anchor;
   if (changes.moreComing && moved) {
-    askChanges({folder, question.identifier, changes.anchor, question.isBehind});
+    const State state = stateOf(folder);
+    askChanges({folder, question.identifier, changes.anchor, question.isBehind, state.asOf});
     return;
   }
   const bool failed = !moved && (question.isBehind || changes.moreComing);
   if (failed) {
-    log_->failure("refresh", "bring '" + tree_->path(folder) + "' up to date",
-                  "its changes could not be enumerated");
+    volume_->services().log->failure("refresh", "bring '" + volume_->path(folder) + "' up to date",
+                                     "its changes could not be enumerated");
   }
   ended(folder, failed);
 }
 
-void Refresher::list(NodeId folder) {
-  const auto state = tree_->listedFolder(folder);
-  if (!state) {
-    ended(folder, false);
-    return;
-  }
-  auto answered = [self = shared_from_this(), folder](Answer<Listing> listing) {
-    if (listing.ok()) {
-      self->tree_->applyListing(folder, listing.value());
+void Refresher::list(ItemId folder) {
+  lister_->list(folder, [self = shared_from_this(), folder](const Answer<Done>& answer) {
+    if (self->reached_) self->reached_(answer.ok() ? nullptr : answer.error());
+    if (answer.ok()) {
+      for (const ItemId stale : self->staleFoldersIn(folder)) self->enqueue(stale, true);
     } else {
-      self->report(folder, *listing.error());
       MutexLock lock(self->mutex_);
       if (auto found = self->folders_.find(folder); found != self->folders_.end())
         found->second.anew = true;
     }
-    self->ended(folder, !listing.ok());
-  };
-  enumerateFolder(extension_, state->identifier, std::move(answered));
+    self->ended(folder, !answer.ok());
+  });
 }
 
-void Refresher::ended(NodeId folder, bool failed) {
+void Refresher::ended(ItemId folder, bool failed) {
   {
     MutexLock lock(mutex_);
     --asking_;
@@ -183,28 +215,28 @@ void Refresher::ended(NodeId folder, bool failed) {
       auto retry = [weak = weak_from_this(), folder] {
         if (auto self = weak.lock()) self->ask(folder);
       };
-      state.timer = timers_->after(state.delay, std::move(retry));
+      state.timer = volume_->services().timers->after(state.delay, std::move(retry));
     }
   }
   pump();
 }
 
-void Refresher::report(NodeId folder, const NSError& error) {
-  log_->failure("refresh", "bring '" + tree_->path(folder) + "' up to date",
-                error.localizedDescription());
+void Refresher::report(ItemId folder, const NSError& error) {
+  volume_->services().log->failure("refresh", "bring '" + volume_->path(folder) + "' up to date",
+                                   error.localizedDescription());
 }
 
-bool Refresher::fetchRunsBelow(NodeId folder) {
-  std::vector<NodeId> files;
+bool Refresher::fetchRunsBelow(ItemId folder) {
+  std::vector<ItemId> files;
   {
     MutexLock lock(mutex_);
     for (const auto& [file, count] : fetches_) files.push_back(file);
   }
   return std::any_of(files.begin(), files.end(),
-                     [&](NodeId file) { return tree_->isWithin(file, folder); });
+                     [&](ItemId file) { return volume_->isWithin(file, folder); });
 }
 
-void Refresher::fetching(NodeId file, int step) {
+void Refresher::fetching(ItemId file, int step) {
   if (step > 0) {
     fetchBegins(file);
   } else {
@@ -212,8 +244,8 @@ void Refresher::fetching(NodeId file, int step) {
   }
 }
 
-void Refresher::fetchBegins(NodeId file) {
-  std::vector<NodeId> asking;
+void Refresher::fetchBegins(ItemId file) {
+  std::vector<ItemId> asking;
   {
     MutexLock lock(mutex_);
     ++fetches_[file];
@@ -221,22 +253,22 @@ void Refresher::fetchBegins(NodeId file) {
       if (folder.phase == Phase::asking) asking.push_back(id);
     }
   }
-  for (const NodeId folder : asking) {
-    if (!tree_->isWithin(file, folder)) continue;
+  for (const ItemId folder : asking) {
+    if (!volume_->isWithin(file, folder)) continue;
     MutexLock lock(mutex_);
     askedDuringFetch_.insert(folder);
   }
 }
 
-void Refresher::fetchEnds(NodeId file) {
-  std::vector<NodeId> candidates;
+void Refresher::fetchEnds(ItemId file) {
+  std::vector<ItemId> candidates;
   {
     MutexLock lock(mutex_);
     if (--fetches_[file] > 0) return;
     fetches_.erase(file);
     candidates.assign(askedDuringFetch_.begin(), askedDuringFetch_.end());
   }
-  for (const NodeId folder : candidates) {
+  for (const ItemId folder : candidates) {
     if (fetchRunsBelow(folder)) continue;
     {
       MutexLock lock(mutex_);
@@ -257,7 +289,7 @@ void Refresher::stop() {
       if (folder.timer != 0) timers.push_back(folder.timer);
     }
   }
-  for (const Timers::Token timer : timers) timers_->cancel(timer);
+  for (const Timers::Token timer : timers) volume_->services().timers->cancel(timer);
 }
 
 }  // namespace kestrune::host

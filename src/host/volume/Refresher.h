@@ -26,10 +26,9 @@
 #include <memory>
 #include <set>
 
-#include "host/LiveTree.h"
 #include "host/basics/HostLog.h"
 #include "host/basics/Timers.h"
-#include "host/in/Enumeration.h"
+#include "host/volume/FolderLister.h"
 #include "platform/values/Mutex.h"
 
 namespace kestrune::host {
@@ -40,17 +39,20 @@ class Refresher : public std::enable_shared_from_this<Refresher> {
   static constexpr std::chrono::seconds kFirstDelay{2};
   static constexpr std::chrono::seconds kLongestDelay{60};
 
-  Refresher(ExtensionPtr extension, std::shared_ptr<LiveTree> tree, std::shared_ptr<Timers> timers,
-            std::shared_ptr<HostLog> log);
+  Refresher(std::shared_ptr<Volume> volume, std::shared_ptr<FolderLister> lister);
 
   /// The remote side may have changed.
   void signal();
+  /// Something was heard of the store, or could not be: for who waits until it can be reached.
+  void setReached(std::function<void(const platform::NSErrorPtr& error)> reached) {
+    reached_ = std::move(reached);
+  }
   /// One folder may have changed.
-  void ask(NodeId folder);
+  void ask(ItemId folder);
   /// One folder is not what its changes say.
-  void enumerateAnew(NodeId folder);
+  void enumerateAnew(ItemId folder);
   /// The contents of `file` began (+1) or ended (-1) to be fetched.
-  void fetching(NodeId file, int step);
+  void fetching(ItemId file, int step);
   /// No question begins any more; those under way end without effect.
   void stop();
 
@@ -66,38 +68,50 @@ class Refresher : public std::enable_shared_from_this<Refresher> {
 
   // One change enumeration.
   struct Question {
-    NodeId folder;
+    ItemId folder;
     platform::NSFileProviderItemIdentifier identifier;
     platform::NSFileProviderSyncAnchor anchor;
     /// The extension's present anchor is known to be another. Otherwise an answer that does not move is taken at its word.
     bool isBehind = false;
+    /// When it was asked, as the tree tells moments.
+    std::uint64_t asOf = 0;
   };
+  struct State {
+    bool isListed = false;
+    bool isAnew = false;
+    platform::NSFileProviderItemIdentifier identifier;
+    std::optional<platform::NSFileProviderSyncAnchor> anchor;
+    std::uint64_t asOf = 0;
+  };
+  State stateOf(ItemId folder);
+  std::vector<ItemId> staleFoldersIn(ItemId folder);
 
-  void enqueue(NodeId folder, bool anew);
+  void enqueue(ItemId folder, bool anew);
   void pump();
-  void begin(NodeId folder, bool anew);
+  void begin(ItemId folder, bool anew);
   void askChanges(const Question& question);
   void changed(const Question& question, const Answer<ChangeSet>& answer);
-  void list(NodeId folder);
-  void ended(NodeId folder, bool failed);
-  void report(NodeId folder, const platform::NSError& error);
-  void fetchBegins(NodeId file);
-  void fetchEnds(NodeId file);
-  bool fetchRunsBelow(NodeId folder);
+  void list(ItemId folder);
+  void ended(ItemId folder, bool failed);
+  void report(ItemId folder, const platform::NSError& error);
+  void fetchBegins(ItemId file);
+  void fetchEnds(ItemId file);
+  bool fetchRunsBelow(ItemId folder);
 
   // Constant.
-  const ExtensionPtr extension_;
-  const std::shared_ptr<LiveTree> tree_;
-  const std::shared_ptr<Timers> timers_;
-  const std::shared_ptr<HostLog> log_;
+  const std::shared_ptr<Volume> volume_;
+  const std::shared_ptr<FolderLister> lister_;
+
+  std::function<void(const platform::NSErrorPtr& error)>
+      reached_;  // set once, before anything is asked
 
   platform::Mutex mutex_;
   bool stopped_ GUARDED_BY(mutex_) = false;
-  std::map<NodeId, Folder> folders_ GUARDED_BY(mutex_);  // those that are not idle
-  std::deque<NodeId> queue_ GUARDED_BY(mutex_);
+  std::map<ItemId, Folder> folders_ GUARDED_BY(mutex_);  // those that are not idle
+  std::deque<ItemId> queue_ GUARDED_BY(mutex_);
   std::size_t asking_ GUARDED_BY(mutex_) = 0;
-  std::map<NodeId, int> fetches_ GUARDED_BY(mutex_);      // files
-  std::set<NodeId> askedDuringFetch_ GUARDED_BY(mutex_);  // folders
+  std::map<ItemId, int> fetches_ GUARDED_BY(mutex_);      // files
+  std::set<ItemId> askedDuringFetch_ GUARDED_BY(mutex_);  // folders
 };
 
 }  // namespace kestrune::host

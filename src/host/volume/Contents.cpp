@@ -1,0 +1,156 @@
+#include "host/volume/Contents.h"
+
+#include <cerrno>
+#include <utility>
+
+#include "host/basics/ErrorToErrno.h"
+
+namespace kestrune::host {
+
+namespace {
+
+using platform::NSError;
+using platform::NSPOSIXError;
+
+Answer<ContentSource> sourceOf(Volume& volume, ItemId id) {
+  return volume.look([id](Tree& tree, Nodes&) -> Answer<ContentSource> {
+    const Item* item = tree.find(id);
+    if (item == nullptr || !item->there)
+      return NSPOSIXError(ENOENT, "fetch contents that the store does not have").share();
+    if (!tree.isSure(*item))
+      return NSPOSIXError(EAGAIN, "fetch from a folder that is being moved").share();
+    return ContentSource{item->there->identifier, item->there->version, item->there->sizeBytes};
+  });
+}
+
+std::shared_ptr<const FileObjectServices> servicesFor(const std::shared_ptr<Volume>& owner,
+                                                      Contents::Listener listener) {
+  const std::weak_ptr<Volume> weak = owner;  // the volume holds the objects
+  auto services = std::make_shared<FileObjectServices>();
+  services->extension = owner->services().extension;
+  services->directory = owner->services().directory;
+  services->timers = owner->services().timers;
+  services->newNumber = [weak]() -> ContentNumber {
+    const auto volume = weak.lock();
+    return volume ? volume->newContentNumber() : 0;
+  };
+  services->source = [weak](ItemId item) -> Answer<ContentSource> {
+    const auto volume = weak.lock();
+    if (!volume) return NSPOSIXError(ENOTCONN, "fetch contents for a mount that ended").share();
+    return sourceOf(*volume, item);
+  };
+  services->willEdit = [weak](ItemId id, const ContentState& state, const Reply<Done>& reply) {
+    const auto volume = weak.lock();
+    if (!volume) return reply(NSPOSIXError(ENOTCONN, "write after the mount ended").share());
+    const auto work = [&](Tree& tree, Nodes&) -> platform::NSErrorPtr {
+      Item* item = tree.find(id);
+      if (item != nullptr) tree.setContent(*item, state);
+      return nullptr;
+    };
+    volume->change(work, Volume::Survives::processEnd, reply);
+  };
+  services->changed = [weak](ItemId id, const ContentState& state) {
+    const auto volume = weak.lock();
+    if (!volume) return;
+    volume->change([&](Tree& tree, Nodes&) {
+      Item* item = tree.find(id);
+      if (item == nullptr || !item->object) return;
+      if (state.number == 0) {
+        tree.dropContent(*item);
+      } else {
+        tree.setContent(*item, state);
+      }
+    });
+  };
+  services->resized = [weak](ItemId id, std::int64_t sizeBytes, std::function<void()> then) {
+    const auto volume = weak.lock();
+    if (!volume) return then();
+    std::vector<CacheUpdate> updates;
+    bool isLarger = false;
+    volume->look([&](Tree& tree, Nodes&) {
+      Item* item = tree.find(id);
+      if (item == nullptr || item->node == 0) return;
+      isLarger = item->sizeBytes < sizeBytes;
+      if (item->sizeBytes <= sizeBytes) {
+        updates.push_back({CacheUpdate::Kind::attributes, item->node, {}, 0});
+      } else if (item->folder != nullptr && item->folder->node != 0) {
+        updates.push_back({CacheUpdate::Kind::entry, item->folder->node, item->name, 0});
+      }
+      item->sizeBytes = sizeBytes;
+    });
+    // A larger file must be announced before its bytes, or the reader stops at the size that was listed. A smaller one must
+    // not be: when a read ends early the kernel shortens the file by itself, but not if it was told to doubt the attributes
+    // meanwhile, and then the reader would see zeros. So it only looks up the name again, and learns the size with that.
+    const auto& kernel = volume->services().kernel;
+    if (isLarger) {
+      kernel->tell(std::move(updates), std::move(then));
+    } else {
+      then();
+      if (!updates.empty()) kernel->tell(std::move(updates), nullptr);
+    }
+  };
+  services->fetching = listener.fetching;
+  const auto folderOf = [](Volume& volume, ItemId id) {
+    return volume.look([id](Tree& tree, Nodes&) -> ItemId {
+      const Item* item = tree.find(id);
+      return item != nullptr && item->there ? item->there->folder : 0;
+    });
+  };
+  services->fetchFailed = [weak, listener, folderOf](ItemId id, const NSError& error) {
+    const auto volume = weak.lock();
+    if (!volume) return;
+    volume->services().log->failure("fetch", "fetch '" + volume->path(id) + "'",
+                                    error.localizedDescription());
+    listener.reached(error.share());
+    // A file that is listed and not there: its deletion was missed.
+    if (errnoFor(error) != ENOENT) return;
+    if (const ItemId folder = folderOf(*volume, id)) listener.doubtful(folder);
+  };
+  services->versionGone = [weak, listener, folderOf](ItemId id,
+                                                     const platform::NSFileProviderItemPtr& now) {
+    const auto volume = weak.lock();
+    if (!volume) return;
+    if (now) {
+      const ItemRecord record = ItemRecord::from(*now);
+      volume->change([&](Tree& tree, Nodes&) {
+        Item* item = tree.find(id);
+        if (item != nullptr && item->there && !item->isUnderWay)
+          tree.applyItem(*item, record, tree.moment());
+      });
+    }
+    if (const ItemId folder = folderOf(*volume, id)) listener.doubtful(folder);
+  };
+  return services;
+}
+
+}  // namespace
+
+ContentState absentState(const Item& item) {
+  ContentState state;
+  state.sizeBytes = item.sizeBytes;
+  state.fetchableBytes = item.sizeBytes;
+  if (item.there) state.version = item.there->version.contentVersion;
+  return state;
+}
+
+Contents::Contents(std::shared_ptr<Volume> volume, Listener listener)
+    : volume_(std::move(volume)), services_(servicesFor(volume_, std::move(listener))) {}
+
+FileObjectPtr Contents::objectOf(Item& item) const {
+  if (!item.object) {
+    item.object = std::make_shared<FileObject>(
+        services_, item.id, item.content ? item.content->state : absentState(item));
+  }
+  return item.object;
+}
+
+FileObjectPtr Contents::makeEmpty(Tree& tree, Item& item, ContentNumber number) const {
+  ContentState state;
+  state.number = number;
+  state.edits = 1;
+  state.isEdited = true;
+  tree.setContent(item, state);
+  return objectOf(item);
+}
+
+}  // namespace kestrune::host

@@ -1,0 +1,228 @@
+// Open files: their bytes, read and changed.
+#include <cerrno>
+#include <filesystem>
+#include <utility>
+
+#include "host/volume/FileSystem.h"
+#include "host/volume/OpenVolumeFile.h"
+
+namespace kestrune::host {
+
+namespace {
+
+using platform::NSErrorPtr;
+using platform::NSPOSIXError;
+
+NSErrorPtr errorOf(int number, const char* what) { return NSPOSIXError(number, what).share(); }
+
+// What was read is remembered for choosing what goes first when room is needed; a minute is exact enough.
+constexpr std::int64_t kUsedGrainSeconds = 60;
+
+}  // namespace
+
+std::set<std::string> defaultLookersOn() {
+  return {"tumblerd",
+          "ffmpegthumbnailer",
+          "gdk-pixbuf-thumbnailer",
+          "evince-thumbnailer",
+          "totem-video-thumbnailer",
+          "kioslave5",
+          "thumbnail.so",
+          "tracker-miner-fs-3",
+          "tracker-extract-3",
+          "localsearch-3",
+          "localsearch-extractor-3",
+          "baloo_file",
+          "baloo_file_extractor",
+          "recollindex",
+          "updatedb.plocate",
+          "updatedb.mlocate",
+          "updatedb",
+          "clamscan",
+          "clamdscan",
+          "clamd",
+          "deja-dup-monitor"};
+}
+
+bool FileSystem::mayFetchFor(Caller caller) const {
+  if (options_.lookersOn.empty() || caller.process == 0) return true;
+  std::error_code error;
+  const auto executable =
+      std::filesystem::read_symlink("/proc/" + std::to_string(caller.process) + "/exe", error);
+  if (error) return true;
+  std::string name = executable.filename().string();
+  // A program that was replaced while it ran.
+  if (const auto at = name.rfind(" (deleted)"); at != std::string::npos) name.resize(at);
+  return !options_.lookersOn.contains(name);
+}
+
+// REQUIRES: the volume's lock.
+Answer<OpenFilePtr> FileSystem::openItem(Tree& tree, Nodes& nodes, NodeId node, OpenMode mode,
+                                         bool mayFetch) {
+  const Node* found = nodes.find(node);
+  Item* item = found == nullptr || found->detached ? nullptr : tree.find(found->item);
+  if (item == nullptr) return errorOf(ESTALE, "open a version that is gone");
+  if (item->isFolder) return errorOf(EISDIR, "open a folder as a file");
+  FileObjectPtr object;
+  try {
+    object = contents_->objectOf(*item);
+  } catch (const platform::NSError& error) {
+    return error.share();
+  }
+  object->opened(mode.writes);
+  nodes.opened(node);
+  auto file = std::make_shared<OpenVolumeFile>(node, item->id, object, mode.writes, mayFetch);
+  file->listedEmpty = item->there && !item->content && object->sizeBytes() == 0;
+  if (!mode.writes) file->whole = object->whole();
+  return OpenFilePtr(std::move(file));
+}
+
+void FileSystem::open(NodeId node, OpenMode mode, Caller caller, Reply<OpenFilePtr> reply) {
+  const bool mayFetch = mayFetchFor(caller);
+  auto answer = volume_->look(
+      [&](Tree& tree, Nodes& nodes) { return openItem(tree, nodes, node, mode, mayFetch); });
+  if (!answer.ok() || !mode.truncates) {
+    reply(std::move(answer));
+    return;
+  }
+  const OpenFilePtr file = answer.value();
+  resize(file, node, 0, [this, file, reply = std::move(reply)](const Answer<Done>& done) {
+    if (done.ok()) return reply(file);
+    release(file);
+    reply(done.error());
+  });
+}
+
+LocalFilePtr FileSystem::present(const OpenFile& file, std::int64_t offset, std::size_t length) {
+  return volumeFile(file).object->present(offset, length);
+}
+
+void FileSystem::read(OpenFilePtr file, std::int64_t offset, std::size_t length,
+                      Reply<LocalFilePtr> reply) {
+  const OpenVolumeFile& opened = volumeFile(*file);
+  // Identifiers in a folder that just moved are not known yet: its listing, which is under way, tells them.
+  const ItemId stale = volume_->look([&](Tree& tree, Nodes&) -> ItemId {
+    const Item* item = tree.find(opened.item);
+    if (item == nullptr || !item->there || tree.isSure(*item)) return 0;
+    // The highest folder that is in doubt comes first.
+    ItemId stale = item->there->folder;
+    for (const Item* at = tree.find(stale); at != nullptr && !at->isRoot() && at->there;
+         at = tree.find(at->there->folder)) {
+      if (at->part->listing.hasStaleIdentifiers) stale = at->id;
+    }
+    return stale;
+  });
+  if (stale == 0) {
+    opened.object->read(offset, length, opened.mayFetch, std::move(reply));
+    return;
+  }
+  lister_->list(stale, [file, offset, length, reply = std::move(reply)](const Answer<Done>& done) {
+    if (!done.ok()) return reply(done.error());
+    const OpenVolumeFile& again = volumeFile(*file);
+    again.object->read(offset, length, again.mayFetch,
+                       reply);  // EAGAIN if a folder below is still in doubt
+  });
+}
+
+void FileSystem::release(OpenFilePtr file) {
+  const OpenVolumeFile& opened = volumeFile(*file);
+  opened.object->closed(opened.writes);
+  const std::int64_t now =
+      std::chrono::floor<std::chrono::seconds>(volume_->services().clock->now())
+          .time_since_epoch()
+          .count();
+  volume_->change([&](Tree& tree, Nodes& nodes) {
+    nodes.released(opened.node, tree);
+    Item* item = tree.find(opened.item);
+    if (item == nullptr || item->object != opened.object) return;
+    if (item->content && now - item->content->usedSeconds > kUsedGrainSeconds) {
+      item->content->usedSeconds = now;
+      tree.changedHere(*item);
+    }
+    if (opened.object->isOpen()) return;
+    if (!item->isLinked() && !item->there) {
+      tree.forgetIfGone(*item);
+    } else if (!item->content && item->object.use_count() == 2) {
+      item->object =
+          nullptr;  // this file's and the item's: nothing of it is here, and nobody works on it
+    }
+  });
+  if (opened.writes) sender_->closed(opened.item);
+}
+
+// ------------------------------------------------------------------------------------------- changes of bytes
+
+void FileSystem::wrote(const OpenFile& file) {
+  const OpenVolumeFile& opened = volumeFile(file);
+  const FileTime now = FileTime::of(volume_->services().clock->now());
+  volume_->look([&](Tree& tree, Nodes&) {
+    Item* item = tree.find(opened.item);
+    if (item == nullptr || item->object != opened.object) return;
+    item->modified = now;
+    item->changed = now;
+  });
+}
+
+void FileSystem::write(OpenFilePtr file, std::int64_t offset, std::span<const std::byte> bytes,
+                       Reply<Done> reply) {
+  const OpenVolumeFile& opened = volumeFile(*file);
+  opened.object->write(offset, bytes,
+                       [this, file, reply = std::move(reply)](const Answer<Done>& done) {
+                         if (done.ok()) wrote(*file);
+                         reply(done);
+                       });
+}
+
+void FileSystem::resize(OpenFilePtr file, NodeId, std::int64_t sizeBytes, Reply<Done> reply) {
+  const OpenVolumeFile& opened = volumeFile(*file);
+  opened.object->resize(sizeBytes,
+                        [this, file, reply = std::move(reply)](const Answer<Done>& done) {
+                          if (done.ok()) wrote(*file);
+                          reply(done);
+                        });
+}
+
+void FileSystem::reserve(OpenFilePtr file, std::int64_t offset, std::int64_t length, bool keepsSize,
+                         Reply<Done> reply) {
+  volumeFile(*file).object->reserve(
+      offset, length, keepsSize,
+      [this, file, keepsSize, reply = std::move(reply)](const Answer<Done>& done) {
+        if (done.ok() && !keepsSize) wrote(*file);
+        reply(done);
+      });
+}
+
+void FileSystem::flush(OpenFilePtr file, Reply<Done> reply) {
+  const OpenVolumeFile& opened = volumeFile(*file);
+  if (!opened.writes) {
+    reply(Done());
+    return;
+  }
+  const ContentState state = opened.object->state();
+  auto work = [&](Tree& tree, Nodes&) -> NSErrorPtr {
+    Item* item = tree.find(opened.item);
+    if (item == nullptr || item->object != opened.object) return nullptr;
+    if (state.number != 0) tree.setContent(*item, state);
+    tree.changedHere(*item);
+    return nullptr;
+  };
+  volume_->change(work, Volume::Survives::processEnd, std::move(reply));
+}
+
+// Data first, then what is remembered of it.
+void FileSystem::sync(OpenFilePtr file, Reply<Done> reply) {
+  volumeFile(*file).object->flushToDisk(
+      [this, file, reply = std::move(reply)](const Answer<Done>& flushed) {
+        if (!flushed.ok()) return reply(flushed.error());
+        flush(file, [this, reply](const Answer<Done>& remembered) {
+          if (!remembered.ok()) return reply(remembered.error());
+          volume_->commitAll(Volume::Survives::powerCut, reply);
+        });
+      });
+}
+
+void FileSystem::syncFolder(NodeId, Reply<Done> reply) {
+  volume_->commitAll(Volume::Survives::powerCut, std::move(reply));
+}
+
+}  // namespace kestrune::host

@@ -1,0 +1,157 @@
+#include "host/volume/FolderLister.h"
+
+#include <cerrno>
+#include <utility>
+
+namespace kestrune::host {
+
+namespace {
+
+using platform::MutexLock;
+using platform::NSErrorPtr;
+using platform::NSPOSIXError;
+
+NSErrorPtr errorOf(int number, const char* what) { return NSPOSIXError(number, what).share(); }
+
+// Beyond this the oldest notes of what is fresh are of no use to anybody.
+constexpr std::size_t kMostFresh = 10'000;
+
+}  // namespace
+
+void FolderLister::visit(ItemId folder, Reply<Done> reply) {
+  enum class State { known, unknown, gone, file };
+  const State state = volume_->look([folder](Tree& tree, Nodes&) {
+    const Item* item = tree.find(folder);
+    if (item == nullptr || !item->isLinked()) return State::gone;
+    if (!item->isFolder) return State::file;
+    return item->part->listing.isEnumerated ? State::known : State::unknown;
+  });
+  switch (state) {
+    case State::known:
+      reply(Done());
+      return;
+    case State::gone:
+      reply(errorOf(ESTALE, "open a folder that is gone"));
+      return;
+    case State::file:
+      reply(errorOf(ENOTDIR, "open a file as a folder"));
+      return;
+    case State::unknown:
+      break;
+  }
+  const OnceReply<Done> once(std::move(reply));
+  const auto& timers = volume_->services().timers;
+  const Timers::Token timeOut = timers->after(
+      kPatience, [once] { once.answer(errorOf(ETIMEDOUT, "wait for the folder's content")); });
+  Reply<Done> visited = [timers, timeOut, once](const Answer<Done>& answer) {
+    timers->cancel(timeOut);
+    once.answer(answer);
+  };
+  {
+    MutexLock lock(mutex_);
+    const auto [running, isNew] = running_.try_emplace(folder);
+    running->second.waiters.push_back(std::move(visited));
+    if (!isNew) return;
+  }
+  begin(folder);
+}
+
+void FolderLister::list(ItemId folder, Reply<Done> reply) {
+  {
+    MutexLock lock(mutex_);
+    const auto [running, isNew] = running_.try_emplace(folder);
+    (isNew ? running->second.waiters : running->second.next).push_back(std::move(reply));
+    if (!isNew) return;
+  }
+  begin(folder);
+}
+
+void FolderLister::begin(ItemId folder) {
+  std::optional<platform::NSFileProviderItemIdentifier> identifier;
+  std::uint64_t asOf = 0;
+  volume_->look([&](Tree& tree, Nodes&) {
+    asOf = tree.moment();
+    const Item* item = tree.find(folder);
+    if (item != nullptr && item->isFolder && item->there) identifier = item->there->identifier;
+  });
+  const auto began = volume_->services().timers->now();
+  if (!identifier) {
+    listed(folder, asOf, began, errorOf(ESTALE, "list a folder that is not at the store"));
+    return;
+  }
+  enumerateFolder(volume_->services().extension, std::move(*identifier),
+                  [self = shared_from_this(), folder, asOf, began](const Answer<Listing>& listing) {
+                    self->listed(folder, asOf, began, listing);
+                  });
+}
+
+void FolderLister::listed(ItemId folder, std::uint64_t asOf, std::chrono::nanoseconds began,
+                          const Answer<Listing>& listing) {
+  bool applied = false;
+  if (listing.ok()) {
+    volume_->change([&](Tree& tree, Nodes&) {
+      Item* item = tree.find(folder);
+      if (item == nullptr || !item->isFolder || !item->there) return;
+      tree.applyListing(*item, listing.value().items, listing.value().anchor, asOf);
+      applied = item->part->listing.isEnumerated && !item->part->listing.hasStaleIdentifiers;
+    });
+  } else {
+    volume_->services().log->failure("enumerate", "list '" + volume_->path(folder) + "'",
+                                     listing.error()->localizedDescription());
+  }
+  std::vector<Reply<Done>> waiters;
+  bool again = false;
+  {
+    MutexLock lock(mutex_);
+    if (applied) {
+      if (fresh_.size() >= kMostFresh) fresh_.clear();
+      fresh_[folder] = began;
+    }
+    const auto running = running_.find(folder);
+    waiters = std::exchange(running->second.waiters, std::exchange(running->second.next, {}));
+    again = !running->second.waiters.empty();
+    if (!again) running_.erase(running);
+  }
+  if (again) begin(folder);
+  for (const auto& reply : waiters) {
+    if (!listing.ok()) {
+      reply(listing.error());
+    } else if (!applied) {
+      reply(errorOf(ESTALE, "list a folder that moved meanwhile"));
+    } else {
+      reply(Done());
+    }
+  }
+}
+
+bool FolderLister::isFresh(ItemId folder, std::chrono::nanoseconds age) {
+  const auto now = volume_->services().timers->now();
+  MutexLock lock(mutex_);
+  const auto found = fresh_.find(folder);
+  return found != fresh_.end() && now - found->second < age;
+}
+
+void FolderLister::madeHere(ItemId folder) {
+  const auto now = volume_->services().timers->now();
+  MutexLock lock(mutex_);
+  fresh_[folder] = now;
+}
+
+void FolderLister::doubt(ItemId id) {
+  const ItemId folder = volume_->look([id](Tree& tree, Nodes&) -> ItemId {
+    const Item* item = tree.find(id);
+    return item != nullptr && item->there ? item->there->folder : 0;
+  });
+  MutexLock lock(mutex_);
+  fresh_.erase(folder);
+}
+
+void FolderLister::listUnlessFresh(ItemId folder, std::chrono::nanoseconds age, Reply<Done> reply) {
+  if (isFresh(folder, age)) {
+    reply(Done());
+  } else {
+    list(folder, std::move(reply));
+  }
+}
+
+}  // namespace kestrune::host

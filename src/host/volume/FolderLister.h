@@ -1,0 +1,54 @@
+// Enumerates folders, each once at a time whoever asks, and brings the answers into the volume.
+//
+// A folder is enumerated when it is visited first (its content is asked for, or a name in it). From then on it is kept as it
+// is until changes are applied, so later visits do not wait. A wait is bounded: after the patience has passed the caller
+// gets ETIMEDOUT, while the enumeration goes on for the next visit.
+//
+// Threads: every operation may be called from any thread; replies come on any thread, without a lock held.
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "host/basics/OnceReply.h"
+#include "host/volume/Volume.h"
+
+namespace kestrune::host {
+
+class FolderLister : public std::enable_shared_from_this<FolderLister> {
+ public:
+  static constexpr std::chrono::seconds kPatience{60};
+
+  explicit FolderLister(std::shared_ptr<Volume> volume) : volume_(std::move(volume)) {}
+
+  /// Answers when the folder's names are known.
+  void visit(ItemId folder, Reply<Done> reply);
+  /// Enumerates the folder, which is at the store, from now on (not before), and answers when the volume knows.
+  void list(ItemId folder, Reply<Done> reply);
+  /// As `list`, unless a listing of the folder began less than `age` ago and was applied.
+  void listUnlessFresh(ItemId folder, std::chrono::nanoseconds age, Reply<Done> reply);
+  /// The folder was made here just now: nobody else can know anything of it.
+  void madeHere(ItemId folder);
+  /// What was listed of the item's folder is not to be gone by any more.
+  void doubt(ItemId item);
+  bool isFresh(ItemId folder, std::chrono::nanoseconds age);
+
+ private:
+  struct Running {
+    std::vector<Reply<Done>> waiters;
+    /// Who came too late for the enumeration that runs.
+    std::vector<Reply<Done>> next;
+  };
+  void begin(ItemId folder);
+  void listed(ItemId folder, std::uint64_t asOf, std::chrono::nanoseconds began,
+              const Answer<Listing>& listing);
+
+  const std::shared_ptr<Volume> volume_;
+  platform::Mutex mutex_;
+  std::map<ItemId, Running> running_ GUARDED_BY(mutex_);
+  std::map<ItemId, std::chrono::nanoseconds> fresh_ GUARDED_BY(mutex_);
+};
+
+}  // namespace kestrune::host

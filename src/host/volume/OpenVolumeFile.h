@@ -1,0 +1,28 @@
+// What the volume knows of an open file.
+#pragma once
+
+#include "host/content/FileObject.h"
+#include "host/front/Dispatcher.h"
+
+namespace kestrune::host {
+
+struct OpenVolumeFile final : OpenFile {
+  OpenVolumeFile(NodeId nodeId, ItemId itemId, FileObjectPtr fileObject, bool forWriting,
+                 bool fetches)
+      : OpenFile(nodeId),
+        item(itemId),
+        object(std::move(fileObject)),
+        writes(forWriting),
+        mayFetch(fetches) {}
+  const ItemId item;
+  const FileObjectPtr object;
+  const bool writes;
+  const bool mayFetch;
+};
+
+/// REQUIRES: `file` was opened by a volume.
+inline const OpenVolumeFile& volumeFile(const OpenFile& file) {
+  return static_cast<const OpenVolumeFile&>(file);
+}
+
+}  // namespace kestrune::host

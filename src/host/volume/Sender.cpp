@@ -1,0 +1,324 @@
+#include "host/volume/Sender.h"
+
+#include <algorithm>
+#include <boost/asio/post.hpp>
+#include <cerrno>
+#include <utility>
+
+#include "host/basics/ErrorToErrno.h"
+#include "platform/tasks/Task.h"
+
+namespace kestrune::host {
+
+namespace {
+
+using platform::MutexLock;
+using platform::NSError;
+using platform::Task;
+
+// Ends of changes come in bursts: one look at everything serves them all.
+constexpr std::chrono::milliseconds kTogether{1};
+
+// Nothing gets through, whatever it is.
+bool isOffline(const NSError& error) {
+  const int number = errnoFor(error);
+  return number == EHOSTUNREACH || number == ETIMEDOUT || number == ENETDOWN;
+}
+
+// It may succeed as soon as anything else does.
+bool isUnreachable(const NSError& error) { return isOffline(error) || errnoFor(error) == EACCES; }
+
+// What is guarded by a lock that is held, for lambdas that run under it: the analysis does not see that they do.
+template <class T>
+T& held(const MutexLock&, T& guarded) {
+  return guarded;
+}
+
+Change::Kind kindOf(const OutgoingItem& item) {
+  if (item.isToBeRemoved()) return Change::Kind::remove;
+  if (item.isToBeCreated()) return Change::Kind::create;
+  return item.isToBeMoved() ? Change::Kind::move : Change::Kind::send;
+}
+
+}  // namespace
+
+Sender::Sender(std::shared_ptr<Volume> volume, std::shared_ptr<FolderLister> lister,
+               std::shared_ptr<Contents> contents, std::shared_ptr<ExtensionCalls> calls)
+    : volume_(std::move(volume)),
+      lister_(std::move(lister)),
+      contents_(std::move(contents)),
+      calls_(std::move(calls)) {}
+
+Sender::Clock Sender::quietFor(ItemId id) {
+  const platform::Date wallClock = volume_->services().clock->now();
+  return volume_->look([&](Tree& tree, Nodes&) -> Clock {
+    const Item* item = tree.find(id);
+    if (item == nullptr) return Clock(0);
+    const OutgoingItem outgoing = Tree::outgoingItem(*item);
+    if (outgoing.isToBeRemoved() || outgoing.isToBeMoved()) return kQuietNames;
+    if (item->isFolder) return Clock(0);
+    const platform::Date sent{std::chrono::seconds(item->uploadedSeconds)};
+    const bool again = item->uploadedSeconds != 0 && wallClock - sent < std::chrono::seconds(3);
+    return again ? Clock(kQuietAgain) : Clock(kQuiet);
+  });
+}
+
+void Sender::differ(const std::vector<ItemId>& items) {
+  Clock first = Clock::max();
+  for (const ItemId id : items) {
+    const Clock quiet = quietFor(id);
+    const Clock at = now();
+    MutexLock lock(mutex_);
+    const auto [wait, isNew] = waits_.try_emplace(id);
+    if (isNew) wait->second.since = at;
+    // What fails and is changed again may succeed now.
+    if (wait->second.attempts > 0 && !wait->second.unreachable) wait->second.attempts = 0;
+    if (wait->second.attempts == 0) wait->second.notBefore = at + quiet;
+    first = std::min(first, quiet);
+  }
+  if (first != Clock::max()) pumpSoon(first);
+}
+
+void Sender::begin() {
+  const auto items = volume_->look([](Tree& tree, Nodes&) {
+    return std::vector<ItemId>(tree.differing().begin(), tree.differing().end());
+  });
+  differ(items);
+}
+
+void Sender::closed(ItemId item) {
+  {
+    MutexLock lock(mutex_);
+    const auto found = waits_.find(item);
+    if (found == waits_.end()) return;
+  }
+  differ({item});
+}
+
+void Sender::retryAll() {
+  {
+    MutexLock lock(mutex_);
+    offlineUntil_ = Clock(0);
+    for (auto& [id, wait] : waits_) wait.notBefore = now();
+  }
+  pumpSoon(Clock(0));
+}
+
+void Sender::reached(const platform::NSErrorPtr& error) {
+  if (error && isUnreachable(*error)) return;
+  bool any = false;
+  {
+    MutexLock lock(mutex_);
+    offline_ = 0;
+    offlineUntil_ = Clock(0);
+    for (auto& [id, wait] : waits_) {
+      if (!wait.unreachable) continue;
+      wait.unreachable = false;
+      wait.notBefore = now();
+      any = true;
+    }
+  }
+  if (any) pumpSoon(Clock(0));
+}
+
+void Sender::stop() {
+  Timers::Token timer = 0;
+  {
+    MutexLock lock(mutex_);
+    stopped_ = true;
+    timer = std::exchange(timer_, 0);
+  }
+  if (timer != 0) volume_->services().timers->cancel(timer);
+}
+
+// ------------------------------------------------------------------------------------------- when
+
+void Sender::pumpSoon(Clock delay) {
+  Timers::Token old = 0;
+  {
+    MutexLock lock(mutex_);
+    if (stopped_) return;
+    const Clock due = now() + delay;
+    if (timer_ != 0 && timerDue_ <= due) return;
+    old = std::exchange(timer_, 0);
+    timerDue_ = due;
+    timer_ = volume_->services().timers->after(delay, [weak = weak_from_this()] {
+      if (auto self = weak.lock()) self->pass();
+    });
+  }
+  if (old != 0) volume_->services().timers->cancel(old);
+}
+
+void Sender::pass() {
+  {
+    MutexLock lock(mutex_);
+    timer_ = 0;
+    if (stopped_) return;
+    if (passing_) {
+      passAgain_ = true;
+      return;
+    }
+    passing_ = true;
+  }
+  for (bool again = true; again;) {
+    for (const Change& change : choose()) {
+      platform::spawnDetached("send", run(shared_from_this(), change));
+    }
+    MutexLock lock(mutex_);
+    again = std::exchange(passAgain_, false) && !stopped_;
+    if (!again) passing_ = false;
+  }
+  setTimer();
+}
+
+// What may begin now, and is counted as under way from here on.
+std::vector<Change> Sender::choose() {
+  MutexLock lock(mutex_);
+  if (stopped_) return {};
+  const Clock at = now();
+  if (at < offlineUntil_) return {};
+  const std::size_t limit = offline_ > 0 ? 1 : kAtOnce;
+  auto& waits = held(lock, waits_);
+  const auto& underWay = held(lock, underWay_);
+  std::vector<Change> ready = volume_->look([&](Tree& tree, Nodes&) {
+    std::vector<NodeId> differing(tree.differing().begin(), tree.differing().end());
+    for (const NodeId id : differing) {
+      const auto [wait, isNew] = waits.try_emplace(id);
+      if (isNew) wait->second.since = wait->second.notBefore = at;
+    }
+    for (auto at2 = waits.begin(); at2 != waits.end();) {
+      at2 = tree.differing().contains(at2->first) ? std::next(at2) : waits.erase(at2);
+    }
+    std::stable_sort(differing.begin(), differing.end(),
+                     [&](NodeId a, NodeId b) { return waits.at(a).since < waits.at(b).since; });
+    const auto mayBegin = [&](const OutgoingItem& outgoing) {
+      const auto wait = waits.find(outgoing.id);
+      if (wait != waits.end() && wait->second.notBefore > at) return false;
+      const Item* item = tree.find(outgoing.id);
+      if (item == nullptr || item->isUnderWay) return false;
+      const bool carries = !item->isFolder && (outgoing.isToBeCreated() || outgoing.isToBeSent());
+      if (carries && item->object && item->object->isOpenForWriting()) return false;
+      return !item->there || tree.isSure(*item);
+    };
+    return readyChanges(*tree.outgoing(), differing, underWay, limit, mayBegin);
+  });
+  underWay_.insert(underWay_.end(), ready.begin(), ready.end());
+  return ready;
+}
+
+void Sender::setTimer() {
+  Clock next = Clock::max();
+  {
+    MutexLock lock(mutex_);
+    const Clock at = now();
+    for (const auto& [id, wait] : waits_) {
+      const bool isUnderWay = std::any_of(underWay_.begin(), underWay_.end(),
+                                          [id = id](const Change& c) { return c.id == id; });
+      const Clock due = std::max(wait.notBefore, offlineUntil_);
+      if (!isUnderWay && due > at) next = std::min(next, due - at);
+    }
+  }
+  if (next != Clock::max()) pumpSoon(next);
+}
+
+Task<void> Sender::run(std::shared_ptr<Sender> self, Change change) {
+  Outcome outcome;
+  try {
+    outcome = co_await perform(change);
+  } catch (...) {
+    outcome.error = platform::currentError();
+  }
+  // Whatever happened to it, it is under way no longer.
+  volume_->change([&](Tree& tree, Nodes&) {
+    if (Item* item = tree.find(change.id); item != nullptr && item->isUnderWay)
+      tree.endChange(*item);
+  });
+  self->finished(change, outcome);
+}
+
+void Sender::finished(const Change& change, const Outcome& outcome) {
+  if (outcome.error) {
+    volume_->services().log->failure("send", "send '" + volume_->path(change.id) + "'",
+                                     outcome.error->localizedDescription());
+  }
+  {
+    MutexLock lock(mutex_);
+    std::erase_if(underWay_, [&](const Change& other) { return other.id == change.id; });
+    if (const auto found = waits_.find(change.id); found != waits_.end()) {
+      Wait& wait = found->second;
+      const Clock at = now();
+      if (outcome.error) {
+        const auto pause = std::min<std::chrono::seconds>(
+            kLongestPause, std::chrono::seconds(1LL << std::min(wait.attempts, 9)));
+        ++wait.attempts;
+        wait.reason = outcome.error->localizedDescription();
+        wait.unreachable = isUnreachable(*outcome.error);
+        wait.notBefore = at + pause;
+        if (isOffline(*outcome.error)) {
+          wait.notBefore = at;  // the pause is everybody's
+          offlineUntil_ =
+              at + std::min<Clock>(std::chrono::seconds(1LL << std::min(offline_, 9)), kProbe);
+          ++offline_;
+        }
+      } else if (outcome.lookAgain) {
+        wait.notBefore = at + kQuiet;
+      } else {
+        wait.attempts = 0;
+        wait.reason.clear();
+        wait.since = at;
+      }
+    }
+  }
+  if (!outcome.error && !outcome.lookAgain) reached(nullptr);
+  pumpSoon(kTogether);
+}
+
+// ------------------------------------------------------------------------------------------- what is unsent
+
+std::vector<UnsentChange> Sender::unsent(const std::string& path, std::size_t most,
+                                         std::size_t& total) {
+  MutexLock lock(mutex_);
+  const Clock at = now();
+  const auto& waits = held(lock, waits_);
+  const auto& underWay = held(lock, underWay_);
+  std::vector<UnsentChange> changes;
+  total = 0;
+  volume_->look([&](Tree& tree, Nodes&) {
+    for (const ItemId id : tree.differing()) {
+      const Item& item = *tree.find(id);
+      std::string itemPath = tree.path(item);
+      const bool below = path == "/" || itemPath == path ||
+                         (itemPath.starts_with(path) && itemPath[path.size()] == '/');
+      if (!below || ++total > most) continue;
+      UnsentChange change;
+      change.item = id;
+      change.kind = kindOf(Tree::outgoingItem(item));
+      change.path = std::move(itemPath);
+      change.sizeBytes = item.object ? item.object->sizeBytes() : item.sizeBytes;
+      change.isUnderWay = std::any_of(underWay.begin(), underWay.end(),
+                                      [id](const Change& c) { return c.id == id; });
+      if (const auto wait = waits.find(id); wait != waits.end()) {
+        change.waiting = at - wait->second.since;
+        change.attempts = wait->second.attempts;
+        change.reason = wait->second.reason;
+        change.until = std::max(Clock(0), wait->second.notBefore - at);
+      }
+      if (change.reason.empty() && item.object && item.object->isOpenForWriting())
+        change.reason = "a program has it open for writing";
+      changes.push_back(std::move(change));
+    }
+  });
+  return changes;
+}
+
+std::size_t Sender::countUnsent() {
+  return volume_->look([](Tree& tree, Nodes&) { return tree.differing().size(); });
+}
+
+std::size_t Sender::countFailed() {
+  MutexLock lock(mutex_);
+  return static_cast<std::size_t>(std::count_if(
+      waits_.begin(), waits_.end(), [](const auto& wait) { return wait.second.attempts > 0; }));
+}
+
+}  // namespace kestrune::host

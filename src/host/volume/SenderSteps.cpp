@@ -1,0 +1,476 @@
+// How each kind of change goes out: look, begin, call, settle. Between two of these anything may have happened, so each step asks
+// the tree again.
+#include <cerrno>
+#include <utility>
+
+#include "host/basics/ErrorToErrno.h"
+#include "host/volume/Sender.h"
+#include "platform/file_provider/NSFileProviderError.h"
+#include "platform/tasks/Continuation.h"
+#include "platform/tasks/Task.h"
+
+namespace kestrune::host {
+
+namespace {
+
+using platform::MutexLock;
+using platform::NSError;
+using platform::NSErrorPtr;
+using platform::NSFileProviderError;
+using platform::NSFileProviderItemFields;
+using platform::NSPOSIXError;
+using platform::Task;
+
+// The extension will never take such an item: clutter that belongs to one machine.
+bool isRefusal(const NSError& error) {
+  return error.domain() == platform::kNSFileProviderErrorDomain &&
+         (error.code() == NSFileProviderError::noSuchItem ||
+          error.code() == NSFileProviderError::excludedFromSync);
+}
+
+template <class T>
+Task<Answer<T>> awaitReply(std::function<void(Reply<T>)> start) {
+  auto begin = [&start](platform::Continuation<Answer<T>> continuation) {
+    start([continuation](Answer<T> answer) { continuation.resume(std::move(answer)); });
+  };
+  co_return co_await platform::suspendUntilResumed<Answer<T>>(begin);
+}
+
+// What a call needs to know of an item, taken at one moment.
+struct Facts {
+  OutgoingTemplate outgoing;
+  platform::NSFileProviderItemVersion base;
+};
+
+}  // namespace
+
+// ------------------------------------------------------------------------------------------- looking
+
+Task<Answer<Done>> Sender::listFolder(ItemId folder, bool onlyIfOld) {
+  auto start = [this, folder, onlyIfOld](Reply<Done> reply) {
+    lister_->listUnlessFresh(folder, onlyIfOld ? Clock(kFresh) : Clock(0), std::move(reply));
+  };
+  co_return co_await awaitReply<Done>(start);
+}
+
+// A failure is the lister's to tell.
+Task<void> Sender::relist(ItemId folder) { static_cast<void>(co_await listFolder(folder, false)); }
+
+// Whether other changes of the folder ask for their items at this moment: then one listing serves all.
+bool Sender::isCrowded(ItemId folder) {
+  MutexLock lock(mutex_);
+  const std::vector<Change> underWay = underWay_;
+  return volume_->look([&](Tree& tree, Nodes&) {
+    std::size_t count = 0;
+    for (const Change& change : underWay) {
+      const Item* item = tree.find(change.id);
+      const bool asks = change.kind == Change::Kind::send || change.kind == Change::Kind::remove;
+      if (asks && item != nullptr && item->there && item->there->folder == folder) ++count;
+    }
+    return count > 1;
+  });
+}
+
+// Asks for the item itself, or with others for their folder.
+Task<Answer<Done>> Sender::lookAt(ItemId id) {
+  struct Question {
+    platform::NSFileProviderItemIdentifier identifier;
+    ItemId folder = 0;
+    std::uint64_t asOf = 0;
+  };
+  const auto question = volume_->look([id](Tree& tree, Nodes&) -> std::optional<Question> {
+    const Item* item = tree.find(id);
+    if (item == nullptr || !item->there) return std::nullopt;
+    return Question{item->there->identifier, item->there->folder, tree.moment()};
+  });
+  if (!question) co_return Done();
+  if (isCrowded(question->folder)) co_return co_await listFolder(question->folder, false);
+  const auto answer = co_await calls_->item(question->identifier);
+  if (!answer.ok()) co_return answer.error();
+  volume_->change([&](Tree& tree, Nodes&) {
+    Item* item = tree.find(id);
+    if (item == nullptr || !item->there || item->there->identifier != question->identifier) return;
+    // What was sent and never seen since is not believed to be gone on one word.
+    if (!answer.value() && item->there->isProvisional) return;
+    tree.applyItem(*item, answer.value(), question->asOf);
+  });
+  co_return Done();
+}
+
+// A folder may only go with what is known of it.
+Task<Answer<Done>> Sender::lookBelow(ItemId folder) {
+  std::vector<ItemId> pending = {folder};
+  while (!pending.empty()) {
+    const ItemId at = pending.back();
+    pending.pop_back();
+    const auto listed = co_await listFolder(at, true);
+    if (!listed.ok()) co_return listed.error();
+    volume_->look([&](Tree& tree, Nodes&) {
+      tree.forEachChildThere(at, [&](const Item& child) {
+        if (child.isFolder) pending.push_back(child.id);
+      });
+    });
+  }
+  co_return Done();
+}
+
+Task<Answer<Done>> Sender::fill(FileObjectPtr object) {
+  auto start = [object](Reply<Done> reply) { object->fill(std::move(reply)); };
+  co_return co_await awaitReply<Done>(start);
+}
+
+Task<Answer<Done>> Sender::settle(std::function<void(Tree&)> work) {
+  auto start = [this, work](Reply<Done> reply) {
+    auto under = [&work](Tree& tree, Nodes&) -> NSErrorPtr {
+      work(tree);
+      return nullptr;
+    };
+    volume_->change(under, Volume::Survives::processEnd, std::move(reply));
+  };
+  co_return co_await awaitReply<Done>(start);
+}
+
+// REQUIRES: the volume's lock.
+bool Sender::isStillWanted(const Tree& tree, const Change& change) {
+  const Item* item = tree.find(change.id);
+  if (item == nullptr || item->staysHere) return false;
+  const OutgoingItem outgoing = Tree::outgoingItem(*item);
+  const auto isOpenFolder = [&](ItemId id) {
+    const Item* folder = tree.find(id);
+    return folder != nullptr && folder->there && folder->isLinked() &&
+           !folder->part->listing.hasStaleIdentifiers && tree.isSure(*folder);
+  };
+  if (item->there && !tree.isSure(*item)) return false;
+  const auto isFree = [&] {
+    const Item* occupant = tree.occupant(change.to);
+    return occupant == nullptr || occupant == item;
+  };
+  switch (change.kind) {
+    case Change::Kind::create:
+      return outgoing.isToBeCreated() && outgoing.here == change.to &&
+             isOpenFolder(change.to.folder) && isFree();
+    case Change::Kind::move:
+      return outgoing.isToBeMoved() && outgoing.here == change.to &&
+             isOpenFolder(change.to.folder) && isFree();
+    case Change::Kind::moveAside:
+      return item->there && isFree();
+    case Change::Kind::send:
+      return outgoing.isToBeSent();
+    case Change::Kind::remove:
+      return outgoing.isToBeRemoved();
+  }
+  return false;
+}
+
+Sender::Work Sender::perform(Change change) {
+  switch (change.kind) {
+    case Change::Kind::create: {
+      const bool isFolder = volume_->look([&](Tree& tree, Nodes&) {
+        const Item* item = tree.find(change.id);
+        return item != nullptr && item->isFolder;
+      });
+      co_return co_await (isFolder ? createFolder(change) : createFile(change));
+    }
+    case Change::Kind::move:
+    case Change::Kind::moveAside:
+      co_return co_await move(change);
+    case Change::Kind::send:
+      co_return co_await sendContents(change);
+    case Change::Kind::remove:
+      co_return co_await remove(change);
+  }
+  co_return Outcome();
+}
+
+// ------------------------------------------------------------------------------------------- creating
+
+Sender::Work Sender::createFolder(Change change) {
+  // The name may have been given by others since.
+  if (const auto listed = co_await listFolder(change.to.folder, true); !listed.ok())
+    co_return Outcome{listed.error()};
+  OutgoingTemplate outgoing;
+  const bool begun = volume_->look([&](Tree& tree, Nodes&) {
+    if (!isStillWanted(tree, change)) return false;
+    Item& item = *tree.find(change.id);
+    outgoing = {"",
+                tree.find(change.to.folder)->there->identifier,
+                change.to.name,
+                true,
+                0,
+                item.modified.date()};
+    tree.beginChange(item);
+    return true;
+  });
+  if (!begun) co_return Outcome{nullptr, true};
+  const platform::Date began = volume_->services().clock->now();
+  const auto answer = co_await calls_->create(outgoing, std::nullopt);
+  volume_->change([&](Tree& tree, Nodes&) {
+    Item* item = tree.find(change.id);
+    if (item == nullptr) return;
+    if (answer.ok()) {
+      tree.created(*item, change.to, answer.value(), 0, began);
+    } else if (isRefusal(*answer.error())) {
+      tree.refused(*item);
+    }
+    if (Item* left = tree.find(change.id)) tree.endChange(*left);
+  });
+  if (!answer.ok() && !isRefusal(*answer.error())) {
+    co_await relist(change.to.folder);  // it may have been made though the answer was lost
+    co_return Outcome{answer.error()};
+  }
+  if (answer.ok()) lister_->madeHere(change.id);
+  co_return Outcome();
+}
+
+// The file's contents as a snapshot; an error that says "not now" is no failure.
+Task<Answer<FileObject::Snapshot>> Sender::takeSnapshot(FileObjectPtr object) {
+  if (const auto filled = co_await fill(object); !filled.ok()) co_return filled.error();
+  co_return object->snapshot();
+}
+
+namespace {
+
+bool isNotNow(const NSError& error) {
+  return error.domain() == platform::kNSPOSIXErrorDomain &&
+         (error.code() == EAGAIN || error.code() == EBUSY);
+}
+
+}  // namespace
+
+Sender::Work Sender::createFile(Change change) {
+  if (const auto listed = co_await listFolder(change.to.folder, true); !listed.ok())
+    co_return Outcome{listed.error()};
+  const FileObjectPtr object = volume_->look([&](Tree& tree, Nodes&) {
+    return isStillWanted(tree, change) ? contents_->objectOf(*tree.find(change.id)) : nullptr;
+  });
+  if (!object) co_return Outcome{nullptr, true};
+  const auto snapshot = co_await takeSnapshot(object);
+  if (!snapshot.ok())
+    co_return isNotNow(*snapshot.error()) ? Outcome{nullptr, true} : Outcome{snapshot.error()};
+  OutgoingTemplate outgoing;
+  const platform::Date began = volume_->services().clock->now();
+  bool begun = false;
+  // Remembered before anything is sent: after a crash the store is looked at before it is sent again.
+  const auto committed = co_await settle([&](Tree& tree) {
+    if (!isStillWanted(tree, change)) return;
+    Item& item = *tree.find(change.id);
+    outgoing = {"",
+                tree.find(change.to.folder)->there->identifier,
+                change.to.name,
+                false,
+                snapshot.value().sizeBytes,
+                item.modified.date()};
+    tree.beginSending(item, snapshot.value().sizeBytes, snapshot.value().edits);
+    begun = true;
+  });
+  if (!begun || !committed.ok()) {
+    object->giveBack(snapshot.value());
+    co_return begun ? Outcome{committed.error()} : Outcome{nullptr, true};
+  }
+  if (sending_) sending_(change.id, +1);
+  const auto answer = co_await calls_->create(outgoing, snapshot.value().path);
+  if (sending_) sending_(change.id, -1);
+  object->giveBack(snapshot.value());
+  std::string version;
+  volume_->change([&](Tree& tree, Nodes&) {
+    Item* item = tree.find(change.id);
+    if (item == nullptr) return;
+    if (answer.ok()) {
+      tree.created(*item, change.to, answer.value(), snapshot.value().edits, began);
+      item = tree.find(change.id);
+      if (item != nullptr && item->there) version = item->there->version.contentVersion;
+    } else if (isRefusal(*answer.error())) {
+      tree.refused(*item);
+    }
+    if (Item* left = tree.find(change.id)) tree.endChange(*left);
+  });
+  if (answer.ok()) {
+    object->sent(snapshot.value().edits, version);
+    verifyLater(change.id);
+    co_return Outcome();
+  }
+  if (isRefusal(*answer.error())) co_return Outcome();
+  co_await relist(change.to.folder);  // it may be there though the answer was lost
+  co_return Outcome{answer.error()};
+}
+
+// ------------------------------------------------------------------------------------------- contents
+
+Sender::Work Sender::sendContents(Change change) {
+  if (const auto looked = co_await lookAt(change.id); !looked.ok())
+    co_return Outcome{looked.error()};
+  FileObjectPtr object;
+  volume_->change([&](Tree& tree, Nodes&) {
+    if (!isStillWanted(tree, change)) return;
+    Item& item = *tree.find(change.id);
+    if (item.there->version.contentVersion != item.content->base) {
+      const std::string path = tree.path(item);
+      Item& stored = tree.keepBoth(item);
+      volume_->services().log->note(
+          "conflict",
+          "'" + path +
+              "' was changed here and at the store: both are kept, the one from here as '" +
+              tree.path(item) + "'");
+      static_cast<void>(stored);
+      return;
+    }
+    object = contents_->objectOf(item);
+  });
+  if (!object) co_return Outcome{nullptr, true};
+  const auto snapshot = co_await takeSnapshot(object);
+  if (!snapshot.ok())
+    co_return isNotNow(*snapshot.error()) ? Outcome{nullptr, true} : Outcome{snapshot.error()};
+  Facts facts;
+  const platform::Date began = volume_->services().clock->now();
+  bool begun = false;
+  const auto committed = co_await settle([&](Tree& tree) {
+    if (!isStillWanted(tree, change)) return;
+    Item& item = *tree.find(change.id);
+    if (item.there->version.contentVersion != item.content->base) return;
+    facts.outgoing = {item.there->identifier,     tree.find(item.there->folder)->there->identifier,
+                      item.there->name,           false,
+                      snapshot.value().sizeBytes, item.modified.date()};
+    facts.base = item.there->version;
+    tree.beginSending(item, snapshot.value().sizeBytes, snapshot.value().edits);
+    begun = true;
+  });
+  if (!begun || !committed.ok()) {
+    object->giveBack(snapshot.value());
+    co_return begun ? Outcome{committed.error()} : Outcome{nullptr, true};
+  }
+  const auto fields =
+      NSFileProviderItemFields::contents | NSFileProviderItemFields::contentModificationDate;
+  if (sending_) sending_(change.id, +1);
+  const auto answer =
+      co_await calls_->modify(facts.outgoing, facts.base, fields, snapshot.value().path);
+  if (sending_) sending_(change.id, -1);
+  object->giveBack(snapshot.value());
+  std::string version;
+  volume_->change([&](Tree& tree, Nodes&) {
+    Item* item = tree.find(change.id);
+    if (item == nullptr) return;
+    if (answer.ok() && item->there && item->content) {
+      tree.sent(*item, answer.value(), snapshot.value().edits, began);
+      version = item->there->version.contentVersion;
+    }
+    tree.endChange(*item);
+  });
+  if (!answer.ok()) {
+    lister_->doubt(change.id);
+    co_return Outcome{answer.error()};
+  }
+  object->sent(snapshot.value().edits, version);
+  verifyLater(change.id);
+  co_return Outcome();
+}
+
+// ------------------------------------------------------------------------------------------- moving and removing
+
+Sender::Work Sender::move(Change change) {
+  if (const auto listed = co_await listFolder(change.to.folder, true); !listed.ok())
+    co_return Outcome{listed.error()};
+  Facts facts;
+  ItemId oldFolder = 0;
+  const bool begun = volume_->look([&](Tree& tree, Nodes&) {
+    if (!isStillWanted(tree, change)) return false;
+    Item& item = *tree.find(change.id);
+    facts.outgoing = {item.there->identifier, tree.find(change.to.folder)->there->identifier,
+                      change.to.name,         item.isFolder,
+                      item.there->sizeBytes,  item.modified.date()};
+    facts.base = item.there->version;
+    oldFolder = item.there->folder;
+    tree.beginChange(item);
+    return true;
+  });
+  if (!begun) co_return Outcome{nullptr, true};
+  const auto fields =
+      NSFileProviderItemFields::filename | NSFileProviderItemFields::parentItemIdentifier;
+  const auto answer = co_await calls_->modify(facts.outgoing, facts.base, fields, std::nullopt);
+  volume_->change([&](Tree& tree, Nodes&) {
+    Item* item = tree.find(change.id);
+    if (item == nullptr) return;
+    if (answer.ok() && item->there) tree.moved(*item, change.to, answer.value());
+    if (Item* left = tree.find(change.id)) tree.endChange(*left);
+  });
+  if (answer.ok()) co_return Outcome();
+  co_await relist(oldFolder);  // it may have moved, or be gone
+  if (oldFolder != change.to.folder) co_await relist(change.to.folder);
+  co_return Outcome{answer.error()};
+}
+
+Sender::Work Sender::remove(Change change) {
+  const bool isFolder = volume_->look([&](Tree& tree, Nodes&) {
+    const Item* item = tree.find(change.id);
+    return item != nullptr && item->isFolder;
+  });
+  const auto looked = co_await (isFolder ? lookBelow(change.id) : lookAt(change.id));
+  if (!looked.ok() && errnoFor(*looked.error()) != ENOENT) co_return Outcome{looked.error()};
+  Facts facts;
+  const bool begun = volume_->look([&](Tree& tree, Nodes&) {
+    if (!isStillWanted(tree, change)) return false;
+    Item& item = *tree.find(change.id);
+    facts.outgoing.identifier = item.there->identifier;
+    facts.base = item.there->version;
+    tree.beginChange(item);
+    return true;
+  });
+  if (!begun) co_return Outcome{nullptr, true};
+  const auto answer = co_await calls_->remove(facts.outgoing.identifier, facts.base);
+  volume_->change([&](Tree& tree, Nodes&) {
+    Item* item = tree.find(change.id);
+    if (item == nullptr) return;
+    if (answer.ok()) tree.removedThere(*item);
+    if (Item* left = tree.find(change.id)) tree.endChange(*left);
+  });
+  co_return answer.ok() ? Outcome() : Outcome{answer.error()};
+}
+
+// ------------------------------------------------------------------------------------------- looking afterwards
+
+// The store's own version of what was just sent becomes known by asking: once for one file, once for a folder when several of its
+// files were sent together.
+void Sender::verifyLater(ItemId id) {
+  const ItemId folder = volume_->look([id](Tree& tree, Nodes&) -> ItemId {
+    const Item* item = tree.find(id);
+    return item != nullptr && item->there ? item->there->folder : 0;
+  });
+  if (folder == 0) return;
+  {
+    MutexLock lock(mutex_);
+    unverified_[folder].insert(id);
+    if (stopped_ || !verifying_.insert(folder).second) return;
+  }
+  volume_->services().timers->after(kVerify, [weak = weak_from_this(), folder] {
+    if (auto self = weak.lock()) platform::spawnDetached("verify", self->verify(self, folder));
+  });
+}
+
+Task<void> Sender::verify(std::shared_ptr<Sender> self, ItemId folder) {
+  std::set<ItemId> items;
+  bool isBusy = false;
+  {
+    MutexLock lock(self->mutex_);
+    // More of the same folder is on its way: one question will serve all.
+    for (const Change& change : self->underWay_)
+      isBusy = isBusy || (change.kind == Change::Kind::create && change.to.folder == folder);
+    if (!isBusy) {
+      items = std::move(self->unverified_.extract(folder).mapped());
+      self->verifying_.erase(folder);
+    }
+  }
+  if (isBusy) {
+    volume_->services().timers->after(kVerify, [weak = weak_from_this(), folder] {
+      if (auto sender = weak.lock())
+        platform::spawnDetached("verify", sender->verify(sender, folder));
+    });
+    co_return;
+  }
+  // A failure leaves them unverified; the folder's next listing tells.
+  if (items.size() > 1) {
+    co_await relist(folder);
+  } else {
+    for (const ItemId item : items) static_cast<void>(co_await lookAt(item));
+  }
+}
+
+}  // namespace kestrune::host

@@ -1,0 +1,230 @@
+#include "host/volume/Volume.h"
+
+#include <algorithm>
+#include <unordered_set>
+
+namespace kestrune::host {
+
+namespace {
+
+using platform::MutexLock;
+using platform::NSErrorPtr;
+
+constexpr const char* kNextItem = "nextItem";
+constexpr const char* kNextContent = "nextContent";
+// Numbers are set aside in the database by so many at once.
+constexpr ContentNumber kReserve = 1024;
+
+Tree::Setting treeSetting(const Volume::Services& services) {
+  Tree::Setting setting;
+  setting.machine = services.machine;
+  setting.now = [clock = services.clock] { return clock->now(); };
+  setting.rootIdentifier = platform::NSFileProviderRootContainerItemIdentifier;
+  return setting;
+}
+
+}  // namespace
+
+Volume::Volume(Services services) : services_(std::move(services)), tree_(treeSetting(services_)) {
+  load();
+}
+
+void Volume::load() {
+  std::vector<ItemRow> rows;
+  services_.store->load([&](ItemRow row) { rows.push_back(std::move(row)); });
+  std::unordered_set<ContentNumber> known;
+  ContentNumber highest = 0;
+  for (const ItemRow& row : rows) {
+    if (!row.content) continue;
+    known.insert(row.content->state.number);
+    highest = std::max(highest, row.content->state.number);
+  }
+  for (const ContentNumber number : services_.directory->numbers()) {
+    if (!known.contains(number)) services_.directory->remove(number);
+  }
+  MutexLock lock(mutex_);
+  nextContent_ = std::max(highest + 1, services_.store->counter(kNextContent));
+  reservedContents_ = nextContent_;
+  tree_.restore(std::move(rows), services_.store->counter(kNextItem));
+  settle(Survives::processEnd, [](const Answer<Done>&) {});
+}
+
+ContentNumber Volume::newContentNumber() {
+  MutexLock lock(mutex_);
+  return nextContent_++;
+}
+
+void Volume::change(const Work& work, Survives survives, Reply<Done> reply) {
+  Aftermath aftermath;
+  NSErrorPtr error;
+  {
+    MutexLock lock(mutex_);
+    error = work(tree_, nodes_);
+    aftermath = settle(survives, error ? [](const Answer<Done>&) {} : reply);
+  }
+  finish(aftermath);
+  if (error) reply(std::move(error));
+}
+
+void Volume::change(const std::function<void(Tree& tree, Nodes& nodes)>& work) {
+  Aftermath aftermath;
+  {
+    MutexLock lock(mutex_);
+    work(tree_, nodes_);
+    aftermath = settle(Survives::processEnd, nullptr);
+  }
+  finish(aftermath);
+}
+
+void Volume::commitAll(Survives survives, Reply<Done> reply) {
+  MutexLock lock(mutex_);
+  commitRows(TreeEffects(), survives, std::move(reply));
+}
+
+Volume::Aftermath Volume::settle(Survives survives, Reply<Done> reply) {
+  Aftermath aftermath;
+  TreeEffects effects = tree_.takeEffects();
+  forgetGone(effects);
+  for (const DetachedVersion& version : effects.detached) nodes_.detach(version);
+  if (reply || !effects.changed.empty() || !effects.forgotten.empty())
+    commitRows(effects, survives, std::move(reply));
+  for (const ItemId id : effects.changed) {
+    if (tree_.differing().contains(id)) aftermath.differ.push_back(id);
+  }
+  aftermath.doubtful.assign(effects.doubtful.begin(), effects.doubtful.end());
+  // In the order in which things happened: told with the lock, which only queues.
+  if (!effects.cache.empty()) services_.kernel->tell(std::move(effects.cache), nullptr);
+  for (const FileObjectPtr& object : effects.abandoned) object->abandon();
+  aftermath.effects = std::move(effects);
+  return aftermath;
+}
+
+// What is neither here nor there goes, unless a program still has it open.
+void Volume::forgetGone(TreeEffects& effects) {
+  while (!effects.gone.empty()) {
+    for (const ItemId id : std::exchange(effects.gone, {})) {
+      Item* item = tree_.find(id);
+      if (item == nullptr || (item->object && item->object->isOpen())) continue;
+      tree_.forgetIfGone(*item);
+    }
+    TreeEffects more = tree_.takeEffects();
+    for (const ItemId id : more.forgotten) effects.changed.erase(id);
+    effects.forgotten.merge(more.forgotten);
+    effects.gone = std::move(more.gone);
+    const auto append = [](auto& to, auto& from) {
+      to.insert(to.end(), std::make_move_iterator(from.begin()),
+                std::make_move_iterator(from.end()));
+    };
+    effects.changed.merge(more.changed);
+    append(effects.cache, more.cache);
+    append(effects.detached, more.detached);
+    append(effects.abandoned, more.abandoned);
+    append(effects.dropped, more.dropped);
+  }
+}
+
+void Volume::commitRows(const TreeEffects& effects, Survives survives, Reply<Done> reply) {
+  std::set<ItemId> ids;
+  {
+    MutexLock lock(uncommitted_->mutex);
+    ids.swap(uncommitted_->items);
+  }
+  ids.insert(effects.changed.begin(), effects.changed.end());
+  std::vector<ItemRow> put;
+  for (const ItemId id : ids) {
+    if (const Item* item = tree_.find(id)) put.push_back(tree_.row(*item));
+  }
+  std::vector<std::pair<std::string, std::uint64_t>> counters;
+  if (tree_.nextItem() != committedNextItem_) {
+    committedNextItem_ = tree_.nextItem();
+    counters.emplace_back(kNextItem, committedNextItem_);
+  }
+  if (nextContent_ >= reservedContents_) {
+    reservedContents_ = nextContent_ + kReserve;
+    counters.emplace_back(kNextContent, reservedContents_);
+  }
+  std::vector<ItemId> removed(effects.forgotten.begin(), effects.forgotten.end());
+  std::vector<ItemId> all(ids.begin(), ids.end());
+  // The tree is ahead of the database until there is room again. Who waited is told; what is here is not taken back.
+  auto committed = [all = std::move(all), uncommitted = uncommitted_, log = services_.log,
+                    reply = std::move(reply)](const Answer<Done>& answer) {
+    if (!answer.ok()) {
+      log->failure("commit", "remember what changed", answer.error()->localizedDescription());
+      MutexLock lock(uncommitted->mutex);
+      uncommitted->items.insert(all.begin(), all.end());
+    }
+    if (reply) reply(answer);
+  };
+  services_.store->commit(std::move(put), std::move(removed), std::move(counters), survives,
+                          std::move(committed));
+}
+
+void Volume::finish(const Aftermath& aftermath) {
+  const TreeEffects& effects = aftermath.effects;
+  for (const ContentNumber number : effects.dropped) services_.directory->remove(number);
+  for (const auto& rescued : effects.rescued) {
+    try {
+      services_.directory->rescue(rescued.number, rescued.name);
+    } catch (const platform::NSError& error) {
+      services_.log->failure("rescue", "keep '" + rescued.name + "', which is gone at the store",
+                             error.localizedDescription());
+    }
+  }
+  for (const auto& adopted : effects.adopted) adopted.object->sent(adopted.edits, adopted.version);
+  if (effects.leftOut > 0) {
+    services_.log->note("names",
+                        std::to_string(effects.leftOut) +
+                            " items of a folder are not shown; the first: " + effects.firstLeftOut);
+  }
+  if (!aftermath.doubtful.empty() && listener_.doubtful) listener_.doubtful(aftermath.doubtful);
+  if (!aftermath.differ.empty() && listener_.differ) listener_.differ(aftermath.differ);
+}
+
+Attributes Volume::attributesOf(const Item& item) {
+  Attributes attributes;
+  attributes.inode = item.id;
+  attributes.isFolder = item.isFolder;
+  attributes.isExecutable = item.isExecutable;
+  attributes.isWritable = true;
+  attributes.isUnlinked = !item.isLinked();
+  attributes.sizeBytes = item.object ? item.object->sizeBytes() : item.sizeBytes;
+  if (item.object) {
+    attributes.storedBytes = item.object->storedBytes();
+  } else if (item.content) {
+    attributes.storedBytes = item.content->state.present.byteCount();
+  }
+  attributes.accessed = item.accessed;
+  attributes.modified = item.modified;
+  attributes.changed = item.changed;
+  return attributes;
+}
+
+Attributes Volume::attributesOf(const DetachedVersion& version) {
+  Attributes attributes;
+  attributes.inode = version.item;
+  attributes.isExecutable = version.isExecutable;
+  attributes.isWritable = true;
+  attributes.sizeBytes = version.object ? version.object->sizeBytes() : version.sizeBytes;
+  attributes.storedBytes = version.object ? version.object->storedBytes() : 0;
+  attributes.accessed = version.modified;
+  attributes.modified = version.modified;
+  attributes.changed = version.changed;
+  return attributes;
+}
+
+bool Volume::isWithin(ItemId item, ItemId folder) {
+  return look([&](Tree& tree, Nodes&) {
+    const Item* inner = tree.find(item);
+    const Item* outer = tree.find(folder);
+    return inner != nullptr && outer != nullptr && Tree::isWithin(*inner, *outer);
+  });
+}
+
+std::string Volume::path(ItemId item) {
+  return look([item](Tree& tree, Nodes&) {
+    const Item* found = tree.find(item);
+    return found == nullptr ? std::string("an item that is gone") : tree.path(*found);
+  });
+}
+
+}  // namespace kestrune::host

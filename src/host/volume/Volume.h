@@ -1,0 +1,110 @@
+// The tree of a mounted folder with its lock, and everything that must follow when it changes: rows are committed in the
+// order of the changes, the kernel is told, contents that are no item's any more go.
+//
+// Threads: every operation may be called from any thread. The lock is held for work in memory only; with it are called only
+// the kernel cache, which queues, and the item store, which queues. Lock order: Volume before FileObject.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/basics/Answer.h"
+#include "host/basics/HostLog.h"
+#include "host/basics/KernelCache.h"
+#include "host/basics/Timers.h"
+#include "host/content/ContentDirectory.h"
+#include "host/front/Dispatcher.h"
+#include "host/in/Enumeration.h"
+#include "host/store/ItemStore.h"
+#include "host/tree/Tree.h"
+#include "host/volume/Nodes.h"
+#include "platform/values/Mutex.h"
+
+namespace kestrune::host {
+
+class Volume {
+ public:
+  struct Services {
+    ExtensionPtr extension;
+    std::shared_ptr<Timers> timers;
+    std::shared_ptr<KernelCache> kernel;
+    std::shared_ptr<const platform::Clock> clock;
+    std::shared_ptr<HostLog> log;
+    std::shared_ptr<ContentDirectory> directory;
+    std::shared_ptr<ItemStore> store;
+    std::string machine;
+  };
+  using Survives = ItemStore::Survives;
+
+  /// Loads what the store remembers. Throws StoreError.
+  explicit Volume(Services services);
+
+  const Services& services() const { return services_; }
+
+  /// Told, without a lock held, of items that may differ from the store now, and of folders that are in doubt. Set once, before
+  /// anything changes.
+  struct Listener {
+    std::function<void(const std::vector<ItemId>& items)> differ;
+    std::function<void(const std::vector<ItemId>& folders)> doubtful;
+  };
+  void setListener(Listener listener) { listener_ = std::move(listener); }
+
+  /// Looks, under the lock.
+  template <class Work>
+  auto look(Work&& work) {
+    platform::MutexLock lock(mutex_);
+    return work(tree_, nodes_);
+  }
+
+  /// Changes, under the lock; then what follows is done. `work` returns null or why it did nothing.
+  using Work = std::function<platform::NSErrorPtr(Tree& tree, Nodes& nodes)>;
+  /// `reply` comes when the change is committed; with the error of `work` if there was one.
+  void change(const Work& work, Survives survives, Reply<Done> reply);
+  /// For changes that nobody waits for. What cannot be committed now goes with the next commit of the same item.
+  void change(const std::function<void(Tree& tree, Nodes& nodes)>& work);
+  /// Answers when everything so far survives `survives`.
+  void commitAll(Survives survives, Reply<Done> reply);
+
+  ContentNumber newContentNumber();
+
+  /// REQUIRES: called with the lock held, inside `look` or `change`.
+  static Attributes attributesOf(const Item& item);
+  static Attributes attributesOf(const DetachedVersion& version);
+
+  std::string path(ItemId item);
+  bool isWithin(ItemId item, ItemId folder);
+
+ private:
+  struct Aftermath {
+    std::vector<ItemId> differ;
+    std::vector<ItemId> doubtful;
+    TreeEffects effects;
+  };
+  Aftermath settle(Survives survives, Reply<Done> reply) REQUIRES_LOCK(mutex_);
+  void forgetGone(TreeEffects& effects) REQUIRES_LOCK(mutex_);
+  void commitRows(const TreeEffects& effects, Survives survives, Reply<Done> reply)
+      REQUIRES_LOCK(mutex_);
+  void finish(const Aftermath& aftermath);
+  void load();
+
+  const Services services_;
+  Listener listener_;
+
+  platform::Mutex mutex_;
+  Tree tree_ GUARDED_BY(mutex_);
+  Nodes nodes_ GUARDED_BY(mutex_);
+  ContentNumber nextContent_ GUARDED_BY(mutex_) = 1;
+  ContentNumber reservedContents_ GUARDED_BY(mutex_) = 1;
+  ItemId committedNextItem_ GUARDED_BY(mutex_) = 0;
+  /// Rows that could not be committed. The store's thread may add to them while the volume goes.
+  struct Uncommitted {
+    platform::Mutex mutex;
+    std::set<ItemId> items GUARDED_BY(mutex);
+  };
+  const std::shared_ptr<Uncommitted> uncommitted_ = std::make_shared<Uncommitted>();
+};
+
+}  // namespace kestrune::host
