@@ -21,7 +21,7 @@ NSErrorPtr stale() {
 
 }  // namespace
 
-void ContentChanges::add(const ContentChange& change, Reply<Done> reply) {
+void ContentChanges::add(const ContentChange& change, const Reply<Done>& reply) {
   if (isAbandoned()) return reply(stale());
   if (waits(change, reply, Joining::others)) return;
   try {
@@ -117,23 +117,26 @@ void ContentChanges::makeWaiting() {
       next = std::move(waiting_.front());
       waiting_.pop_front();
     }
-    try {
-      const auto changed = content_->change(next.change);
-      if (!changed) {
-        // A snapshot came in between: this change is a new edit.
-        {
-          MutexLock lock(mutex_);
-          waiting_.push_front(std::move(next));
-        }
-        return begin();
-      }
-      made(*changed);
-      next.reply(Done());
-    } catch (const platform::NSError& error) {
-      next.reply(error.share());
-    }
+    if (!make(next)) return begin();
   }
   failWaiting(stale());
+}
+
+// False if a snapshot came in between: the change is a new edit, and waits again.
+bool ContentChanges::make(Waiting& next) {
+  try {
+    if (const auto changed = content_->change(next.change)) {
+      made(*changed);
+      next.reply(Done());
+      return true;
+    }
+  } catch (const platform::NSError& error) {
+    next.reply(error.share());
+    return true;
+  }
+  MutexLock lock(mutex_);
+  waiting_.push_front(std::move(next));
+  return false;
 }
 
 void ContentChanges::failWaiting(const NSErrorPtr& error) {

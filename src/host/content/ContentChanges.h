@@ -31,7 +31,7 @@ class ContentChanges : public std::enable_shared_from_this<ContentChanges> {
                  std::shared_ptr<ContentFile> content)
       : services_(std::move(services)), item_(item), content_(std::move(content)) {}
 
-  void add(const ContentChange& change, Reply<Done> reply);
+  void add(const ContentChange& change, const Reply<Done>& reply);
   /// None waits.
   bool isIdle() const;
   /// Tells the services at once of a state that they do not know yet.
@@ -54,6 +54,7 @@ class ContentChanges : public std::enable_shared_from_this<ContentChanges> {
   void prepare();
   void begun(const Answer<Done>& answer);
   void makeWaiting();
+  bool make(Waiting& next);
   void failWaiting(const platform::NSErrorPtr& error);
   void made(ContentFile::Changed changed);
 

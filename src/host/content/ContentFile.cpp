@@ -46,7 +46,7 @@ LocalFilePtr sharing(const LocalFile& file, std::int64_t sizeBytes) {
 
 ContentFile::ContentFile(std::shared_ptr<ContentDirectory> directory, ContentState state)
     : directory_(std::move(directory)), state_(recoveredState(directory_, std::move(state))) {
-  if (state_.number != 0) log_.emplace(directory_, state_.number);
+  if (state_.number != 0) log_ = std::make_unique<RangeLog>(directory_, state_.number);
 }
 
 ContentState ContentFile::state() const {
@@ -106,7 +106,7 @@ LocalFilePtr ContentFile::file(ByteRange range) {
   if (state_.number == 0 && state_.isEdited) return emptyFile();  // made here, nothing written yet
   if (state_.number == 0 || !state_.present.contains(clipped(range, state_.sizeBytes)))
     return nullptr;
-  const LocalFilePtr file = openLocked();
+  LocalFilePtr file = openLocked();
   if (!file) return nullptr;
   if (file->sizeBytes() == state_.sizeBytes) return file;
   if (!isOpen_) return sharing(*file, state_.sizeBytes);
@@ -194,7 +194,7 @@ bool ContentFile::takeWhole(const std::filesystem::path& path, std::optional<Byt
     directory_->remove(fresh);
     throw;
   }
-  log_.emplace(directory_, fresh);
+  log_ = std::make_unique<RangeLog>(directory_, fresh);
   MutexLock lock(mutex_);
   state_.number = fresh;
   state_.sizeBytes = file->sizeBytes();
@@ -267,7 +267,7 @@ void ContentFile::makeFile(ContentNumber fresh) {
     directory_->remove(fresh);
     throw NSPOSIXError(error, "size a file's contents");
   }
-  log_.emplace(directory_, fresh);
+  log_ = std::make_unique<RangeLog>(directory_, fresh);
   MutexLock lock(mutex_);
   state_.number = fresh;
   stored_ = -1;

@@ -130,7 +130,7 @@ class ContentFile {
 
   // Held while the file is changed; the number and whether it is edited change only under both.
   platform::Mutex changing_;
-  std::optional<RangeLog> log_ GUARDED_BY(changing_);
+  std::unique_ptr<RangeLog> log_ GUARDED_BY(changing_);  // while there is a file
   bool editIsPrepared_ GUARDED_BY(changing_) = false;
   bool madeForEdit_ GUARDED_BY(changing_) = false;  // the file, by the edit that is prepared
   std::uint64_t notedAtPrepare_ GUARDED_BY(changing_) = 0;

@@ -76,7 +76,7 @@ LocalFilePtr ContentReads::present(ByteRange range) {
   return file;
 }
 
-void ContentReads::read(ByteRange range, bool mayFetch, Reply<LocalFilePtr> reply) {
+void ContentReads::read(ByteRange range, bool mayFetch, const Reply<LocalFilePtr>& reply) {
   if (LocalFilePtr file = present(range)) return reply(std::move(file));
   bool waits = false;
   {
@@ -153,8 +153,8 @@ bool ContentReads::settle(const Waiter& waiter, Settled& settled) {
 bool ContentReads::isComing(std::int64_t offset) const {
   return std::any_of(running_.begin(), running_.end(), [&](const RunningPtr& running) {
     if (running->isCancelled) return false;
-    return !running->asked ||
-           (running->asked->start <= offset && offset - kExpectedAhead < running->asked->end);
+    const ByteRange& asked = running->asked;
+    return running->isWhole || (asked.start <= offset && offset - kExpectedAhead < asked.end);
   });
 }
 
@@ -201,13 +201,11 @@ void ContentReads::start(const RunningPtr& running) {
     MutexLock lock(mutex_);
     // Only now is it known how long the file is at the store.
     const std::int64_t size = running->source.sizeBytes;
-    if (!fetchesParts_ || size <= kWholeFetchBytes) {
-      running->asked.reset();
-    } else if (running->asked->start >= size) {
-      running->asked = ByteRange{0, ContentFetch::kAlignment};
+    running->isWhole = !fetchesParts_ || size <= kWholeFetchBytes;
+    if (running->asked.start >= size) running->asked = {0, ContentFetch::kAlignment};
+    if (!running->isWhole) {
+      asked = ByteRange{running->asked.start, std::min(running->asked.end, size)};
     }
-    asked = running->asked;
-    if (asked) asked->end = std::min(asked->end, size);
     running->fetch = std::make_shared<ContentFetch>(services_->extension, running->source);
     if (!running->isCancelled) fetch = running->fetch;
   }
@@ -259,11 +257,12 @@ void ContentReads::arrived(const RunningPtr& running, Answer<FetchedFile> answer
 }
 
 NSErrorPtr ContentReads::take(const RunningPtr& running, const FetchedFile& file) {
-  std::optional<ByteRange> missing;
+  ByteRange asked;
   {
     MutexLock lock(mutex_);
-    if (running->asked) missing = content_->firstMissing(*running->asked);
+    asked = running->asked;
   }
+  const ByteRange missing = content_->firstMissing(asked);
   try {
     const ContentNumber fresh = content_->hasNothing() ? services_->newNumber() : 0;
     const std::string& version = running->source.version.contentVersion;
@@ -276,8 +275,7 @@ NSErrorPtr ContentReads::take(const RunningPtr& running, const FetchedFile& file
   refused_.reset();
   timesRefused_ = 0;
   failure_ = nullptr;
-  const bool broughtNothing =
-      missing && !missing->isEmpty() && content_->firstMissing(*running->asked) == *missing;
+  const bool broughtNothing = !missing.isEmpty() && content_->firstMissing(asked) == missing;
   if (broughtNothing && !content_->hasNothing())
     return NSPOSIXError(EIO, "use fetched bytes that are not those asked for").share();
   return nullptr;

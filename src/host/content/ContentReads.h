@@ -43,7 +43,7 @@ class ContentReads : public std::enable_shared_from_this<ContentReads> {
   /// The file if the existing bytes of `range` are here, else null. Fetches the next range where this one goes on from an
   /// earlier one.
   LocalFilePtr present(ByteRange range);
-  void read(ByteRange range, bool mayFetch, Reply<LocalFilePtr> reply);
+  void read(ByteRange range, bool mayFetch, const Reply<LocalFilePtr>& reply);
   void fill(Reply<Done> reply);
   bool isFilling() const;
   /// The file, if it is whole.
@@ -61,8 +61,9 @@ class ContentReads : public std::enable_shared_from_this<ContentReads> {
     Reply<LocalFilePtr> reply;
   };
   struct Running {
-    /// What is expected to come is from here on; none: everything.
-    std::optional<ByteRange> asked;
+    /// What is expected to come is from here on; everything if it is whole.
+    ByteRange asked;
+    bool isWhole = false;
     ContentSource source;
     std::shared_ptr<ContentFetch> fetch;
     bool isCancelled = false;

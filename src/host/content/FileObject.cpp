@@ -76,8 +76,8 @@ LocalFilePtr FileObject::present(std::int64_t offset, std::size_t length) {
 }
 
 void FileObject::read(std::int64_t offset, std::size_t length, bool mayFetch,
-                      Reply<LocalFilePtr> reply) {
-  reads_->read(rangeOf(offset, length), mayFetch, std::move(reply));
+                      const Reply<LocalFilePtr>& reply) {
+  reads_->read(rangeOf(offset, length), mayFetch, reply);
 }
 
 LocalFilePtr FileObject::whole() const {
@@ -85,20 +85,20 @@ LocalFilePtr FileObject::whole() const {
   return reads_->whole();
 }
 
-void FileObject::write(std::int64_t offset, std::span<const std::byte> bytes, Reply<Done> reply) {
-  changes_->add({.kind = ContentChange::Kind::write, .offset = offset, .bytes = bytes},
-                std::move(reply));
+void FileObject::write(std::int64_t offset, std::span<const std::byte> bytes,
+                       const Reply<Done>& reply) {
+  changes_->add({.kind = ContentChange::Kind::write, .offset = offset, .bytes = bytes}, reply);
 }
 
-void FileObject::resize(std::int64_t sizeBytes, Reply<Done> reply) {
-  changes_->add({.kind = ContentChange::Kind::resize, .offset = sizeBytes}, std::move(reply));
+void FileObject::resize(std::int64_t sizeBytes, const Reply<Done>& reply) {
+  changes_->add({.kind = ContentChange::Kind::resize, .offset = sizeBytes}, reply);
 }
 
 void FileObject::reserve(std::int64_t offset, std::int64_t length, bool keepsSize,
-                         Reply<Done> reply) {
+                         const Reply<Done>& reply) {
   const auto kind =
       keepsSize ? ContentChange::Kind::reserveKeepingSize : ContentChange::Kind::reserve;
-  changes_->add({.kind = kind, .offset = offset, .length = length}, std::move(reply));
+  changes_->add({.kind = kind, .offset = offset, .length = length}, reply);
 }
 
 void FileObject::flushToDisk(Reply<Done> reply) {
@@ -131,7 +131,7 @@ Answer<FileObject::Snapshot> FileObject::snapshot() {
 
 void FileObject::giveBack(const Snapshot& snapshot) { content_->giveBack(snapshot); }
 
-void FileObject::sent(std::uint64_t edits, std::string version) {
+void FileObject::sent(std::uint64_t edits, const std::string& version) {
   content_->sent(edits, version);
   services_->changed(item_, content_->state());
 }

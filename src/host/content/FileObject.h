@@ -71,16 +71,17 @@ class FileObject {
   /// answer is the length that counts for this read.
   LocalFilePtr present(std::int64_t offset, std::size_t length);
   /// The same, fetched if need be, open or not. `mayFetch` false: ENODATA instead of a fetch.
-  void read(std::int64_t offset, std::size_t length, bool mayFetch, Reply<LocalFilePtr> reply);
+  void read(std::int64_t offset, std::size_t length, bool mayFetch,
+            const Reply<LocalFilePtr>& reply);
   /// All bytes in one file that nobody writes to at present; null if that is not so.
   LocalFilePtr whole() const;
 
   /// `bytes` need not outlive the call.
-  void write(std::int64_t offset, std::span<const std::byte> bytes, Reply<Done> reply);
+  void write(std::int64_t offset, std::span<const std::byte> bytes, const Reply<Done>& reply);
   /// Cuts or extends with zeros.
-  void resize(std::int64_t sizeBytes, Reply<Done> reply);
+  void resize(std::int64_t sizeBytes, const Reply<Done>& reply);
   /// Sees to it that there is room on the disk; extends unless `keepsSize`.
-  void reserve(std::int64_t offset, std::int64_t length, bool keepsSize, Reply<Done> reply);
+  void reserve(std::int64_t offset, std::int64_t length, bool keepsSize, const Reply<Done>& reply);
   /// Flushes the bytes to the disk, on a thread of its own; state is the caller's business.
   void flushToDisk(Reply<Done> reply);
 
@@ -93,7 +94,7 @@ class FileObject {
   void giveBack(const Snapshot& snapshot);
 
   /// The store has the edits up to `edits` as `version`. If there are no later ones, the file is unchanged from now on.
-  void sent(std::uint64_t edits, std::string version);
+  void sent(std::uint64_t edits, const std::string& version);
 
   /// Drops the bytes and keeps the object. Throws EBUSY if it is open, edited or being filled.
   void evict();
