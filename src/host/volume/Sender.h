@@ -50,7 +50,7 @@ class Sender : public std::enable_shared_from_this<Sender> {
   /// For removals and moves: what comes next may show that they were part of a save.
   static constexpr std::chrono::milliseconds kQuietNames{300};
   /// For contents that were sent a moment ago.
-  static constexpr std::chrono::milliseconds kQuietAgain{1500};
+  static constexpr std::chrono::milliseconds kQuietAgain{500};
   /// How old what is known of a folder may be.
   static constexpr std::chrono::seconds kFresh{2};
   /// How long after a sending the store is asked what it made of it.
