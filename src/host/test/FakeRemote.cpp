@@ -3,17 +3,14 @@
 #include <algorithm>
 #include <boost/asio/post.hpp>
 #include <chrono>
-#include <fstream>
-#include <set>
 #include <stdexcept>
 #include <utility>
 
+#include "host/test/FakeItem.h"
 #include "platform/file_provider/NSFileProviderError.h"
 #include "platform/files/AtomicFile.h"
-#include "platform/files/Directories.h"
 #include "platform/files/Paths.h"
 #include "platform/tasks/Task.h"
-#include "platform/values/UUID.h"
 
 namespace kestrune::host::test {
 
@@ -22,229 +19,16 @@ namespace {
 using platform::MutexLock;
 using platform::NSErrorPtr;
 using platform::NSFileProviderError;
-using platform::NSFileProviderItemPtr;
 
 constexpr std::chrono::seconds kDeadline{20};
 const char* const kRoot = platform::NSFileProviderRootContainerItemIdentifier;
 
-class FakeItem final : public platform::NSFileProviderItem {
- public:
-  FakeItem(RemoteItem item, std::string parent)
-      : item_(std::move(item)), parent_(std::move(parent)) {}
-  std::string itemIdentifier() const override { return item_.identifier; }
-  std::string parentItemIdentifier() const override { return parent_; }
-  std::string filename() const override { return item_.name; }
-  std::optional<platform::UTType> contentType() const override {
-    return item_.isFolder ? platform::UTType::folder() : platform::UTType::data();
-  }
-  std::optional<std::int64_t> documentSize() const override {
-    if (item_.isFolder) return std::nullopt;
-    return item_.listedSize.value_or(static_cast<std::int64_t>(item_.contents.size()));
-  }
-  std::optional<platform::Date> contentModificationDate() const override { return item_.modified; }
-  std::optional<platform::NSFileProviderItemVersion> itemVersion() const override {
-    return platform::NSFileProviderItemVersion{item_.version, item_.version};
-  }
-
- private:
-  const RemoteItem item_;
-  const std::string parent_;
-};
-
-std::vector<NSFileProviderItemPtr> asItems(const std::vector<RemoteItem>& items,
-                                           const std::string& parent) {
-  std::vector<NSFileProviderItemPtr> result;
-  for (const auto& item : items) result.push_back(std::make_shared<FakeItem>(item, parent));
-  return result;
-}
-
-const RemoteItem* byIdentifier(const std::vector<RemoteItem>& items,
-                               const std::string& identifier) {
-  const auto found = std::find_if(items.begin(), items.end(), [&](const RemoteItem& item) {
-    return item.identifier == identifier;
-  });
-  return found == items.end() ? nullptr : &*found;
-}
-
-bool differ(const RemoteItem& a, const RemoteItem& b) {
-  return a.name != b.name || a.version != b.version || a.isFolder != b.isFolder ||
-         a.modified != b.modified || a.listedSize != b.listedSize;
-}
-
 }  // namespace
-
-class FakeEnumerator final : public platform::NSFileProviderEnumerator {
- public:
-  FakeEnumerator(std::shared_ptr<FakeRemote> remote, std::string folder)
-      : remote_(std::move(remote)), folder_(std::move(folder)) {}
-
-  void invalidate() override {}
-
-  void enumerateItems(std::shared_ptr<platform::NSFileProviderEnumerationObserver> observer,
-                      platform::NSFileProviderPage page) override {
-    if (page != platform::NSFileProviderInitialPageSortedByName) {
-      givePage(observer, std::stoul(page));
-      return;
-    }
-    auto self = FakeEnumerator(remote_, folder_);
-    remote_->answerLater(Ask::items, folder_, [self, observer](const NSErrorPtr& error) {
-      if (error) {
-        observer->finishEnumeratingWithError(error);
-      } else {
-        self.givePage(observer, 0);
-      }
-    });
-  }
-
-  void enumerateChanges(std::shared_ptr<platform::NSFileProviderChangeObserver> observer,
-                        platform::NSFileProviderSyncAnchor anchor) override {
-    auto self = FakeEnumerator(remote_, folder_);
-    remote_->answerLater(Ask::changes, folder_, [self, observer, anchor](const NSErrorPtr& error) {
-      if (error) {
-        observer->finishEnumeratingWithError(error);
-      } else {
-        self.giveChanges(*observer, anchor);
-      }
-    });
-  }
-
-  void currentSyncAnchor(std::function<void(std::optional<platform::NSFileProviderSyncAnchor>)>
-                             completionHandler) override {
-    completionHandler(remote_->anchor());
-  }
-
- private:
-  void givePage(const std::shared_ptr<platform::NSFileProviderEnumerationObserver>& observer,
-                std::size_t from) const {
-    auto items = remote_->listing(folder_);
-    std::size_t pageSize = 0;
-    {
-      MutexLock lock(remote_->mutex_);
-      // Changes from now on are changes of what was told here.
-      remote_->history_[remote_->time_][folder_].items = items;
-      pageSize = remote_->pageSize_ == 0 ? items.size() + 1 : remote_->pageSize_;
-    }
-    const std::size_t end = std::min(items.size(), from + pageSize);
-    const std::vector<RemoteItem> page(
-        items.begin() + static_cast<std::ptrdiff_t>(std::min(from, end)),
-        items.begin() + static_cast<std::ptrdiff_t>(end));
-    observer->didEnumerateItems(asItems(page, folder_));
-    observer->finishEnumeratingUpToPage(end < items.size() ? std::optional(std::to_string(end))
-                                                           : std::nullopt);
-  }
-
-  void giveChanges(platform::NSFileProviderChangeObserver& observer,
-                   const std::string& anchor) const {
-    bool silent = false;
-    bool exaggerate = false;
-    bool expired = false;
-    std::size_t atOnce = 0;
-    std::uint64_t now = 0;
-    {
-      MutexLock lock(remote_->mutex_);
-      silent = remote_->changesFail_;
-      exaggerate = remote_->exaggerate_;
-      expired = remote_->anchorsExpired_;
-      atOnce = remote_->changesAtOnce_;
-      now = remote_->time_;
-    }
-    if (expired) {
-      observer.finishEnumeratingWithError(
-          NSFileProviderError(NSFileProviderError::syncAnchorExpired).share());
-      return;
-    }
-    if (silent) {
-      observer.finishEnumeratingChangesUpToSyncAnchor(anchor, false);
-      return;
-    }
-    std::uint64_t until = now;
-    const std::uint64_t since = std::stoull(anchor.substr(anchor.find('-') + 1));
-    if (atOnce > 0) until = std::min<std::uint64_t>(now, since + atOnce);
-    const auto before = remote_->listingAt(folder_, since);
-    const auto after =
-        until == now ? remote_->listing(folder_) : remote_->listingAt(folder_, until);
-    std::vector<std::string> deleted;
-    for (const auto& item : before) {
-      if (byIdentifier(after, item.identifier) == nullptr) deleted.push_back(item.identifier);
-    }
-    if (exaggerate) deleted.push_back("item-that-never-was");
-    std::vector<RemoteItem> updated;
-    for (const auto& item : after) {
-      const RemoteItem* old = byIdentifier(before, item.identifier);
-      if (exaggerate || old == nullptr || differ(*old, item)) updated.push_back(item);
-    }
-    if (!deleted.empty()) observer.didDeleteItemsWithIdentifiers(deleted);
-    if (!updated.empty()) observer.didUpdateItems(asItems(updated, folder_));
-    observer.finishEnumeratingChangesUpToSyncAnchor("time-" + std::to_string(until), until != now);
-  }
-
-  std::shared_ptr<FakeRemote> remote_;
-  std::string folder_;
-};
-
-class FakeExtension final : public platform::NSFileProviderReplicatedExtension {
- public:
-  explicit FakeExtension(std::shared_ptr<FakeRemote> remote) : remote_(std::move(remote)) {}
-
-  void invalidate() override {
-    MutexLock lock(remote_->mutex_);
-    remote_->invalidated_ = true;
-  }
-
-  platform::NSProgressPtr item(std::string, platform::NSFileProviderRequest,
-                               ItemHandler completionHandler) override {
-    completionHandler(nullptr, NSFileProviderError(NSFileProviderError::noSuchItem).share());
-    return std::make_shared<platform::NSProgress>(1);
-  }
-
-  platform::NSProgressPtr fetchContents(std::string identifier,
-                                        std::optional<platform::NSFileProviderItemVersion>,
-                                        platform::NSFileProviderRequest,
-                                        ContentsHandler completionHandler) override {
-    auto progress = std::make_shared<platform::NSProgress>(100);
-    progress->setCancellationHandler([remote = remote_] {
-      MutexLock lock(remote->mutex_);
-      ++remote->cancelled_;
-    });
-    // The bytes are those of the moment when the fetch began, however late the answer is.
-    std::optional<RemoteItem> found;
-    {
-      MutexLock lock(remote_->mutex_);
-      for (const auto& [id, folder] : remote_->folders_) {
-        if (const RemoteItem* item = byIdentifier(folder.items, identifier)) found = *item;
-      }
-    }
-    remote_->answerLater(
-        Ask::contents, identifier, [found, completionHandler](const NSErrorPtr& error) {
-          if (error) {
-            completionHandler(std::nullopt, nullptr, error);
-          } else if (!found || found->version == "lost") {
-            completionHandler(std::nullopt, nullptr,
-                              NSFileProviderError(NSFileProviderError::noSuchItem).share());
-          } else {
-            const auto url = platform::temporaryDirectory() / platform::newUUIDString();
-            std::ofstream(url, std::ios::binary) << found->contents;
-            completionHandler(url, std::make_shared<FakeItem>(*found, kRoot), nullptr);
-          }
-        });
-    return progress;
-  }
-
-  std::shared_ptr<platform::NSFileProviderEnumerator> enumerator(
-      std::string folder, platform::NSFileProviderRequest) override {
-    return std::make_shared<FakeEnumerator>(remote_, std::move(folder));
-  }
-
- private:
-  const std::shared_ptr<FakeRemote> remote_;
-};
 
 FakeRemote::FakeRemote() {
   MutexLock lock(mutex_);
   folders_[kRoot];
 }
-
-std::string FakeRemote::newIdentifier() { return "item-" + std::to_string(nextIdentifier_++); }
 
 FakeRemote::Folder& FakeRemote::folderAt(const std::string& path) {
   if (path == "/" || path.empty()) return folders_[kRoot];
@@ -261,6 +45,13 @@ RemoteItem* FakeRemote::find(const std::string& path) {
   return found == items.end() ? nullptr : &*found;
 }
 
+std::string FakeRemote::identifierAt(const std::string& path) {
+  const std::string parent = platform::deletingLastPathComponent(path);
+  const RemoteItem* folder = parent == "/" || parent.empty() ? nullptr : find(parent);
+  return identifierFor(folder == nullptr ? kRoot : folder->identifier,
+                       platform::lastPathComponent(path));
+}
+
 std::string FakeRemote::pathOf(const std::string& identifier) const {
   if (identifier == kRoot) return "/";
   for (const auto& [id, folder] : folders_) {
@@ -275,8 +66,8 @@ std::string FakeRemote::pathOf(const std::string& identifier) const {
 std::string FakeRemote::putFolder(const std::string& path) {
   MutexLock lock(mutex_);
   RemoteItem item;
-  item.identifier = newIdentifier();
   item.name = platform::lastPathComponent(path);
+  item.identifier = identifierAt(path);
   item.isFolder = true;
   folders_[item.identifier];
   folderAt(platform::deletingLastPathComponent(path)).items.push_back(item);
@@ -286,8 +77,8 @@ std::string FakeRemote::putFolder(const std::string& path) {
 std::string FakeRemote::putFile(const std::string& path, std::string contents) {
   MutexLock lock(mutex_);
   RemoteItem item;
-  item.identifier = newIdentifier();
   item.name = platform::lastPathComponent(path);
+  item.identifier = identifierAt(path);
   item.contents = std::move(contents);
   folderAt(platform::deletingLastPathComponent(path)).items.push_back(item);
   return item.identifier;
@@ -302,7 +93,7 @@ void FakeRemote::putFileListedAs(const std::string& path, std::string contents,
 
 void FakeRemote::putItem(const std::string& folder, RemoteItem item) {
   MutexLock lock(mutex_);
-  if (item.identifier.empty()) item.identifier = newIdentifier();
+  if (item.identifier.empty()) item.identifier = "item-" + std::to_string(nextIdentifier_++);
   if (item.isFolder) folders_[item.identifier];
   folderAt(folder).items.push_back(std::move(item));
 }
@@ -329,11 +120,9 @@ void FakeRemote::remove(const std::string& path) {
 
 void FakeRemote::rename(const std::string& from, const std::string& to) {
   MutexLock lock(mutex_);
-  RemoteItem item = *find(from);
-  auto& left = folderAt(platform::deletingLastPathComponent(from)).items;
-  std::erase_if(left, [&](const auto& other) { return other.identifier == item.identifier; });
-  item.name = platform::lastPathComponent(to);
-  folderAt(platform::deletingLastPathComponent(to)).items.push_back(std::move(item));
+  const std::string parent = platform::deletingLastPathComponent(to);
+  const std::string folder = parent == "/" ? kRoot : find(parent)->identifier;
+  place(find(from)->identifier, folder, platform::lastPathComponent(to));
 }
 
 void FakeRemote::announce() {
@@ -375,10 +164,15 @@ std::vector<RemoteItem> FakeRemote::listingAt(const std::string& folderIdentifie
 
 void FakeRemote::answerLater(Ask ask, const std::string& identifier,
                              std::function<void(NSErrorPtr)> answer) {
+  answerAt(ask, pathIn(identifier), std::move(answer));
+}
+
+void FakeRemote::answerAt(Ask ask, const std::string& path,
+                          std::function<void(NSErrorPtr)> answer) {
   NSErrorPtr failure;
   {
     MutexLock lock(mutex_);
-    const Key key(ask, pathOf(identifier));
+    const Key key(ask, path);
     ++counts_[key];
     asked_.notify_all();
     if (holding_[key]) {
@@ -386,6 +180,7 @@ void FakeRemote::answerLater(Ask ask, const std::string& identifier,
       return;
     }
     if (const auto found = failures_.find(key); found != failures_.end()) failure = found->second;
+    if (unreachable_) failure = NSFileProviderError(NSFileProviderError::serverUnreachable).share();
   }
   boost::asio::post(platform::sharedExecutor(),
                     [answer = std::move(answer), failure] { answer(failure); });
@@ -426,6 +221,11 @@ void FakeRemote::stopHolding(Ask ask, const std::string& path) {
 void FakeRemote::failWith(Ask ask, const std::string& path, NSErrorPtr error) {
   MutexLock lock(mutex_);
   failures_[{ask, path}] = std::move(error);
+}
+
+void FakeRemote::setUnreachable(bool unreachable) {
+  MutexLock lock(mutex_);
+  unreachable_ = unreachable;
 }
 
 void FakeRemote::failChangesSilently(bool fail) {
@@ -476,10 +276,6 @@ bool FakeRemote::invalidated() const {
 int FakeRemote::cancelled() const {
   MutexLock lock(mutex_);
   return cancelled_;
-}
-
-std::shared_ptr<platform::NSFileProviderReplicatedExtension> FakeRemote::makeExtension() {
-  return std::make_shared<FakeExtension>(shared_from_this());
 }
 
 }  // namespace kestrune::host::test

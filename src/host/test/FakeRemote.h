@@ -1,7 +1,8 @@
 // A remote store in memory and an extension for it, with verbs for what happens there. Tests of the host use it in their
 // own process, and mount it in another.
 //
-// Identifiers are opaque ("item-7"), so that a host that takes them for paths fails. Answers come from the shared
+// Identifiers are opaque ("item-7"), so that a host that takes them for paths fails; or, if the test wants it, paths, which
+// change when a folder above does. An upload is answered with a version of its own, and the store makes another of it. Answers come from the shared
 // executor, as they do in life; a test may hold those of one folder or file back and let them go one by one, and every
 // call is counted.
 //
@@ -11,6 +12,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -36,7 +38,7 @@ struct RemoteItem {
 };
 
 /// What an extension is asked.
-enum class Ask { items, changes, contents };
+enum class Ask { items, changes, contents, item, create, modify, remove };
 
 class FakeRemote : public std::enable_shared_from_this<FakeRemote> {
  public:
@@ -56,6 +58,17 @@ class FakeRemote : public std::enable_shared_from_this<FakeRemote> {
   void putItem(const std::string& folder, RemoteItem item);
   /// Lists a file whose contents turn out to be gone.
   void loseContents(const std::string& path);
+  /// Before anything is put.
+  void usePathsAsIdentifiers();
+
+  // What became of it.
+  std::optional<std::string> contents(const std::string& path);
+  /// Empty if there is nothing.
+  std::string identifierOf(const std::string& path);
+  /// Sorted.
+  std::vector<std::string> names(const std::string& folder = "/");
+  /// The paths of the files whose contents came from the extension, in their order.
+  std::vector<std::string> uploads() const;
 
   /// Moves the sync anchor; who watches for it is told by writing `signalFile`.
   void announce();
@@ -69,6 +82,11 @@ class FakeRemote : public std::enable_shared_from_this<FakeRemote> {
   void stopHolding(Ask ask, const std::string& path);
   /// Every answer of this kind about `path` fails until told otherwise (null).
   void failWith(Ask ask, const std::string& path, platform::NSErrorPtr error);
+  /// A change of `path` happens, and its answer is `error` all the same, until told otherwise (null). Changes are asked of
+  /// the path before them.
+  void loseAnswers(Ask ask, const std::string& path, platform::NSErrorPtr error);
+  /// Everything fails with serverUnreachable.
+  void setUnreachable(bool unreachable);
   /// Change enumerations of all folders answer "no changes" with the old anchor: how some extensions fail.
   void failChangesSilently(bool fail);
   /// Change enumerations report every item as updated, and deletions of items that never were.
@@ -87,7 +105,8 @@ class FakeRemote : public std::enable_shared_from_this<FakeRemote> {
   /// How many returned progress objects were cancelled.
   int cancelled() const;
 
-  std::shared_ptr<platform::NSFileProviderReplicatedExtension> makeExtension();
+  std::shared_ptr<platform::NSFileProviderReplicatedExtension> makeExtension(
+      bool offersParts = false);
 
  private:
   friend class FakeEnumerator;
@@ -106,13 +125,39 @@ class FakeRemote : public std::enable_shared_from_this<FakeRemote> {
   // Counts a question and answers it on the executor, at once or when it is released.
   void answerLater(Ask ask, const std::string& identifier,
                    std::function<void(platform::NSErrorPtr)> answer);
+  void answerAt(Ask ask, const std::string& path, std::function<void(platform::NSErrorPtr)> answer);
+  // As `answerLater`; without an error the change is made first.
+  void changeLater(Ask ask, const std::string& path,
+                   const std::function<platform::NSFileProviderItemPtr()>& change,
+                   const std::function<void(platform::NSFileProviderItemPtr item,
+                                            platform::NSErrorPtr error)>& answer);
+  std::string pathIn(const std::string& identifier, const std::string& name = {}) const;
+  std::optional<RemoteItem> copyOf(const std::string& identifier) const;
+  platform::NSFileProviderItemPtr described(const std::string& identifier) const;
+  // Throw NSFileProviderError.
+  platform::NSFileProviderItemPtr create(const platform::NSFileProviderItem& wanted,
+                                         const std::optional<std::filesystem::path>& contents);
+  platform::NSFileProviderItemPtr modify(const platform::NSFileProviderItem& wanted,
+                                         platform::NSFileProviderItemFields fields,
+                                         const std::optional<std::filesystem::path>& contents);
+  void removeItem(const std::string& identifier);
   std::string anchor() const;
   std::vector<RemoteItem> listing(const std::string& folderIdentifier) const;
   std::vector<RemoteItem> listingAt(const std::string& folderIdentifier, std::uint64_t time) const;
 
   RemoteItem* find(const std::string& path) REQUIRES_LOCK(mutex_);
   Folder& folderAt(const std::string& path) REQUIRES_LOCK(mutex_);
-  std::string newIdentifier() REQUIRES_LOCK(mutex_);
+  Folder* folderOf(const std::string& identifier, std::string& parent) REQUIRES_LOCK(mutex_);
+  static RemoteItem* findIn(Folder& folder, const std::string& identifier);
+  void store(RemoteItem& item, const std::filesystem::path& contents) REQUIRES_LOCK(mutex_);
+  platform::NSFileProviderItemPtr answerFor(const RemoteItem& item, const std::string& parent,
+                                            bool hasContents) REQUIRES_LOCK(mutex_);
+  std::string place(const std::string& identifier, const std::string& parent,
+                    const std::string& name) REQUIRES_LOCK(mutex_);
+  void renumber(const std::string& from, const std::string& to) REQUIRES_LOCK(mutex_);
+  std::string identifierAt(const std::string& path) REQUIRES_LOCK(mutex_);
+  std::string identifierFor(const std::string& parent, const std::string& name)
+      REQUIRES_LOCK(mutex_);
   std::string pathOf(const std::string& identifier) const REQUIRES_LOCK(mutex_);
 
   mutable platform::Mutex mutex_;
@@ -124,6 +169,11 @@ class FakeRemote : public std::enable_shared_from_this<FakeRemote> {
   std::map<Key, int> counts_ GUARDED_BY(mutex_);
   std::map<Key, bool> holding_ GUARDED_BY(mutex_);
   std::map<Key, platform::NSErrorPtr> failures_ GUARDED_BY(mutex_);
+  std::map<Key, platform::NSErrorPtr> lost_ GUARDED_BY(mutex_);
+  std::vector<std::string> uploads_ GUARDED_BY(mutex_);
+  std::uint64_t nextVersion_ GUARDED_BY(mutex_) = 1;
+  bool pathIdentifiers_ GUARDED_BY(mutex_) = false;
+  bool unreachable_ GUARDED_BY(mutex_) = false;
   std::deque<Held> held_ GUARDED_BY(mutex_);
   std::filesystem::path signalFile_ GUARDED_BY(mutex_);
   bool changesFail_ GUARDED_BY(mutex_) = false;
