@@ -201,7 +201,7 @@ void ContentReads::start(const RunningPtr& running) {
     MutexLock lock(mutex_);
     // Only now is it known how long the file is at the store.
     const std::int64_t size = running->source.sizeBytes;
-    running->isWhole = !fetchesParts_ || size <= kWholeFetchBytes;
+    running->isWhole = !fetchesParts_ || (size <= kWholeFetchBytes && isUntouched());
     if (running->asked.start >= size) running->asked = {0, ContentFetch::kAlignment};
     if (!running->isWhole) {
       asked = ByteRange{running->asked.start, std::min(running->asked.end, size)};
@@ -243,17 +243,30 @@ void ContentReads::arrived(const RunningPtr& running, Answer<FetchedFile> answer
     } else {
       ended(running, answer.error());
     }
-  } else if (answer.value().contentVersion() != running->source.version.contentVersion) {
+  } else if (isOfOtherVersion(*running, answer.value())) {
     refuse(running, answer.value().item);
   } else {
+    const auto length = answer.value().item->documentSize();
+    const bool isOfOtherLength = running->isWhole && length && *length != running->source.sizeBytes;
     {
       MutexLock lock(mutex_);
       ++announcing_;
     }
     const NSErrorPtr error = take(running, answer.value());
     announceLength();
+    // The listing that told the length is behind.
+    if (isOfOtherLength) services_->versionGone(item_, nullptr);
     ended(running, error);
   }
+}
+
+bool ContentReads::isUntouched() const { return content_->hasNothing() && !content_->isEdited(); }
+
+// What a whole fetch brings is one version in itself, and where nothing else is here it cannot be mixed with another. Its
+// item may tell no more than what the extension knows at that moment: the local file's time, not the store's.
+bool ContentReads::isOfOtherVersion(const Running& running, const FetchedFile& file) const {
+  if (file.contentVersion() == running.source.version.contentVersion) return false;
+  return !running.isWhole || !isUntouched();
 }
 
 NSErrorPtr ContentReads::take(const RunningPtr& running, const FetchedFile& file) {

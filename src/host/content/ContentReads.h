@@ -87,6 +87,8 @@ class ContentReads : public std::enable_shared_from_this<ContentReads> {
   platform::NSErrorPtr chooseSource(const RunningPtr& running);
   void arrived(const RunningPtr& running, Answer<FetchedFile> answer);
   platform::NSErrorPtr take(const RunningPtr& running, const FetchedFile& file);
+  bool isUntouched() const;
+  bool isOfOtherVersion(const Running& running, const FetchedFile& file) const;
   void refuse(const RunningPtr& running, const platform::NSFileProviderItemPtr& now);
   void announceLength();
   void ended(const RunningPtr& running, const platform::NSErrorPtr& error);

@@ -298,34 +298,59 @@ TEST_F(FileObjectReadTest, AnotherVersionIsNeverMixedIn) {
 }
 
 TEST_F(FileObjectReadTest, WhatHasNothingStartsAnewWithTheVersionThatIsThere) {
-  const auto object = small();
+  const auto object = large();
   remembered().whenGone([&] {
     store().behave();
-    store().put("something else", "2");
+    store().put(pattern(41 * kMiB, 2), "2");
   });
   store().misbehave({.version = "2"});
-  EXPECT_EQ(read(object, 0, 20), "something else");
+  EXPECT_EQ(read(object, 0, 20), pattern(41 * kMiB, 2).substr(0, 20));
   EXPECT_EQ(object->state().version, "2");
-  EXPECT_EQ(object->sizeBytes(), 14);
+  EXPECT_EQ(object->sizeBytes(), 41 * kMiB);
   EXPECT_EQ(remembered().gone(), 1);
-  EXPECT_THAT(remembered().resizes(), ElementsAre(14));
+  EXPECT_THAT(remembered().resizes(), ElementsAre(41 * kMiB));
+}
+
+TEST_F(FileObjectReadTest, AWholeFileIsOneVersionWhateverItsItemSays) {
+  const auto object = small();
+  store().misbehave({.version = "the local file's"});
+  EXPECT_EQ(readAll(object), "?????");  // what came
+  EXPECT_EQ(object->state().version, "1");
+  EXPECT_EQ(remembered().gone(), 0);
+}
+
+TEST_F(FileObjectReadTest, WhereSomethingIsHereAlreadyOnlyThatVersionIsAdded) {
+  const auto object = small();
+  object->opened(true);
+  const Awaited<Done> written;
+  object->write(4, std::as_bytes(std::span("O", 1)), written.reply());
+  ASSERT_TRUE(written.get().ok());
+  store().misbehave({.version = "2"});
+  EXPECT_EQ(errnoOf(startRead(object, 0, 5).get()), ESTALE);
+  store().behave();
+  timers().advance(FileObject::kFailureHolds);
+  EXPECT_EQ(errnoOf(startRead(object, 0, 5).get()), ESTALE);  // refused once more before it is tried again
+  timers().advance(FileObject::kFailureHolds);
+  EXPECT_EQ(readAll(object), "hellO");
+  EXPECT_EQ(store().wholeFetches(), 0);
+  object->closed(true);
 }
 
 TEST_F(FileObjectReadTest, AVersionThatTheHostDoesNotLearnOfIsStaleAndTriedAgainLater) {
-  const auto object = small();
+  const auto object = large();
   store().misbehave({.version = "2"});
   EXPECT_EQ(errnoOf(startRead(object, 0, 5).get()), ESTALE);
   EXPECT_EQ(store().fetches(), 1);
   store().behave();
   timers().advance(FileObject::kFailureHolds);
-  EXPECT_EQ(readAll(object), "hello");
+  EXPECT_EQ(read(object, 0, 5), expected(0, 5));
 }
 
 TEST_F(FileObjectReadTest, AStoreThatChangesAllTheTimeIsNotFollowedForEver) {
-  const auto object = small();
+  const auto object = large();
   int version = 1;
   remembered().whenGone([&] {
-    store().put("hello", std::to_string(++version));
+    store().put(pattern(40 * kMiB, 1), std::to_string(++version));
     store().misbehave({.version = std::to_string(version + 1)});
   });
   store().misbehave({.version = "2"});
