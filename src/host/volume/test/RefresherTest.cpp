@@ -1,0 +1,219 @@
+#include "host/volume/Refresher.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "host/volume/test/HostHarness.h"
+#include "platform/file_provider/NSFileProviderError.h"
+#include "tests/support/CapturingLogSink.h"
+#include "tests/support/Waiting.h"
+
+namespace kestrune::host::test {
+namespace {
+
+using platform::NSFileProviderError;
+using std::chrono::seconds;
+using testing::ElementsAre;
+
+class RefresherTest : public testing::Test, public HostHarness {};
+
+TEST_F(RefresherTest, ASignalBringsEveryEnumeratedFolderUpToDate) {
+  remote().putFolder("/docs");
+  remote().putFolder("/never visited");
+  remote().putFile("/docs/a", "x");
+  names();
+  const NodeId docs = find("/docs").node;
+  names(docs);
+  remote().putFile("/docs/b", "x");
+  remote().putFile("/c", "x");
+  announce("/docs");
+  EXPECT_TRUE(waitForNames({"a", "b"}, docs));
+  EXPECT_TRUE(waitForNames({"docs", "never visited", "c"}));
+  EXPECT_EQ(remote().asked(Ask::changes, "/never visited"), 0);
+  EXPECT_EQ(remote().asked(Ask::items, "/docs"), 1);
+}
+
+TEST_F(RefresherTest, AnAnchorThatDidNotMoveNeedsNoQuestion) {
+  remote().putFile("/a", "x");
+  names();
+  fileSystem().changesSignalled();
+  fileSystem().changesSignalled();
+  // What is asked after the next signal proves that the earlier ones are through.
+  remote().putFile("/b", "x");
+  announce();
+  EXPECT_TRUE(waitForNames({"a", "b"}));
+  EXPECT_EQ(remote().asked(Ask::changes, "/"), 1);
+}
+
+TEST_F(RefresherTest, ExaggeratedReportsChangeNothing) {
+  remote().putFolder("/docs");
+  remote().putFile("/a", "x");
+  EXPECT_EQ(readPath("/a"), "x");
+  const Entry before = find("/a");
+  kernel().takeUpdates();
+  remote().exaggerateChanges(true);
+  remote().putFile("/b", "x");
+  announce();
+  ASSERT_TRUE(waitForNames({"docs", "a", "b"}));
+  EXPECT_EQ(find("/a").node, before.node);
+  EXPECT_EQ(readPath("/a"), "x");
+  EXPECT_EQ(remote().asked(Ask::contents, "/a"), 1);
+  for (const auto& update : kernel().takeUpdates()) EXPECT_NE(update.name, "a");
+}
+
+TEST_F(RefresherTest, ASilentFailureIsAskedAgainAfterGrowingDelays) {
+  names();
+  remote().failChangesSilently(true);
+  remote().putFile("/a", "x");
+  announce();
+  int questions = 1;
+  for (const int delay : {2, 4, 8, 16, 32, 60, 60}) {
+    ASSERT_TRUE(timers().waitForTimer(seconds(delay))) << delay;
+    EXPECT_EQ(remote().asked(Ask::changes, "/"), questions);
+    if (delay == 60) remote().failChangesSilently(questions == 6);
+    timers().advance(seconds(delay));
+    ASSERT_TRUE(remote().waitUntilAsked(Ask::changes, "/", ++questions));
+  }
+  EXPECT_TRUE(waitForNames({"a"}));
+  EXPECT_EQ(timers().count(), 0U);
+}
+
+TEST_F(RefresherTest, AnErrorIsAskedAgainAndASignalDoesNotWaitForThat) {
+  const support::CapturingLogSink log;
+  names();
+  remote().failWith(Ask::changes, "/",
+                    NSFileProviderError(NSFileProviderError::serverUnreachable).share());
+  remote().putFile("/a", "x");
+  announce();
+  ASSERT_TRUE(timers().waitForTimer(seconds(2)));
+  EXPECT_TRUE(log.contains("bring '/' up to date: The server could not be reached."));
+  remote().failWith(Ask::changes, "/", nullptr);
+  announce();
+  EXPECT_TRUE(waitForNames({"a"}));
+  EXPECT_EQ(timers().count(), 0U);
+}
+
+TEST_F(RefresherTest, AnExpiredAnchorHasTheFolderEnumeratedAnew) {
+  remote().putFile("/a", "x");
+  remote().putFile("/b", "x");
+  names();
+  remote().expireAnchors(true);
+  remote().remove("/a");
+  remote().putFile("/c", "x");
+  announce();
+  EXPECT_TRUE(waitForNames({"b", "c"}));
+  EXPECT_EQ(remote().asked(Ask::items, "/"), 2);
+}
+
+TEST_F(RefresherTest, ChangesThatComeInPiecesAreAllApplied) {
+  names();
+  remote().setChangesAtOnce(1);
+  for (const char* path : {"/a", "/b", "/c"}) {
+    remote().putFile(path, "x");
+    remote().announce();
+  }
+  fileSystem().changesSignalled();
+  EXPECT_TRUE(waitForNames({"a", "b", "c"}));
+  EXPECT_EQ(remote().asked(Ask::changes, "/"), 3);
+}
+
+TEST_F(RefresherTest, ASignalDuringAQuestionAsksOnceMore) {
+  names();
+  remote().hold(Ask::changes, "/");
+  announce();
+  remote().putFile("/a", "x");
+  remote().announce();
+  fileSystem().changesSignalled();
+  fileSystem().changesSignalled();
+  remote().putFile("/b", "x");
+  remote().stopHolding(Ask::changes, "/");
+  EXPECT_TRUE(waitForNames({"a", "b"}));
+  EXPECT_LE(remote().asked(Ask::changes, "/"), 2);
+}
+
+TEST_F(RefresherTest, ASignalDuringTheFirstEnumerationIsNotLost) {
+  remote().putFile("/a", "x");
+  remote().hold(Ask::items, "/");
+  const Awaited<Done> opened;
+  fileSystem().openFolder(kRootNode, opened.reply());
+  ASSERT_TRUE(remote().waitUntilAsked(Ask::items, "/", 1));
+  remote().announce();
+  fileSystem().changesSignalled();
+  remote().release(Ask::items, "/");
+  ASSERT_TRUE(opened.get().ok());
+  // The anchor was taken before the enumeration, so it is behind.
+  EXPECT_TRUE(remote().waitUntilAsked(Ask::changes, "/", 1));
+}
+
+TEST_F(RefresherTest, AFolderAskedDuringAFetchIsEnumeratedAnewAfterIt) {
+  remote().putFolder("/docs");
+  remote().putFile("/docs/big", "x");
+  remote().putFile("/docs/old", "x");
+  names();
+  const NodeId docs = find("/docs").node;
+  names(docs);
+  remote().hold(Ask::contents, "/docs/big");
+  const OpenFilePtr file = open(find("/docs/big").node);
+  const auto read = startRead(file);
+  ASSERT_TRUE(remote().waitUntilAsked(Ask::contents, "/docs/big", 1));
+  remote().putFile("/docs/new", "x");
+  announce("/docs");
+  ASSERT_TRUE(waitForNames({"big", "old", "new"}, docs));
+  // A deletion that the extension holds back, and never reports later.
+  remote().remove("/docs/old");
+  EXPECT_EQ(remote().asked(Ask::items, "/docs"), 1);
+  remote().release(Ask::contents, "/docs/big");
+  ASSERT_TRUE(read.get().ok());
+  ASSERT_TRUE(remote().waitUntilAsked(Ask::items, "/docs", 2));
+  EXPECT_TRUE(waitForNames({"big", "new"}, docs));
+}
+
+TEST_F(RefresherTest, SoIsOneWhoseFetchBeganAndEndedWhileItWasAsked) {
+  remote().putFolder("/docs");
+  remote().putFile("/docs/a", "x");
+  remote().putFile("/docs/old", "x");
+  names();
+  const NodeId docs = find("/docs").node;
+  names(docs);
+  remote().hold(Ask::changes, "/docs");
+  remote().putFile("/docs/new", "x");
+  announce("/docs");
+  EXPECT_EQ(readPath("/docs/a"), "x");
+  remote().stopHolding(Ask::changes, "/docs");
+  ASSERT_TRUE(remote().waitUntilAsked(Ask::items, "/docs", 2));
+  EXPECT_TRUE(waitForNames({"a", "old", "new"}, docs));
+}
+
+TEST_F(RefresherTest, OnlyAFewFoldersAreAskedAtATime) {
+  constexpr int kFolders = 20;
+  for (int i = 0; i < kFolders; ++i) remote().putFolder("/f" + std::to_string(i));
+  for (int i = 0; i < kFolders; ++i) {
+    names(find("/f" + std::to_string(i)).node);
+    remote().hold(Ask::changes, "/f" + std::to_string(i));
+  }
+  const auto asked = [&] {
+    int total = 0;
+    for (int i = 0; i < kFolders; ++i)
+      total += remote().asked(Ask::changes, "/f" + std::to_string(i));
+    return total;
+  };
+  remote().announce();
+  fileSystem().changesSignalled();
+  ASSERT_TRUE(support::waitUntil([&] { return asked() == static_cast<int>(Refresher::kAtOnce); }));
+  for (int i = 0; i < kFolders; ++i) remote().stopHolding(Ask::changes, "/f" + std::to_string(i));
+  EXPECT_TRUE(support::waitUntil([&] { return asked() == kFolders; }));
+}
+
+TEST_F(RefresherTest, AfterTheEndNothingIsAsked) {
+  names();
+  remote().failChangesSilently(true);
+  announce();
+  ASSERT_TRUE(timers().waitForTimer(seconds(2)));
+  fileSystem().stop();
+  EXPECT_EQ(timers().count(), 0U);
+  fileSystem().changesSignalled();
+  EXPECT_EQ(remote().asked(Ask::changes, "/"), 1);
+}
+
+}  // namespace
+}  // namespace kestrune::host::test

@@ -1,0 +1,96 @@
+// What a mount finds again that begins where another ended.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "host/volume/test/HostHarness.h"
+#include "tests/support/Waiting.h"
+
+namespace kestrune::host::test {
+namespace {
+
+using std::chrono::seconds;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+class RestartTest : public testing::Test, public HostHarness {};
+
+TEST_F(RestartTest, ContentsAndNamesAreStillHere) {
+  remote().putFolder("/docs");
+  remote().putFile("/docs/a", "hello");
+  EXPECT_EQ(readPath("/docs/a"), "hello");
+  const InodeNumber inode = find("/docs/a").attributes.inode;
+  restart();
+  EXPECT_EQ(find("/docs/a").attributes.inode, inode);
+  EXPECT_EQ(readPath("/docs/a"), "hello");
+  EXPECT_EQ(remote().asked(Ask::contents, "/docs/a"), 1);
+  EXPECT_EQ(remote().asked(Ask::items, "/docs"), 1);
+}
+
+TEST_F(RestartTest, WhatChangedAtTheStoreMeanwhileIsLearnt) {
+  remote().putFile("/a", "x");
+  names();
+  fileSystem().stop();
+  remote().putFile("/b", "y");
+  remote().announce();
+  restart();
+  EXPECT_TRUE(waitForNames({"a", "b"}));
+  EXPECT_EQ(remote().asked(Ask::changes, "/"), 1);
+  EXPECT_EQ(remote().asked(Ask::items, "/"), 1);
+}
+
+TEST_F(RestartTest, WhatWasUnsentIsSent) {
+  remote().putFile("/edited", "old");
+  remote().putFile("/removed", "x");
+  remote().putFile("/moved", "y");
+  names();
+  remote().setUnreachable(true);
+  makeFolder("/docs");
+  save("/docs/new", "new");
+  save("/edited", "edited");
+  EXPECT_EQ(removeFile("/removed"), 0);
+  EXPECT_EQ(rename("/moved", "/docs/moved"), 0);
+  pass(seconds(2));
+  restart();
+  EXPECT_EQ(sender().countUnsent(), 5U);
+  EXPECT_EQ(readPath("/docs/new"), "new");
+  remote().setUnreachable(false);
+  ASSERT_TRUE(waitUntilSent());
+  EXPECT_THAT(remote().names(), ElementsAre("docs", "edited"));
+  EXPECT_THAT(remote().names("/docs"), ElementsAre("moved", "new"));
+  EXPECT_EQ(remote().contents("/edited"), "edited");
+  EXPECT_EQ(remote().contents("/docs/new"), "new");
+  EXPECT_EQ(remote().contents("/docs/moved"), "y");
+}
+
+TEST_F(RestartTest, AnUploadThatArrivedWithoutAnAnswerIsNotRepeated) {
+  remote().putFile("/a", "old");
+  EXPECT_EQ(readPath("/a"), "old");
+  remote().hold(Ask::modify, "/a");
+  save("/a", "hello");
+  ASSERT_TRUE(passUntil([&] { return remote().asked(Ask::modify, "/a") == 1; }));
+  fileSystem().stop();
+  // The host has ended; the store took it all the same.
+  remote().loseAnswers(Ask::modify, "/a", platform::CancellationError().share());
+  remote().stopHolding(Ask::modify, "/a");
+  restart();
+  ASSERT_TRUE(waitUntilSent());
+  EXPECT_EQ(remote().contents("/a"), "hello");
+  EXPECT_THAT(remote().uploads(), SizeIs(1));
+  EXPECT_THAT(remote().names(), ElementsAre("a"));
+  EXPECT_EQ(remote().asked(Ask::contents, "/a"), 1);
+}
+
+TEST_F(RestartTest, WhatWasRemovedWhileOpenIsGone) {
+  const OpenFilePtr file = create("/a");
+  write(file, "x");
+  EXPECT_EQ(removeFile("/a"), 0);
+  close(file);
+  restart();
+  EXPECT_THAT(names(), IsEmpty());
+  const auto entries = std::filesystem::directory_iterator(replica() / "contents");
+  EXPECT_EQ(std::distance(begin(entries), end(entries)), 0);
+}
+
+}  // namespace
+}  // namespace kestrune::host::test
