@@ -42,7 +42,10 @@ class ItemGatherer final : public platform::NSFileProviderEnumerationObserver,
       overflown_ = true;
       return;
     }
-    for (const auto& item : updatedItems) listing_.items.push_back(ItemRecord::from(*item));
+    for (auto& item : updatedItems) {
+      listing_.items.push_back(ItemRecord::from(*item));
+      listing_.described.push_back(std::move(item));
+    }
   }
 
   void finishEnumeratingUpToPage(std::optional<NSFileProviderPage> nextPage) override {
@@ -83,8 +86,9 @@ class ChangeGatherer final : public platform::NSFileProviderChangeObserver {
 
   void didUpdateItems(std::vector<NSFileProviderItemPtr> updatedItems) override {
     if (!fits(updatedItems.size())) return;
-    for (const auto& item : updatedItems) {
+    for (auto& item : updatedItems) {
       gathered_.changes.push_back({ReportedChange::Kind::update, ItemRecord::from(*item)});
+      gathered_.described.push_back(std::move(item));
     }
   }
 

@@ -26,6 +26,8 @@ struct Listing {
   /// As it was before the enumeration began: changes asked from it miss nothing. None if the extension has no anchors.
   std::optional<platform::NSFileProviderSyncAnchor> anchor;
   std::vector<ItemRecord> items;
+  /// The same items, for what costs more to read than a listing may wait for.
+  std::vector<platform::NSFileProviderItemPtr> described;
 };
 
 /// Every page of the content of `folder`, in the extension's order.
@@ -34,6 +36,8 @@ void enumerateFolder(ExtensionPtr extension, platform::NSFileProviderItemIdentif
 
 struct ChangeSet {
   std::vector<ReportedChange> changes;
+  /// The items of the updates, as in Listing.
+  std::vector<platform::NSFileProviderItemPtr> described;
   platform::NSFileProviderSyncAnchor anchor;
   bool moreComing = false;
 };

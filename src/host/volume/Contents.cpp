@@ -23,6 +23,13 @@ Answer<ContentSource> sourceOf(Volume& volume, ItemId id) {
   });
 }
 
+// The length that the kernel knows stays until it is told another one.
+void takeState(Tree& tree, Item& item, const ContentState& state) {
+  const std::int64_t known = item.sizeBytes;
+  tree.setContent(item, state);
+  if (!state.isEdited) item.sizeBytes = known;
+}
+
 std::shared_ptr<const FileObjectServices> servicesFor(const std::shared_ptr<Volume>& owner,
                                                       Contents::Listener listener) {
   const std::weak_ptr<Volume> weak = owner;  // the volume holds the objects
@@ -49,34 +56,37 @@ std::shared_ptr<const FileObjectServices> servicesFor(const std::shared_ptr<Volu
     };
     volume->change(work, Volume::Survives::processEnd, reply);
   };
-  services->changed = [weak](ItemId id, const ContentState& state) {
+  services->changed = [weak, listener](ItemId id, const ContentState& state) {
     const auto volume = weak.lock();
     if (!volume) return;
     volume->change([&](Tree& tree, Nodes&) {
       Item* item = tree.find(id);
       if (item == nullptr || !item->object) return;
       if (state.number == 0) {
-        tree.dropContent(*item);
+        if (!item->isEdited()) tree.dropContent(*item);  // else written to since it was evicted
       } else {
-        tree.setContent(*item, state);
+        takeState(tree, *item, state);
       }
     });
+    if (listener.changed) listener.changed();
   };
   services->resized = [weak](ItemId id, std::int64_t sizeBytes, std::function<void()> then) {
     const auto volume = weak.lock();
     if (!volume) return then();
     std::vector<CacheUpdate> updates;
     bool isLarger = false;
-    volume->look([&](Tree& tree, Nodes&) {
+    volume->change([&](Tree& tree, Nodes&) {
       Item* item = tree.find(id);
-      if (item == nullptr || item->node == 0) return;
-      isLarger = item->sizeBytes < sizeBytes;
-      if (item->sizeBytes <= sizeBytes) {
+      if (item == nullptr) return;
+      const std::int64_t known = std::exchange(item->sizeBytes, sizeBytes);
+      tree.changedHere(*item);
+      if (item->node == 0) return;
+      isLarger = known < sizeBytes;
+      if (known <= sizeBytes) {
         updates.push_back({CacheUpdate::Kind::attributes, item->node, {}, 0});
       } else if (item->folder != nullptr && item->folder->node != 0) {
         updates.push_back({CacheUpdate::Kind::entry, item->folder->node, item->name, 0});
       }
-      item->sizeBytes = sizeBytes;
     });
     // A larger file must be announced before its bytes, or the reader stops at the size that was listed. A smaller one must
     // not be: when a read ends early the kernel shortens the file by itself, but not if it was told to doubt the attributes

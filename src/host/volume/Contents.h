@@ -19,6 +19,8 @@ class Contents {
     std::function<void(ItemId folder)> doubtful;
     /// The store answered, or could not be reached.
     std::function<void(const platform::NSErrorPtr& error)> reached;
+    /// Some contents here are more or less than they were.
+    std::function<void()> changed;
   };
   Contents(std::shared_ptr<Volume> volume, Listener listener);
 

@@ -34,19 +34,39 @@ FileSystem::FileSystem(Volume::Services services, FileSystemOptions options)
     if (auto live = refresher.lock()) live->fetching(item, step);
   };
   const auto sender = std::make_shared<std::weak_ptr<Sender>>();
-  auto reached = [sender](const NSErrorPtr& error) {
+  auto reached = [sender, activity = activity_](const NSErrorPtr& error) {
+    activity->reached(error);
     if (auto live = sender->lock()) live->reached(error);
   };
   Contents::Listener listener;
-  listener.fetching = fetching;
+  listener.fetching = [fetching, activity = activity_](ItemId item, int step) {
+    activity->downloading(step);
+    fetching(item, step);
+  };
   listener.doubtful = [refresher](ItemId folder) {
     if (auto live = refresher.lock()) live->enumerateAnew(folder);
   };
   listener.reached = reached;
+  const auto spaceMaker = std::make_shared<std::weak_ptr<SpaceMaker>>();
+  listener.changed = [spaceMaker] {
+    if (auto live = spaceMaker->lock()) live->changed();
+  };
   contents_ = std::make_shared<Contents>(volume_, std::move(listener));
+  spaceMaker_ = std::make_shared<SpaceMaker>(volume_, contents_, options_.limits);
+  *spaceMaker = spaceMaker_;
+  keeper_ = std::make_shared<Keeper>(volume_, contents_);
+  auto described = [keeper = std::weak_ptr<Keeper>(keeper_)](
+                       std::vector<platform::NSFileProviderItemPtr> items) {
+    if (auto live = keeper.lock()) live->described(std::move(items));
+  };
+  lister_->setDescribed(described);
+  refresher_->setDescribed(described);
   sender_ = std::make_shared<Sender>(volume_, lister_, contents_, calls_);
   *sender = sender_;
-  sender_->setSending(fetching);
+  sender_->setSending([fetching, activity = activity_](ItemId item, int step) {
+    activity->uploading(step);
+    fetching(item, step);
+  });
   refresher_->setReached(reached);
   Volume::Listener changes;
   changes.differ = [sender](const std::vector<ItemId>& items) {
@@ -63,13 +83,20 @@ FileSystem::FileSystem(Volume::Services services, FileSystemOptions options)
 void FileSystem::start() {
   sender_->begin();
   refresher_->signal();
+  keeper_->begin();
+  spaceMaker_->changed();
 }
 
-void FileSystem::changesSignalled() { refresher_->signal(); }
+void FileSystem::changesSignalled() {
+  activity_->signalled(volume_->services().clock->now());
+  refresher_->signal();
+}
 
 void FileSystem::stop() {
   if (stopped_.exchange(true)) return;
   sender_->stop();
+  keeper_->stop();
+  spaceMaker_->stop();
   refresher_->stop();
   calls_->stop();
   volume_->services().extension->invalidate();

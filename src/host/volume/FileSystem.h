@@ -16,11 +16,14 @@
 #include <string>
 
 #include "host/front/Dispatcher.h"
+#include "host/volume/Activity.h"
 #include "host/volume/Contents.h"
 #include "host/volume/ExtensionCalls.h"
 #include "host/volume/FolderLister.h"
+#include "host/volume/Keeper.h"
 #include "host/volume/Refresher.h"
 #include "host/volume/Sender.h"
+#include "host/volume/SpaceMaker.h"
 #include "host/volume/Volume.h"
 
 namespace kestrune::host {
@@ -31,6 +34,7 @@ struct FileSystemOptions {
   std::set<std::string> lookersOn;
   /// Whether extended attributes are shown and kept.
   bool showsAttributes = false;
+  SpaceLimits limits = {};
 };
 
 class FileSystem final : public Dispatcher {
@@ -89,6 +93,9 @@ class FileSystem final : public Dispatcher {
   const std::shared_ptr<FolderLister>& lister() const { return lister_; }
   const std::shared_ptr<Refresher>& refresher() const { return refresher_; }
   const std::shared_ptr<ExtensionCalls>& calls() const { return calls_; }
+  const std::shared_ptr<Keeper>& keeper() const { return keeper_; }
+  const std::shared_ptr<Activity>& activity() const { return activity_; }
+  const SpaceLimits& limits() const { return options_.limits; }
 
  private:
   Answer<OpenFilePtr> openItem(Tree& tree, Nodes& nodes, NodeId node, OpenMode mode, bool mayFetch);
@@ -107,6 +114,9 @@ class FileSystem final : public Dispatcher {
   const std::shared_ptr<ExtensionCalls> calls_;
   std::shared_ptr<Contents> contents_;
   std::shared_ptr<Sender> sender_;
+  const std::shared_ptr<Activity> activity_ = std::make_shared<Activity>();
+  std::shared_ptr<Keeper> keeper_;
+  std::shared_ptr<SpaceMaker> spaceMaker_;
   std::atomic<bool> stopped_ = false;
 };
 

@@ -66,6 +66,21 @@ void FolderLister::list(ItemId folder, Reply<Done> reply) {
   begin(folder);
 }
 
+bool FolderLister::join(ItemId folder, Reply<Done> reply) {
+  MutexLock lock(mutex_);
+  const auto found = running_.find(folder);
+  if (found == running_.end()) return false;
+  found->second.waiters.push_back(std::move(reply));
+  return true;
+}
+
+std::vector<ItemId> FolderLister::running() {
+  MutexLock lock(mutex_);
+  std::vector<ItemId> folders;
+  for (const auto& [folder, running] : running_) folders.push_back(folder);
+  return folders;
+}
+
 void FolderLister::begin(ItemId folder) {
   std::optional<platform::NSFileProviderItemIdentifier> identifier;
   std::uint64_t asOf = 0;
@@ -95,6 +110,7 @@ void FolderLister::listed(ItemId folder, std::uint64_t asOf, std::chrono::nanose
       tree.applyListing(*item, listing.value().items, listing.value().anchor, asOf);
       applied = item->part->listing.isEnumerated && !item->part->listing.hasStaleIdentifiers;
     });
+    if (described_) described_(listing.value().described);
   } else {
     volume_->services().log->failure("enumerate", "list '" + volume_->path(folder) + "'",
                                      listing.error()->localizedDescription());

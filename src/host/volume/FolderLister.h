@@ -8,6 +8,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
 #include <vector>
@@ -23,12 +24,20 @@ class FolderLister : public std::enable_shared_from_this<FolderLister> {
 
   explicit FolderLister(std::shared_ptr<Volume> volume) : volume_(std::move(volume)) {}
 
+  /// Told of the items as the extension described them, when the volume knows them. Set once, before anything is listed.
+  using Described = std::function<void(std::vector<platform::NSFileProviderItemPtr> items)>;
+  void setDescribed(Described described) { described_ = std::move(described); }
+
   /// Answers when the folder's names are known.
   void visit(ItemId folder, Reply<Done> reply);
   /// Enumerates the folder, which is at the store, from now on (not before), and answers when the volume knows.
   void list(ItemId folder, Reply<Done> reply);
   /// As `list`, unless a listing of the folder began less than `age` ago and was applied.
   void listUnlessFresh(ItemId folder, std::chrono::nanoseconds age, Reply<Done> reply);
+  /// Answers when the enumeration of the folder that runs has ended; false, and no answer, if none does.
+  bool join(ItemId folder, Reply<Done> reply);
+  /// The folders that are being enumerated.
+  std::vector<ItemId> running();
   /// The folder was made here just now: nobody else can know anything of it.
   void madeHere(ItemId folder);
   /// What was listed of the item's folder is not to be gone by any more.
@@ -46,6 +55,7 @@ class FolderLister : public std::enable_shared_from_this<FolderLister> {
               const Answer<Listing>& listing);
 
   const std::shared_ptr<Volume> volume_;
+  Described described_;
   platform::Mutex mutex_;
   std::map<ItemId, Running> running_ GUARDED_BY(mutex_);
   std::map<ItemId, std::chrono::nanoseconds> fresh_ GUARDED_BY(mutex_);

@@ -53,13 +53,15 @@ std::vector<ItemId> Refresher::staleFoldersIn(ItemId folder) {
 }
 
 void Refresher::signal() {
-  const auto folders = volume_->look([](Tree& tree, Nodes&) {
+  auto folders = volume_->look([](Tree& tree, Nodes&) {
     std::vector<ItemId> listed = {kRootItem};
     tree.forEach([&](const Item& item) {
       if (item.isFolder && item.there && item.part->listing.isEnumerated) listed.push_back(item.id);
     });
     return listed;
   });
+  // What is listed at this moment may show what was before.
+  for (const ItemId folder : lister_->running()) folders.push_back(folder);
   for (const ItemId folder : folders) enqueue(folder, false);
   pump();
 }
@@ -114,7 +116,12 @@ void Refresher::pump() {
 void Refresher::begin(ItemId folder, bool anew) {
   State state = stateOf(folder);
   if (!state.isListed) {
-    ended(folder, false);
+    // Asked when the listing that runs is there; without one there is nothing to keep up to date.
+    auto listed = [self = shared_from_this(), folder](const Answer<Done>& answer) {
+      if (answer.ok()) self->enqueue(folder, false);
+      self->ended(folder, false);
+    };
+    if (!lister_->join(folder, std::move(listed))) ended(folder, false);
     return;
   }
   if (anew || state.isAnew) {
@@ -167,6 +174,7 @@ void Refresher::changed(const Question& question, const Answer<ChangeSet>& answe
     if (item == nullptr || !item->isFolder || !item->there) return;
     tree.applyChanges(*item, changes.changes, changes.anchor, question.asOf);
   });
+  if (described_) described_(changes.described);
   if (reached_) reached_(nullptr);
   const bool moved = changes.anchor != question.anchor;
   if (changes.moreComing && moved) {
@@ -234,6 +242,11 @@ bool Refresher::fetchRunsBelow(ItemId folder) {
   }
   return std::any_of(files.begin(), files.end(),
                      [&](ItemId file) { return volume_->isWithin(file, folder); });
+}
+
+bool Refresher::isFetching(ItemId file) {
+  MutexLock lock(mutex_);
+  return fetches_.contains(file);
 }
 
 void Refresher::fetching(ItemId file, int step) {

@@ -47,12 +47,15 @@ class Refresher : public std::enable_shared_from_this<Refresher> {
   void setReached(std::function<void(const platform::NSErrorPtr& error)> reached) {
     reached_ = std::move(reached);
   }
+  /// As FolderLister::setDescribed, of what changed.
+  void setDescribed(FolderLister::Described described) { described_ = std::move(described); }
   /// One folder may have changed.
   void ask(ItemId folder);
   /// One folder is not what its changes say.
   void enumerateAnew(ItemId folder);
   /// The contents of `file` began (+1) or ended (-1) to be fetched.
   void fetching(ItemId file, int step);
+  bool isFetching(ItemId file);
   /// No question begins any more; those under way end without effect.
   void stop();
 
@@ -104,6 +107,7 @@ class Refresher : public std::enable_shared_from_this<Refresher> {
 
   std::function<void(const platform::NSErrorPtr& error)>
       reached_;  // set once, before anything is asked
+  FolderLister::Described described_;
 
   platform::Mutex mutex_;
   bool stopped_ GUARDED_BY(mutex_) = false;

@@ -1,0 +1,53 @@
+// What a mounted folder is doing at the moment, for whoever asks how it is.
+//
+// Threads: every operation may be called from any thread.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "platform/values/Date.h"
+#include "platform/values/Mutex.h"
+#include "platform/values/NSError.h"
+
+namespace kestrune::host {
+
+class Activity {
+ public:
+  struct Facts {
+    std::uint64_t downloads = 0;
+    std::uint64_t uploads = 0;
+    /// What the last request failed with; empty if it was answered.
+    std::string storeError;
+    std::optional<platform::Date> lastSignal;
+  };
+
+  void downloading(int step) {
+    platform::MutexLock lock(mutex_);
+    facts_.downloads += static_cast<std::uint64_t>(step);
+  }
+  void uploading(int step) {
+    platform::MutexLock lock(mutex_);
+    facts_.uploads += static_cast<std::uint64_t>(step);
+  }
+  /// The store answered (null), or this came instead.
+  void reached(const platform::NSErrorPtr& error) {
+    platform::MutexLock lock(mutex_);
+    facts_.storeError = error ? error->localizedDescription() : std::string();
+  }
+  void signalled(platform::Date at) {
+    platform::MutexLock lock(mutex_);
+    facts_.lastSignal = at;
+  }
+  Facts facts() {
+    platform::MutexLock lock(mutex_);
+    return facts_;
+  }
+
+ private:
+  platform::Mutex mutex_;
+  Facts facts_ GUARDED_BY(mutex_);
+};
+
+}  // namespace kestrune::host
