@@ -96,6 +96,23 @@ TEST(PlannerTest, SwappedNamesGoByWayOfAThird) {
   EXPECT_THAT(items.ready(), ElementsAre(Change{Kind::move, 2, at(1, "b")}));
 }
 
+// One was moved aside, and then another one was given just that name here.
+TEST(PlannerTest, WhoIsAsideAlreadyGetsANameThatNobodyHas) {
+  Items items;
+  const std::string aside = asideName(3);
+  items.add(2, false, at(1, aside.c_str()), at(1, "b"));
+  items.add(3, false, at(1, "b"), at(1, aside.c_str()));
+  for (int rounds = 0; !items.differing().empty(); ++rounds) {
+    ASSERT_LT(rounds, 4) << "it goes round";
+    const auto ready = items.ready();
+    ASSERT_FALSE(ready.empty());
+    for (const Change& change : ready) {
+      ASSERT_EQ(items.occupant(change.to), nullptr) << change.to.name << " is taken";
+      items.items[change.id].there = change.to;
+    }
+  }
+}
+
 TEST(PlannerTest, AFolderIsRemovedOnceWithAllThatIsInIt) {
   Items items;
   for (const NodeId id : {NodeId{2}, NodeId{3}}) items.add(id, true, {}, {}).isLinked = false;
