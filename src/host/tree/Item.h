@@ -72,6 +72,9 @@ struct Item {
   /// When its side there was last changed by a change sent from here, as Tree::moment tells. What a listing that began
   /// earlier says of it is old.
   std::uint64_t sentAt = 0;
+  /// When the store was asked that last told its place there. Folders are asked one by one: another one's earlier answer may
+  /// come later, and still shows it, or misses it.
+  std::uint64_t placedAt = 0;
   /// A change of it is on its way to the store.
   bool isUnderWay = false;
   std::uint64_t begunAt = 0;

@@ -164,7 +164,8 @@ class Tree {
   void beginSending(Item& item, std::int64_t bytes, std::uint64_t edits);
   /// However it ended. What it did is told by the next operations, before this one.
   void endChange(Item& item);
-  /// The store took `item` at `place`; `answer` is what the extension says of it, `began` when the sending began.
+  /// The store took `item` at `place`; `answer` is what the extension says of it, `began` when the sending began. The item
+  /// is still not there afterwards where that is so again by now; then it is to be created once more.
   void created(Item& item, const Place& place, const ItemRecord& answer, std::uint64_t edits,
                platform::Date began);
   void moved(Item& item, const Place& place, const ItemRecord& answer);
@@ -216,10 +217,12 @@ class Tree {
   void releaseContent(Item& item, bool rescue);
   static void contentsAreThere(ContentRow& row, std::uint64_t edits, const std::string& version);
   void markStale(Item& folder);
+  bool isReplacedThere(const Item& item, const std::string& identifier) const;
   void displace(const Place& place, const std::string& identifier, const Item& by);
   std::vector<Item*> childrenThere(const Item& folder) const;
 
   // What the store says.
+  bool isChangedSince(const Item& item, const Batch& batch) const;
   bool isOld(const Item& item, const Batch& batch) const;
   bool holdsOld(const Item& item, const Batch& batch) const;
   bool isCurrent(const Item& folder, const Batch& batch) const;
@@ -256,7 +259,7 @@ class Tree {
   std::set<ItemId> differing_;
   std::set<ItemId> held_;
   /// Told to be gone while changes were on their way whose answers will say who that was.
-  std::set<std::string> goneUnknown_;
+  std::set<std::string> goneMeanwhile_;
   std::size_t underWay_ = 0;
   TreeEffects effects_;
 };

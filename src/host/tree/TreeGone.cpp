@@ -15,6 +15,11 @@ namespace {
 constexpr std::size_t kMostAtOnce = 20;
 constexpr std::size_t kShare = 10;
 
+// Sent from here, not seen at the store since, and whole: that it is not shown may mean that it never stayed there.
+bool isUnseen(const Item& item) {
+  return !item.isFolder && item.folder != nullptr && item.there->isProvisional && item.isWhole();
+}
+
 std::size_t filesHere(const Item& folder) {
   std::size_t files = 0;
   std::vector<const Item*> pending = {&folder};
@@ -33,8 +38,13 @@ std::size_t filesHere(const Item& folder) {
 }  // namespace
 
 // What was sent after the store was asked, or is on its way, is newer than the answer.
-bool Tree::isOld(const Item& item, const Batch& batch) const {
+bool Tree::isChangedSince(const Item& item, const Batch& batch) const {
   return item.isUnderWay || item.sentAt > batch.asOf;
+}
+
+// So is what the store told of the item's place when it was asked later.
+bool Tree::isOld(const Item& item, const Batch& batch) const {
+  return isChangedSince(item, batch) || item.placedAt > batch.asOf;
 }
 
 // The same of anything in it, or on its way into it.
@@ -67,14 +77,16 @@ void Tree::believeGone(Item& item, bool rescue, const Kept& kept) {
   }
   const bool isMovedHere = item.folder != nullptr &&
                            (item.folder->id != item.there->folder || item.name != item.there->name);
+  const bool isToBeSeen = isUnseen(item);
   forgetThere(item);
   if (item.folder == nullptr) {
     effects_.gone.insert(item.id);
     return;
   }
-  // A deletion loses against what was changed here: it will be made again.
-  const bool survives = item.isFolder ? !item.part->children.empty()
-                                      : item.isEdited() || (isMovedHere && item.isWhole());
+  // A deletion loses against what was changed here, or sent and not seen since: it will be made again.
+  const bool survives = item.isFolder
+                            ? !item.part->children.empty()
+                            : item.isEdited() || isToBeSeen || (isMovedHere && item.isWhole());
   if (survives) {
     if (item.content) item.content->base.clear();
     if (item.part) item.part->listing = {.isEnumerated = true};  // nobody else knows it any more
@@ -90,11 +102,13 @@ void Tree::believeGone(Item& item, bool rescue, const Kept& kept) {
 // A change that would take away much of what is here is not believed at once.
 void Tree::holdOrBelieve(Item& folder, const std::vector<Item*>& gone, Batch& batch) {
   std::size_t files = 0;
-  for (const Item* item : gone) files += item->folder != nullptr ? filesHere(*item) : 0;
+  for (const Item* item : gone)
+    files += item->folder != nullptr && !isUnseen(*item) ? filesHere(*item) : 0;
   const bool isMuch = files > kMostAtOnce && files > filesHere(folder) / kShare;
   for (Item* item : gone) {
     const bool isHeld = item->there->isHeldDeletion;
-    if ((isMuch || isHeld) && item->folder != nullptr && !holdsOld(*item, batch)) {
+    const bool mayBeHeld = item->folder != nullptr && !isUnseen(*item);
+    if ((isMuch || isHeld) && mayBeHeld && !holdsOld(*item, batch)) {
       item->there->isHeldDeletion = true;
       held_.insert(item->id);
       note(*item);

@@ -42,7 +42,7 @@ void Tree::doubt(const Item& folder, Batch& batch) {
 // Whether the answer can be one about the folder as it is known now.
 bool Tree::isCurrent(const Item& folder, const Batch& batch) const {
   for (const Item* at = &folder; at == nullptr || !at->isRoot(); at = find(at->there->folder)) {
-    if (at == nullptr || !isSure(*at) || isOld(*at, batch)) return false;
+    if (at == nullptr || !isSure(*at) || isChangedSince(*at, batch)) return false;
   }
   return true;
 }
@@ -169,7 +169,7 @@ void Tree::applyChanges(Item& folder, const std::vector<ReportedChange>& changes
   for (const ReportedChange* change : last) {
     if (change->kind == ReportedChange::Kind::update) continue;
     Item* item = byIdentifier(change->item.identifier);
-    if (item == nullptr && underWay_ > 0) goneUnknown_.insert(change->item.identifier);
+    if (underWay_ > 0) goneMeanwhile_.insert(change->item.identifier);
     // An item that moved elsewhere is reported as deleted by the folder that it left.
     if (item == nullptr || item->isRoot() || item->there->folder != folder.id) continue;
     if (!batch.kept.contains(item)) gone.push_back(item);
@@ -269,7 +269,10 @@ void Tree::applyNew(Item& folder, const ItemRecord& record, Batch& batch) {
       doubt(folder, batch);
       return;
     }
-    if (adoptNamed(*named, folder, record)) return;
+    if (adoptNamed(*named, folder, record)) {
+      named->placedAt = batch.asOf;
+      return;
+    }
     makeRoom(folder, record.name);
   }
   Item& item = make(nextItem_++, record.isFolder);
@@ -278,6 +281,7 @@ void Tree::applyNew(Item& folder, const ItemRecord& record, Batch& batch) {
   item.modified = FileTime::of(record.modified);
   item.changed = item.modified;
   item.accessed = item.modified;
+  item.placedAt = batch.asOf;
   link(item, folder, record.name, true);
   setThere(item, thereStateOf(record, folder.id));
 }
@@ -327,6 +331,7 @@ void Tree::applyToKnown(Item& item, Item& folder, const ItemRecord& record, Batc
   there.isHeldDeletion = false;
   if (follows && item.folder != nullptr) unlink(item, true);
   setThere(item, std::move(there));
+  item.placedAt = batch.asOf;
   if (follows) {
     makeRoom(folder, record.name);
     link(item, folder, record.name, true);
@@ -375,8 +380,10 @@ void Tree::applyContents(Item& item, const ItemRecord& record) {
   // Changed by others. A removal loses against it; what was changed here as well is settled when it is to be sent.
   bringBack(item);
   if (item.isEdited()) return;
-  if (item.node != 0 && (item.content || item.object)) succeed(item);
-  releaseContent(item, false);
+  if (item.content) {
+    if (item.node != 0) succeed(item);
+    releaseContent(item, false);
+  }  // else an object has nothing of the old version, and goes on with the new one
   item.sizeBytes = said.sizeBytes;
   item.modified = FileTime::of(said.modified);
   item.changed = item.modified;

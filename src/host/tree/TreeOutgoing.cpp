@@ -132,7 +132,7 @@ void Tree::beginSending(Item& item, std::int64_t bytes, std::uint64_t edits) {
 }
 
 void Tree::endChange(Item& item) {
-  if (std::exchange(item.isUnderWay, false) && --underWay_ == 0) goneUnknown_.clear();
+  if (std::exchange(item.isUnderWay, false) && --underWay_ == 0) goneMeanwhile_.clear();
   note(item);
   if (!item.isLinked() && !item.there) effects_.gone.insert(item.id);
 }
@@ -141,6 +141,11 @@ void Tree::created(Item& item, const Place& place, const ItemRecord& answer, std
                    platform::Date began) {
   const Item* folder = find(place.folder);
   if (folder == nullptr || !folder->there) return;  // gone meanwhile, with all that came into it
+  if (isReplacedThere(item, answer.identifier)) {
+    if (item.content) item.content->sendingSince = 0;
+    note(item);
+    return;
+  }
   displace(place, answer.identifier, item);
   doubtWhatWasMissed(item, place, answer.identifier);
   ThereState there = thereStateOf(answer, place.folder);
@@ -157,7 +162,14 @@ void Tree::created(Item& item, const Place& place, const ItemRecord& answer, std
 // What was said of the item while nobody knew yet who it is there passed unnoticed.
 void Tree::doubtWhatWasMissed(const Item& item, const Place& place, const std::string& identifier) {
   Item& folder = *find(place.folder);
-  if (folder.part->listedAt > item.begunAt || goneUnknown_.contains(identifier)) askAgain(folder);
+  if (folder.part->listedAt > item.begunAt || goneMeanwhile_.contains(identifier)) askAgain(folder);
+}
+
+// What the creation made was shown before its answer came, was taken for another item, and that one has been changed from
+// here: what was created is no longer there, and is made again.
+bool Tree::isReplacedThere(const Item& item, const std::string& identifier) const {
+  const Item* other = byIdentifier(identifier);
+  return other != nullptr && other != &item && (other->isUnderWay || other->sentAt > item.begunAt);
 }
 
 // The store has put `by` there: whoever was known to be there, or by its identifier, is not any more.

@@ -36,6 +36,46 @@ TEST_F(TreeIncomingTest, AReplacedVersionIsDetachedAndItsContentsGo) {
   EXPECT_THAT(effects_.dropped, ElementsAre(1));
 }
 
+TEST_F(TreeIncomingTest, AnObjectWithoutContentsGoesOnWithTheNewVersion) {
+  list({file("1", "a", 3)});
+  Item& a = *at("a");
+  const auto object =
+      std::make_shared<FileObject>(std::make_shared<FileObjectServices>(), a.id, ContentState{});
+  a.object = object;
+  a.node = 7;
+  tree().applyListing(root(), {file("1", "a", 4)}, {}, tree().moment());
+  const TreeEffects effects = tree().takeEffects();
+  EXPECT_EQ(a.object, object);
+  EXPECT_THAT(effects.abandoned, IsEmpty());
+  EXPECT_EQ(a.node, 7U);
+  EXPECT_THAT(effects.detached, IsEmpty());
+  EXPECT_EQ(a.sizeBytes, 4);
+  EXPECT_TRUE(std::any_of(effects.cache.begin(), effects.cache.end(), [](const auto& update) {
+    return update.kind == CacheUpdate::Kind::attributes && update.node == 7;
+  }));
+  tree().changedHere(a);
+  tree().changedHere(root());
+}
+
+TEST_F(TreeIncomingTest, AnObjectWithContentsOfTheOldVersionIsAbandoned) {
+  list({file("1", "a", 3)});
+  Item& a = *at("a");
+  fill(a, 3);
+  const auto object =
+      std::make_shared<FileObject>(std::make_shared<FileObjectServices>(), a.id, ContentState{});
+  a.object = object;
+  a.node = 7;
+  tree().applyListing(root(), {file("1", "a", 4)}, {}, tree().moment());
+  const TreeEffects effects = tree().takeEffects();
+  EXPECT_EQ(a.object, nullptr);
+  EXPECT_THAT(effects.abandoned, ElementsAre(object));
+  ASSERT_EQ(effects.detached.size(), 1U);
+  EXPECT_EQ(effects.detached[0].object, object);
+  EXPECT_EQ(a.node, 0U);
+  tree().changedHere(a);
+  tree().changedHere(root());
+}
+
 TEST_F(TreeIncomingTest, WhatIsReportedAsUpdatedAndIsTheSameKeepsItsContents) {
   list({file("1", "a", 3), folder("2", "d")});
   fill(*at("a"), 3);
@@ -227,6 +267,20 @@ TEST_F(TreeIncomingTest, WhatGoesWhileItsAnswerIsOnTheWayIsAskedFor) {
   EXPECT_FALSE(root().part->listing.anchor);
 }
 
+TEST_F(TreeIncomingTest, WhatWasShownAndGoesWhileItsAnswerIsOnTheWayIsAskedForToo) {
+  list({});
+  Item& d = tree().create(root(), "d", true, false);
+  tree().beginChange(d);
+  tree().move(d, root(), "moved");
+  change({update(folder("1", "d"))});
+  change({deletion("1")});
+  EXPECT_THAT(names(), ElementsAre("moved"));
+  tree().created(d, {kRootItem, "d"}, folder("1", "d"), 0, now_);
+  tree().endChange(d);
+  EXPECT_TRUE(check().doubtful.contains(kRootItem));
+  EXPECT_FALSE(root().part->listing.anchor);
+}
+
 TEST_F(TreeIncomingTest, AListingWhileAnAnswerIsOnTheWayIsRepeated) {
   list({});
   Item& a = make("a");
@@ -260,6 +314,42 @@ TEST_F(TreeIncomingTest, AnItemThatWasSeenBeforeItsAnswerCameIsOne) {
   EXPECT_THAT(names(), ElementsAre("a"));
   list({file("1", "renamed", 5)});
   EXPECT_EQ(at("renamed"), &a);
+}
+
+TEST_F(TreeIncomingTest, WhatWasChangedBeforeTheAnswerOfItsCreationCameIsNotTheCreation) {
+  list({});
+  Item& made = make("a", 5);
+  tree().beginSending(made, 5, 1);
+  tree().move(made, root(), "b");
+  list({file("1", "a", 5)});  // the creation, and nobody knows it
+  Item& shown = *at("a");
+  fill(shown, 6, 1);
+  send(shown, file("1", "a", 6));
+  tree().created(made, {kRootItem, "a"}, file("1", "a", 5), 1, now_);
+  tree().endChange(made);
+  check();
+  EXPECT_EQ(tree().byIdentifier("1"), &shown);
+  EXPECT_EQ(made.content->sendingSince, 0);
+  EXPECT_THAT(ready(), ElementsAre(Change{Change::Kind::create, made.id, {kRootItem, "b"}}));
+  list({file("1", "a", 6)});
+  EXPECT_EQ(at("a"), &shown);
+  EXPECT_EQ(made.sizeBytes, 5);
+}
+
+TEST_F(TreeIncomingTest, WhatIsBeingChangedWhenTheAnswerOfItsCreationComesIsNotTheCreation) {
+  list({});
+  Item& made = make("a", 5);
+  tree().beginSending(made, 5, 1);
+  tree().move(made, root(), "b");
+  list({file("1", "a", 5)});
+  Item& shown = *at("a");
+  fill(shown, 6, 1);
+  tree().beginSending(shown, 6, 1);
+  tree().created(made, {kRootItem, "a"}, file("1", "a", 5), 1, now_);
+  tree().endChange(made);
+  check();
+  EXPECT_EQ(tree().byIdentifier("1"), &shown);
+  EXPECT_FALSE(made.there);
 }
 
 // ------------------------------------------------------------------------------------------- identifiers that are paths

@@ -249,6 +249,65 @@ TEST_F(TreePendingTest, WhatIsMovedOutOfAFolderThatGoesAndIsNotHereGoesToo) {
   EXPECT_FALSE(at("here")->there);
 }
 
+// ------------------------------------------------------------------------------------------- sent and not seen since
+
+TEST_F(TreePendingTest, WhatWasSentAndIsNotShownIsMadeAgain) {
+  list({file("2", "b", 3)});
+  Item& made = make("a");
+  send(made, file("1", "a", 5));
+  fill(*at("b"), 4, 1);
+  send(*at("b"), file("2", "b", 4));
+  list({});
+  EXPECT_EQ(at("a"), &made);
+  EXPECT_TRUE(made.isWhole());
+  EXPECT_THAT(names(), ElementsAre("a", "b"));
+  EXPECT_THAT(ready(), testing::UnorderedElementsAre(
+                           Change{ChangeKind::create, made.id, {kRootItem, "a"}},
+                           Change{ChangeKind::create, at("b")->id, {kRootItem, "b"}}));
+}
+
+TEST_F(TreePendingTest, WhatWasSentAndIsReportedAsGoneIsMadeAgain) {
+  list({});
+  Item& made = make("a");
+  send(made, file("1", "a", 5));
+  tree().applyItem(made, std::nullopt, tree().moment());
+  check();
+  EXPECT_EQ(at("a"), &made);
+  EXPECT_EQ(ready().size(), 1U);
+}
+
+TEST_F(TreePendingTest, WhatWasSentAndShownAndIsShownNoLongerGoes) {
+  list({});
+  Item& made = make("a");
+  send(made, file("1", "a", 5));
+  ItemRecord record = file("1", "a", 5);
+  record.modified = now_;
+  list({record});
+  list({});
+  EXPECT_THAT(names(), IsEmpty());
+}
+
+TEST_F(TreePendingTest, WhatWasSentAndIsNoLongerWholeHereGoes) {
+  list({});
+  Item& made = make("a");
+  send(made, file("1", "a", 5));
+  ContentState state = made.content->state;
+  state.present = {};
+  tree().setContent(made, state);
+  list({});
+  EXPECT_THAT(names(), IsEmpty());
+}
+
+TEST_F(TreePendingTest, WhatWasSentAndRemovedHereIsNotMadeAgain) {
+  list({});
+  Item& made = make("a");
+  send(made, file("1", "a", 5));
+  tree().remove(made);
+  list({});
+  EXPECT_THAT(names(), IsEmpty());
+  EXPECT_THAT(ready(), IsEmpty());
+}
+
 // ------------------------------------------------------------------------------------------- held deletions
 
 class TreeHeldTest : public TreeFixture {
@@ -287,6 +346,17 @@ TEST_F(TreeHeldTest, WhatShowsAgainIsHeldNoMore) {
   tree().applyItem(*at(name(4)), file(name(4), name(4), 5), tree().moment());
   EXPECT_EQ(tree().heldDeletions().size(), static_cast<std::size_t>(kFiles));
   EXPECT_TRUE(at(name(4))->isWhole());
+}
+
+TEST_F(TreeHeldTest, WhatWasSentAndNotSeenSinceIsMadeAgainAndNotHeld) {
+  for (int i = 0; i < kFiles; ++i) {
+    fill(*at(name(i)), 100 + i, 1);
+    send(*at(name(i)), file(name(i), name(i), 100 + i));
+  }
+  list({});
+  EXPECT_THAT(tree().heldDeletions(), IsEmpty());
+  EXPECT_EQ(names().size(), static_cast<std::size_t>(kFiles));
+  EXPECT_EQ(ready().size(), static_cast<std::size_t>(kFiles));
 }
 
 TEST_F(TreeHeldTest, BelievedTheirContentsAreRescued) {
