@@ -104,39 +104,51 @@ void ContentChanges::begun(const Answer<Done>& answer) {
   makeWaiting();
 }
 
+// REQUIRES: one waits.
 void ContentChanges::makeWaiting() {
   for (;;) {
     Waiting next;
     {
       MutexLock lock(mutex_);
       if (isAbandoned_) break;
-      if (waiting_.empty()) {
-        isBusy_ = false;
-        return;
-      }
       next = std::move(waiting_.front());
       waiting_.pop_front();
     }
-    if (!make(next)) return begin();
+    switch (make(next)) {
+      case Made::moreWait:
+        break;
+      case Made::wasLast:
+        return;
+      case Made::mustBegin:
+        return begin();
+    }
   }
   failWaiting(stale());
 }
 
-// False if a snapshot came in between: the change is a new edit, and waits again.
-bool ContentChanges::make(Waiting& next) {
+// A snapshot may have come in between: then the change is a new edit, and waits again.
+ContentChanges::Made ContentChanges::make(Waiting& next) {
+  Answer<Done> answer = Done();
   try {
-    if (const auto changed = content_->change(next.change)) {
-      made(*changed);
-      next.reply(Done());
-      return true;
+    const auto changed = content_->change(next.change);
+    if (!changed) {
+      MutexLock lock(mutex_);
+      waiting_.push_front(std::move(next));
+      return Made::mustBegin;
     }
+    made(*changed);
   } catch (const platform::NSError& error) {
-    next.reply(error.share());
-    return true;
+    answer = error.share();
   }
-  MutexLock lock(mutex_);
-  waiting_.push_front(std::move(next));
-  return false;
+  bool wasLast = false;
+  {
+    // Before the answer: who has the last one finds nothing under way.
+    MutexLock lock(mutex_);
+    wasLast = waiting_.empty();
+    if (wasLast) isBusy_ = false;
+  }
+  next.reply(std::move(answer));
+  return wasLast ? Made::wasLast : Made::moreWait;
 }
 
 void ContentChanges::failWaiting(const NSErrorPtr& error) {

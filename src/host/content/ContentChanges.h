@@ -47,6 +47,7 @@ class ContentChanges : public std::enable_shared_from_this<ContentChanges> {
   };
 
   enum class Joining { others, asFirst };
+  enum class Made { moreWait, wasLast, mustBegin };
 
   bool waits(const ContentChange& change, const Reply<Done>& reply, Joining joining);
   bool isAbandoned() const;
@@ -54,7 +55,7 @@ class ContentChanges : public std::enable_shared_from_this<ContentChanges> {
   void prepare();
   void begun(const Answer<Done>& answer);
   void makeWaiting();
-  bool make(Waiting& next);
+  Made make(Waiting& next);
   void failWaiting(const platform::NSErrorPtr& error);
   void made(ContentFile::Changed changed);
 
