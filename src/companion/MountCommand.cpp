@@ -7,11 +7,14 @@
 
 #include "companion/configuration/CommandError.h"
 #include "companion/configuration/InvalidateCommand.h"
+#include "companion/control/HostFinder.h"
 #include "companion/events/EventListener.h"
 #include "config/SharedConfig.h"
 #include "config/StorageLocations.h"
 #include "extension/FileProviderExtension.h"
 #include "host/MountHost.h"
+#include "namespace/FileProviderItem.h"
+#include "namespace/PinStore.h"
 #include "platform/values/NSError.h"
 
 namespace kestrune {
@@ -45,6 +48,11 @@ void runMount(const MountOptions& options) {
   host.signalFile = storage::invalidationTokenFile();
   host.domainIdentifier = options.domainIdentifier;
   host.allowOtherUsers = options.allowOtherUsers;
+  host.limits = {options.cacheBytes, options.keepFreeBytes};
+  host.controlSocket = controlSocketFile(options.domainIdentifier);
+  host.unpin = [](const platform::NSFileProviderItemIdentifier& identifier) {
+    PinStore::setPinned(false, FileProviderItem::path(identifier));
+  };
   // From when the folder can be used: no thread may run before.
   std::optional<EventListener> listener;
   host.mounted = [&options, &listener] {

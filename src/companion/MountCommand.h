@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 
 namespace kestrune {
@@ -19,6 +20,10 @@ struct MountOptions {
   bool allowOtherUsers = false;
   /// How often the store is looked at for changes where its service has no events to tell of them.
   std::int64_t refreshSeconds = 30;
+  /// How many bytes contents may take here; none: no limit.
+  std::optional<std::uint64_t> cacheBytes;
+  /// How much of the disk is to stay free; none: a twentieth, 10 GiB at most.
+  std::optional<std::uint64_t> keepFreeBytes;
 };
 
 /// Prints where the folder is once it can be used, and returns after SIGINT, SIGTERM, SIGHUP or an

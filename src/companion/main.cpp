@@ -103,6 +103,15 @@ void addMount(CLI::App& app, Command& chosen) {
                    "seconds between looks for changes, where the service does not tell of them")
       ->check(CLI::Range(std::int64_t{1}, std::int64_t{86'400}))
       ->capture_default_str();
+  command
+      ->add_option("--cache-size", options->cacheBytes,
+                   "how much fetched contents may take here, in bytes or with K, M, G; default: no "
+                   "limit")
+      ->transform(CLI::AsSizeValue(false));
+  command
+      ->add_option("--keep-free", options->keepFreeBytes,
+                   "how much of the disk is to stay free; default: a twentieth, 10G at most")
+      ->transform(CLI::AsSizeValue(false));
   command->add_flag("--allow-other", options->allowOtherUsers,
                     "let other users look inside (needs user_allow_other in /etc/fuse.conf)");
   command->callback([&chosen, options] { chosen = [options] { runMount(*options); }; });

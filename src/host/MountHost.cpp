@@ -10,12 +10,18 @@
 #include <cerrno>
 #include <system_error>
 
+#include "host/control/ControlServer.h"
 #include "host/front/FuseFront.h"
 #include "host/front/FuseKernelCache.h"
 #include "host/front/MountPoint.h"
 #include "host/front/MountSession.h"
 #include "host/in/FileWatcher.h"
+#include "host/volume/Manager.h"
+#include "host/volume/VolumeControl.h"
 #include "platform/files/Directories.h"
+#include "platform/pasteboard/NSPasteboard.h"
+#include "platform/tasks/MainQueue.h"
+#include "platform/tasks/Queue.h"
 
 namespace kestrune::host {
 
@@ -93,6 +99,96 @@ std::unique_ptr<FileSystem> openFileSystem(const Remembered& remembered, Volume:
   }
 }
 
+// Managers come from here while it lives.
+class ManagerProvision {
+ public:
+  explicit ManagerProvision(const std::string& domain) {
+    platform::NSFileProviderManager::setProvider(
+        [domain, manager = manager_](const platform::NSFileProviderDomain& asked) {
+          return asked.identifier() == domain ? manager : nullptr;
+        });
+  }
+  ~ManagerProvision() {
+    platform::NSFileProviderManager::setProvider(nullptr);
+    manager_->detach();
+  }
+  ManagerProvision(const ManagerProvision&) = delete;
+  ManagerProvision& operator=(const ManagerProvision&) = delete;
+  void attach(const FileSystem& fileSystem) {
+    manager_->attach(fileSystem.volume(), fileSystem.contents(), fileSystem.refresher());
+  }
+
+ private:
+  const std::shared_ptr<Manager> manager_ = std::make_shared<Manager>();
+};
+
+// What the extension copies, for whoever asked; and on the session's pasteboard, if there is one.
+class NotedPasteboard final : public platform::NSPasteboard {
+ public:
+  NotedPasteboard(std::shared_ptr<NSPasteboard> session, std::shared_ptr<HostLog> log)
+      : session_(std::move(session)), log_(std::move(log)) {}
+  void replaceContents(const std::string& text) override {
+    {
+      platform::MutexLock lock(mutex_);
+      text_ = text;
+    }
+    try {
+      session_->replaceContents(text);
+    } catch (const platform::NSError& error) {
+      log_->note("pasteboard", error.localizedDescription());
+    }
+  }
+  std::string take() {
+    platform::MutexLock lock(mutex_);
+    return std::exchange(text_, {});
+  }
+
+ private:
+  const std::shared_ptr<NSPasteboard> session_;
+  const std::shared_ptr<HostLog> log_;
+  platform::Mutex mutex_;
+  std::string text_ GUARDED_BY(mutex_);
+};
+
+// The process's main thread waits for its end, so that work for it has another thread while this lives.
+class MainWork {
+ public:
+  explicit MainWork(const std::shared_ptr<HostLog>& log)
+      : pasteboard_(std::make_shared<NotedPasteboard>(platform::NSPasteboard::general(), log)) {
+    platform::NSPasteboard::setGeneral(pasteboard_);
+    platform::MainQueue::shared().setDispatcher(
+        [queue = queue_](std::function<void()> work) { queue->async(std::move(work)); });
+  }
+  ~MainWork() {
+    platform::MainQueue::shared().setDispatcher(nullptr);
+    platform::NSPasteboard::setGeneral(nullptr);
+  }
+  MainWork(const MainWork&) = delete;
+  MainWork& operator=(const MainWork&) = delete;
+  const std::shared_ptr<NotedPasteboard>& pasteboard() const { return pasteboard_; }
+
+ private:
+  const std::shared_ptr<NotedPasteboard> pasteboard_;
+  const std::shared_ptr<platform::SerialQueue> queue_ =
+      std::make_shared<platform::SerialQueue>("kes-main");
+};
+
+// Takes requests, if it can.
+std::unique_ptr<ControlServer> listenFor(const HostOptions& options, VolumeControl& control,
+                                         HostLog& log) {
+  if (options.controlSocket.empty()) return nullptr;
+  try {
+    return std::make_unique<ControlServer>(
+        ControlOptions{options.controlSocket, std::filesystem::canonical(options.mountPoint),
+                       options.domainIdentifier},
+        control);
+  } catch (const platform::NSError& error) {
+    log.failure("control", "take requests at '" + options.controlSocket.string() + "'",
+                error.localizedDescription());
+    return nullptr;
+  }
+}
+
 std::string machineName() {
   std::array<char, 256> name{};
   return ::gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "here";
@@ -112,6 +208,8 @@ void runMountHost(const HostOptions& options, const ExtensionFactory& makeExtens
   remembered.log = std::make_shared<HostLog>();
   platform::setTemporaryDirectory(remembered.directory->temporaryDirectory());
 
+  const MainWork mainWork(remembered.log);
+  ManagerProvision provision(options.domainIdentifier);
   auto kernelCache = std::make_shared<FuseKernelCache>();
   Volume::Services services;
   services.extension = makeExtension(std::make_shared<const platform::NSFileProviderDomain>(
@@ -122,8 +220,9 @@ void runMountHost(const HostOptions& options, const ExtensionFactory& makeExtens
   services.log = remembered.log;
   services.directory = remembered.directory;
   services.machine = machineName();
-  const auto fileSystem =
-      openFileSystem(remembered, services, {options.lookersOn, options.extendedAttributes});
+  const auto fileSystem = openFileSystem(
+      remembered, services, {options.lookersOn, options.extendedAttributes, options.limits});
+  provision.attach(*fileSystem);
   FuseFront front(*fileSystem, kernelCache);
   MountSession session(
       front, {options.mountPoint, options.allowOtherUsers, true, options.extendedAttributes});
@@ -133,6 +232,10 @@ void runMountHost(const HostOptions& options, const ExtensionFactory& makeExtens
                               [&fileSystem] { fileSystem->changesSignalled(); });
     session.start();
     fileSystem->start();
+    VolumeControl control(*fileSystem,
+                          {[&front] { return front.passthroughInUse(); }, options.unpin,
+                           [pasteboard = mainWork.pasteboard()] { return pasteboard->take(); }});
+    const auto server = listenFor(options, control, *remembered.log);
     if (options.mounted) options.mounted();
     waitForEnd(endSignals.number(), session.endedDescriptor());
   }

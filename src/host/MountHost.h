@@ -31,6 +31,12 @@ struct HostOptions {
   bool extendedAttributes = false;
   /// Executables for which nothing is fetched, by their file names.
   std::set<std::string> lookersOn = defaultLookersOn();
+  /// How much contents may take.
+  SpaceLimits limits;
+  /// Where the host takes requests (ControlServer.h); empty: nowhere. Where it cannot listen it works without.
+  std::filesystem::path controlSocket;
+  /// Ends that the extension has an item kept here.
+  std::function<void(const platform::NSFileProviderItemIdentifier& identifier)> unpin;
   /// Called when the folder can be used.
   std::function<void()> mounted;
 };

@@ -28,6 +28,10 @@ bool mayGo(const Item& item) {
 
 }  // namespace
 
+void SpaceMaker::begin() {
+  boost::asio::post(diskExecutor(), [self = shared_from_this()] { self->makeRoom(); });
+}
+
 void SpaceMaker::changed() {
   {
     MutexLock lock(mutex_);

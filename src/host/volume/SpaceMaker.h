@@ -32,6 +32,8 @@ class SpaceMaker : public std::enable_shared_from_this<SpaceMaker> {
   SpaceMaker(std::shared_ptr<Volume> volume, std::shared_ptr<Contents> contents, SpaceLimits limits)
       : volume_(std::move(volume)), contents_(std::move(contents)), limits_(limits) {}
 
+  /// Looks once, soon.
+  void begin();
   /// Contents came or went.
   void changed();
   /// Looks now. Blocks for the local disk.

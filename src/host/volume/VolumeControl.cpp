@@ -1,0 +1,52 @@
+#include "host/volume/VolumeControl.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "host/volume/VolumeControlWork.h"
+
+namespace kestrune::host {
+
+VolumeControl::VolumeControl(const FileSystem& fileSystem, Outside outside)
+    : work_(std::make_shared<Work>(fileSystem, std::move(outside))) {}
+
+void VolumeControl::status(Reply<HostStatus> reply) { reply(work_->status()); }
+
+void VolumeControl::pending(std::string path, std::size_t most, Reply<PendingChanges> reply) {
+  reply(work_->pending(path, most));
+}
+
+void VolumeControl::tryNow(std::string /*path*/, Reply<Done> reply) {
+  work_->sender->retryAll();
+  reply(Done());
+}
+
+void VolumeControl::act(ItemAction action, std::vector<std::string> paths,
+                        Reply<Each<Done>> reply) {
+  platform::spawnDetached("act on items",
+                          Work::act(work_, action, std::move(paths), std::move(reply)));
+}
+
+void VolumeControl::links(std::vector<std::string> paths, Reply<Each<std::string>> reply) {
+  work_->beginLinks(std::move(paths), std::move(reply));
+}
+
+void VolumeControl::states(std::vector<std::string> paths, Reply<Each<ItemState>> reply) {
+  platform::spawnDetached("tell states", Work::states(work_, std::move(paths), std::move(reply)));
+}
+
+void VolumeControl::allowDeletions(Reply<std::uint64_t> reply) { settleHeld(true, reply); }
+
+void VolumeControl::keepDeleted(Reply<std::uint64_t> reply) { settleHeld(false, reply); }
+
+void VolumeControl::settleHeld(bool believe, const Reply<std::uint64_t>& reply) {
+  std::uint64_t count = 0;
+  work_->volume->change([&](Tree& tree, Nodes&) {
+    const std::size_t before = tree.heldDeletions().size();
+    tree.settleHeldDeletions(believe);
+    count = before - std::min(before, tree.heldDeletions().size());
+  });
+  reply(count);
+}
+
+}  // namespace kestrune::host
