@@ -84,7 +84,7 @@ void FileSystem::start() {
   sender_->begin();
   refresher_->signal();
   keeper_->begin();
-  spaceMaker_->changed();
+  spaceMaker_->begin();
 }
 
 void FileSystem::changesSignalled() {
