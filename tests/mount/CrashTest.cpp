@@ -1,0 +1,134 @@
+// Kills the host again and again while programs work in its folder and while it sends, and looks for anything lost.
+//
+// KESTRUNE_KILLS says how often, without it nothing is done; KESTRUNE_SEED says where the work begins, and a failure names it.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "tests/mount/CrashWorker.h"
+#include "tests/mount/LiveMount.h"
+
+namespace kestrune::mounttest {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kWorkers = 3;
+
+unsigned numberFrom(const char* variable, unsigned otherwise) {
+  const char* text = std::getenv(variable);  // NOLINT(concurrency-mt-unsafe)
+  return text == nullptr ? otherwise : static_cast<unsigned>(std::stoul(text));
+}
+
+class CrashTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (const char* reason = whyNoMount()) GTEST_SKIP() << reason;
+    seed_ = numberFrom("KESTRUNE_SEED", std::random_device()());
+    kills_ = numberFrom("KESTRUNE_KILLS", 0);
+    if (kills_ == 0) GTEST_SKIP() << "KESTRUNE_KILLS says how often the host is killed";
+    std::cout << "seed " << seed_ << ", " << kills_ << " kills\n";
+    random_.seed(seed_);
+    service_ = std::make_unique<LiveService>();
+    mount_ = std::make_unique<LiveMount>(*service_);
+    for (int i = 0; i < kWorkers; ++i) {
+      const std::string name = "w" + std::to_string(i);
+      fs::create_directory(*mount_ / name);
+      workers_.push_back(std::make_unique<CrashWorker>(*mount_ / name, random_()));
+    }
+  }
+
+  void TearDown() override {
+    if (HasFailure() && mount_)
+      std::cout << "the host's log:\n" << support::contentsOf(mount_->logFile());
+  }
+
+  void sleepUpTo(unsigned milliseconds) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(random_() % milliseconds));
+  }
+  /// Has all work for a while; `atTheEnd` is done while they do.
+  void workFor(unsigned milliseconds, const std::function<void()>& atTheEnd) {
+    std::atomic<bool> stop = false;
+    std::vector<int> errors(kWorkers, 0);
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < kWorkers; ++i)
+      threads.emplace_back([&, i] { errors[i] = workers_[i]->work(stop); });
+    sleepUpTo(milliseconds);
+    atTheEnd();
+    stop = true;
+    for (auto& thread : threads) thread.join();
+    for (const int error : errors)
+      EXPECT_TRUE(error == 0 || error == ENOTCONN || error == ECONNABORTED) << error;
+  }
+  void expectNothingLost() {
+    for (int i = 0; i < kWorkers; ++i)
+      EXPECT_EQ(workers_[static_cast<std::size_t>(i)]->check(), "") << "w" << i;
+  }
+  void expectAllAtTheStore() {
+    EXPECT_EQ(waitUntilSent(*service_, *mount_, std::chrono::seconds(90)), "");
+    std::map<std::string, std::string> promised;
+    for (std::size_t i = 0; i < kWorkers; ++i) {
+      const std::string folder = "w" + std::to_string(i) + "/";
+      promised[folder] = "";
+      for (const auto& [name, contents] : workers_[i]->model()) promised[folder + name] = contents;
+    }
+    EXPECT_EQ(differences(promised, snapshotOf(service_->root())), "");
+    EXPECT_EQ(differences(promised, snapshotOf(mount_->mountPoint())), "");
+  }
+  std::size_t callCount() const {
+    std::size_t count = 0;
+    for (const auto& worker : workers_) count += worker->callCount();
+    return count;
+  }
+  std::string where(unsigned kill) const {
+    return "kill " + std::to_string(kill) + ", seed " + std::to_string(seed_);
+  }
+
+  unsigned seed_ = 0;
+  unsigned kills_ = 0;
+  std::mt19937 random_;
+  std::unique_ptr<LiveService> service_;
+  std::unique_ptr<LiveMount> mount_;
+  std::vector<std::unique_ptr<CrashWorker>> workers_;
+};
+
+TEST_F(CrashTest, WhatWasAcknowledgedOutlivesAKilledHost) {
+  for (unsigned kill = 1; kill <= kills_ && !HasFailure(); ++kill) {
+    SCOPED_TRACE(where(kill));
+    workFor(800, [this] { mount_->end(SIGKILL); });
+    mount_->start();
+    expectNothingLost();
+    if (kill % 5 == 0) expectAllAtTheStore();
+  }
+  expectAllAtTheStore();
+  EXPECT_GT(callCount(), 10U * kills_);
+}
+
+TEST_F(CrashTest, AHostKilledWhileItSendsLeavesNoConflictsAndSendsAll) {
+  for (unsigned kill = 1; kill <= kills_ && !HasFailure(); ++kill) {
+    SCOPED_TRACE(where(kill));
+    workFor(300, [] {});
+    for (int more = 0; more < 3; ++more) {  // also while what the last one left is looked at again
+      sleepUpTo(700);
+      mount_->end(SIGKILL);
+      mount_->start();
+    }
+    expectNothingLost();
+    if (kill % 2 == 0) expectAllAtTheStore();
+  }
+  expectAllAtTheStore();
+  EXPECT_GT(callCount(), 10U * kills_);
+}
+
+}  // namespace
+}  // namespace kestrune::mounttest
