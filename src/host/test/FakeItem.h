@@ -27,6 +27,7 @@ class FakeItem final : public platform::NSFileProviderItem {
     return item_.listedSize.value_or(static_cast<std::int64_t>(item_.contents.size()));
   }
   std::optional<platform::Date> contentModificationDate() const override { return item_.modified; }
+  platform::NSFileProviderContentPolicy contentPolicy() const override { return item_.policy; }
   std::optional<platform::NSFileProviderItemVersion> itemVersion() const override {
     return platform::NSFileProviderItemVersion{item_.version, item_.version};
   }

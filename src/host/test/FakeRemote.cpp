@@ -248,6 +248,11 @@ void FakeRemote::setChangesAtOnce(std::size_t changes) {
   changesAtOnce_ = changes;
 }
 
+void FakeRemote::setPolicy(const std::string& path, platform::NSFileProviderContentPolicy policy) {
+  MutexLock lock(mutex_);
+  find(path)->policy = policy;
+}
+
 void FakeRemote::expireAnchors(bool expire) {
   MutexLock lock(mutex_);
   anchorsExpired_ = expire;

@@ -35,6 +35,7 @@ struct RemoteItem {
   std::optional<std::int64_t> listedSize;  // unless that of the contents
   platform::Date modified = platform::Date(std::chrono::seconds(1'700'000'000));
   std::string version = "1";
+  platform::NSFileProviderContentPolicy policy = platform::NSFileProviderContentPolicy::inherited;
 };
 
 /// What an extension is asked.
@@ -96,6 +97,8 @@ class FakeRemote : public std::enable_shared_from_this<FakeRemote> {
   /// Changes come in pieces of so many, with more to come; 0: all.
   void setChangesAtOnce(std::size_t changes);
   void expireAnchors(bool expire);
+  /// Whether the contents of an item are to be kept here.
+  void setPolicy(const std::string& path, platform::NSFileProviderContentPolicy policy);
 
   // What was asked.
   int asked(Ask ask, const std::string& path) const;

@@ -1,0 +1,117 @@
+// What a person may ask of a mounted folder.
+#include "host/volume/VolumeControl.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "host/volume/test/HostHarness.h"
+
+namespace kestrune::host::test {
+
+namespace {
+
+using platform::NSFileProviderContentPolicy;
+
+class VolumeControlTest : public testing::Test {
+ protected:
+  VolumeControlTest()
+      : control_(host_.fileSystem(), {[] { return true; },
+                                      [this](const std::string& identifier) {
+                                        unpinned_ = identifier;
+                                        host_.remote().setPolicy(
+                                            "/docs/a.txt", NSFileProviderContentPolicy::inherited);
+                                      },
+                                      [] { return std::string(); }}) {
+    host_.remote().putFolder("/docs");
+    identifier_ = host_.remote().putFile("/docs/a.txt", "hello");
+  }
+  HostStatus status() {
+    const Awaited<HostStatus> answer;
+    control_.status(answer.reply());
+    return answer.get().value();
+  }
+  PendingChanges pending(const std::string& path, std::size_t most = 100) {
+    const Awaited<PendingChanges> answer;
+    control_.pending(path, most, answer.reply());
+    return answer.get().value();
+  }
+  Answer<ItemState> state(const std::string& path) {
+    const Awaited<Each<ItemState>> answer;
+    control_.states({path}, answer.reply());
+    return answer.get().value().at(0);
+  }
+  Each<Done> act(ItemAction action, const std::vector<std::string>& paths) {
+    const Awaited<Each<Done>> answer;
+    control_.act(action, paths, answer.reply());
+    return answer.get().value();
+  }
+
+  HostHarness host_;
+  std::string unpinned_;
+  std::string identifier_;
+  VolumeControl control_;
+};
+
+TEST_F(VolumeControlTest, FindsItemsThatNobodyHasVisited) {
+  const auto answer = state("/docs/a.txt");
+  ASSERT_TRUE(answer.ok());
+  EXPECT_EQ(answer.value().sizeBytes, 5U);
+  EXPECT_EQ(answer.value().bytesHere, 0U);
+  EXPECT_FALSE(answer.value().pending);
+  EXPECT_TRUE(state("/").value().isFolder);
+  EXPECT_EQ(errnoOf(state("/docs/missing").error()), ENOENT);
+  EXPECT_EQ(errnoOf(state("/docs/a.txt/below").error()), ENOENT);
+}
+
+TEST_F(VolumeControlTest, DownloadsEachPath) {
+  const auto answers = act(ItemAction::download, {"/missing", "/docs"});
+  ASSERT_EQ(answers.size(), 2U);
+  EXPECT_EQ(errnoOf(answers[0].error()), ENOENT);
+  EXPECT_TRUE(answers[1].ok());
+  EXPECT_EQ(state("/docs/a.txt").value().bytesHere, 5U);
+  EXPECT_EQ(status().itemsHere, 1U);
+  EXPECT_EQ(status().bytesHere, 5U);
+}
+
+TEST_F(VolumeControlTest, UnpinsAndAsksThePolicyAnew) {
+  host_.remote().setPolicy("/docs/a.txt",
+                           NSFileProviderContentPolicy::downloadEagerlyAndKeepDownloaded);
+  ASSERT_TRUE(act(ItemAction::download, {"/docs"})[0].ok());
+  ASSERT_TRUE(host_.passUntil([this] { return state("/docs/a.txt").value().isPinned; }));
+  EXPECT_TRUE(act(ItemAction::unpin, {"/docs"})[0].ok());
+  EXPECT_EQ(unpinned_, identifier_);
+  EXPECT_FALSE(state("/docs/a.txt").value().isPinned);
+  EXPECT_EQ(state("/docs/a.txt").value().bytesHere, 5U);
+}
+
+TEST_F(VolumeControlTest, TellsWhatIsNotSent) {
+  host_.find("/docs/a.txt");
+  host_.save("/docs/new.txt", "1234");
+  host_.save("/top.txt", "1");
+  EXPECT_EQ(status().pendingChanges, 2U);
+  const PendingChanges below = pending("/docs");
+  ASSERT_EQ(below.changes.size(), 1U);
+  EXPECT_EQ(below.count, 1U);
+  EXPECT_EQ(below.changes[0].path, "/docs/new.txt");
+  EXPECT_EQ(below.changes[0].kind, PendingChange::Kind::create);
+  EXPECT_EQ(below.changes[0].bytes, 4U);
+  EXPECT_EQ(pending("/", 1).count, 2U);
+  EXPECT_EQ(pending("/", 1).changes.size(), 1U);
+  ASSERT_TRUE(state("/docs/new.txt").value().pending);
+  ASSERT_TRUE(host_.waitUntilSent());
+  EXPECT_EQ(status().pendingChanges, 0U);
+  EXPECT_FALSE(state("/docs/new.txt").value().pending);
+}
+
+TEST_F(VolumeControlTest, TellsOfTheStoreAndOfSignals) {
+  EXPECT_TRUE(status().usesPassthrough);
+  EXPECT_TRUE(status().isStoreReachable);
+  EXPECT_FALSE(status().lastSignal);
+  host_.fileSystem().changesSignalled();
+  EXPECT_TRUE(status().lastSignal);
+}
+
+}  // namespace
+
+}  // namespace kestrune::host::test
