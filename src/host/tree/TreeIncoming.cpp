@@ -175,7 +175,8 @@ void Tree::applyChanges(Item& folder, const std::vector<ReportedChange>& changes
     if (!batch.kept.contains(item)) gone.push_back(item);
   }
   bringIn(folder, sightings, gone, batch);
-  if (batch.hasLostSight) {
+  // Meanwhile it may have turned out that only a whole listing can tell more: then that is still so.
+  if (batch.hasLostSight || !listing.anchor) {
     doubt(folder, batch);
     listing.anchor = std::nullopt;
   } else if (!batch.isDoubtful) {

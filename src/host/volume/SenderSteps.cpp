@@ -285,7 +285,8 @@ Sender::Work Sender::createFile(Change change) {
     if (Item* left = tree.find(change.id)) tree.endChange(*left);
   });
   if (answer.ok()) {
-    object->sent(snapshot.value().edits, version);
+    // Empty: meanwhile another item turned out to be at its place, and it is still to be made.
+    if (!version.empty()) object->sent(snapshot.value().edits, version);
     verifyLater(change.id);
     co_return Outcome();
   }
@@ -359,7 +360,7 @@ Sender::Work Sender::sendContents(Change change) {
     lister_->doubt(change.id);
     co_return Outcome{answer.error()};
   }
-  object->sent(snapshot.value().edits, version);
+  if (!version.empty()) object->sent(snapshot.value().edits, version);
   verifyLater(change.id);
   co_return Outcome();
 }

@@ -329,7 +329,8 @@ TEST_F(FileObjectReadTest, WhereSomethingIsHereAlreadyOnlyThatVersionIsAdded) {
   EXPECT_EQ(errnoOf(startRead(object, 0, 5).get()), ESTALE);
   store().behave();
   timers().advance(FileObject::kFailureHolds);
-  EXPECT_EQ(errnoOf(startRead(object, 0, 5).get()), ESTALE);  // refused once more before it is tried again
+  EXPECT_EQ(errnoOf(startRead(object, 0, 5).get()),
+            ESTALE);  // refused once more before it is tried again
   timers().advance(FileObject::kFailureHolds);
   EXPECT_EQ(readAll(object), "hellO");
   EXPECT_EQ(store().wholeFetches(), 0);

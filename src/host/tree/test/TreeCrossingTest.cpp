@@ -52,6 +52,14 @@ TEST_F(TreeCrossingTest, AFolderThatWasAskedEarlierDoesNotMissWhatCameFromAnothe
   EXPECT_TRUE(effects_.doubtful.contains(kRootItem));
 }
 
+TEST_F(TreeCrossingTest, ChangesThatWereAskedForBeforeAListingWasNeededDoNotReplaceIt) {
+  root().part->listing.anchor = std::nullopt;
+  change({update(file("2", "b"))});
+  EXPECT_NE(at("b"), nullptr);
+  EXPECT_FALSE(root().part->listing.anchor);
+  EXPECT_TRUE(effects_.doubtful.contains(kRootItem));
+}
+
 TEST_F(TreeCrossingTest, AFolderThatWasShownMeanwhileCanBeListed) {
   const std::uint64_t asOf = tree().moment();
   list({file("1", "a", 3), folder("d", "d")});
