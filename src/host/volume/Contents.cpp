@@ -30,6 +30,18 @@ void takeState(Tree& tree, Item& item, const ContentState& state) {
   if (!state.isEdited) item.sizeBytes = known;
 }
 
+// What was fetched is of a version that the store has no longer; who waited for it has it, and the name stands for the
+// new one. Returns the object that is to go when the lock is free again.
+FileObjectPtr leaveOldVersion(Tree& tree, Item& item, const ContentState& state) {
+  if (item.object->state().number != state.number) return nullptr;  // it was left before
+  FileObjectPtr left = item.object;
+  tree.succeed(item);
+  left->abandon();
+  item.object = nullptr;
+  tree.dropContent(item);
+  return left;
+}
+
 std::shared_ptr<const FileObjectServices> servicesFor(const std::shared_ptr<Volume>& owner,
                                                       Contents::Listener listener) {
   const std::weak_ptr<Volume> weak = owner;  // the volume holds the objects
@@ -59,10 +71,15 @@ std::shared_ptr<const FileObjectServices> servicesFor(const std::shared_ptr<Volu
   services->changed = [weak, listener](ItemId id, const ContentState& state) {
     const auto volume = weak.lock();
     if (!volume) return;
+    FileObjectPtr left;
     volume->change([&](Tree& tree, Nodes&) {
       Item* item = tree.find(id);
       if (item == nullptr || !item->object) return;
-      if (state.number == 0) {
+      const bool isOld =
+          !state.isEdited && item->there && state.version != item->there->version.contentVersion;
+      if (state.number != 0 && isOld) {
+        left = leaveOldVersion(tree, *item, state);
+      } else if (state.number == 0) {
         if (!item->isEdited()) tree.dropContent(*item);  // else written to since it was evicted
       } else {
         takeState(tree, *item, state);

@@ -131,6 +131,8 @@ void FileSystem::release(OpenFilePtr file) {
       std::chrono::floor<std::chrono::seconds>(volume_->services().clock->now())
           .time_since_epoch()
           .count();
+  // Where a fetch is ending, what it brings is kept.
+  const bool isFetched = refresher_->isFetching(opened.item);
   volume_->change([&](Tree& tree, Nodes& nodes) {
     nodes.released(opened.node, tree);
     Item* item = tree.find(opened.item);
@@ -142,7 +144,7 @@ void FileSystem::release(OpenFilePtr file) {
     if (opened.object->isOpen()) return;
     if (!item->isLinked() && !item->there) {
       tree.forgetIfGone(*item);
-    } else if (!item->content && item->object.use_count() == 2) {
+    } else if (!item->content && !isFetched && item->object.use_count() == 2) {
       item->object =
           nullptr;  // this file's and the item's: nothing of it is here, and nobody works on it
     }

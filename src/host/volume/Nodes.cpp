@@ -25,6 +25,7 @@ void Nodes::detach(const DetachedVersion& version) {
     nodes_.erase(version.node);
   } else {
     node->detached = version;
+    if (node->openFiles == 0) node->detached->object = nullptr;
   }
 }
 
@@ -45,6 +46,8 @@ void Nodes::released(NodeId id, Tree& tree) {
   if (node == nullptr) return;
   assert(node->openFiles > 0);
   --node->openFiles;
+  // Its file may go; the kernel takes its time to forget.
+  if (node->openFiles == 0 && node->detached) node->detached->object = nullptr;
   dropIfUnused(*node, tree);
 }
 

@@ -40,6 +40,11 @@ Change::Kind kindOf(const OutgoingItem& item) {
   return item.isToBeMoved() ? Change::Kind::move : Change::Kind::send;
 }
 
+bool isSame(const OutgoingItem& a, const OutgoingItem& b) {
+  return a.isLinked == b.isLinked && a.here == b.here && a.there == b.there && a.edits == b.edits &&
+         a.sentEdits == b.sentEdits;
+}
+
 }  // namespace
 
 Sender::Sender(std::shared_ptr<Volume> volume, std::shared_ptr<FolderLister> lister,
@@ -63,16 +68,27 @@ Sender::Clock Sender::quietFor(ItemId id) {
   });
 }
 
+std::optional<OutgoingItem> Sender::outgoing(ItemId id) {
+  return volume_->look([id](Tree& tree, Nodes&) -> std::optional<OutgoingItem> {
+    const Item* item = tree.find(id);
+    if (item == nullptr) return std::nullopt;
+    return Tree::outgoingItem(*item);
+  });
+}
+
 void Sender::differ(const std::vector<ItemId>& items) {
   Clock first = Clock::max();
   for (const ItemId id : items) {
     const Clock quiet = quietFor(id);
     const Clock at = now();
+    const auto differs = outgoing(id);
     MutexLock lock(mutex_);
     const auto [wait, isNew] = waits_.try_emplace(id);
     if (isNew) wait->second.since = at;
-    // What fails and is changed again may succeed now.
-    if (wait->second.attempts > 0 && !wait->second.unreachable) wait->second.attempts = 0;
+    // What fails and is changed again may succeed now. Not all that is told here is such a change.
+    const auto& failed = wait->second.failed;
+    const bool isOther = failed && differs && !isSame(*failed, *differs);
+    if (isOther && !wait->second.unreachable) wait->second.attempts = 0;
     if (wait->second.attempts == 0) wait->second.notBefore = at + quiet;
     first = std::min(first, quiet);
   }
@@ -241,6 +257,7 @@ void Sender::finished(const Change& change, const Outcome& outcome) {
     volume_->services().log->failure("send", "send '" + volume_->path(change.id) + "'",
                                      outcome.error->localizedDescription());
   }
+  const auto failed = outcome.error ? outgoing(change.id) : std::nullopt;
   {
     MutexLock lock(mutex_);
     std::erase_if(underWay_, [&](const Change& other) { return other.id == change.id; });
@@ -251,6 +268,7 @@ void Sender::finished(const Change& change, const Outcome& outcome) {
         const auto pause = std::min<std::chrono::seconds>(
             kLongestPause, std::chrono::seconds(1LL << std::min(wait.attempts, 9)));
         ++wait.attempts;
+        wait.failed = failed;
         wait.reason = outcome.error->localizedDescription();
         wait.unreachable = isUnreachable(*outcome.error);
         wait.notBefore = at + pause;
@@ -264,6 +282,7 @@ void Sender::finished(const Change& change, const Outcome& outcome) {
         wait.notBefore = at + kQuiet;
       } else {
         wait.attempts = 0;
+        wait.failed.reset();
         wait.reason.clear();
         wait.since = at;
       }

@@ -16,6 +16,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -91,6 +92,8 @@ class Sender : public std::enable_shared_from_this<Sender> {
     int attempts = 0;
     bool unreachable = false;
     std::string reason;
+    /// What was to be done when it failed last.
+    std::optional<OutgoingItem> failed;
   };
   /// What a change came to: null is done (or no longer wanted), `retrySoon` is "look again".
   struct Outcome {
@@ -101,6 +104,7 @@ class Sender : public std::enable_shared_from_this<Sender> {
 
   Clock now() const { return volume_->services().timers->now(); }
   Clock quietFor(ItemId item);
+  std::optional<OutgoingItem> outgoing(ItemId item);
   void pumpSoon(Clock delay);
   void pass();
   std::vector<Change> choose();

@@ -187,7 +187,12 @@ Attributes Volume::attributesOf(const Item& item) {
   attributes.isExecutable = item.isExecutable;
   attributes.isWritable = true;
   attributes.isUnlinked = !item.isLinked();
-  attributes.sizeBytes = item.object ? item.object->sizeBytes() : item.sizeBytes;
+  attributes.sizeBytes = item.sizeBytes;
+  if (item.object) {
+    attributes.sizeBytes = item.object->sizeBytes();
+  } else if (item.content) {
+    attributes.sizeBytes = item.content->state.sizeBytes;
+  }
   if (item.object) {
     attributes.storedBytes = item.object->storedBytes();
   } else if (item.content) {
