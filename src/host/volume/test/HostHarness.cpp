@@ -199,7 +199,7 @@ int HostHarness::openFolderError(NodeId folder) {
 int HostHarness::openError(NodeId node) {
   const Awaited<OpenFilePtr> opened;
   fileSystem_->open(node, OpenMode(), Caller(), opened.reply());
-  return errnoOf(opened.get().error());
+  return errnoOf(opened.get());
 }
 
 OpenFilePtr HostHarness::open(NodeId node, OpenMode mode) {
@@ -282,21 +282,21 @@ void HostHarness::makeFolder(const std::string& path) {
 int HostHarness::removeFile(const std::string& path) {
   const Awaited<Done> removed;
   fileSystem_->removeFile(parentOf(path).node, platform::lastPathComponent(path), removed.reply());
-  return errnoOf(removed.get().error());
+  return errnoOf(removed.get());
 }
 
 int HostHarness::removeFolder(const std::string& path) {
   const Awaited<Done> removed;
   fileSystem_->removeFolder(parentOf(path).node, platform::lastPathComponent(path),
                             removed.reply());
-  return errnoOf(removed.get().error());
+  return errnoOf(removed.get());
 }
 
 int HostHarness::rename(const std::string& from, const std::string& to, RenameMode mode) {
   const Awaited<Done> renamed;
   fileSystem_->rename(parentOf(from).node, platform::lastPathComponent(from), parentOf(to).node,
                       platform::lastPathComponent(to), mode, renamed.reply());
-  return errnoOf(renamed.get().error());
+  return errnoOf(renamed.get());
 }
 
 bool HostHarness::passUntil(const std::function<bool()>& condition,
@@ -315,10 +315,16 @@ void HostHarness::pass(std::chrono::nanoseconds duration) {
 }
 
 bool HostHarness::waitUntilSent(std::chrono::nanoseconds limit) {
-  const auto nothing = [this] { return sender().countUnsent() == 0; };
-  if (!passUntil(nothing, limit)) return false;
-  pass(Sender::kVerify * 3);
-  return support::waitUntil([this] { return fileSystem_->calls()->count() == 0; }) && nothing();
+  // What is removed while it is being made differs again when that has ended.
+  const auto isQuiet = [this] {
+    return sender().countUnsent() == 0 && fileSystem_->calls()->count() == 0;
+  };
+  const auto end = timers_->now() + limit;
+  while (passUntil(isQuiet, end - timers_->now())) {
+    pass(Sender::kVerify * 3);
+    if (isQuiet()) return true;
+  }
+  return false;
 }
 
 std::vector<UnsentChange> HostHarness::unsent(const std::string& path) {

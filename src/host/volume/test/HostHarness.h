@@ -190,5 +190,9 @@ class NameSink final : public FolderSink {
 };
 
 int errnoOf(const platform::NSErrorPtr& error);
+template <class T>
+int errnoOf(const Answer<T>& answer) {
+  return answer.ok() ? 0 : errnoOf(answer.error());
+}
 
 }  // namespace kestrune::host::test

@@ -82,10 +82,12 @@ TEST_F(RestartTest, AnUploadThatArrivedWithoutAnAnswerIsNotRepeated) {
 }
 
 TEST_F(RestartTest, WhatWasRemovedWhileOpenIsGone) {
-  const OpenFilePtr file = create("/a");
-  write(file, "x");
-  EXPECT_EQ(removeFile("/a"), 0);
-  close(file);
+  {
+    const OpenFilePtr file = create("/a");
+    write(file, "x");
+    EXPECT_EQ(removeFile("/a"), 0);
+    close(file);
+  }
   restart();
   EXPECT_THAT(names(), IsEmpty());
   const auto entries = std::filesystem::directory_iterator(replica() / "contents");

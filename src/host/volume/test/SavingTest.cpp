@@ -108,7 +108,10 @@ TEST_P(MovedFolderTest, OpenHandlesAndUnsentEditsBelowGoWithIt) {
   save("/docs/a", "edited");
   save("/docs/deep/new", "new");
   EXPECT_EQ(rename("/docs", "/papers"), 0);
-  EXPECT_TRUE(passUntil([&] { return remote().identifierOf("/papers/deep/new") != ""; }));
+  EXPECT_TRUE(passUntil([&] {
+    return remote().names() == std::vector<std::string>{"papers"} &&
+           !remote().identifierOf("/papers/deep/new").empty();
+  }));
   write(writing, "!", 3);
   close(writing);
   EXPECT_TRUE(passUntil([&] { return readAll(unread) == "three"; }));
