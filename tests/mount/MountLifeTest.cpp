@@ -109,7 +109,8 @@ TEST_F(MountLifeTest, ADeadHostsMountIsClearedByTheNext) {
   EXPECT_EQ(readOneByte(store() / "a"), ENOTCONN);
   store().mountAgain();
   store().say("putFile", "/b", "again");
-  EXPECT_EQ(readOneByte(store() / "b"), 0);
+  store().say("announce");  // the folder is remembered, and asked for changes alone
+  EXPECT_TRUE(waitUntil([&] { return readOneByte(store() / "b") == 0; }));
   store().host().signal(SIGTERM);
   expectOrderlyEnd();
 }

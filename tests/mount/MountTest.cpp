@@ -88,12 +88,12 @@ TEST_F(MountTest, ListsExaminesAndReads) {
   EXPECT_THAT(namesIn(store().mountPoint()), ElementsAre("docs"));
   EXPECT_EQ(contentsOf(store() / "docs/a.txt"), "hello");
   const auto file = statusOf(store() / "docs/a.txt");
-  EXPECT_EQ(file.st_mode, S_IFREG | 0444U);
+  EXPECT_EQ(file.st_mode, S_IFREG | 0644U);
   EXPECT_EQ(file.st_uid, ::getuid());
   EXPECT_EQ(file.st_nlink, 1U);
   EXPECT_EQ(file.st_size, 5);
   EXPECT_EQ(file.st_mtime, 1'700'000'000);
-  EXPECT_EQ(statusOf(store() / "docs").st_mode, S_IFDIR | 0555U);
+  EXPECT_EQ(statusOf(store() / "docs").st_mode, S_IFDIR | 0755U);
   EXPECT_EQ(errnoOf([&] { return ::access((store() / "missing").c_str(), F_OK); }), ENOENT);
 }
 
@@ -122,7 +122,7 @@ TEST_F(MountTest, OnlyReadingFetchesAndOnlyOnce) {
   for (int round = 0; round < 2; ++round)
     EXPECT_TRUE(contentsOf(store() / "a") == std::string(100'000, 'a'));
   EXPECT_EQ(asked("contents", "/a"), 1);
-  EXPECT_TRUE(waitUntil([&] { return statusOf(store() / "a").st_blocks == 196; }));
+  EXPECT_TRUE(waitUntil([&] { return statusOf(store() / "a").st_blocks >= 196; }));
 }
 
 TEST_F(MountTest, ConcurrentReadersShareOneFetch) {
@@ -155,10 +155,10 @@ TEST_F(MountTest, ABlockedReadKeepsNobodyElseFromAnything) {
   // Not even when the version changes meanwhile.
   store().say("overwrite", "/slow", "another version");
   store().announce();
-  EXPECT_TRUE(waitUntil([&] { return statusOf(store() / "slow").st_size == 15; }));
+  EXPECT_EQ(namesIn(store().mountPoint()).size(), 2U);
   store().say("stopHolding", "contents", "/slow");
   reader.join();
-  EXPECT_EQ(contentsOf(store() / "slow"), "another version");
+  EXPECT_TRUE(waitUntil([&] { return contentsOf(store() / "slow") == "another version"; }));
 }
 
 // A thread that makes one system call and is interrupted in it by a signal without a restart.
@@ -414,16 +414,23 @@ TEST_F(MountTest, FailuresHaveTheirErrno) {
   EXPECT_EQ(errnoOf([&] { return ::access((store() / "docs/a").c_str(), F_OK); }), EHOSTUNREACH);
 }
 
-TEST_F(MountTest, NothingCanBeWritten) {
+TEST_F(MountTest, ChangesAreTakenAndSeenAtOnce) {
   store().say("putFile", "/a", "hello");
   const std::string a = store() / "a";
-  EXPECT_EQ(errnoOf([&] { return ::open(a.c_str(), O_WRONLY); }), EROFS);
-  EXPECT_EQ(errnoOf([&] { return ::open((a + "2").c_str(), O_CREAT | O_WRONLY, 0600); }), EROFS);
-  EXPECT_EQ(errnoOf([&] { return ::mkdir((a + "3").c_str(), 0700); }), EROFS);
-  EXPECT_EQ(errnoOf([&] { return ::unlink(a.c_str()); }), EROFS);
-  EXPECT_EQ(errnoOf([&] { return ::rename(a.c_str(), (a + "4").c_str()); }), EROFS);
-  EXPECT_EQ(errnoOf([&] { return ::truncate(a.c_str(), 0); }), EROFS);
-  EXPECT_EQ(errnoOf([&] { return ::chmod(a.c_str(), 0600); }), EROFS);
+  const auto inode = statusOf(a).st_ino;
+  std::ofstream(a, std::ios::app) << ", world";
+  EXPECT_EQ(contentsOf(a), "hello, world");
+  EXPECT_EQ(errnoOf([&] { return ::mkdir((a + "3").c_str(), 0700); }), 0);
+  EXPECT_EQ(errnoOf([&] { return ::rename(a.c_str(), (a + "3/b").c_str()); }), 0);
+  EXPECT_EQ(statusOf(a + "3/b").st_ino, inode);
+  EXPECT_EQ(errnoOf([&] { return ::truncate((a + "3/b").c_str(), 2); }), 0);
+  EXPECT_EQ(contentsOf(a + "3/b"), "he");
+  EXPECT_EQ(errnoOf([&] { return ::chmod((a + "3/b").c_str(), 0700); }), 0);
+  EXPECT_EQ(statusOf(a + "3/b").st_mode, S_IFREG | 0755U);
+  EXPECT_EQ(errnoOf([&] { return ::rmdir((a + "3").c_str()); }), ENOTEMPTY);
+  EXPECT_EQ(errnoOf([&] { return ::unlink((a + "3/b").c_str()); }), 0);
+  EXPECT_EQ(errnoOf([&] { return ::rmdir((a + "3").c_str()); }), 0);
+  EXPECT_TRUE(namesIn(store().mountPoint()).empty());
 }
 
 TEST_F(MountTest, TheFileSystemDescribesItself) {
@@ -432,7 +439,7 @@ TEST_F(MountTest, TheFileSystemDescribesItself) {
   ASSERT_EQ(::statvfs(store().mountPoint().c_str(), &status), 0);
   EXPECT_EQ(status.f_namemax, 255U);
   EXPECT_GT(status.f_bavail * status.f_frsize, 1ULL << 50U);
-  EXPECT_NE(status.f_flag & ST_RDONLY, 0U);
+  EXPECT_EQ(status.f_flag & ST_RDONLY, 0U);
   EXPECT_NE(status.f_flag & ST_NOSUID, 0U);
   EXPECT_NE(status.f_flag & ST_NODEV, 0U);
   char value = 0;
