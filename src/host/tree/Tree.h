@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -224,6 +225,7 @@ class Tree {
   // What the store says.
   bool isChangedSince(const Item& item, const Batch& batch) const;
   bool isOld(const Item& item, const Batch& batch) const;
+  bool isBeingMade(const Place& place) const;
   bool holdsOld(const Item& item, const Batch& batch) const;
   bool isCurrent(const Item& folder, const Batch& batch) const;
   void doubt(const Item& folder, Batch& batch);
@@ -261,6 +263,8 @@ class Tree {
   /// Told to be gone while changes were on their way whose answers will say who that was.
   std::set<std::string> goneMeanwhile_;
   std::size_t underWay_ = 0;
+  /// Where what is being made will be at the store, whatever becomes of the item here meanwhile.
+  std::map<ItemId, Place> making_;
   TreeEffects effects_;
 };
 

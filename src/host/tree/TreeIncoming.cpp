@@ -265,11 +265,13 @@ void Tree::applyNew(Item& folder, const ItemRecord& record, Batch& batch) {
   if (placed != nullptr && !batch.kept.contains(placed)) {  // of the other kind
     if (!goneThere(*placed, batch)) return;
   }
-  if (Item* named = child(folder, record.name)) {
-    if (isOld(*named, batch)) {
-      doubt(folder, batch);
-      return;
-    }
+  Item* named = child(folder, record.name);
+  // What is being made there may be it, though here another item has the name by now, or none.
+  if ((named != nullptr && isOld(*named, batch)) || isBeingMade({folder.id, record.name})) {
+    doubt(folder, batch);
+    return;
+  }
+  if (named != nullptr) {
     if (adoptNamed(*named, folder, record)) {
       named->placedAt = batch.asOf;
       return;

@@ -1,4 +1,5 @@
 // What is to be sent of a tree, and what became of what was sent.
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -119,6 +120,7 @@ void Tree::leaveOwnThere(Item& item) {
 void Tree::beginChange(Item& item) {
   if (!std::exchange(item.isUnderWay, true)) ++underWay_;
   item.begunAt = moment();
+  if (!item.there && item.folder != nullptr) making_[item.id] = {item.folder->id, item.name};
 }
 
 void Tree::beginSending(Item& item, std::int64_t bytes, std::uint64_t edits) {
@@ -133,8 +135,14 @@ void Tree::beginSending(Item& item, std::int64_t bytes, std::uint64_t edits) {
 
 void Tree::endChange(Item& item) {
   if (std::exchange(item.isUnderWay, false) && --underWay_ == 0) goneMeanwhile_.clear();
+  making_.erase(item.id);
   note(item);
   if (!item.isLinked() && !item.there) effects_.gone.insert(item.id);
+}
+
+bool Tree::isBeingMade(const Place& place) const {
+  return std::any_of(making_.begin(), making_.end(),
+                     [&](const auto& made) { return made.second == place; });
 }
 
 void Tree::created(Item& item, const Place& place, const ItemRecord& answer, std::uint64_t edits,

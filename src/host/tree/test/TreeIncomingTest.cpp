@@ -321,18 +321,18 @@ TEST_F(TreeIncomingTest, WhatWasChangedBeforeTheAnswerOfItsCreationCameIsNotTheC
   Item& made = make("a", 5);
   tree().beginSending(made, 5, 1);
   tree().move(made, root(), "b");
-  list({file("1", "a", 5)});  // the creation, and nobody knows it
-  Item& shown = *at("a");
+  list({file("1", "c", 5)});  // the creation, renamed by others: nobody knows it
+  Item& shown = *at("c");
   fill(shown, 6, 1);
-  send(shown, file("1", "a", 6));
+  send(shown, file("1", "c", 6));
   tree().created(made, {kRootItem, "a"}, file("1", "a", 5), 1, now_);
   tree().endChange(made);
   check();
   EXPECT_EQ(tree().byIdentifier("1"), &shown);
   EXPECT_EQ(made.content->sendingSince, 0);
   EXPECT_THAT(ready(), ElementsAre(Change{Change::Kind::create, made.id, {kRootItem, "b"}}));
-  list({file("1", "a", 6)});
-  EXPECT_EQ(at("a"), &shown);
+  list({file("1", "c", 6)});
+  EXPECT_EQ(at("c"), &shown);
   EXPECT_EQ(made.sizeBytes, 5);
 }
 
@@ -341,8 +341,8 @@ TEST_F(TreeIncomingTest, WhatIsBeingChangedWhenTheAnswerOfItsCreationComesIsNotT
   Item& made = make("a", 5);
   tree().beginSending(made, 5, 1);
   tree().move(made, root(), "b");
-  list({file("1", "a", 5)});
-  Item& shown = *at("a");
+  list({file("1", "c", 5)});
+  Item& shown = *at("c");
   fill(shown, 6, 1);
   tree().beginSending(shown, 6, 1);
   tree().created(made, {kRootItem, "a"}, file("1", "a", 5), 1, now_);

@@ -148,6 +148,23 @@ TEST_F(TreePendingTest, AFolderThatOthersMoveOntoANewOneKeepsItsName) {
   EXPECT_FALSE(mine.there);
 }
 
+TEST_F(TreePendingTest, WhatIsBeingMadeIsNotTakenForAnothersThoughItsNameIsAnItemsOfItsOwnHere) {
+  list({});
+  Item& first = make("a", 5);
+  tree().beginSending(first, 5, 1);
+  tree().remove(first);
+  Item& second = make("a", 7);
+  list({file("1", "a", 5)});
+  EXPECT_EQ(at("a"), &second);
+  EXPECT_EQ(root().part->children.size(), 1U);
+  EXPECT_TRUE(effects_.doubtful.contains(kRootItem));
+  tree().created(first, {kRootItem, "a"}, file("1", "a", 5), 1, now_);
+  tree().endChange(first);
+  list({file("1", "a", 5)});
+  EXPECT_EQ(at("a"), &second);
+  EXPECT_EQ(root().part->children.size(), 1U);
+}
+
 TEST_F(TreePendingTest, ACreationWhoseAnswerWasLostIsRecognisedBySizeAndTime) {
   list({});
   Item& a = make("a", 5);
