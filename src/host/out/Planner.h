@@ -20,16 +20,9 @@
 #include <string>
 #include <vector>
 
-#include "host/basics/NodeId.h"
+#include "host/basics/Place.h"
 
 namespace kestrune::host {
-
-/// A name in a folder.
-struct Place {
-  NodeId folder = kRootNode;
-  std::string name;
-  auto operator<=>(const Place&) const = default;
-};
 
 /// What the planner knows of an item. The root is none: it is always here and there.
 struct OutgoingItem {
@@ -41,6 +34,8 @@ struct OutgoingItem {
   Place here;
   /// Its place there; none if it was never there.
   std::optional<Place> there;
+  /// It may be there at another place: a change that would put it there did not tell how it ended.
+  bool isAwaited = false;
   /// Counts the changes of its contents here; folders have none.
   std::uint64_t edits = 0;
   /// Up to which of them the contents there are.
@@ -49,7 +44,7 @@ struct OutgoingItem {
   /// Null where it is not there.
   const Place* placeThere() const { return there ? &*there : nullptr; }
   bool isToBeCreated() const { return isLinked && !there; }
-  bool isToBeRemoved() const { return !isLinked && there; }
+  bool isToBeRemoved() const { return !isLinked && (there || isAwaited); }
   bool isToBeMoved() const { return isLinked && there && *there != here; }
   bool isToBeSent() const { return isLinked && there && edits != sentEdits; }
   bool differs() const {
@@ -63,7 +58,7 @@ class OutgoingView {
   virtual ~OutgoingView() = default;
   /// Null for the root and for what does not exist.
   virtual const OutgoingItem* find(NodeId id) const = 0;
-  /// The item whose place there this is, linked here or not; null if there is none.
+  /// The item whose place there this is, or may be, linked here or not; null if there is none.
   virtual const OutgoingItem* occupant(const Place& there) const = 0;
 };
 

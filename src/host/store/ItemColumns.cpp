@@ -75,6 +75,12 @@ CREATE TABLE attribute (
 ) STRICT, WITHOUT ROWID;
 )";
 
+// Where changes that did not tell how they ended may have put items.
+constexpr const char* kSecondStep = R"(
+ALTER TABLE item ADD COLUMN awaited_folder INTEGER;
+ALTER TABLE item ADD COLUMN awaited_name BLOB;
+)";
+
 // The order in which `put` gives values and `load` takes them.
 constexpr std::array kColumns{
     "id",
@@ -99,6 +105,8 @@ constexpr std::array kColumns{
     "there_policy",
     "there_is_provisional",
     "there_is_held_deletion",
+    "awaited_folder",
+    "awaited_name",
     "content_number",
     "content_version",
     "content_size",
@@ -123,6 +131,7 @@ constexpr int countOf(std::string_view prefix) {
                     [&](std::string_view column) { return column.starts_with(prefix); }));
 }
 constexpr int kThereColumns = countOf("there_");
+constexpr int kAwaitedColumns = countOf("awaited_");
 constexpr int kContentColumns = countOf("content_");
 constexpr int kListingColumns = countOf("listing_");
 
@@ -226,6 +235,16 @@ ThereState takeThere(Values& values) {
   return there;
 }
 
+void give(Run& run, const Place& place) {
+  const auto& [folder, name] = place;
+  run.bits(folder).bytes(name);
+}
+
+Place takePlace(Values& values) {
+  const ItemId folder = values.bits();
+  return {folder, values.bytes()};
+}
+
 /// `presentText` is that of the ranges.
 void give(Run& run, const ContentRow& content, const std::string& presentText) {
   const auto& [state, base, sentEdits, sendingSince, sendingBytes, sendingEdits, used] = content;
@@ -291,7 +310,7 @@ std::optional<Part> takeIfAny(Values& values, int columns, Part (*take)(Values&)
 }  // namespace
 
 const Schema& itemSchema() {
-  static const Schema schema{kApplicationId, {kFirstStep}};
+  static const Schema schema{kApplicationId, {kFirstStep, kSecondStep}};
   return schema;
 }
 
@@ -327,6 +346,10 @@ const char* whyNotARow(const ItemRow& row) {
       if (const char* reason = whyNotAFileName(there.name)) return reason;
     }
   }
+  if (row.awaited) {
+    if (!isId(row.awaited->folder)) return "the folder that it may be in cannot be one";
+    if (const char* reason = whyNotAFileName(row.awaited->name)) return reason;
+  }
   if (row.content) {
     if (row.isFolder) return "it is a folder with contents of a file";
     if (row.content->state.sizeBytes < 0) return "the size of its contents is negative";
@@ -339,7 +362,7 @@ const char* whyNotARow(const ItemRow& row) {
 
 void give(Run& run, const ItemRow& row, const std::string& presentText) {
   const auto& [id, isFolder, isLinked, folder, name, isExecutable, staysHere, size, modified,
-               changed, there, content, listing] = row;
+               changed, there, awaited, content, listing] = row;
   run.bits(id)
       .number(isFolder)
       .number(isLinked)
@@ -354,6 +377,10 @@ void give(Run& run, const ItemRow& row, const std::string& presentText) {
     give(run, *there);
   else
     run.nulls(kThereColumns);
+  if (awaited)
+    give(run, *awaited);
+  else
+    run.nulls(kAwaitedColumns);
   if (content)
     give(run, *content, presentText);
   else
@@ -378,6 +405,7 @@ ItemRow takeRow(const SQLite::Statement& query) {
   row.modified = values.time();
   row.changed = values.time();
   row.there = takeIfAny(values, kThereColumns, &takeThere);
+  row.awaited = takeIfAny(values, kAwaitedColumns, &takePlace);
   row.content = takeIfAny(values, kContentColumns, &takeContent);
   row.listing = takeIfAny(values, kListingColumns, &takeListing);
   if (const char* reason = whyNotARow(row))

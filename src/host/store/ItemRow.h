@@ -8,7 +8,7 @@
 #include <string>
 
 #include "host/basics/FileTime.h"
-#include "host/basics/NodeId.h"
+#include "host/basics/Place.h"
 #include "host/content/ContentState.h"
 #include "platform/file_provider/NSFileProviderTypes.h"
 #include "platform/values/Date.h"
@@ -72,6 +72,8 @@ struct ItemRow {
   FileTime modified;
   FileTime changed;
   std::optional<ThereState> there;
+  /// Where a change that began may have put it at the store, until it is known whether it did.
+  std::optional<Place> awaited;
   std::optional<ContentRow> content;  // of files that have any here
   std::optional<FolderRow> listing;   // of folders
   bool operator==(const ItemRow&) const = default;

@@ -15,6 +15,7 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "host/basics/Place.h"
 #include "host/content/FileObject.h"
 #include "host/store/ItemRow.h"
 
@@ -31,6 +32,9 @@ struct FolderPart {
   std::unordered_map<std::string_view, Item*> byName;
   /// When it was last listed as a whole, as Tree::moment tells.
   std::uint64_t listedAt = 0;
+  /// When something was last known to have left it there. Who was asked earlier may show that still, though nobody knows
+  /// any more what it was.
+  std::uint64_t leftAt = 0;
 };
 
 struct Item {
@@ -57,6 +61,9 @@ struct Item {
 
   // There; the root always is.
   std::optional<ThereState> there;
+
+  /// Where a change of it that began may have put it, until the store has told.
+  std::unique_ptr<const Place> awaited;
 
   // Files that have contents here.
   std::unique_ptr<ContentRow> content;

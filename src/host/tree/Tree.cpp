@@ -58,6 +58,7 @@ ItemRow Tree::row(const Item& item) const {
   row.modified = item.modified;
   row.changed = item.changed;
   row.there = item.there;
+  if (item.awaited) row.awaited = *item.awaited;
   if (item.content) row.content = *item.content;
   if (item.part) row.listing = item.part->listing;
   return row;
@@ -84,6 +85,7 @@ void Tree::forget(Item& item) {
   assert(!item.part || item.part->children.empty());
   if (item.folder != nullptr) unlink(item, true);
   if (item.there) forgetThere(item);
+  await(item, std::nullopt);
   detachVersion(item);
   releaseContent(item, false);
   differing_.erase(item.id);
@@ -96,7 +98,7 @@ void Tree::forget(Item& item) {
 }
 
 void Tree::forgetIfGone(Item& item) {
-  if (!item.isLinked() && !item.there && !item.isUnderWay) forget(item);
+  if (!item.isLinked() && !item.there && !item.awaited && !item.isUnderWay) forget(item);
 }
 
 // ------------------------------------------------------------------------------------------- asking
@@ -132,6 +134,13 @@ Item* Tree::occupant(const Place& there) const {
   }
   const auto found = astray_.lower_bound({there, 0});
   return found == astray_.end() || found->first != there ? nullptr : items_.at(found->second).get();
+}
+
+Item* Tree::claimant(const Place& there) const {
+  if (Item* item = occupant(there)) return item;
+  const auto found = awaited_.lower_bound({there, 0});
+  return found == awaited_.end() || found->first != there ? nullptr
+                                                          : items_.at(found->second).get();
 }
 
 std::string Tree::path(const Item& item) const {
@@ -209,6 +218,9 @@ void Tree::detach(Item& item) {
 }
 
 void Tree::setThere(Item& item, std::optional<ThereState> there) {
+  if (there && item.awaited && item.awaited->folder == there->folder &&
+      item.awaited->name == there->name)
+    await(item, std::nullopt);
   if (item.there) {
     if (isSure(item)) byIdentifier_.erase(item.there->identifier);
     leavePlaceThere(item);
@@ -224,7 +236,18 @@ void Tree::setThere(Item& item, std::optional<ThereState> there) {
       byIdentifier_.emplace(item.there->identifier, &item);
     }
     enterPlaceThere(item);
+  } else if (item.isFolder) {
+    static_cast<void>(endWaits(item, moment_, {}));
   }
+  note(item);
+}
+
+// What is to come to `place` at the store is not known to be there yet; none: whether it came is known.
+void Tree::await(Item& item, std::optional<Place> place) {
+  if (item.awaited) awaited_.erase({*item.awaited, item.id});
+  item.awaited = place ? std::make_unique<const Place>(std::move(*place)) : nullptr;
+  if (item.awaited) awaited_.emplace(*item.awaited, item.id);
+  if (!item.awaited && !item.isLinked() && !item.there) effects_.gone.insert(item.id);
   note(item);
 }
 

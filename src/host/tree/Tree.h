@@ -101,6 +101,8 @@ class Tree {
   Item* byIdentifier(const platform::NSFileProviderItemIdentifier& identifier) const;
   /// The item whose place there this is, linked here or not.
   Item* occupant(const Place& there) const;
+  /// As `occupant`, or who is awaited there.
+  Item* claimant(const Place& there) const;
   /// Whether the item's identifier is its own for certain. It is not in a folder that got another identifier, until
   /// that one is listed; what is asked or changed at the store meanwhile might be another item.
   bool isSure(const Item& item) const;
@@ -160,10 +162,13 @@ class Tree {
   std::unique_ptr<OutgoingView> outgoing() const;
   static OutgoingItem outgoingItem(const Item& item);
   static bool differs(const Item& item);
-  /// A change of the item is on its way; with contents of `bytes` at `edits`, where it carries any.
-  void beginChange(Item& item);
-  void beginSending(Item& item, std::int64_t bytes, std::uint64_t edits);
-  /// However it ended. What it did is told by the next operations, before this one.
+  /// A change of the item is on its way; with contents of `bytes` at `edits`, where it carries any; to `to`, if it makes
+  /// or moves it: until it is known how that ended, the item is awaited there.
+  void beginChange(Item& item, std::optional<Place> to = std::nullopt);
+  void beginSending(Item& item, std::int64_t bytes, std::uint64_t edits,
+                    std::optional<Place> to = std::nullopt);
+  /// However it ended. What it did is told by the next operations, before this one; if it is awaited still, the next
+  /// listing of that folder tells.
   void endChange(Item& item);
   /// The store took `item` at `place`; `answer` is what the extension says of it, `began` when the sending began. The item
   /// is still not there afterwards where that is so again by now; then it is to be created once more.
@@ -202,6 +207,7 @@ class Tree {
   void detach(Item& item);
   void setThere(Item& item, std::optional<ThereState> there);
   void forgetThere(Item& item) { setThere(item, std::nullopt); }
+  void await(Item& item, std::optional<Place> place);
   void askAgain(Item& folder);
   void leavePlaceThere(const Item& item);
   void enterPlaceThere(const Item& item);
@@ -218,6 +224,7 @@ class Tree {
   void releaseContent(Item& item, bool rescue);
   static void contentsAreThere(ContentRow& row, std::uint64_t edits, const std::string& version);
   void markStale(Item& folder);
+  void left(const ThereState& there, std::uint64_t asOf);
   bool isReplacedThere(const Item& item, const std::string& identifier) const;
   void displace(const Place& place, const std::string& identifier, const Item& by);
   std::vector<Item*> childrenThere(const Item& folder) const;
@@ -225,19 +232,25 @@ class Tree {
   // What the store says.
   bool isChangedSince(const Item& item, const Batch& batch) const;
   bool isOld(const Item& item, const Batch& batch) const;
-  bool isBeingMade(const Place& place) const;
+  bool isThereWithin(ItemId place, const Item& folder) const;
   bool holdsOld(const Item& item, const Batch& batch) const;
+  bool holdsOld(const Item& item, const Item& top, const Batch& batch) const;
   bool isCurrent(const Item& folder, const Batch& batch) const;
   void doubt(const Item& folder, Batch& batch);
   const char* whyNotShown(const Item& folder, const ItemRecord& record, const Batch& batch) const;
   std::vector<Sighting> recognise(const Item& folder, const std::vector<const ItemRecord*>& records,
                                   Batch& batch);
-  Item* inItsPlace(const Item& folder, const ItemRecord& record) const;
+  Item* inItsPlace(const Item& folder, const ItemRecord& record, const Batch& batch);
+  std::vector<Item*> awaitedAt(const Place& place) const;
+  bool isWhatWasAwaited(Item& item, const ItemRecord& record);
+  bool endWaits(const Item& folder, std::uint64_t asOf, const Kept& seen);
+  void foundThere(Item& item, const Item& folder, const ItemRecord& record);
   void bringIn(Item& folder, const std::vector<Sighting>& sightings, const std::vector<Item*>& gone,
                Batch& batch);
   bool isNews(const Item& folder, const Sighting& sighting, const Batch& batch) const;
   void leaveOldPlace(Item& item, const Item& folder, const ItemRecord& record, Batch& batch);
   void returnLeft(const Batch& batch);
+  bool mayBeKnown(const Item& folder, const std::string& name, const Batch& batch) const;
   void applyNew(Item& folder, const ItemRecord& record, Batch& batch);
   void applyToKnown(Item& item, Item& folder, const ItemRecord& record, Batch& batch);
   bool adoptNamed(Item& named, const Item& folder, const ItemRecord& record);
@@ -263,8 +276,8 @@ class Tree {
   /// Told to be gone while changes were on their way whose answers will say who that was.
   std::set<std::string> goneMeanwhile_;
   std::size_t underWay_ = 0;
-  /// Where what is being made will be at the store, whatever becomes of the item here meanwhile.
-  std::map<ItemId, Place> making_;
+  /// Items by the place where they are awaited, whatever becomes of them here meanwhile.
+  std::set<std::pair<Place, ItemId>> awaited_;
   TreeEffects effects_;
 };
 

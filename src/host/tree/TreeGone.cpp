@@ -47,16 +47,51 @@ bool Tree::isOld(const Item& item, const Batch& batch) const {
   return isChangedSince(item, batch) || item.placedAt > batch.asOf;
 }
 
-// The same of anything in it, or on its way into it.
+// Whether a place in the folder `place` is in `folder` at the store, at any depth.
+bool Tree::isThereWithin(ItemId place, const Item& folder) const {
+  while (place != folder.id) {
+    const Item* at = find(place);
+    if (at == nullptr || !at->there || at->isRoot()) return false;
+    place = at->there->folder;
+  }
+  return true;
+}
+
+// The same of anything in it, on its way into it, or out of it.
 bool Tree::holdsOld(const Item& item, const Batch& batch) const {
+  return holdsOld(item, item, batch);
+}
+
+bool Tree::holdsOld(const Item& item, const Item& top, const Batch& batch) const {
   if (isOld(item, batch)) return true;
+  if (item.awaited && !isThereWithin(item.awaited->folder, top)) return true;
   if (!item.isFolder) return false;
-  for (const auto& [id, child] : item.part->children) {
-    if (child->isUnderWay) return true;
+  for (auto at = awaited_.lower_bound({{item.id, ""}, 0});
+       at != awaited_.end() && at->first.folder == item.id; ++at) {
+    if (isChangedSince(*items_.at(at->second), batch)) return true;
   }
   const std::vector<Item*> children = childrenThere(item);
   return std::any_of(children.begin(), children.end(),
-                     [&](const Item* child) { return holdsOld(*child, batch); });
+                     [&](const Item* child) { return holdsOld(*child, top, batch); });
+}
+
+// What was awaited in the folder and not seen when it was asked after that change had ended has not come. False: of some
+// that was asked too early.
+bool Tree::endWaits(const Item& folder, std::uint64_t asOf, const Kept& seen) {
+  std::vector<Item*> ended;
+  bool isAll = true;
+  for (auto at = awaited_.lower_bound({{folder.id, ""}, 0});
+       at != awaited_.end() && at->first.folder == folder.id; ++at) {
+    Item* item = items_.at(at->second).get();
+    if (item->isUnderWay || seen.contains(item)) continue;
+    if (item->sentAt <= asOf) {
+      ended.push_back(item);
+    } else {
+      isAll = false;
+    }
+  }
+  for (Item* item : ended) await(*item, std::nullopt);
+  return isAll;
 }
 
 // False: it can not be believed yet.
@@ -65,6 +100,7 @@ bool Tree::goneThere(Item& item, Batch& batch) {
     doubt(*find(item.there->folder), batch);
     return false;
   }
+  left(*item.there, batch.asOf);
   believeGone(item, false, batch.kept);
   return true;
 }

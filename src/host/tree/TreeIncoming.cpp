@@ -32,6 +32,17 @@ std::vector<const ReportedChange*> lastOfEach(const std::vector<ReportedChange>&
   return last;
 }
 
+bool isSameFile(const ThereState& known, const ItemRecord& record) {
+  const ThereState said = thereStateOf(record, known.folder);
+  return said.version.contentVersion == known.version.contentVersion &&
+         said.sizeBytes == known.sizeBytes && said.modified == known.modified;
+}
+
+// It was moved there from here, though the answer was lost.
+bool isAwaitedAt(const Item& item, const Item& folder, const ItemRecord& record) {
+  return item.awaited && item.awaited->folder == folder.id && item.awaited->name == record.name;
+}
+
 }  // namespace
 
 void Tree::doubt(const Item& folder, Batch& batch) {
@@ -42,7 +53,7 @@ void Tree::doubt(const Item& folder, Batch& batch) {
 // Whether the answer can be one about the folder as it is known now.
 bool Tree::isCurrent(const Item& folder, const Batch& batch) const {
   for (const Item* at = &folder; at == nullptr || !at->isRoot(); at = find(at->there->folder)) {
-    if (at == nullptr || !isSure(*at) || isChangedSince(*at, batch)) return false;
+    if (at == nullptr || !isSure(*at) || at->awaited || isChangedSince(*at, batch)) return false;
   }
   return true;
 }
@@ -84,24 +95,48 @@ std::vector<Tree::Sighting> Tree::recognise(const Item& folder,
   }
   for (Sighting& sighting : sightings) {
     if (sighting.item != nullptr) continue;
-    Item* placed = inItsPlace(folder, *sighting.record);
+    Item* placed = inItsPlace(folder, *sighting.record, batch);
     if (placed == nullptr || !batch.kept.insert(placed).second) continue;
     sighting.item = placed;
   }
   return sightings;
 }
 
-// Whose place there it has; or who was moved to its place here and is just the same: of that moving the answer was lost.
-Item* Tree::inItsPlace(const Item& folder, const ItemRecord& record) const {
-  Item* placed = occupant({folder.id, record.name});
+// Whose place there it has; or who is awaited there; or who was moved to its place here and is just the same, so that
+// others have moved it alike.
+Item* Tree::inItsPlace(const Item& folder, const ItemRecord& record, const Batch& batch) {
+  const Place place{folder.id, record.name};
+  Item* placed = occupant(place);
   if (placed != nullptr && placed->isFolder == record.isFolder) return placed;
+  for (Item* item : awaitedAt(place)) {
+    if (isOld(*item, batch) || !isWhatWasAwaited(*item, record)) continue;
+    if (!item->there) foundThere(*item, folder, record);
+    return item;
+  }
   Item* named = child(folder, record.name);
   if (named == nullptr || !named->there || named->isFolder || record.isFolder) return nullptr;
-  const ThereState said = thereStateOf(record, folder.id);
-  const ThereState& known = *named->there;
-  const bool isSame = said.version.contentVersion == known.version.contentVersion &&
-                      said.sizeBytes == known.sizeBytes && said.modified == known.modified;
-  return isSame ? named : nullptr;
+  return isSameFile(*named->there, record) ? named : nullptr;
+}
+
+std::vector<Item*> Tree::awaitedAt(const Place& place) const {
+  std::vector<Item*> items;
+  for (auto at = awaited_.lower_bound({place, 0}); at != awaited_.end() && at->first == place; ++at)
+    items.push_back(items_.at(at->second).get());
+  return items;
+}
+
+bool Tree::isWhatWasAwaited(Item& item, const ItemRecord& record) {
+  if (item.isFolder != record.isFolder) return false;
+  return item.isFolder || (item.there && isSameFile(*item.there, record)) || adopt(item, record);
+}
+
+// The store shows what was made here. Of a folder only this side's part is known.
+void Tree::foundThere(Item& item, const Item& folder, const ItemRecord& record) {
+  setThere(item, thereStateOf(record, folder.id));
+  if (!item.isFolder) return;
+  item.staysHere = false;
+  item.part->listing.hasStaleIdentifiers = true;
+  askAgain(item);
 }
 
 void Tree::applyListing(Item& folder, const std::vector<ItemRecord>& items,
@@ -128,6 +163,7 @@ void Tree::applyListing(Item& folder, const std::vector<ItemRecord>& items,
   if (std::exchange(listing.hasStaleIdentifiers, false)) {
     for (Item* child : before) byIdentifier_.emplace(child->there->identifier, child);
   }
+  if (!endWaits(folder, batch.asOf, batch.kept)) doubt(folder, batch);
   listing.isEnumerated = true;
   folder.part->listedAt = moment();
   std::vector<Item*> gone;
@@ -208,7 +244,7 @@ void Tree::bringIn(Item& folder, const std::vector<Sighting>& sightings,
 // Whether others have put something into the folder that nobody here has removed.
 bool Tree::isNews(const Item& folder, const Sighting& sighting, const Batch& batch) const {
   const Item* item = sighting.item;
-  if (item == nullptr) return true;
+  if (item == nullptr) return !mayBeKnown(folder, sighting.record->name, batch);
   if (isOld(*item, batch)) return false;
   if (item->folder != nullptr && item->there->folder != folder.id)
     return item->folder->id == item->there->folder && item->name == item->there->name;
@@ -219,7 +255,8 @@ bool Tree::isNews(const Item& folder, const Sighting& sighting, const Batch& bat
 // folder that is gone seems to hold anything.
 void Tree::leaveOldPlace(Item& item, const Item& folder, const ItemRecord& record, Batch& batch) {
   if (isOld(item, batch) || item.folder == nullptr) return;
-  const bool hasMoved = item.there->folder != folder.id || item.there->name != record.name;
+  const bool hasMoved = (item.there->folder != folder.id || item.there->name != record.name) &&
+                        !isAwaitedAt(item, folder, record);
   const bool isHere = item.folder->id == item.there->folder && item.name == item.there->name;
   if (!hasMoved || !isHere || isWithin(folder, item)) return;
   unlink(item, true);
@@ -238,7 +275,8 @@ void Tree::applyItem(Item& item, const std::optional<ItemRecord>& record, std::u
   batch.asOf = asOf;
   if (!item.there || item.isRoot() || item.sentAt > asOf) return;
   Item& folder = *find(item.there->folder);
-  if (!isSure(item)) {
+  // Where a folder above it is changing, it may be missing under its old path only.
+  if (!isSure(item) || (!record && !isCurrent(folder, batch))) {
     effects_.doubtful.insert(folder.id);
     return;
   }
@@ -260,17 +298,27 @@ void Tree::applyItem(Item& item, const std::optional<ItemRecord>& record, std::u
   applyContents(item, *record);
 }
 
+// Whether what nobody knows may be what is on its way there, though here another item has the name by now, or none; or what
+// has left that place meanwhile.
+bool Tree::mayBeKnown(const Item& folder, const std::string& name, const Batch& batch) const {
+  const std::vector<Item*> awaited = awaitedAt({folder.id, name});
+  const bool isOnItsWay = std::any_of(awaited.begin(), awaited.end(),
+                                      [&](const Item* item) { return isOld(*item, batch); });
+  const Item* named = child(folder, name);
+  return isOnItsWay || folder.part->leftAt > batch.asOf ||
+         (named != nullptr && isOld(*named, batch));
+}
+
 void Tree::applyNew(Item& folder, const ItemRecord& record, Batch& batch) {
   Item* placed = occupant({folder.id, record.name});
   if (placed != nullptr && !batch.kept.contains(placed)) {  // of the other kind
     if (!goneThere(*placed, batch)) return;
   }
-  Item* named = child(folder, record.name);
-  // What is being made there may be it, though here another item has the name by now, or none.
-  if ((named != nullptr && isOld(*named, batch)) || isBeingMade({folder.id, record.name})) {
+  if (mayBeKnown(folder, record.name, batch)) {
     doubt(folder, batch);
     return;
   }
+  Item* named = child(folder, record.name);
   if (named != nullptr) {
     if (adoptNamed(*named, folder, record)) {
       named->placedAt = batch.asOf;
@@ -292,15 +340,8 @@ void Tree::applyNew(Item& folder, const ItemRecord& record, Batch& batch) {
 // What was made here is what the store shows, if it is a folder on both sides, or a file that was sent though the answer was lost.
 bool Tree::adoptNamed(Item& named, const Item& folder, const ItemRecord& record) {
   if (named.there || named.isFolder != record.isFolder) return false;
-  if (named.isFolder) {
-    setThere(named, thereStateOf(record, folder.id));
-    named.staysHere = false;
-    named.part->listing.hasStaleIdentifiers = true;  // only this side's part of it is known
-    askAgain(named);
-    return true;
-  }
-  if (!adopt(named, record)) return false;
-  setThere(named, thereStateOf(record, folder.id));
+  if (!named.isFolder && !adopt(named, record)) return false;
+  foundThere(named, folder, record);
   return true;
 }
 
@@ -319,7 +360,8 @@ void Tree::applyToKnown(Item& item, Item& folder, const ItemRecord& record, Batc
   const bool wasHere = item.folder != nullptr && item.folder->id == item.there->folder &&
                        item.name == item.there->name;
   // Moved by others: here too, unless it was moved here as well, or is removed.
-  const bool follows = !isSamePlace && (wasHere || batch.leaving.contains(&item)) &&
+  const bool follows = !isSamePlace && !isAwaitedAt(item, folder, record) &&
+                       (wasHere || batch.leaving.contains(&item)) &&
                        !(item.isFolder && isWithin(folder, item));
   if (isOld(item, batch) ||
       (follows && named != nullptr && named != &item && isOld(*named, batch))) {
@@ -333,6 +375,7 @@ void Tree::applyToKnown(Item& item, Item& folder, const ItemRecord& record, Batc
   there.name = record.name;
   there.isHeldDeletion = false;
   if (follows && item.folder != nullptr) unlink(item, true);
+  await(item, std::nullopt);
   setThere(item, std::move(there));
   item.placedAt = batch.asOf;
   if (follows) {

@@ -27,7 +27,7 @@ class View final : public OutgoingView {
     return &known_.emplace(id, Tree::outgoingItem(*item)).first->second;
   }
   const OutgoingItem* occupant(const Place& there) const override {
-    const Item* item = tree_.occupant(there);
+    const Item* item = tree_.claimant(there);
     return item == nullptr ? nullptr : find(item->id);
   }
 
@@ -61,6 +61,8 @@ OutgoingItem Tree::outgoingItem(const Item& item) {
   outgoing.isFolder = item.isFolder;
   outgoing.isLinked = item.isLinked();
   if (item.folder != nullptr) outgoing.here = {item.folder->id, item.name};
+  outgoing.isAwaited = item.awaited != nullptr;
+  if (!outgoing.isLinked && item.awaited) outgoing.here = *item.awaited;
   if (item.there) {
     outgoing.there = Place{item.there->folder, item.there->name};
     if (!outgoing.isLinked) outgoing.here = *outgoing.there;
@@ -76,9 +78,10 @@ OutgoingItem Tree::outgoingItem(const Item& item) {
 // mean new contents of the same file.
 void Tree::takeOver(Item& item) {
   if (item.isFolder || item.isUnderWay || !item.content || item.staysHere) return;
+  if (item.awaited) return;
   Item* before = occupant({item.folder->id, item.name});
   if (before == nullptr || before == &item || before->isFolder || before->isUnderWay) return;
-  if (before->there->isHeldDeletion || !isSure(*before)) return;
+  if (before->there->isHeldDeletion || before->awaited || !isSure(*before)) return;
   const bool keepsName = before->isLinked();
   // A backup copy beside it goes out as a new file, if all of it is here; else the renaming goes out as one.
   if (keepsName && (before->folder != item.folder || !before->isWhole())) return;
@@ -117,14 +120,15 @@ void Tree::leaveOwnThere(Item& item) {
   setThere(left, std::move(there));
 }
 
-void Tree::beginChange(Item& item) {
+void Tree::beginChange(Item& item, std::optional<Place> to) {
   if (!std::exchange(item.isUnderWay, true)) ++underWay_;
   item.begunAt = moment();
-  if (!item.there && item.folder != nullptr) making_[item.id] = {item.folder->id, item.name};
+  if (to) await(item, std::move(to));
 }
 
-void Tree::beginSending(Item& item, std::int64_t bytes, std::uint64_t edits) {
-  beginChange(item);
+void Tree::beginSending(Item& item, std::int64_t bytes, std::uint64_t edits,
+                        std::optional<Place> to) {
+  beginChange(item, std::move(to));
   if (!item.content) return;
   item.content->sendingSince =
       std::chrono::floor<std::chrono::seconds>(setting_.now()).time_since_epoch().count();
@@ -135,19 +139,22 @@ void Tree::beginSending(Item& item, std::int64_t bytes, std::uint64_t edits) {
 
 void Tree::endChange(Item& item) {
   if (std::exchange(item.isUnderWay, false) && --underWay_ == 0) goneMeanwhile_.clear();
-  making_.erase(item.id);
   note(item);
+  if (item.awaited) {
+    item.sentAt = moment();  // what was asked before may have been told too early
+    if (Item* folder = find(item.awaited->folder); folder != nullptr && folder->there) {
+      askAgain(*folder);
+    } else {
+      await(item, std::nullopt);
+    }
+  }
   if (!item.isLinked() && !item.there) effects_.gone.insert(item.id);
-}
-
-bool Tree::isBeingMade(const Place& place) const {
-  return std::any_of(making_.begin(), making_.end(),
-                     [&](const auto& made) { return made.second == place; });
 }
 
 void Tree::created(Item& item, const Place& place, const ItemRecord& answer, std::uint64_t edits,
                    platform::Date began) {
   const Item* folder = find(place.folder);
+  await(item, std::nullopt);
   if (folder == nullptr || !folder->there) return;  // gone meanwhile, with all that came into it
   if (isReplacedThere(item, answer.identifier)) {
     if (item.content) item.content->sendingSince = 0;
@@ -188,7 +195,9 @@ void Tree::displace(const Place& place, const std::string& identifier, const Ite
     Item* other = isByName ? occupant(place) : byIdentifier(identifier);
     if (other == nullptr || other == &by || other->isRoot()) continue;
     askAgain(*find(other->there->folder));
-    if (!holdsOld(*other, now)) believeGone(*other, true, {});
+    if (holdsOld(*other, now)) continue;
+    left(*other->there, now.asOf);
+    believeGone(*other, true, {});
   }
 }
 
@@ -219,12 +228,14 @@ void Tree::contentsAreThere(ContentRow& row, std::uint64_t edits, const std::str
 
 void Tree::moved(Item& item, const Place& place, const ItemRecord& answer) {
   const Item* folder = find(place.folder);
+  await(item, std::nullopt);
   if (folder == nullptr || !folder->there) {
     removedThere(item);  // gone meanwhile, with all that came into it
     return;
   }
   displace(place, answer.identifier, item);
   doubtWhatWasMissed(item, place, answer.identifier);
+  left(*item.there, moment());
   ThereState there = *item.there;
   const bool isSameIdentifier = there.identifier == answer.identifier;
   there.identifier = answer.identifier;
@@ -257,7 +268,14 @@ void Tree::markStale(Item& folder) {
   }
 }
 
+void Tree::left(const ThereState& there, std::uint64_t asOf) {
+  Item* folder = find(there.folder);
+  if (folder != nullptr && folder->part)
+    folder->part->leftAt = std::max(folder->part->leftAt, asOf);
+}
+
 void Tree::removedThere(Item& item) {
+  left(*item.there, moment());
   if (item.isFolder) {
     for (Item* child : childrenThere(item)) removedThere(*child);
   }
@@ -273,7 +291,7 @@ void Tree::removedThere(Item& item) {
 
 void Tree::refused(Item& item) {
   item.staysHere = true;
-  note(item);
+  await(item, std::nullopt);
 }
 
 Item& Tree::keepBoth(Item& item) {

@@ -79,6 +79,11 @@ void Tree::restoreThere(const std::vector<ItemRow>& rows) {
     setThere(*find(row.id), row.there);
     if (row.there->isHeldDeletion) held_.insert(row.id);
   }
+  for (const ItemRow& row : rows) {
+    Item* folder = row.awaited ? find(row.awaited->folder) : nullptr;
+    if (folder == nullptr || !folder->isFolder || !folder->there) continue;
+    if (whyNotAFileName(row.awaited->name) == nullptr) await(*find(row.id), row.awaited);
+  }
 }
 
 // Of one item whose row may say more than could be true.
@@ -103,7 +108,12 @@ void Tree::mend(const ItemRow& row) {
     note(item);
   }
   const bool isLearntAgain = lacksThere && !item.isFolder && !item.isEdited();
-  if ((item.folder == nullptr && !item.there) || isLearntAgain) forget(item);
+  const bool isNowhere = item.folder == nullptr && !item.there && !item.awaited;
+  if (isNowhere || isLearntAgain) {
+    forget(item);
+  } else if (item.awaited) {
+    askAgain(*find(item.awaited->folder));
+  }
 }
 
 }  // namespace kestrune::host

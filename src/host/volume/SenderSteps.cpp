@@ -133,7 +133,7 @@ Task<Answer<Done>> Sender::settle(std::function<void(Tree&)> work) {
 // REQUIRES: the volume's lock.
 bool Sender::isStillWanted(const Tree& tree, const Change& change) {
   const Item* item = tree.find(change.id);
-  if (item == nullptr || item->staysHere) return false;
+  if (item == nullptr || item->staysHere || item->awaited) return false;
   const OutgoingItem outgoing = Tree::outgoingItem(*item);
   const auto isOpenFolder = [&](ItemId id) {
     const Item* folder = tree.find(id);
@@ -142,8 +142,8 @@ bool Sender::isStillWanted(const Tree& tree, const Change& change) {
   };
   if (item->there && !tree.isSure(*item)) return false;
   const auto isFree = [&] {
-    const Item* occupant = tree.occupant(change.to);
-    return occupant == nullptr || occupant == item;
+    const Item* claimant = tree.claimant(change.to);
+    return claimant == nullptr || claimant == item;
   };
   switch (change.kind) {
     case Change::Kind::create:
@@ -162,7 +162,33 @@ bool Sender::isStillWanted(const Tree& tree, const Change& change) {
   return false;
 }
 
+// Where an earlier change may have put it, that is found out first.
+Task<Answer<bool>> Sender::isKnownWhere(ItemId id) {
+  struct Wait {
+    ItemId folder;
+    std::optional<ItemId> oldFolder;
+  };
+  const auto wait = volume_->look([id](Tree& tree, Nodes&) -> std::optional<Wait> {
+    const Item* item = tree.find(id);
+    if (item == nullptr || !item->awaited) return std::nullopt;
+    Wait found{item->awaited->folder, std::nullopt};
+    if (item->there && item->there->folder != found.folder) found.oldFolder = item->there->folder;
+    return found;
+  });
+  if (!wait) co_return true;
+  if (const auto listed = co_await listFolder(wait->folder, false); !listed.ok())
+    co_return listed.error();
+  if (wait->oldFolder) {
+    if (const auto listed = co_await listFolder(*wait->oldFolder, false); !listed.ok())
+      co_return listed.error();
+  }
+  co_return false;
+}
+
 Sender::Work Sender::perform(Change change) {
+  const auto isKnown = co_await isKnownWhere(change.id);
+  if (!isKnown.ok()) co_return Outcome{isKnown.error()};
+  if (!isKnown.value()) co_return Outcome{nullptr, true};
   switch (change.kind) {
     case Change::Kind::create: {
       const bool isFolder = volume_->look([&](Tree& tree, Nodes&) {
@@ -189,8 +215,9 @@ Sender::Work Sender::createFolder(Change change) {
   if (const auto listed = co_await listFolder(change.to.folder, true); !listed.ok())
     co_return Outcome{listed.error()};
   OutgoingTemplate outgoing;
-  const bool begun = volume_->look([&](Tree& tree, Nodes&) {
-    if (!isStillWanted(tree, change)) return false;
+  bool begun = false;
+  const auto committed = co_await settle([&](Tree& tree) {
+    if (!isStillWanted(tree, change)) return;
     Item& item = *tree.find(change.id);
     outgoing = {"",
                 tree.find(change.to.folder)->there->identifier,
@@ -198,10 +225,11 @@ Sender::Work Sender::createFolder(Change change) {
                 true,
                 0,
                 item.modified.date()};
-    tree.beginChange(item);
-    return true;
+    tree.beginChange(item, change.to);
+    begun = true;
   });
   if (!begun) co_return Outcome{nullptr, true};
+  if (!committed.ok()) co_return Outcome{committed.error()};
   const platform::Date began = volume_->services().clock->now();
   const auto answer = co_await calls_->create(outgoing, std::nullopt);
   volume_->change([&](Tree& tree, Nodes&) {
@@ -214,10 +242,7 @@ Sender::Work Sender::createFolder(Change change) {
     }
     if (Item* left = tree.find(change.id)) tree.endChange(*left);
   });
-  if (!answer.ok() && !isRefusal(*answer.error())) {
-    co_await relist(change.to.folder);  // it may have been made though the answer was lost
-    co_return Outcome{answer.error()};
-  }
+  if (!answer.ok() && !isRefusal(*answer.error())) co_return Outcome{answer.error()};
   if (answer.ok()) lister_->madeHere(change.id);
   co_return Outcome();
 }
@@ -260,7 +285,7 @@ Sender::Work Sender::createFile(Change change) {
                 false,
                 snapshot.value().sizeBytes,
                 item.modified.date()};
-    tree.beginSending(item, snapshot.value().sizeBytes, snapshot.value().edits);
+    tree.beginSending(item, snapshot.value().sizeBytes, snapshot.value().edits, change.to);
     begun = true;
   });
   if (!begun || !committed.ok()) {
@@ -291,7 +316,6 @@ Sender::Work Sender::createFile(Change change) {
     co_return Outcome();
   }
   if (isRefusal(*answer.error())) co_return Outcome();
-  co_await relist(change.to.folder);  // it may be there though the answer was lost
   co_return Outcome{answer.error()};
 }
 
@@ -372,18 +396,20 @@ Sender::Work Sender::move(Change change) {
     co_return Outcome{listed.error()};
   Facts facts;
   ItemId oldFolder = 0;
-  const bool begun = volume_->look([&](Tree& tree, Nodes&) {
-    if (!isStillWanted(tree, change)) return false;
+  bool begun = false;
+  const auto committed = co_await settle([&](Tree& tree) {
+    if (!isStillWanted(tree, change)) return;
     Item& item = *tree.find(change.id);
     facts.outgoing = {item.there->identifier, tree.find(change.to.folder)->there->identifier,
                       change.to.name,         item.isFolder,
                       item.there->sizeBytes,  item.modified.date()};
     facts.base = item.there->version;
     oldFolder = item.there->folder;
-    tree.beginChange(item);
-    return true;
+    tree.beginChange(item, change.to);
+    begun = true;
   });
   if (!begun) co_return Outcome{nullptr, true};
+  if (!committed.ok()) co_return Outcome{committed.error()};
   const auto fields =
       NSFileProviderItemFields::filename | NSFileProviderItemFields::parentItemIdentifier;
   const auto answer = co_await calls_->modify(facts.outgoing, facts.base, fields, std::nullopt);
@@ -394,8 +420,7 @@ Sender::Work Sender::move(Change change) {
     if (Item* left = tree.find(change.id)) tree.endChange(*left);
   });
   if (answer.ok()) co_return Outcome();
-  co_await relist(oldFolder);  // it may have moved, or be gone
-  if (oldFolder != change.to.folder) co_await relist(change.to.folder);
+  co_await relist(oldFolder);  // it may be gone
   co_return Outcome{answer.error()};
 }
 

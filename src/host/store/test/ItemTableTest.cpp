@@ -72,7 +72,7 @@ TEST_F(ItemTableTest, PutReplacesAllOfARow) {
 
 TEST_F(ItemTableTest, KeepsTheFurthestNumbers) {
   ItemRow row = sampleFile(static_cast<ItemId>(kMost));
-  row.folder = row.there->folder = static_cast<ItemId>(kMost);
+  row.folder = row.there->folder = row.awaited->folder = static_cast<ItemId>(kMost);
   row.sizeBytes = row.there->sizeBytes = row.content->state.sizeBytes = kMost;
   row.content->state.fetchableBytes = kMost;
   row.content->state.edits = row.content->sentEdits = row.content->sendingEdits =
@@ -144,6 +144,8 @@ TEST_F(ItemTableTest, ColumnsHoldWhatTheirNamesSay) {
                       {"there_policy", "3"},
                       {"there_is_provisional", "1"},
                       {"there_is_held_deletion", "0"},
+                      {"awaited_folder", "2002"},
+                      {"awaited_name", "item 2 awaited.txt"},
                       {"content_number", "19"},
                       {"content_version", "version of 2"},
                       {"content_size", "4098"},
@@ -319,6 +321,29 @@ TEST_F(ItemTableTest, ALaterStepKeepsTheRows) {
   EXPECT_EQ(again.counter("nextItem"), 4U);
   again.put(sampleFile(5));
   EXPECT_EQ(database.connection().execAndGet("SELECT sum(invented) FROM item").getInt(), 21);
+}
+
+// As the first version of this program made it.
+TEST_F(ItemTableTest, TakesUpADatabaseOfTheFirstStep) {
+  const std::filesystem::path old = directory.path() / "old.sqlite";
+  Schema first = itemSchema();
+  first.steps.resize(1);
+  {
+    Database database(old, first);
+    database.connection().exec(
+        "INSERT INTO item (id, is_folder, is_linked, folder, name, is_executable, stays_here, "
+        "size, "
+        "modified_seconds, modified_nanoseconds, changed_seconds, changed_nanoseconds) VALUES "
+        "(2, 0, 1, 1, x'61', 0, 0, 5, 0, 0, 0, 0)");
+  }
+  const OpenedItems taken = openItems(old);
+  EXPECT_EQ(taken.setAside, "");
+  const std::vector<ItemRow> rows = loaded(taken.database->connection());
+  ASSERT_EQ(rows.size(), 1U);
+  EXPECT_EQ(rows[0].name, "a");
+  EXPECT_FALSE(rows[0].awaited);
+  ItemTable(taken.database->connection()).put(sampleFile(3));
+  EXPECT_EQ(loaded(taken.database->connection()).at(1), sampleFile(3));
 }
 
 struct OpenItemsTest : testing::Test {

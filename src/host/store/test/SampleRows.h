@@ -37,6 +37,7 @@ inline ItemRow sampleFile(ItemId id) {
   row.modified = {-5, 999'999'999};
   row.changed = {1'800'000'000, 1};
   row.there = sampleThere(id);
+  row.awaited = Place{id + 2000, "item " + std::to_string(id) + " awaited.txt"};
   row.content.emplace();
   row.content->state.number = id + 17;
   row.content->state.version = "version of " + std::to_string(id);

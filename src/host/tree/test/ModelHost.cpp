@@ -7,8 +7,8 @@
 namespace kestrune::host {
 
 ModelHost::ModelHost(ModelStore::Identifiers identifiers, std::uint64_t seed)
-    : random_(seed), store_(identifiers), hasAnchors_(below(3) != 0) {
-  const std::size_t files = below(20) == 0 ? 30 : below(5);
+    : random_(seed), store_(identifiers), hasAnchors_(below(3) != 0), isAlone_(below(3) == 0) {
+  const std::size_t files = isAlone_ ? 0 : below(20) == 0 ? 30 : below(5);
   for (std::size_t i = 0; i < files; ++i)
     store_.create(ModelStore::kRoot, "f" + std::to_string(i), false, ++lastToken_, now());
   start({}, kRootItem + 1);
@@ -47,10 +47,11 @@ void ModelHost::restart() {
 void ModelHost::step() {
   seconds_ += static_cast<std::int64_t>(percent(3) ? 100 : below(3));
   const std::size_t what = below(100);
+  const auto before = seen();
   if (what < 35) {
     changeHere();
   } else if (what < 50) {
-    changeThere();
+    if (!isAlone_) changeThere();
   } else if (what < 60) {
     begin(false);
   } else if (what < 75) {
@@ -74,6 +75,20 @@ void ModelHost::step() {
     restart();
   }
   takeEffects();
+  if (what >= 35) expectSeen(before);
+}
+
+std::map<std::string, Token> ModelHost::seen() {
+  std::map<std::string, Token> seen;
+  tree_->forEach([&](Item& item) {
+    if (item.isLinked()) seen[tree_->path(item)] = visible(item);
+  });
+  return seen;
+}
+
+// What the store says, and what became of changes, takes nothing away from who works alone, and brings nothing back.
+void ModelHost::expectSeen(const std::map<std::string, Token>& before) {
+  if (isAlone_) EXPECT_EQ(seen(), before);
 }
 
 // ------------------------------------------------------------------------------------------- the person here
@@ -178,6 +193,9 @@ void ModelHost::removeHere(Item& item) {
 
 void ModelHost::moveHere(Item& item, Item& folder, const std::string& name) {
   if (!folder.part->listing.isEnumerated || Tree::isWithin(folder, item)) return;
+  for (const Item* at = &folder; at != nullptr; at = at->folder) {
+    if (at->name == "junk") return;  // what is at the store is not moved to where it cannot be
+  }
   Item* replaced = tree_->child(folder, name);
   if (replaced == &item) return;
   if (replaced != nullptr) {
@@ -220,7 +238,7 @@ void ModelHost::save(Item& item) {
     removeHere(item);
   }
   takeEffects();
-  edit(tree_->create(folder, name, false, false));
+  if (tree_->child(folder, name) == nullptr) edit(tree_->create(folder, name, false, false));
 }
 
 void ModelHost::readOrDrop(Item& item) {

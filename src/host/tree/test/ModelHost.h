@@ -78,6 +78,7 @@ class ModelHost {
   // What goes out.
   void begin(bool isReliable);
   bool mayBegin(const Change& change) const;
+  void lookAt(Item& item);
   void beginRemoval(const Change& change, bool isReliable);
   void apply(Begun& begun, bool isReliable);
   void create(Begun& begun, Item& item);
@@ -95,10 +96,15 @@ class ModelHost {
   void listAll();
 
   void compare();
+  /// What the person sees: paths and contents.
+  std::map<std::string, Token> seen();
+  void expectSeen(const std::map<std::string, Token>& before);
 
   std::mt19937_64 random_;
   ModelStore store_;
   const bool hasAnchors_;
+  /// Nobody else changes anything: then what the person sees is what the person did.
+  const bool isAlone_;
   std::int64_t seconds_ = 1'000'000;
   std::unique_ptr<Tree> tree_;
   TreeCheck check_;

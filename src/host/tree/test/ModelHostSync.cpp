@@ -26,6 +26,7 @@ bool ModelHost::mayBegin(const Change& change) const {
     }
     return true;
   };
+  if (tree_->find(change.id)->awaited) return false;
   return (change.kind == Kind::create || isSure(change.id)) &&
          (!hasTarget(change) || isSure(change.to.folder));
 }
@@ -34,6 +35,13 @@ void ModelHost::begin(bool isReliable) {
   std::vector<Change> now_;
   for (const Begun& begun : underWay_) now_.push_back(begun.change);
   const std::vector<ItemId> differing(tree_->differing().begin(), tree_->differing().end());
+  // Of some of what was sent before it is not known how it ended.
+  for (const ItemId id : differing) {
+    Item* item = tree_->find(id);
+    const bool isSent = item != nullptr && item->there && tree_->isSure(*item) && item->content &&
+                        item->content->sendingSince != 0;
+    if (isSent && !item->isUnderWay) lookAt(*item);
+  }
   for (const Change& change : readyChanges(*tree_->outgoing(), differing, now_, 4)) {
     if (!mayBegin(change)) continue;
     if (change.kind == Kind::remove) {
@@ -44,28 +52,32 @@ void ModelHost::begin(bool isReliable) {
     Begun begun;
     begun.change = change;
     begun.began = now();
+    const auto to = hasTarget(change) ? std::optional(change.to) : std::nullopt;
     const bool carries =
         !item.isFolder && (change.kind == Kind::create || change.kind == Kind::send);
     if (carries) {
       begun.edits = item.content->state.edits;
       begun.token = visible(item);
-      tree_->beginSending(item, static_cast<std::int64_t>(begun.token), begun.edits);
+      tree_->beginSending(item, static_cast<std::int64_t>(begun.token), begun.edits, to);
     } else {
-      tree_->beginChange(item);
+      tree_->beginChange(item, to);
     }
     underWay_.push_back(begun);
   }
   takeEffects();
 }
 
-// Looks at all that would go, and if nothing of it is news, removes it at once.
-void ModelHost::beginRemoval(const Change& change, bool isReliable) {
-  Item& item = *tree_->find(change.id);
+void ModelHost::lookAt(Item& item) {
   const auto key = store_.find(item.there->identifier);
   std::optional<ItemRecord> record;
   if (key) record = store_.record(*key);
   tree_->applyItem(item, record, tree_->moment());
   takeEffects();
+}
+
+// Looks at all that would go, and if nothing of it is news, removes it at once.
+void ModelHost::beginRemoval(const Change& change, bool isReliable) {
+  lookAt(*tree_->find(change.id));
   std::vector<ItemId> folders = {change.id};
   for (std::size_t i = 0; i < folders.size(); ++i) {
     Item* at = tree_->find(folders[i]);
@@ -83,8 +95,9 @@ void ModelHost::beginRemoval(const Change& change, bool isReliable) {
   const auto ready = readyChanges(*tree_->outgoing(), differing, others, 1000);
   if (std::find(ready.begin(), ready.end(), change) == ready.end()) return;
   if (!isReliable && percent(20)) return;
-  tree_->beginChange(*still);
   const auto at = store_.find(still->there->identifier);
+  if (!at) return;
+  tree_->beginChange(*still);
   for (const Key gone : store_.tree(*at)) {
     const auto& node = store_.nodes().at(gone);
     const bool isKnown = std::any_of(mayGo_.begin(), mayGo_.end(),
@@ -297,6 +310,7 @@ void ModelHost::listAll() {
 // ------------------------------------------------------------------------------------------- the end
 
 void ModelHost::settle() {
+  const auto before = seen();
   for (const auto& [id, ask] : std::map<ItemId, Ask>(asks_)) {
     asks_.erase(id);
     Ask taken = ask;
@@ -308,6 +322,9 @@ void ModelHost::settle() {
     begin(true);
     while (!underWay_.empty() && !testing::Test::HasFailure()) goOn(true);
     listAll();
+    for (const ItemId id : std::set<ItemId>(doubtful_)) {
+      if (Item* folder = tree_->find(id); folder != nullptr) listNow(*folder);
+    }
     tree_->settleHeldDeletions(percent(50));
     takeEffects();
     if (testing::Test::HasFailure()) return;
@@ -321,9 +338,18 @@ void ModelHost::settle() {
     }
     if (!isQuiet) continue;
     compare();
+    expectSeen(before);
     return;
   }
-  ADD_FAILURE() << "it does not come to rest";
+  std::string left;
+  for (const ItemId id : tree_->differing()) {
+    const Item& item = *tree_->find(id);
+    left += "\n" + std::to_string(id) + " " + tree_->path(item) +
+            (item.isLinked() ? "" : ", removed") + (item.there ? ", there" : "") +
+            (item.awaited ? ", awaited" : "") + (item.isUnderWay ? ", under way" : "");
+  }
+  for (const ItemId id : doubtful_) left += "\nin doubt: " + tree_->path(*tree_->find(id));
+  ADD_FAILURE() << "it does not come to rest:" << left;
 }
 
 void ModelHost::compare() {

@@ -66,7 +66,8 @@ class TreeFixture : public testing::Test {
   void send(Item& item, const ItemRecord& answer) {
     const platform::Date began = now_;
     const std::uint64_t edits = item.content ? item.content->state.edits : 0;
-    tree_->beginSending(item, item.sizeBytes, edits);
+    const auto to = item.there ? std::nullopt : std::optional(Place{item.folder->id, item.name});
+    tree_->beginSending(item, item.sizeBytes, edits, to);
     if (item.there) {
       tree_->sent(item, answer, edits, began);
     } else {

@@ -151,7 +151,7 @@ TEST_F(TreePendingTest, AFolderThatOthersMoveOntoANewOneKeepsItsName) {
 TEST_F(TreePendingTest, WhatIsBeingMadeIsNotTakenForAnothersThoughItsNameIsAnItemsOfItsOwnHere) {
   list({});
   Item& first = make("a", 5);
-  tree().beginSending(first, 5, 1);
+  tree().beginSending(first, 5, 1, Place{kRootItem, "a"});
   tree().remove(first);
   Item& second = make("a", 7);
   list({file("1", "a", 5)});
