@@ -375,6 +375,10 @@ void Tree::applyToKnown(Item& item, Item& folder, const ItemRecord& record, Batc
   there.name = record.name;
   there.isHeldDeletion = false;
   if (follows && item.folder != nullptr) unlink(item, true);
+  // Folders are asked one by one, and others may have put something else into an awaited place: if it is in its old place
+  // still, or again, only that one's listing tells.
+  const bool mayHaveTwo = item.there->folder != folder.id || isAwaitedAt(item, folder, record);
+  if (Item* old = find(item.there->folder); mayHaveTwo && old != nullptr) askAgain(*old);
   await(item, std::nullopt);
   setThere(item, std::move(there));
   item.placedAt = batch.asOf;
@@ -387,7 +391,8 @@ void Tree::applyToKnown(Item& item, Item& folder, const ItemRecord& record, Batc
 }
 
 // Whether `record` is what was last sent from here; then its version is the one of those contents. Of two sendings that it
-// could be the one that is known to have arrived is taken: the other is repeated.
+// could be the one that is known to have arrived is taken: the other is repeated. So it is when the store shows what it showed
+// before, since sendings that follow each other closely may have one time and one size.
 bool Tree::adopt(Item& item, const ItemRecord& record) {
   const bool isSent = item.there && item.there->isProvisional &&
                       record.sizeBytes == item.there->sizeBytes &&
@@ -395,8 +400,10 @@ bool Tree::adopt(Item& item, const ItemRecord& record) {
   if (!item.content) return isSent;
   ContentRow& row = *item.content;
   const platform::Date began{std::chrono::seconds(row.sendingSince)};
-  const bool isSending = row.sendingSince != 0 && record.sizeBytes == row.sendingBytes &&
-                         isSince(record.modified, began);
+  const bool isAsBefore =
+      item.there && !item.there->isProvisional && isSameFile(*item.there, record);
+  const bool isSending = row.sendingSince != 0 && !isAsBefore &&
+                         record.sizeBytes == row.sendingBytes && isSince(record.modified, began);
   if (!isSent && !isSending) return false;
   if (!isSent) row.sendingSince = 0;
   const std::string version = thereStateOf(record, 0).version.contentVersion;

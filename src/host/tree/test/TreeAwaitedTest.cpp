@@ -85,6 +85,18 @@ TEST_F(TreeAwaitedTest, WhatOthersPutThereIsTheirs) {
   EXPECT_EQ(at("a")->sizeBytes, 6);
 }
 
+TEST_F(TreeAwaitedTest, TheSameAsBeforeIsNotWhatWasSentAfterIt) {
+  list({arrived("a", 5)});
+  Item& a = *at("a");
+  fill(a, 5, 1);
+  tree().beginSending(a, 5, 1);
+  const ItemId id = a.id;
+  restart();
+  list({arrived("a", 5)});
+  EXPECT_TRUE(tree().find(id)->isEdited());
+  EXPECT_THAT(ready(), ElementsAre(Change{Kind::send, id, {}}));
+}
+
 TEST_F(TreeAwaitedTest, AFolderIsFoundToo) {
   Item& d = tree().create(root(), "d", true, false);
   tree().beginChange(d, Place{kRootItem, "d"});
