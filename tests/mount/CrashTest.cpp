@@ -50,7 +50,10 @@ class CrashTest : public testing::Test {
   }
 
   void TearDown() override {
-    if (HasFailure() && std::getenv("KESTRUNE_PAUSE")) { std::cout << "PAUSED " << mount_->mountPoint() << std::endl; ::sleep(900); }
+    if (HasFailure() && std::getenv("KESTRUNE_PAUSE")) {
+      std::cout << "PAUSED " << mount_->mountPoint() << std::endl;
+      ::sleep(900);
+    }
     if (HasFailure() && mount_)
       std::cout << "the host's log:\n" << support::contentsOf(mount_->logFile());
   }
@@ -61,16 +64,16 @@ class CrashTest : public testing::Test {
   /// Has all work for a while; `atTheEnd` is done while they do.
   void workFor(unsigned milliseconds, const std::function<void()>& atTheEnd) {
     std::atomic<bool> stop = false;
-    std::vector<int> errors(kWorkers, 0);
+    std::vector<CrashWorker::End> ends(kWorkers);
     std::vector<std::thread> threads;
     for (std::size_t i = 0; i < kWorkers; ++i)
-      threads.emplace_back([&, i] { errors[i] = workers_[i]->work(stop); });
+      threads.emplace_back([&, i] { ends[i] = workers_[i]->work(stop); });
     sleepUpTo(milliseconds);
     atTheEnd();
     stop = true;
     for (auto& thread : threads) thread.join();
-    for (const int error : errors)
-      EXPECT_TRUE(error == 0 || error == ENOTCONN || error == ECONNABORTED) << error;
+    for (const auto& [error, what] : ends)
+      EXPECT_TRUE(error == 0 || error == ENOTCONN || error == ECONNABORTED) << what;
   }
   void expectNothingLost() {
     for (int i = 0; i < kWorkers; ++i)

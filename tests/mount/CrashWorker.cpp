@@ -16,8 +16,8 @@ namespace kestrune::mounttest {
 
 namespace {
 
-void must(bool worked) {
-  if (!worked) throw std::system_error(errno, std::generic_category());
+void must(bool worked, const std::string& what) {
+  if (!worked) throw std::system_error(errno, std::generic_category(), what);
 }
 
 bool isFolder(const std::string& name) { return name.ends_with('/'); }
@@ -38,12 +38,12 @@ bool isBetween(const std::string& found, const std::string& before, const std::s
 CrashWorker::CrashWorker(std::filesystem::path folder, unsigned seed)
     : folder_(std::move(folder)), random_(seed) {}
 
-int CrashWorker::work(const std::atomic<bool>& stop) {
+CrashWorker::End CrashWorker::work(const std::atomic<bool>& stop) {
   try {
     while (!stop) step();
-    return 0;
+    return {};
   } catch (const std::system_error& error) {
-    return error.code().value();
+    return {error.code().value(), error.what()};
   }
 }
 
@@ -59,7 +59,7 @@ void CrashWorker::step() {
 
 void CrashWorker::change(const Model& after, const std::function<int()>& call) {
   other_ = after;
-  must(call() == 0);
+  must(call() == 0, "change names");
   ++calls_;
   model_ = after;
   other_.reset();
@@ -80,6 +80,7 @@ void CrashWorker::write(const std::string& name, int flags, const std::string& b
   after.replace(offset, bytes.size(), bytes);
   bytes_ = Bytes{name, before, after};
   bool worked = true;
+  const char* doing = "write";
   for (std::size_t done = 0; worked && done < bytes.size();) {
     const ssize_t count =
         ::pwrite(file, bytes.data() + done, std::min<std::size_t>(bytes.size() - done, 128U << 10U),
@@ -87,14 +88,18 @@ void CrashWorker::write(const std::string& name, int flags, const std::string& b
     worked = count > 0;
     if (worked) done += static_cast<std::size_t>(count);
   }
-  if (worked && pick(4) == 0) worked = ::fsync(file) == 0;
+  if (worked && pick(4) == 0) {
+    doing = "flush";
+    worked = ::fsync(file) == 0;
+  }
   int error = errno;
   if (::close(file) != 0 && worked) {
+    doing = "close";
     worked = false;
     error = errno;
   }
   errno = error;
-  must(worked);
+  must(worked, doing + (" " + name));
   ++calls_;
   model_[name] = after;
   bytes_.reset();

@@ -20,8 +20,13 @@ class CrashWorker {
   /// Works in `folder`, which exists; the same seed does the same work.
   CrashWorker(std::filesystem::path folder, unsigned seed);
 
-  /// Works until a call fails or `stop` is set. Returns the errno of the call that failed, 0 for none.
-  int work(const std::atomic<bool>& stop);
+  /// The errno of the call that failed, 0 for none, and which call that was.
+  struct End {
+    int error = 0;
+    std::string what;
+  };
+  /// Works until a call fails or `stop` is set.
+  End work(const std::atomic<bool>& stop);
   /// Compares the folder with what was promised, and takes over what the interrupted call came to. What is wrong, empty
   /// if nothing is.
   std::string check();

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <unordered_set>
 
+#include "host/content/ContentRecovery.h"
+
 namespace kestrune::host {
 
 namespace {
@@ -42,11 +44,34 @@ void Volume::load() {
   for (const ContentNumber number : services_.directory->numbers()) {
     if (!known.contains(number)) services_.directory->remove(number);
   }
+  const std::vector<ItemId> recovered = recoverEdits(rows);
   MutexLock lock(mutex_);
   nextContent_ = std::max(highest + 1, services_.store->counter(kNextContent));
   reservedContents_ = nextContent_;
   tree_.restore(std::move(rows), services_.store->counter(kNextItem));
+  for (const ItemId id : recovered) {
+    if (Item* item = tree_.find(id)) tree_.changedHere(*item);
+  }
   settle(Survives::processEnd, [](const Answer<Done>&) {});
+}
+
+// Changed files are as long as they are on the disk, from the first look on.
+std::vector<ItemId> Volume::recoverEdits(std::vector<ItemRow>& rows) const {
+  std::vector<ItemId> recovered;
+  for (ItemRow& row : rows) {
+    if (!row.content || !row.content->state.isEdited) continue;
+    try {
+      ContentState state = recoveredState(services_.directory, row.content->state);
+      if (state == row.content->state && row.sizeBytes == state.sizeBytes) continue;
+      row.sizeBytes = state.sizeBytes;
+      row.content->state = std::move(state);
+      recovered.push_back(row.id);
+    } catch (const platform::NSError& error) {  // whoever opens it is told
+      services_.log->failure("recover", "examine the changed contents of '" + row.name + "'",
+                             error.localizedDescription());
+    }
+  }
+  return recovered;
 }
 
 ContentNumber Volume::newContentNumber() {

@@ -89,6 +89,7 @@ class Volume {
       REQUIRES_LOCK(mutex_);
   void finish(const Aftermath& aftermath);
   void load();
+  std::vector<ItemId> recoverEdits(std::vector<ItemRow>& rows) const;
 
   const Services services_;
   Listener listener_;
