@@ -63,38 +63,45 @@ void waitForEnd(int signals, int ended) {
   }
 }
 
-// What the host remembers of a replica. Where it cannot be used a new memory is begun; contents that nobody else may have are
-// set aside first, since nothing tells any more whose they were.
+// What the host remembers of a replica. Where it cannot be used a new memory is begun: changed files are taken up by what is
+// noted beside them, and what else was here is set aside, since nothing tells any more what it was.
 struct Remembered {
   std::shared_ptr<ContentDirectory> directory;
   std::filesystem::path file;
   std::shared_ptr<HostLog> log;
 
-  std::shared_ptr<ItemStore> begin(OpenedItems opened) const {
+  void begin(OpenedItems opened, Volume::Services& services) const {
+    services.lostEdits.clear();
     if (!opened.setAside.empty()) {
       std::size_t kept = 0;
       for (const ContentNumber number : directory->numbers()) {
+        if (auto edit = EditDescription::parse(directory->notedEdit(number))) {
+          services.lostEdits.push_back({number, std::move(*edit)});
+          continue;
+        }
         directory->rescue(number, "contents " + std::to_string(number));
         ++kept;
       }
       log->note("memory", "What was remembered cannot be used (" + opened.reason +
                               ") and lies at '" + opened.setAside.string() + "' now; " +
+                              std::to_string(services.lostEdits.size()) +
+                              " changed files are sent by what was noted beside them, " +
                               std::to_string(kept) + " files of contents were moved to '" +
                               (directory->path() / "rescued").string() + "'.");
     }
-    return std::make_shared<ItemStore>(std::move(opened.database));
+    services.store = std::make_shared<ItemStore>(std::move(opened.database));
   }
 };
 
 std::unique_ptr<FileSystem> openFileSystem(const Remembered& remembered, Volume::Services services,
                                            const FileSystemOptions& options) {
-  services.store = remembered.begin(openItems(remembered.file));
+  remembered.begin(openItems(remembered.file), services);
   try {
     return std::make_unique<FileSystem>(services, options);
   } catch (const StoreError& error) {
     if (error.which() != StoreError::Case::damaged) throw;
     services.store = nullptr;
-    services.store = remembered.begin(replaceItems(remembered.file, error.localizedDescription()));
+    remembered.begin(replaceItems(remembered.file, error.localizedDescription()), services);
     return std::make_unique<FileSystem>(services, options);
   }
 }

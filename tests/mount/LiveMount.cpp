@@ -165,8 +165,7 @@ bool LiveMount::isServed() const {
 
 void LiveMount::start() {
   auto arguments = withEnvironment("mount");
-  arguments.insert(arguments.end(),
-                   {"--replica", directory_.path() / "replica", mountPoint_.string()});
+  arguments.insert(arguments.end(), {"--replica", replica(), mountPoint_.string()});
   program_ = std::make_unique<Child>(arguments);
   if (waitUntil([this] { return isServed(); }, std::chrono::seconds(20))) return;
   program_.reset();

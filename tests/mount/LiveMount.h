@@ -66,6 +66,7 @@ class LiveMount {
   std::filesystem::path operator/(const std::string& name) const { return mountPoint_ / name; }
   const std::filesystem::path& mountPoint() const { return mountPoint_; }
   std::filesystem::path logFile() const { return directory_.path() / "log"; }
+  std::filesystem::path replica() const { return directory_.path() / "replica"; }
   /// Starts the host, also where a killed one left its mount; throws if the folder does not come.
   void start();
   /// Ends it by `signal` and waits for its end.

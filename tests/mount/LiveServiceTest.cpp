@@ -107,6 +107,33 @@ TEST_F(LiveServiceTest, WhatWasWrittenWithoutTheServiceOutlivesTheHostToo) {
   EXPECT_EQ(contentsOf(service().root() / "folder/x"), "x");
 }
 
+TEST_F(LiveServiceTest, WhatIsUnsentIsSentThoughTheDatabaseIsLost) {
+  EXPECT_EQ(contentsOf(mount() / "docs/here.txt"), "here");
+  service().end(SIGTERM);
+  run("mkdir -p folder/deep; printf new >folder/deep/new.txt; printf ' and now' >>docs/here.txt; "
+      "printf unseen >>docs/there.txt; printf x >x; mv folder moved");
+  mount().end(SIGKILL);
+  {
+    std::ofstream damage(mount().replica() / "items.sqlite", std::ios::in | std::ios::out);
+    damage.seekp(0);
+    damage << std::string(8192, '!');
+  }
+  service().start();
+  mount().start();
+  const std::map<std::string, std::string> expected = {{"docs/", ""},
+                                                       {"docs/here.txt", "here and now"},
+                                                       {"docs/there.txt", "thereunseen"},
+                                                       {"moved/", ""},
+                                                       {"moved/deep/", ""},
+                                                       {"moved/deep/new.txt", "new"},
+                                                       {"x", "x"}};
+  EXPECT_TRUE(waitUntil([&] { return differences(expected, snapshotOf(service().root())).empty(); },
+                        std::chrono::seconds(20)))
+      << differences(expected, snapshotOf(service().root()));
+  EXPECT_EQ(waitUntilSent(service(), mount()), "");
+  EXPECT_EQ(differences(expected, snapshotOf(mount().mountPoint())), "");
+}
+
 TEST_F(LiveServiceTest, AReadFromAServiceThatHangsCanBeInterrupted) {
   EXPECT_TRUE(fs::exists(mount() / "docs/here.txt"));
   service().signal(SIGSTOP);

@@ -14,6 +14,7 @@
 #include <chrono>
 #include <ctime>
 #include <optional>
+#include <set>
 #include <string_view>
 #include <system_error>
 
@@ -29,6 +30,9 @@ using platform::NSPOSIXError;
 using std::chrono::sys_days;
 
 constexpr std::string_view kLogSuffix = ".log";
+constexpr std::string_view kEditSuffix = ".edit";
+// Of a path and the ranges of a file in pieces; what is longer was not written here.
+constexpr std::size_t kLongestNote = 64UL << 20U;
 
 [[noreturn]] void fail(const std::string& context) { throw NSPOSIXError(errno, context); }
 
@@ -97,6 +101,10 @@ std::string logName(ContentNumber number) {
   return std::to_string(number) + std::string(kLogSuffix);
 }
 
+std::string editName(ContentNumber number) {
+  return std::to_string(number) + std::string(kEditSuffix);
+}
+
 std::string dayName(sys_days day) {
   const std::time_t moment = std::chrono::system_clock::to_time_t(day);
   std::tm parts = {};
@@ -158,13 +166,14 @@ void ContentDirectory::clear() {
       fs::remove_all(entry.path(), error);
     if (error) throw NSPOSIXError(error.value(), "clear '" + folder.string() + "'");
   }
-  // A log without its contents says nothing.
-  const auto names = entries(*contents_);
+  // A log or a note without its contents says nothing.
+  const auto listed = entries(*contents_);
+  const std::set<std::string> names(listed.begin(), listed.end());
   for (const auto& name : names) {
-    if (!name.ends_with(kLogSuffix)) continue;
-    const std::string contents = name.substr(0, name.size() - kLogSuffix.size());
-    if (std::find(names.begin(), names.end(), contents) == names.end())
-      ::unlinkat(contents_->number(), name.c_str(), 0);
+    for (const std::string_view suffix : {kLogSuffix, kEditSuffix}) {
+      if (name.ends_with(suffix) && !names.contains(name.substr(0, name.size() - suffix.size())))
+        ::unlinkat(contents_->number(), name.c_str(), 0);
+    }
   }
 }
 
@@ -208,6 +217,48 @@ LocalFilePtr ContentDirectory::takeUnnamed(const fs::path& path) {
 void ContentDirectory::remove(ContentNumber number) noexcept {
   ::unlinkat(contents_->number(), std::to_string(number).c_str(), 0);
   ::unlinkat(contents_->number(), logName(number).c_str(), 0);
+  ::unlinkat(contents_->number(), editName(number).c_str(), 0);
+}
+
+void ContentDirectory::noteEdit(ContentNumber number, const std::string& text) {
+  const std::string name = editName(number);
+  const int opened = ::openat(contents_->number(), name.c_str(),
+                              O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (opened < 0) fail("create 'contents/" + name + "'");
+  const Descriptor file(opened);
+  // A note that a crash or a full disk cuts off is known for what it is.
+  if (::write(opened, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+    fail("write 'contents/" + name + "'");
+}
+
+std::string ContentDirectory::notedEdit(ContentNumber number) const {
+  const std::string name = editName(number);
+  const int opened = ::openat(contents_->number(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (opened < 0 && errno == ENOENT) return {};
+  if (opened < 0) fail("open 'contents/" + name + "'");
+  const Descriptor file(opened);
+  std::string text;
+  std::array<char, 4096> piece{};
+  for (;;) {
+    const ssize_t count = ::read(opened, piece.data(), piece.size());
+    if (count < 0) fail("read 'contents/" + name + "'");
+    if (count == 0 || text.size() > kLongestNote) return text;
+    text.append(piece.data(), static_cast<std::size_t>(count));
+  }
+}
+
+void ContentDirectory::forgetEdit(ContentNumber number) noexcept {
+  ::unlinkat(contents_->number(), editName(number).c_str(), 0);
+}
+
+std::vector<ContentNumber> ContentDirectory::notedEdits() const {
+  std::vector<ContentNumber> numbers;
+  for (const std::string_view name : entries(*contents_)) {
+    if (!name.ends_with(kEditSuffix)) continue;
+    if (const auto number = numberOf(name.substr(0, name.size() - kEditSuffix.size())))
+      numbers.push_back(*number);
+  }
+  return numbers;
 }
 
 std::shared_ptr<Descriptor> ContentDirectory::openLog(ContentNumber number, bool creates) {

@@ -3,7 +3,8 @@
 //
 //   <directory>/lock        held while a host uses the directory
 //   <directory>/contents/   files named by number, mode 0600, sparse where not everything is here; beside one that is
-//                           changed, <number>.log says what the database may not know yet (RangeLog.h)
+//                           changed, <number>.log says what the database may not know yet (RangeLog.h), and
+//                           <number>.edit what must be known if the database is lost (EditDescription.h)
 //   <directory>/outgoing/   what is on its way to the store: a second name, or a copy, that nobody writes to
 //   <directory>/rescued/    what was here and went at the store, by day
 //   <directory>/tmp/        the temporary directory of the process; emptied at the start, as is outgoing/
@@ -49,6 +50,13 @@ class ContentDirectory {
   void remove(ContentNumber number) noexcept;
   /// The log beside the contents, for reading and appending; null if there is none and `creates` is false.
   std::shared_ptr<Descriptor> openLog(ContentNumber number, bool creates);
+  /// Notes beside the contents what is needed to send them; replaces what was noted.
+  void noteEdit(ContentNumber number, const std::string& text);
+  /// What was noted; empty if nothing was.
+  std::string notedEdit(ContentNumber number) const;
+  void forgetEdit(ContentNumber number) noexcept;
+  /// Every number beside which an edit is noted.
+  std::vector<ContentNumber> notedEdits() const;
   /// Every number that has a file: what the database does not know is removed by whoever knows both.
   std::vector<ContentNumber> numbers() const;
 

@@ -27,7 +27,7 @@ bool isAtPlaceThere(const Item& item) {
 bool TreeEffects::isEmpty() const {
   return cache.empty() && changed.empty() && forgotten.empty() && detached.empty() &&
          abandoned.empty() && dropped.empty() && rescued.empty() && adopted.empty() &&
-         gone.empty() && doubtful.empty() && leftOut == 0;
+         gone.empty() && movedFolders.empty() && doubtful.empty() && leftOut == 0;
 }
 
 Tree::Tree(Setting setting) : setting_(std::move(setting)) {
@@ -260,6 +260,7 @@ void Tree::askAgain(Item& folder) {
 
 void Tree::link(Item& item, Item& folder, std::string name, bool tellKernel) {
   attach(item, folder, std::move(name));
+  if (item.isFolder && !item.part->children.empty()) effects_.movedFolders.insert(item.id);
   if (tellKernel && folder.node != 0)
     effects_.cache.push_back({Kind::entry, folder.node, item.name, 0});
   touch(folder, tellKernel);

@@ -41,6 +41,8 @@ struct DetachedVersion {
 /// What follows from changes of the tree outside of it.
 struct TreeEffects {
   std::vector<CacheUpdate> cache;
+  /// Folders, with something in them, that have another place or name here.
+  std::set<ItemId> movedFolders;
   /// Items whose rows are to be put, or to go.
   std::set<ItemId> changed;
   std::set<ItemId> forgotten;
@@ -89,6 +91,11 @@ class Tree {
   /// where the store has it, or, if only this host has its contents, into the root; of what is not right about the store
   /// nothing is believed, and its folder is doubtful. REQUIRES: the numbers of the rows differ and are not 0.
   void restore(std::vector<ItemRow> rows, ItemId nextItem);
+  /// A changed file whose row is lost is at `path` again ("/a/b"), or beside what has that name; folders are made for it as
+  /// if they were new: the store's of the same names become the same. Its changes began from the version `base` at the
+  /// store, none if it is empty. REQUIRES: nothing was asked of the store yet.
+  Item& restoreEdit(std::string_view path, bool isExecutable, const ContentState& state,
+                    const std::string& base);
   ItemId nextItem() const { return nextItem_; }
   ItemRow row(const Item& item) const;
   TreeEffects takeEffects();

@@ -337,10 +337,13 @@ void Tree::applyNew(Item& folder, const ItemRecord& record, Batch& batch) {
   setThere(item, thereStateOf(record, folder.id));
 }
 
-// What was made here is what the store shows, if it is a folder on both sides, or a file that was sent though the answer was lost.
+// What was made here is what the store shows, if it is a folder on both sides, or a file that was sent though the answer was
+// lost, or changes of just that version whose row was lost.
 bool Tree::adoptNamed(Item& named, const Item& folder, const ItemRecord& record) {
   if (named.there || named.isFolder != record.isFolder) return false;
-  if (!named.isFolder && !adopt(named, record)) return false;
+  const bool isEditOfIt = named.isEdited() && !named.content->base.empty() &&
+                          named.content->base == thereStateOf(record, 0).version.contentVersion;
+  if (!named.isFolder && !isEditOfIt && !adopt(named, record)) return false;
   foundThere(named, folder, record);
   return true;
 }

@@ -22,6 +22,31 @@ void Tree::restore(std::vector<ItemRow> rows, ItemId nextItem) {
   }
 }
 
+Item& Tree::restoreEdit(std::string_view path, bool isExecutable, const ContentState& state,
+                        const std::string& base) {
+  Item* folder = root_;
+  std::string name = "restored";
+  for (std::size_t at = 0; at < path.size();) {
+    const std::size_t end = std::min(path.find('/', at + 1), path.size());
+    const std::string part(path.substr(at + 1, end - at - 1));
+    at = end;
+    if (whyNotAFileName(part) != nullptr) continue;
+    if (at == path.size()) {
+      name = part;
+      break;
+    }
+    Item* next = child(*folder, part);
+    if (next == nullptr || !next->isFolder)
+      next = &create(*folder, nameIn(*folder, part), true, false);
+    folder = next;
+  }
+  Item& item = create(*folder, nameIn(*folder, name), false, isExecutable);
+  setContent(item, state);
+  item.content->base = base;
+  note(item);
+  return item;
+}
+
 void Tree::restoreItem(ItemRow& row) {
   Item& item = row.id == kRootItem ? *root_ : make(row.id, row.isFolder);
   nextItem_ = std::max(nextItem_, row.id + 1);

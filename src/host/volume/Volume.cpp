@@ -27,7 +27,10 @@ Tree::Setting treeSetting(const Volume::Services& services) {
 
 }  // namespace
 
-Volume::Volume(Services services) : services_(std::move(services)), tree_(treeSetting(services_)) {
+Volume::Volume(Services services)
+    : services_(std::move(services)),
+      notes_(services_.directory, services_.log),
+      tree_(treeSetting(services_)) {
   load();
 }
 
@@ -36,13 +39,24 @@ void Volume::load() {
   services_.store->load([&](ItemRow row) { rows.push_back(std::move(row)); });
   std::unordered_set<ContentNumber> known;
   ContentNumber highest = 0;
+  std::unordered_set<ContentNumber> unsent;
   for (const ItemRow& row : rows) {
     if (!row.content) continue;
+    if (row.content->state.edits != row.content->sentEdits)
+      unsent.insert(row.content->state.number);
     known.insert(row.content->state.number);
     highest = std::max(highest, row.content->state.number);
   }
+  for (const LostEdit& edit : services_.lostEdits) {
+    known.insert(edit.number);
+    unsent.insert(edit.number);
+    highest = std::max(highest, edit.number);
+  }
   for (const ContentNumber number : services_.directory->numbers()) {
     if (!known.contains(number)) services_.directory->remove(number);
+  }
+  for (const ContentNumber number : services_.directory->notedEdits()) {
+    if (!unsent.contains(number)) services_.directory->forgetEdit(number);
   }
   const std::vector<ItemId> recovered = recoverEdits(rows);
   MutexLock lock(mutex_);
@@ -52,7 +66,24 @@ void Volume::load() {
   for (const ItemId id : recovered) {
     if (Item* item = tree_.find(id)) tree_.changedHere(*item);
   }
+  restoreLostEdits();
   settle(Survives::processEnd, [](const Answer<Done>&) {});
+}
+
+void Volume::restoreLostEdits() {
+  for (const LostEdit& edit : services_.lostEdits) {
+    ContentState state;
+    state.number = edit.number;
+    state.version = edit.description.base;
+    state.sizeBytes = edit.description.sizeBytes;
+    state.fetchableBytes = edit.description.fetchableBytes;
+    state.present = edit.description.present;
+    state.edits = 1;
+    state.isEdited = true;
+    state = recoveredState(services_.directory, std::move(state));
+    tree_.restoreEdit(edit.description.path, edit.description.isExecutable, state,
+                      edit.description.base);
+  }
 }
 
 // Changed files are as long as they are on the disk, from the first look on.
@@ -110,6 +141,7 @@ Volume::Aftermath Volume::settle(Survives survives, Reply<Done> reply) {
   Aftermath aftermath;
   TreeEffects effects = tree_.takeEffects();
   forgetGone(effects);
+  notes_.gather(tree_, effects);
   for (const DetachedVersion& version : effects.detached) nodes_.detach(version);
   if (reply || !effects.changed.empty() || !effects.forgotten.empty())
     commitRows(effects, survives, std::move(reply));
@@ -141,6 +173,7 @@ void Volume::forgetGone(TreeEffects& effects) {
                 std::make_move_iterator(from.end()));
     };
     effects.changed.merge(more.changed);
+    effects.movedFolders.merge(more.movedFolders);
     append(effects.cache, more.cache);
     append(effects.detached, more.detached);
     append(effects.abandoned, more.abandoned);
@@ -186,6 +219,7 @@ void Volume::commitRows(const TreeEffects& effects, Survives survives, Reply<Don
 
 void Volume::finish(const Aftermath& aftermath) {
   const TreeEffects& effects = aftermath.effects;
+  notes_.write();
   for (const ContentNumber number : effects.dropped) services_.directory->remove(number);
   for (const auto& rescued : effects.rescued) {
     try {

@@ -16,10 +16,12 @@
 #include "host/basics/KernelCache.h"
 #include "host/basics/Timers.h"
 #include "host/content/ContentDirectory.h"
+#include "host/content/EditDescription.h"
 #include "host/front/Dispatcher.h"
 #include "host/in/Enumeration.h"
 #include "host/store/ItemStore.h"
 #include "host/tree/Tree.h"
+#include "host/volume/EditNotes.h"
 #include "host/volume/Nodes.h"
 #include "platform/values/Mutex.h"
 
@@ -36,6 +38,8 @@ class Volume {
     std::shared_ptr<ContentDirectory> directory;
     std::shared_ptr<ItemStore> store;
     std::string machine;
+    /// Changed files whose rows are lost; their contents are in the directory.
+    std::vector<LostEdit> lostEdits;
   };
   using Survives = ItemStore::Survives;
 
@@ -90,9 +94,11 @@ class Volume {
   void finish(const Aftermath& aftermath);
   void load();
   std::vector<ItemId> recoverEdits(std::vector<ItemRow>& rows) const;
+  void restoreLostEdits() REQUIRES_LOCK(mutex_);
 
   const Services services_;
   Listener listener_;
+  EditNotes notes_;
 
   platform::Mutex mutex_;
   Tree tree_ GUARDED_BY(mutex_);

@@ -307,6 +307,61 @@ TEST_F(TreeRestoreTest, AMissingPlaceHereIsTheOneThere) {
   EXPECT_THAT(ready(), IsEmpty());
 }
 
+class TreeLostEditTest : public TreeFixture {
+ protected:
+  Item& lost(const std::string& path, const std::string& base, int contents = 7) {
+    ContentState state;
+    state.number = ++lastNumber_;
+    state.version = base;
+    state.sizeBytes = contents;
+    state.present.add({0, contents});
+    state.edits = 1;
+    state.isEdited = true;
+    Item& item = tree().restoreEdit(path, true, state, base);
+    check();
+    return item;
+  }
+};
+
+TEST_F(TreeLostEditTest, ChangesOfTheVersionThatTheStoreHasAreSentToIt) {
+  const Item& a = lost("/d/a", "v5");
+  const ItemId id = a.id;
+  list({folder("1", "d")});
+  Item& d = *at("d");
+  list(d, {file("2", "a", 5)});
+  EXPECT_THAT(names(d), ElementsAre("a"));
+  EXPECT_THAT(ready(), ElementsAre(Change{ChangeKind::send, id, {}}));
+  EXPECT_EQ(tree().find(id)->content->base, tree().find(id)->there->version.contentVersion);
+  EXPECT_TRUE(tree().find(id)->isExecutable);
+}
+
+TEST_F(TreeLostEditTest, ChangesOfAnotherVersionAreKeptBesideIt) {
+  const ItemId id = lost("/a", "v5").id;
+  list({file("1", "a", 6)});
+  EXPECT_THAT(names(), ElementsAre("a", "a" + kConflict));
+  EXPECT_EQ(tree().find(id)->name, "a" + kConflict);
+}
+
+TEST_F(TreeLostEditTest, WhatWasMadeHereIsMadeThereWithItsFolders) {
+  const ItemId id = lost("/d/e/a", "").id;
+  const ItemId other = lost("/d/e/b", "").id;
+  list({});
+  const Item& folder = *tree().find(id)->folder;
+  EXPECT_EQ(tree().find(other)->folder, &folder);
+  EXPECT_THAT(ready(), ElementsAre(Change{ChangeKind::create, folder.folder->id, {1, "d"}}));
+}
+
+TEST_F(TreeLostEditTest, NamesThatAreTakenOrNoneAreNoHindrance) {
+  lost("/a", "");
+  lost("/a", "");
+  lost("/a/b", "");
+  lost("/../c", "");
+  lost("/", "");
+  EXPECT_THAT(names(),
+              testing::UnorderedElementsAre("a", "a" + kConflict,
+                                            testing::StartsWith("a (conflict"), "c", "restored"));
+}
+
 TEST_F(TreeRestoreTest, FoldersThatAreThereInCirclesAreNot) {
   ItemRow d = there(row(2, 1, "d", true), "x");
   ItemRow e = there(row(3, 1, "e", true), "y");

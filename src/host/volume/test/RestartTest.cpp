@@ -82,6 +82,37 @@ TEST_F(RestartTest, AChangedFileIsAsLongAsItIsOnTheDiskFromTheFirstLookOn) {
   EXPECT_EQ(readPath("/a"), "hello there");
 }
 
+std::vector<std::string> notes(const std::filesystem::path& replica) {
+  std::vector<std::string> texts;
+  for (const auto& entry : std::filesystem::directory_iterator(replica / "contents")) {
+    if (entry.path().extension() == ".edit") texts.push_back(support::contentsOf(entry.path()));
+  }
+  return texts;
+}
+
+TEST_F(RestartTest, WhatIsUnsentIsNotedBesideItUntilItIsSent) {
+  remote().putFile("/a", "hello");
+  remote().putFolder("/docs");
+  names();
+  remote().setUnreachable(true);
+  makeFolder("/made");
+  save("/made/b", "new");
+  save("/removed", "gone");
+  EXPECT_EQ(removeFile("/removed"), 0);
+  ASSERT_THAT(notes(replica()), SizeIs(1));
+  EXPECT_EQ(EditDescription::parse(notes(replica())[0])->path, "/made/b");
+  EXPECT_EQ(rename("/made", "/moved"), 0);
+  ASSERT_THAT(notes(replica()), SizeIs(1));
+  const auto noted = EditDescription::parse(notes(replica())[0]);
+  EXPECT_EQ(noted->path, "/moved/b");
+  EXPECT_EQ(noted->sizeBytes, 3);
+  restart();
+  EXPECT_THAT(notes(replica()), SizeIs(1));
+  remote().setUnreachable(false);
+  ASSERT_TRUE(waitUntilSent());
+  EXPECT_THAT(notes(replica()), IsEmpty());
+}
+
 TEST_F(RestartTest, AnUploadThatArrivedWithoutAnAnswerIsNotRepeated) {
   remote().putFile("/a", "old");
   EXPECT_EQ(readPath("/a"), "old");
