@@ -389,18 +389,17 @@ ContentFile::Changed ContentFile::write(int file, const ContentChange& change) {
 ContentFile::Changed ContentFile::resize(int file, std::int64_t size) {
   const std::int64_t before = sizeBytes();
   if (size < 0) throw NSPOSIXError(EINVAL, "resize a file's contents");
+  const bool loses = size < state().fetchableBytes;
+  if (loses) log_->noteCutting(size);
   if (::ftruncate(file, size) != 0) throw NSPOSIXError(errno, "resize a file's contents");
   if (size >= before) return nowHere({before, size}, size);
-  bool loses = false;
   {
     MutexLock lock(mutex_);
-    loses = size < state_.fetchableBytes;
     state_.sizeBytes = size;
     state_.present.remove({size, kEndOfAll});
     state_.fetchableBytes = std::min(state_.fetchableBytes, size);
     stored_ = -1;
   }
-  // After the cut: noted before it, a crash in between would take bytes that were never here for bytes written since.
   if (loses) log_->noteCut(size);
   return {true};
 }

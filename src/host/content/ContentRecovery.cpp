@@ -45,10 +45,10 @@ void followLength(std::int64_t lengthOnDisk, ContentState& state) {
 }
 
 void recoverEdited(const std::shared_ptr<ContentDirectory>& directory, ContentState& state) {
-  RangeLog log(directory, state.number);
-  log.replay(state);
   LocalFilePtr file = directory->open(state.number);
   if (!file) file = directory->create(state.number);
+  RangeLog log(directory, state.number);
+  log.replay(state, file->sizeBytes());
   followLength(file->sizeBytes(), state);
   if (file->sizeBytes() != state.sizeBytes && ::ftruncate(file->descriptor(), state.sizeBytes) != 0)
     throw NSPOSIXError(errno, "mend the length of a changed file");

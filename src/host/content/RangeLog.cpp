@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <charconv>
 #include <limits>
+#include <optional>
 #include <span>
 #include <string_view>
 
@@ -35,9 +36,16 @@ std::string readAll(int file) {
   }
 }
 
-// False if it is no line of a log.
-bool apply(std::string_view line, ContentState& state) {
+void cut(std::int64_t size, ContentState& state) {
+  state.present.remove({size, kEndOfAll});
+  state.sizeBytes = std::min(state.sizeBytes, size);
+  state.fetchableBytes = std::min(state.fetchableBytes, size);
+}
+
+// False if it is no line of a log. `cutting`: the length of a cut of which it is not known yet whether it was made.
+bool apply(std::string_view line, ContentState& state, std::optional<std::int64_t>& cutting) {
   if (line.empty()) return false;
+  cutting.reset();
   const std::string_view value = line.substr(1);
   if (line.front() == '+') {
     const auto ranges = Ranges::parse(value);
@@ -47,10 +55,13 @@ bool apply(std::string_view line, ContentState& state) {
   }
   std::int64_t size = 0;
   const auto parsed = std::from_chars(value.data(), value.data() + value.size(), size);
-  if (line.front() != '=' || parsed.ec != std::errc() || size < 0) return false;
-  state.present.remove({size, kEndOfAll});
-  state.sizeBytes = std::min(state.sizeBytes, size);
-  state.fetchableBytes = std::min(state.fetchableBytes, size);
+  if (parsed.ec != std::errc() || size < 0) return false;
+  if (line.front() == '~') {
+    cutting = size;
+    return true;
+  }
+  if (line.front() != '=') return false;
+  cut(size, state);
   return true;
 }
 
@@ -77,6 +88,10 @@ void RangeLog::noteHere(ByteRange range) {
   append("+" + ranges.text() + "\n");
 }
 
+void RangeLog::noteCutting(std::int64_t sizeBytes) {
+  append("~" + std::to_string(sizeBytes) + "\n");
+}
+
 void RangeLog::noteCut(std::int64_t sizeBytes) { append("=" + std::to_string(sizeBytes) + "\n"); }
 
 void RangeLog::clear() {
@@ -90,16 +105,18 @@ void RangeLog::flush() {
     throw NSPOSIXError(errno, "bring the log of a file's contents to the disk");
 }
 
-void RangeLog::replay(ContentState& state) {
+void RangeLog::replay(ContentState& state, std::int64_t lengthOnDisk) {
   const auto file = directory_->openLog(number_, false);
   if (!file) return;
   const std::string text = readAll(file->number());
   std::string_view rest = text;
   std::size_t end = 0;
+  std::optional<std::int64_t> cutting;
   while ((end = rest.find('\n')) != std::string_view::npos) {
-    if (!apply(rest.substr(0, end), state)) break;
+    if (!apply(rest.substr(0, end), state, cutting)) break;
     rest.remove_prefix(end + 1);
   }
+  if (cutting && lengthOnDisk <= *cutting) cut(*cutting, state);
   // Lines that are added after a torn one would not be read.
   if (!rest.empty() &&
       ::ftruncate(file->number(), static_cast<off_t>(text.size() - rest.size())) != 0)

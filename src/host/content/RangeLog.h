@@ -3,11 +3,13 @@
 // A changed file that is not whole has two kinds of holes in what is known of it: bytes that must still be fetched, and
 // bytes that were written and whose ranges are not committed yet. A host that is killed and then took the second for the
 // first would fetch the store's bytes over the user's. So each range is noted here after its bytes are in the file and
-// before the write is answered, and so is each cut below what the store's version still has.
+// before the write is answered. Each cut below what the store's version still has is noted before and after it is made:
+// whether it was is seen by the file's length.
 //
 //   log   = { line }
 //   line  = "+" ranges "\n"    these bytes are here, as in Ranges::text
-//         | "=" size "\n"      cut to this length: nothing beyond it can be fetched any more
+//         | "~" size "\n"      about to be cut to this length
+//         | "=" size "\n"      cut to it: nothing beyond it can be fetched any more
 //
 // Lines count in their order; a torn last line is none. Repeating lines over a state that has them already changes nothing.
 //
@@ -28,6 +30,7 @@ class RangeLog {
       : directory_(std::move(directory)), number_(number) {}
 
   void noteHere(ByteRange range);
+  void noteCutting(std::int64_t sizeBytes);
   void noteCut(std::int64_t sizeBytes);
   /// How many lines were noted through this object.
   std::uint64_t noted() const { return noted_; }
@@ -35,8 +38,8 @@ class RangeLog {
   void clear();
   /// Brings it to the disk.
   void flush();
-  /// Applies what it says to `state`.
-  void replay(ContentState& state);
+  /// Applies what it says to `state`; the file is `lengthOnDisk` long.
+  void replay(ContentState& state, std::int64_t lengthOnDisk);
 
  private:
   void append(const std::string& line);

@@ -12,9 +12,9 @@ namespace {
 class RangeLogTest : public testing::Test {
  protected:
   RangeLogTest() { state_.present.add({0, 10}); }
-  ContentState replayed() {
+  ContentState replayed(std::int64_t lengthOnDisk = 100) {
     ContentState state = state_;
-    RangeLog(contents_, 5).replay(state);
+    RangeLog(contents_, 5).replay(state, lengthOnDisk);
     return state;
   }
   void appendText(const std::string& text) {
@@ -42,6 +42,18 @@ TEST_F(RangeLogTest, RangesAndCutsCountInTheirOrder) {
   // Over a state that knows it already.
   state_ = state;
   EXPECT_EQ(replayed(), state);
+}
+
+TEST_F(RangeLogTest, ACutThatWasBegunCountsIfTheFileIsThatShort) {
+  RangeLog log(contents_, 5);
+  log.noteCutting(5);
+  EXPECT_EQ(replayed(), state_);
+  const auto state = replayed(5);
+  EXPECT_EQ(state.sizeBytes, 5);
+  EXPECT_EQ(state.fetchableBytes, 5);
+  EXPECT_EQ(state.present.text(), "0-5");
+  log.noteHere({0, 3});  // the cut was not made, or was noted
+  EXPECT_EQ(replayed(5), state_);
 }
 
 TEST_F(RangeLogTest, AnEmptiedLogSaysNothing) {
