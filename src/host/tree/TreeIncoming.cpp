@@ -294,7 +294,11 @@ void Tree::applyItem(Item& item, const std::optional<ItemRecord>& record, std::u
   const bool isElsewhere =
       record->name != item.there->name || record->identifier != item.there->identifier ||
       (record->parentIdentifier && *record->parentIdentifier != folder.there->identifier);
-  if (isElsewhere) effects_.doubtful.insert(folder.id);
+  if (isElsewhere) {
+    effects_.doubtful.insert(folder.id);
+  } else {
+    item.placedAt = std::max(item.placedAt, asOf);
+  }
   applyContents(item, *record);
 }
 

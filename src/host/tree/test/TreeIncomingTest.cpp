@@ -210,6 +210,18 @@ TEST_F(TreeIncomingTest, WhoeverHadAnIdentifierBeforeIsAskedForAgain) {
 
 // ------------------------------------------------------------------------------------------- old answers
 
+TEST_F(TreeIncomingTest, AListingFromBeforeTheItemItselfWasAskedChangesNothing) {
+  list({file("1", "a", 5)});
+  const std::uint64_t before = tree().moment();
+  tree().applyItem(*at("a"), file("1", "a", 6), tree().moment());
+  check();
+  tree().remove(*at("a"));
+  tree().applyListing(root(), {file("1", "a", 5)}, "anchor", before);
+  check();
+  EXPECT_THAT(names(), testing::IsEmpty());
+  EXPECT_TRUE(effects_.doubtful.contains(kRootItem));
+}
+
 TEST_F(TreeIncomingTest, AnAnswerFromBeforeASendingChangesNothing) {
   list({file("1", "a", 3)});
   fill(*at("a"), 5, 1);
