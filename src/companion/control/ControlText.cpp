@@ -109,7 +109,11 @@ std::string statusText(const Json& status, Escaping escaping) {
     const Json& audit = status["lastAudit"];
     text += "Last audit: " + audit.at("at").get<std::string>() + ", " +
             pathText(audit.at("path"), escaping) + ", " +
-            counted(numberAt(audit, "differences"), "difference", "differences") + " repaired.\n";
+            counted(numberAt(audit, "differences"), "difference", "differences") +
+            " repaired; in all " + counted(numberAt(audit, "comparedInAll"), "folder", "folders") +
+            " compared, " +
+            counted(numberAt(audit, "differencesInAll"), "difference", "differences") +
+            " repaired.\n";
   }
   if (status.contains("lastSignal")) {
     text += "Last told of changes at the store: " + status["lastSignal"].get<std::string>() + ".\n";

@@ -83,7 +83,9 @@ Json toJson(const HostStatus& status) {
   if (status.lastAudit) {
     json["lastAudit"] = {{"at", platform::formatISO8601(status.lastAudit->at)},
                          {"path", pathToJson(status.lastAudit->path)},
-                         {"differences", status.lastAudit->differences}};
+                         {"differences", status.lastAudit->differences},
+                         {"comparedInAll", status.lastAudit->comparedInAll},
+                         {"differencesInAll", status.lastAudit->differencesInAll}};
   }
   if (status.lastSignal) json["lastSignal"] = platform::formatISO8601(*status.lastSignal);
   return json;

@@ -29,6 +29,9 @@ struct AuditReport {
   std::string path;
   /// What had to be repaired.
   std::uint64_t differences = 0;
+  /// Folders that this mount looked at, and what had to be repaired in them.
+  std::uint64_t comparedInAll = 0;
+  std::uint64_t differencesInAll = 0;
 };
 
 struct HostStatus {

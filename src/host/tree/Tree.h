@@ -153,6 +153,9 @@ class Tree {
   /// a whole listing can tell more.
   void applyChanges(Item& folder, const std::vector<ReportedChange>& changes,
                     platform::NSFileProviderSyncAnchor anchor, std::uint64_t asOf);
+  /// How many of the folder's items are not at the store as they were last known to be, by `items`, its whole content:
+  /// new, gone, or others' version. Those whose changes are on their way do not count.
+  std::size_t countDifferences(const Item& folder, const std::vector<ItemRecord>& items) const;
   /// One item was asked for: what it is, or that it is not there (which is not believed while a change of it is on its
   /// way: that one is ended first). A removal that loses against newer contents is undone: a
   /// sender looks whether the item is linked or still there afterwards.

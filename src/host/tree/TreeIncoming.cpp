@@ -270,6 +270,30 @@ void Tree::returnLeft(const Batch& batch) {
   }
 }
 
+std::size_t Tree::countDifferences(const Item& folder, const std::vector<ItemRecord>& items) const {
+  const auto isMoving = [](const Item& item) {
+    return item.isUnderWay || item.awaited || item.there->isProvisional;
+  };
+  std::size_t differences = 0;
+  std::unordered_set<const Item*> shown;
+  for (const ItemRecord& record : items) {
+    const Item* item = occupant({folder.id, record.name});
+    if (item == nullptr) {
+      const bool isShown = whyNotAFileName(record.name) == nullptr;
+      if (isShown && awaitedAt({folder.id, record.name}).empty()) ++differences;
+      continue;
+    }
+    shown.insert(item);
+    const bool isOther =
+        record.isFolder != item->isFolder || (!item->isFolder && !isSameFile(*item->there, record));
+    if (isOther && !isMoving(*item)) ++differences;
+  }
+  for (const Item* item : childrenThere(folder)) {
+    if (!shown.contains(item) && !isMoving(*item)) ++differences;
+  }
+  return differences;
+}
+
 void Tree::applyItem(Item& item, const std::optional<ItemRecord>& record, std::uint64_t asOf) {
   Batch batch;
   batch.asOf = asOf;

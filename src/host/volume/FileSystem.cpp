@@ -54,6 +54,7 @@ FileSystem::FileSystem(Volume::Services services, FileSystemOptions options)
   contents_ = std::make_shared<Contents>(volume_, std::move(listener));
   spaceMaker_ = std::make_shared<SpaceMaker>(volume_, contents_, options_.limits);
   *spaceMaker = spaceMaker_;
+  auditor_ = std::make_shared<Auditor>(volume_, lister_);
   keeper_ = std::make_shared<Keeper>(volume_, contents_);
   auto described = [keeper = std::weak_ptr<Keeper>(keeper_)](
                        std::vector<platform::NSFileProviderItemPtr> items) {
@@ -85,6 +86,7 @@ void FileSystem::start() {
   refresher_->signal();
   keeper_->begin();
   spaceMaker_->begin();
+  auditor_->begin();
 }
 
 void FileSystem::changesSignalled() {
@@ -97,6 +99,7 @@ void FileSystem::stop() {
   sender_->stop();
   keeper_->stop();
   spaceMaker_->stop();
+  auditor_->stop();
   refresher_->stop();
   calls_->stop();
   volume_->services().extension->invalidate();

@@ -17,6 +17,7 @@
 
 #include "host/front/Dispatcher.h"
 #include "host/volume/Activity.h"
+#include "host/volume/Auditor.h"
 #include "host/volume/Contents.h"
 #include "host/volume/ExtensionCalls.h"
 #include "host/volume/FolderLister.h"
@@ -95,6 +96,7 @@ class FileSystem final : public Dispatcher {
   const std::shared_ptr<ExtensionCalls>& calls() const { return calls_; }
   const std::shared_ptr<Keeper>& keeper() const { return keeper_; }
   const std::shared_ptr<Activity>& activity() const { return activity_; }
+  const std::shared_ptr<Auditor>& auditor() const { return auditor_; }
   const SpaceLimits& limits() const { return options_.limits; }
 
  private:
@@ -117,6 +119,7 @@ class FileSystem final : public Dispatcher {
   const std::shared_ptr<Activity> activity_ = std::make_shared<Activity>();
   std::shared_ptr<Keeper> keeper_;
   std::shared_ptr<SpaceMaker> spaceMaker_;
+  std::shared_ptr<Auditor> auditor_;
   std::atomic<bool> stopped_ = false;
 };
 

@@ -66,6 +66,23 @@ void FolderLister::list(ItemId folder, Reply<Done> reply) {
   begin(folder);
 }
 
+void FolderLister::compare(ItemId folder, Reply<std::size_t> reply) {
+  {
+    MutexLock lock(mutex_);
+    compared_[folder] = 0;
+  }
+  list(folder,
+       [self = shared_from_this(), folder, reply = std::move(reply)](const Answer<Done>& listed) {
+         std::size_t differences = 0;
+         {
+           MutexLock lock(self->mutex_);
+           differences = self->compared_.extract(folder).mapped();
+         }
+         if (!listed.ok()) return reply(listed.error());
+         reply(differences);
+       });
+}
+
 bool FolderLister::join(ItemId folder, Reply<Done> reply) {
   MutexLock lock(mutex_);
   const auto found = running_.find(folder);
@@ -103,10 +120,17 @@ void FolderLister::begin(ItemId folder) {
 void FolderLister::listed(ItemId folder, std::uint64_t asOf, std::chrono::nanoseconds began,
                           const Answer<Listing>& listing) {
   bool applied = false;
+  bool isCompared = false;
+  std::size_t differences = 0;
+  {
+    MutexLock lock(mutex_);
+    isCompared = compared_.contains(folder);
+  }
   if (listing.ok()) {
     volume_->change([&](Tree& tree, Nodes&) {
       Item* item = tree.find(folder);
       if (item == nullptr || !item->isFolder || !item->there) return;
+      if (isCompared) differences = tree.countDifferences(*item, listing.value().items);
       tree.applyListing(*item, listing.value().items, listing.value().anchor, asOf);
       applied = item->part->listing.isEnumerated && !item->part->listing.hasStaleIdentifiers;
     });
@@ -119,6 +143,8 @@ void FolderLister::listed(ItemId folder, std::uint64_t asOf, std::chrono::nanose
   bool again = false;
   {
     MutexLock lock(mutex_);
+    if (const auto compared = compared_.find(folder); compared != compared_.end())
+      compared->second = differences;
     if (applied) {
       if (fresh_.size() >= kMostFresh) fresh_.clear();
       fresh_[folder] = began;

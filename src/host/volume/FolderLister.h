@@ -34,6 +34,8 @@ class FolderLister : public std::enable_shared_from_this<FolderLister> {
   void list(ItemId folder, Reply<Done> reply);
   /// As `list`, unless a listing of the folder began less than `age` ago and was applied.
   void listUnlessFresh(ItemId folder, std::chrono::nanoseconds age, Reply<Done> reply);
+  /// As `list`; answers with how many items of the folder were not there as they were known.
+  void compare(ItemId folder, Reply<std::size_t> reply);
   /// Answers when the enumeration of the folder that runs has ended; false, and no answer, if none does.
   bool join(ItemId folder, Reply<Done> reply);
   /// The folders that are being enumerated.
@@ -58,6 +60,8 @@ class FolderLister : public std::enable_shared_from_this<FolderLister> {
   Described described_;
   platform::Mutex mutex_;
   std::map<ItemId, Running> running_ GUARDED_BY(mutex_);
+  /// Folders that are to be compared, and what the last listing of each came to.
+  std::map<ItemId, std::size_t> compared_ GUARDED_BY(mutex_);
   std::map<ItemId, std::chrono::nanoseconds> fresh_ GUARDED_BY(mutex_);
 };
 

@@ -93,6 +93,7 @@ VolumeControl::Work::Work(const FileSystem& fileSystem, Outside givenOutside)
       calls(fileSystem.calls()),
       keeper(fileSystem.keeper()),
       activity(fileSystem.activity()),
+      auditor(fileSystem.auditor()),
       limits(fileSystem.limits()),
       outside(std::move(givenOutside)) {}
 
@@ -125,6 +126,7 @@ HostStatus VolumeControl::Work::status() {
   status.isStoreReachable = facts.storeError.empty();
   status.storeError = facts.storeError;
   status.lastSignal = facts.lastSignal;
+  status.lastAudit = auditor->last();
   return status;
 }
 

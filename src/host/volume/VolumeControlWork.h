@@ -33,6 +33,7 @@ class VolumeControl::Work : public std::enable_shared_from_this<Work> {
   const std::shared_ptr<ExtensionCalls> calls;
   const std::shared_ptr<Keeper> keeper;
   const std::shared_ptr<Activity> activity;
+  const std::shared_ptr<Auditor> auditor;
   const SpaceLimits limits;
   const Outside outside;
 

@@ -50,7 +50,7 @@ TEST(ControlText, TroubleIsTold) {
   status.heldDeletionCount = 3;
   status.heldDeletions = {"/a\x1b", "/b"};
   status.cacheLimitBytes = 2048;
-  status.lastAudit = host::AuditReport{{}, "/Docs", 1};
+  status.lastAudit = host::AuditReport{{}, "/Docs", 1, 3, 1};
   status.lastSignal = platform::Date();
   const std::string text = statusOf(status);
   EXPECT_THAT(text, HasSubstr("cannot be reached: no route"));

@@ -26,7 +26,7 @@ TEST(ControlAnswer, TellsTheStatus) {
   for (int i = 0; i < 250; ++i) status.heldDeletions.push_back("/" + std::to_string(i));
   status.isStoreReachable = false;
   status.storeError = "no answer from \xff";
-  status.lastAudit = AuditReport{platform::Date(std::chrono::seconds(1)), "/Docs", 2};
+  status.lastAudit = AuditReport{platform::Date(std::chrono::seconds(1)), "/Docs", 2, 7, 9};
   status.lastSignal = platform::Date(std::chrono::seconds(2));
   const Json json = toJson(status);
   EXPECT_EQ(json["passthrough"], true);
@@ -45,6 +45,8 @@ TEST(ControlAnswer, TellsTheStatus) {
   EXPECT_EQ(json["lastAudit"]["at"], "1970-01-01T00:00:01Z");
   EXPECT_EQ(json["lastAudit"]["path"], "/Docs");
   EXPECT_EQ(json["lastAudit"]["differences"], 2);
+  EXPECT_EQ(json["lastAudit"]["comparedInAll"], 7);
+  EXPECT_EQ(json["lastAudit"]["differencesInAll"], 9);
   EXPECT_EQ(json["lastSignal"], "1970-01-01T00:00:02Z");
 }
 
