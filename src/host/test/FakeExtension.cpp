@@ -57,25 +57,33 @@ class FakeEnumerator final : public platform::NSFileProviderEnumerator {
       return;
     }
     auto self = FakeEnumerator(remote_, folder_);
-    remote_->answerLater(Ask::items, folder_, [self, observer](const NSErrorPtr& error) {
-      if (error) {
-        observer->finishEnumeratingWithError(error);
-      } else {
-        self.givePage(observer, 0);
-      }
-    });
+    const auto taken = std::make_shared<std::optional<Listed>>();
+    remote_->answerLater(
+        Ask::items, folder_,
+        [self, observer, taken](const NSErrorPtr& error) {
+          if (error) {
+            observer->finishEnumeratingWithError(error);
+          } else {
+            self.givePage(observer, 0, *taken);
+          }
+        },
+        [self, taken] { *taken = self.listNow(); });
   }
 
   void enumerateChanges(std::shared_ptr<platform::NSFileProviderChangeObserver> observer,
                         platform::NSFileProviderSyncAnchor anchor) override {
     auto self = FakeEnumerator(remote_, folder_);
-    remote_->answerLater(Ask::changes, folder_, [self, observer, anchor](const NSErrorPtr& error) {
-      if (error) {
-        observer->finishEnumeratingWithError(error);
-      } else {
-        self.giveChanges(*observer, anchor);
-      }
-    });
+    const auto taken = std::make_shared<std::optional<Listed>>();
+    remote_->answerLater(
+        Ask::changes, folder_,
+        [self, observer, anchor, taken](const NSErrorPtr& error) {
+          if (error) {
+            observer->finishEnumeratingWithError(error);
+          } else {
+            self.giveChanges(*observer, anchor, *taken);
+          }
+        },
+        [self, taken] { *taken = self.listNow(); });
   }
 
   void currentSyncAnchor(std::function<void(std::optional<platform::NSFileProviderSyncAnchor>)>
@@ -84,14 +92,33 @@ class FakeEnumerator final : public platform::NSFileProviderEnumerator {
   }
 
  private:
+  // What there is at a moment; no items if the folder is not there.
+  struct Listed {
+    std::uint64_t time = 0;
+    std::optional<std::vector<RemoteItem>> items;
+  };
+  Listed listNow() const {
+    MutexLock lock(remote_->mutex_);
+    Listed listed{remote_->time_, std::nullopt};
+    const auto found = remote_->folders_.find(folder_);
+    if (found != remote_->folders_.end()) listed.items = found->second.items;
+    return listed;
+  }
+
   void givePage(const std::shared_ptr<platform::NSFileProviderEnumerationObserver>& observer,
-                std::size_t from) const {
-    auto items = remote_->listing(folder_);
+                std::size_t from, const std::optional<Listed>& taken = std::nullopt) const {
+    const Listed listed = taken ? *taken : listNow();
+    if (!listed.items) {
+      observer->finishEnumeratingWithError(
+          NSFileProviderError(NSFileProviderError::noSuchItem).share());
+      return;
+    }
+    const std::vector<RemoteItem>& items = *listed.items;
     std::size_t pageSize = 0;
     {
       MutexLock lock(remote_->mutex_);
       // Changes from now on are changes of what was told here.
-      remote_->history_[remote_->time_][folder_].items = items;
+      if (!remote_->everyChangeMoves_) remote_->history_[listed.time][folder_].items = items;
       pageSize = remote_->pageSize_ == 0 ? items.size() + 1 : remote_->pageSize_;
     }
     const std::size_t end = std::min(items.size(), from + pageSize);
@@ -103,20 +130,25 @@ class FakeEnumerator final : public platform::NSFileProviderEnumerator {
                                                            : std::nullopt);
   }
 
-  void giveChanges(platform::NSFileProviderChangeObserver& observer,
-                   const std::string& anchor) const {
+  void giveChanges(platform::NSFileProviderChangeObserver& observer, const std::string& anchor,
+                   const std::optional<Listed>& taken) const {
+    const Listed listed = taken ? *taken : listNow();
+    if (!listed.items) {
+      observer.finishEnumeratingWithError(
+          NSFileProviderError(NSFileProviderError::noSuchItem).share());
+      return;
+    }
     bool silent = false;
     bool exaggerate = false;
     bool expired = false;
     std::size_t atOnce = 0;
-    std::uint64_t now = 0;
+    const std::uint64_t now = listed.time;
     {
       MutexLock lock(remote_->mutex_);
       silent = remote_->changesFail_;
       exaggerate = remote_->exaggerate_;
       expired = remote_->anchorsExpired_;
       atOnce = remote_->changesAtOnce_;
-      now = remote_->time_;
     }
     if (expired) {
       observer.finishEnumeratingWithError(
@@ -131,11 +163,10 @@ class FakeEnumerator final : public platform::NSFileProviderEnumerator {
     const std::uint64_t since = std::stoull(anchor.substr(anchor.find('-') + 1));
     if (atOnce > 0) until = std::min<std::uint64_t>(now, since + atOnce);
     const auto before = remote_->listingAt(folder_, since);
-    const auto after =
-        until == now ? remote_->listing(folder_) : remote_->listingAt(folder_, until);
+    const auto after = until == now ? *listed.items : remote_->listingAt(folder_, until);
     std::vector<std::string> deleted;
-    for (const auto& item : before) {
-      if (byIdentifier(after, item.identifier) == nullptr) deleted.push_back(item.identifier);
+    for (const auto& identifier : remote_->seenIn(folder_, since, until)) {
+      if (byIdentifier(after, identifier) == nullptr) deleted.push_back(identifier);
     }
     if (exaggerate) deleted.push_back("item-that-never-was");
     std::vector<RemoteItem> updated;
@@ -163,12 +194,15 @@ class FakeExtension : public platform::NSFileProviderReplicatedExtension {
 
   platform::NSProgressPtr item(std::string identifier, platform::NSFileProviderRequest,
                                ItemHandler completionHandler) override {
-    auto answer = [remote = remote_, identifier, completionHandler](NSErrorPtr error) {
-      NSFileProviderItemPtr item = error ? nullptr : remote->described(identifier);
+    const auto taken = std::make_shared<std::optional<NSFileProviderItemPtr>>();
+    auto take = [remote = remote_, identifier, taken] { *taken = remote->described(identifier); };
+    auto answer = [take, taken, completionHandler](NSErrorPtr error) {
+      if (!*taken) take();
+      NSFileProviderItemPtr item = error ? nullptr : **taken;
       if (!error && !item) error = NSFileProviderError(NSFileProviderError::noSuchItem).share();
       completionHandler(item, error);
     };
-    remote_->answerLater(Ask::item, identifier, answer);
+    remote_->answerLater(Ask::item, identifier, answer, take);
     return cancellable();
   }
 

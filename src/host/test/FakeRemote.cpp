@@ -71,6 +71,7 @@ std::string FakeRemote::putFolder(const std::string& path) {
   item.isFolder = true;
   folders_[item.identifier];
   folderAt(platform::deletingLastPathComponent(path)).items.push_back(item);
+  changed();
   return item.identifier;
 }
 
@@ -80,7 +81,9 @@ std::string FakeRemote::putFile(const std::string& path, std::string contents) {
   item.name = platform::lastPathComponent(path);
   item.identifier = identifierAt(path);
   item.contents = std::move(contents);
+  item.version = versionOf("put", item);
   folderAt(platform::deletingLastPathComponent(path)).items.push_back(item);
+  changed();
   return item.identifier;
 }
 
@@ -102,8 +105,9 @@ void FakeRemote::overwrite(const std::string& path, std::string contents) {
   MutexLock lock(mutex_);
   RemoteItem* item = find(path);
   item->contents = std::move(contents);
-  item->version += "+";
+  item->version = versionOf("overwritten", *item);
   item->modified += std::chrono::seconds(1);
+  changed();
 }
 
 void FakeRemote::loseContents(const std::string& path) {
@@ -113,16 +117,20 @@ void FakeRemote::loseContents(const std::string& path) {
 
 void FakeRemote::remove(const std::string& path) {
   MutexLock lock(mutex_);
-  auto& items = folderAt(platform::deletingLastPathComponent(path)).items;
-  const std::string name = platform::lastPathComponent(path);
-  std::erase_if(items, [&](const auto& item) { return item.name == name; });
+  const RemoteItem* item = find(path);
+  if (item == nullptr) return;
+  std::vector<std::string> gone;
+  removeFrom(folderAt(platform::deletingLastPathComponent(path)), std::string(item->identifier),
+             gone);
+  changed();
 }
 
 void FakeRemote::rename(const std::string& from, const std::string& to) {
   MutexLock lock(mutex_);
   const std::string parent = platform::deletingLastPathComponent(to);
   const std::string folder = parent == "/" ? kRoot : find(parent)->identifier;
-  place(find(from)->identifier, folder, platform::lastPathComponent(to));
+  place(std::string(find(from)->identifier), folder, platform::lastPathComponent(to));
+  changed();
 }
 
 void FakeRemote::announce() {
@@ -163,27 +171,40 @@ std::vector<RemoteItem> FakeRemote::listingAt(const std::string& folderIdentifie
 }
 
 void FakeRemote::answerLater(Ask ask, const std::string& identifier,
-                             std::function<void(NSErrorPtr)> answer) {
-  answerAt(ask, pathIn(identifier), std::move(answer));
+                             std::function<void(NSErrorPtr)> answer, std::function<void()> take) {
+  answerAt(ask, pathIn(identifier), std::move(answer), std::move(take));
 }
 
-void FakeRemote::answerAt(Ask ask, const std::string& path,
-                          std::function<void(NSErrorPtr)> answer) {
-  NSErrorPtr failure;
+void FakeRemote::answerAt(Ask ask, const std::string& path, std::function<void(NSErrorPtr)> answer,
+                          std::function<void()> take) {
+  Treatment treatment;
+  Held question{ask, path,
+                [self = shared_from_this(), answer = std::move(answer)](const NSErrorPtr& error) {
+                  answer(error);
+                  MutexLock lock(self->mutex_);
+                  --self->underWay_;
+                }};
+  Weather weather;
   {
     MutexLock lock(mutex_);
     const Key key(ask, path);
     ++counts_[key];
+    ++underWay_;
     asked_.notify_all();
     if (holding_[key]) {
-      held_.push_back({ask, key.second, std::move(answer)});
+      held_.push_back(std::move(question));
       return;
     }
-    if (const auto found = failures_.find(key); found != failures_.end()) failure = found->second;
-    if (unreachable_) failure = NSFileProviderError(NSFileProviderError::serverUnreachable).share();
+    if (const auto found = failures_.find(key); found != failures_.end())
+      treatment = {Treatment::Kind::refused, found->second};
+    if (unreachable_) {
+      treatment = {Treatment::Kind::refused,
+                   NSFileProviderError(NSFileProviderError::serverUnreachable).share()};
+    }
+    weather = weather_;
   }
-  boost::asio::post(platform::sharedExecutor(),
-                    [answer = std::move(answer), failure] { answer(failure); });
+  if (weather) treatment = weather(ask);
+  answerUnder(treatment, question, take);
 }
 
 void FakeRemote::hold(Ask ask, const std::string& path) {

@@ -17,6 +17,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -62,7 +63,20 @@ class FakeRemote : public std::enable_shared_from_this<FakeRemote> {
   /// Before anything is put.
   void usePathsAsIdentifiers();
 
+  // As others do it at one moment, whatever the host does meanwhile; each says whether it was possible.
+  bool tryPut(const std::string& path, const std::optional<std::string>& contents);
+  /// `gone`: the contents that went.
+  bool tryOverwrite(const std::string& path, std::string contents, std::string& gone);
+  bool tryRemove(const std::string& path, std::vector<std::string>& gone);
+  bool tryRename(const std::string& from, const std::string& to);
+
   // What became of it.
+  /// Every path with the contents of files.
+  std::map<std::string, std::optional<std::string>> tree();
+  /// Of a file that is or was here; none for versions that never were. No two files have one.
+  std::optional<std::string> contentsOfVersion(const std::string& version) const;
+  /// The same, and all that its identifier stood for since: what a fetch may bring.
+  std::vector<std::string> contentsSince(const std::string& version) const;
   std::optional<std::string> contents(const std::string& path);
   /// Empty if there is nothing.
   std::string identifierOf(const std::string& path);
@@ -76,6 +90,23 @@ class FakeRemote : public std::enable_shared_from_this<FakeRemote> {
   void setSignalFile(std::filesystem::path file);
 
   // How it answers.
+  /// What becomes of one question: `late` is what was so when it was asked, told when it is released; so do changes
+  /// happen at once then. With `lost` they happen, and fail all the same.
+  struct Treatment {
+    enum class Kind { fair, refused, lost, held, late };
+    Kind kind = Kind::fair;
+    platform::NSErrorPtr error;
+  };
+  /// Decides about every question from now on, on any thread; null: all are treated fairly.
+  using Weather = std::function<Treatment(Ask ask)>;
+  void setWeather(Weather weather);
+  /// Lets go what the weather holds back; with an error nothing of it happens any more.
+  void releaseAll(platform::NSErrorPtr error = nullptr);
+  std::size_t countHeld() const;
+  /// Questions that are not answered.
+  std::size_t countUnderWay() const;
+  /// Every change moves the sync anchor, not only `announce`.
+  void moveAnchorWithEveryChange();
   /// From now on answers about `path` wait until they are released, or fail with `error`.
   void hold(Ask ask, const std::string& path);
   void release(Ask ask, const std::string& path, platform::NSErrorPtr error = nullptr);
@@ -126,9 +157,14 @@ class FakeRemote : public std::enable_shared_from_this<FakeRemote> {
   };
 
   // Counts a question and answers it on the executor, at once or when it is released.
+  // `take`: finds out, or does, what is to be answered.
   void answerLater(Ask ask, const std::string& identifier,
-                   std::function<void(platform::NSErrorPtr)> answer);
-  void answerAt(Ask ask, const std::string& path, std::function<void(platform::NSErrorPtr)> answer);
+                   std::function<void(platform::NSErrorPtr)> answer,
+                   std::function<void()> take = nullptr);
+  void answerAt(Ask ask, const std::string& path, std::function<void(platform::NSErrorPtr)> answer,
+                std::function<void()> take = nullptr);
+  void answerUnder(const Treatment& treatment, const Held& question,
+                   const std::function<void()>& take);
   // As `answerLater`; without an error the change is made first.
   void changeLater(Ask ask, const std::string& path,
                    const std::function<platform::NSFileProviderItemPtr()>& change,
@@ -146,12 +182,21 @@ class FakeRemote : public std::enable_shared_from_this<FakeRemote> {
   void removeItem(const std::string& identifier);
   std::string anchor() const;
   std::vector<RemoteItem> listing(const std::string& folderIdentifier) const;
+  // The identifiers of what was in the folder at one of these times.
+  std::set<std::string> seenIn(const std::string& folderIdentifier, std::uint64_t from,
+                               std::uint64_t to) const;
   std::vector<RemoteItem> listingAt(const std::string& folderIdentifier, std::uint64_t time) const;
 
   RemoteItem* find(const std::string& path) REQUIRES_LOCK(mutex_);
   Folder& folderAt(const std::string& path) REQUIRES_LOCK(mutex_);
   Folder* folderOf(const std::string& identifier, std::string& parent) REQUIRES_LOCK(mutex_);
   static RemoteItem* findIn(Folder& folder, const std::string& identifier);
+  void changed() REQUIRES_LOCK(mutex_);
+  std::string versionOf(const char* kind, const RemoteItem& item) REQUIRES_LOCK(mutex_);
+  void removeFrom(Folder& folder, const std::string& identifier, std::vector<std::string>& gone)
+      REQUIRES_LOCK(mutex_);
+  RemoteItem* findIfThere(const std::string& path) REQUIRES_LOCK(mutex_);
+  bool isFolderAt(const std::string& path) REQUIRES_LOCK(mutex_);
   void store(RemoteItem& item, const std::filesystem::path& contents) REQUIRES_LOCK(mutex_);
   platform::NSFileProviderItemPtr answerFor(const RemoteItem& item, const std::string& parent,
                                             bool hasContents) REQUIRES_LOCK(mutex_);
@@ -178,6 +223,12 @@ class FakeRemote : public std::enable_shared_from_this<FakeRemote> {
   bool pathIdentifiers_ GUARDED_BY(mutex_) = false;
   bool unreachable_ GUARDED_BY(mutex_) = false;
   std::deque<Held> held_ GUARDED_BY(mutex_);
+  Weather weather_ GUARDED_BY(mutex_);
+  std::vector<Held> heldByWeather_ GUARDED_BY(mutex_);
+  std::size_t underWay_ GUARDED_BY(mutex_) = 0;
+  bool everyChangeMoves_ GUARDED_BY(mutex_) = false;
+  std::map<std::string, std::string> versions_ GUARDED_BY(mutex_);  // the contents of each
+  std::map<std::string, std::vector<std::string>> versionsOf_ GUARDED_BY(mutex_);  // by identifier
   std::filesystem::path signalFile_ GUARDED_BY(mutex_);
   bool changesFail_ GUARDED_BY(mutex_) = false;
   bool exaggerate_ GUARDED_BY(mutex_) = false;

@@ -56,7 +56,7 @@ NSFileProviderItemPtr FakeRemote::described(const std::string& identifier) const
 
 void FakeRemote::store(RemoteItem& item, const std::filesystem::path& contents) {
   item.contents = platform::readFile(contents);
-  item.version = "stored-" + std::to_string(nextVersion_++);
+  item.version = versionOf("stored", item);
   item.modified = std::chrono::floor<std::chrono::seconds>(platform::SystemClock().now());
   uploads_.push_back(pathOf(item.identifier));
 }
@@ -65,7 +65,7 @@ void FakeRemote::store(RemoteItem& item, const std::filesystem::path& contents) 
 NSFileProviderItemPtr FakeRemote::answerFor(const RemoteItem& item, const std::string& parent,
                                             bool hasContents) {
   RemoteItem answer = item;
-  if (hasContents) answer.version = "answered-" + std::to_string(nextVersion_++);
+  if (hasContents) answer.version = versionOf("answered", item);
   return std::make_shared<FakeItem>(answer, parent);
 }
 
@@ -90,6 +90,7 @@ NSFileProviderItemPtr FakeRemote::create(const platform::NSFileProviderItem& wan
   } else {
     folders_[item.identifier];
   }
+  changed();
   return answerFor(folders_[parent].items.back(), parent, contents.has_value());
 }
 
@@ -115,6 +116,7 @@ NSFileProviderItemPtr FakeRemote::modify(const platform::NSFileProviderItem& wan
   }
   RemoteItem& item = *findIn(folders_[parent], identifier);
   if (contents) store(item, *contents);
+  changed();
   return answerFor(item, parent, contents.has_value());
 }
 
@@ -123,7 +125,9 @@ void FakeRemote::removeItem(const std::string& identifier) {
   std::string parent;
   Folder* folder = folderOf(identifier, parent);
   if (folder == nullptr) throw NSFileProviderError(NSFileProviderError::noSuchItem);
-  std::erase_if(folder->items, [&](const auto& item) { return item.identifier == identifier; });
+  std::vector<std::string> gone;
+  removeFrom(*folder, std::string(identifier), gone);
+  changed();
 }
 
 RemoteItem* FakeRemote::findIn(Folder& folder, const std::string& identifier) {
@@ -141,6 +145,8 @@ std::string FakeRemote::place(const std::string& identifier, const std::string& 
   std::erase_if(left->items, [&](const auto& other) { return other.identifier == identifier; });
   item.name = name;
   if (pathIdentifiers_) item.identifier = identifierFor(parent, name);
+  if (item.identifier != identifier && !item.isFolder)
+    versionsOf_[item.identifier].push_back(item.version);
   folders_[parent].items.push_back(item);
   if (item.isFolder && item.identifier != identifier) renumber(identifier, item.identifier);
   return item.identifier;
@@ -150,6 +156,7 @@ void FakeRemote::renumber(const std::string& from, const std::string& to) {
   Folder folder = std::move(folders_.extract(from).mapped());
   for (RemoteItem& item : folder.items) {
     const std::string before = std::exchange(item.identifier, to + "/" + item.name);
+    if (!item.isFolder) versionsOf_[item.identifier].push_back(item.version);
     if (item.isFolder) renumber(before, item.identifier);
   }
   folders_[to] = std::move(folder);
@@ -168,22 +175,31 @@ std::string FakeRemote::identifierFor(const std::string& parent, const std::stri
 void FakeRemote::changeLater(
     Ask ask, const std::string& path, const std::function<NSFileProviderItemPtr()>& change,
     const std::function<void(NSFileProviderItemPtr item, NSErrorPtr error)>& answer) {
-  answerAt(ask, path, [self = shared_from_this(), ask, path, change, answer](NSErrorPtr error) {
+  struct Made {
+    bool isTried = false;
     NSFileProviderItemPtr item;
-    if (!error) {
-      try {
-        item = change();
-      } catch (const platform::NSError& failure) {
-        error = failure.share();
-      }
+    NSErrorPtr error;
+  };
+  const auto made = std::make_shared<Made>();
+  auto make = [made, change] {
+    made->isTried = true;
+    try {
+      made->item = change();
+    } catch (const platform::NSError& failure) {
+      made->error = failure.share();
     }
+  };
+  auto tell = [self = shared_from_this(), ask, path, made, make, answer](NSErrorPtr error) {
+    if (!error && !made->isTried) make();
+    if (!error) error = made->error;
     {
       MutexLock lock(self->mutex_);
       const auto lost = self->lost_.find({ask, path});
       if (!error && lost != self->lost_.end()) error = lost->second;
     }
-    answer(error ? nullptr : item, error);
-  });
+    answer(error ? nullptr : made->item, error);
+  };
+  answerAt(ask, path, tell, make);
 }
 
 void FakeRemote::loseAnswers(Ask ask, const std::string& path, NSErrorPtr error) {

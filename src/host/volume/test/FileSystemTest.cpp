@@ -153,15 +153,18 @@ TEST_F(FileSystemTest, WrongKindsOfNodesAreRefused) {
 TEST_F(FileSystemTest, WhoWaitsForAFolderThatIsDeletedIsTold) {
   remote().putFolder("/gone");
   const NodeId gone = find("/gone").node;
-  remote().hold(Ask::items, "/gone");
+  remote().setWeather([](Ask ask) {
+    using Kind = FakeRemote::Treatment::Kind;
+    return FakeRemote::Treatment{ask == Ask::items ? Kind::late : Kind::fair, nullptr};
+  });
   const Awaited<Done> opened;
   fileSystem().openFolder(gone, opened.reply());
-  ASSERT_TRUE(remote().waitUntilAsked(Ask::items, "/gone", 1));
+  ASSERT_TRUE(support::waitUntil([this] { return remote().countHeld() == 1; }));
   remote().remove("/gone");
   announce();
   ASSERT_TRUE(waitForNames({}));
   EXPECT_EQ(openFolderError(gone), ESTALE);
-  remote().stopHolding(Ask::items, "/gone");
+  remote().releaseAll();
   EXPECT_EQ(errnoOf(opened.get()), ESTALE);
   EXPECT_THAT(names(), IsEmpty());
 }
