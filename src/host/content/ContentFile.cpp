@@ -316,6 +316,16 @@ void ContentFile::cancelEdit() {
   directory_->remove(unused);
 }
 
+// Not noted in the log: until the database knows, a crash finds the holes as they were, and they are given up again.
+bool ContentFile::giveUpMissing() {
+  MutexLock changing(changing_);
+  MutexLock lock(mutex_);
+  if (state_.number == 0 || isDiscarded_ || state_.isWhole()) return false;
+  state_.fetchableBytes = 0;
+  state_.present.add({0, state_.sizeBytes});
+  return true;
+}
+
 bool ContentFile::mayChange() const {
   MutexLock lock(mutex_);
   return editMayGoOn_;

@@ -85,6 +85,10 @@ class ContentFile {
   /// It was not.
   void cancelEdit();
 
+  /// Nothing of the store's version can be had any more: what is missing is zeros from now on. False if nothing is missing,
+  /// or nothing is here.
+  bool giveUpMissing();
+
   /// Whether it told anything new: other ranges or another length.
   struct Changed {
     bool state = false;

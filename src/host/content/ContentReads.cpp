@@ -194,7 +194,8 @@ bool ContentReads::goesOn(ByteRange read) {
 
 void ContentReads::start(const RunningPtr& running) {
   services_->fetching(item_, +1);
-  if (const NSErrorPtr error = chooseSource(running)) return ended(running, error);
+  if (const NSErrorPtr error = chooseSource(running))
+    return ended(running, isLostForGood(*error) ? nullptr : error);
   std::optional<ByteRange> asked;
   std::shared_ptr<ContentFetch> fetch;
   {
@@ -232,6 +233,16 @@ NSErrorPtr ContentReads::chooseSource(const RunningPtr& running) {
   }
   running->source = std::move(source.value());
   return nullptr;
+}
+
+// The store does not have the item: of the version that was here in part nothing can be had any more. Who wants to send it gets
+// what is here, which could not be sent for ever if the rest was waited for; others are told that bytes are missing.
+bool ContentReads::isLostForGood(const platform::NSError& error) {
+  const bool isGone = error.domain() == platform::kNSPOSIXErrorDomain && error.code() == ENOENT;
+  if (!isGone || !isFilling() || !content_->giveUpMissing()) return false;
+  services_->fetchFailed(item_, error);
+  services_->changed(item_, content_->state());
+  return true;
 }
 
 void ContentReads::arrived(const RunningPtr& running, Answer<FetchedFile> answer) {

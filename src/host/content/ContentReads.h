@@ -85,6 +85,7 @@ class ContentReads : public std::enable_shared_from_this<ContentReads> {
 
   void start(const RunningPtr& running);
   platform::NSErrorPtr chooseSource(const RunningPtr& running);
+  bool isLostForGood(const platform::NSError& error);
   void arrived(const RunningPtr& running, Answer<FetchedFile> answer);
   platform::NSErrorPtr take(const RunningPtr& running, const FetchedFile& file);
   bool isUntouched() const;

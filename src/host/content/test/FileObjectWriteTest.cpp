@@ -140,6 +140,18 @@ TEST_F(FileObjectWriteTest, AnEditedFileTakesNothingOfAnotherVersion) {
   EXPECT_EQ(object->state().version, "1");
 }
 
+TEST_F(FileObjectWriteTest, OfAnEditedFileThatIsGoneAtTheStoreWhatWasWrittenIsKept) {
+  const auto object = large();
+  EXPECT_EQ(write(object, 100, "edited"), 0);
+  store().remove();
+  EXPECT_EQ(fill(object), 0);
+  EXPECT_TRUE(object->state().isWhole());
+  EXPECT_EQ(remembered().told().fetchableBytes, 0);
+  EXPECT_EQ(read(object, 98, 10), std::string("\0\0edited\0\0", 10));
+  object->closed(true);
+  EXPECT_TRUE(object->snapshot().ok());
+}
+
 TEST_F(FileObjectWriteTest, AnEditOfWhatHasNothingIsOneOfTheVersionThatIsThere) {
   store().put("0123456789", "1");
   const auto object = fresh();

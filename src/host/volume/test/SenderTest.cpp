@@ -329,5 +329,22 @@ TEST_F(SenderTest, NamesThatAreExchangedAreExchangedThere) {
   EXPECT_THAT(remote().names(), ElementsAre("a", "b"));
 }
 
+// The bytes of which the old version had some are nowhere any more; what was written here is all that can be kept.
+TEST_F(SenderTest, WhatWasWrittenIntoAFileThatWasNotFetchedIsSentThoughItsVersionIsGone) {
+  remote().putFile("/a", "0123456789");
+  announce();
+  ASSERT_TRUE(waitForNames({"a"}));
+  const OpenFilePtr file = openForWriting("/a");
+  write(file, "abc", 2);
+  remote().overwrite("/a", "others");
+  close(file);
+  ASSERT_TRUE(waitUntilSent());
+  ASSERT_THAT(remote().names(), SizeIs(2));
+  EXPECT_EQ(remote().contents("/a"), "others");
+  EXPECT_EQ(remote().contents("/" + remote().names()[0] == "/a" ? "/" + remote().names()[1]
+                                                                : "/" + remote().names()[0]),
+            std::string("\0\0abc\0\0\0\0\0", 10));
+}
+
 }  // namespace
 }  // namespace kestrune::host::test
