@@ -326,7 +326,11 @@ void Tree::setContent(Item& item, const ContentState& state) {
   }
   ContentRow& row = *item.content;
   row.state = state;
-  if (!wasEdited && item.isEdited() && item.there) row.base = item.there->version.contentVersion;
+  if (!wasEdited && item.isEdited() && item.there) {
+    // What was not here before is of the version that its object was told, though the store's may be a newer one by now.
+    const bool isTold = isFirst && !state.version.empty();
+    row.base = isTold ? state.version : item.there->version.contentVersion;
+  }
   item.sizeBytes = state.sizeBytes;
   note(item);
   if (isFirst && !item.there && item.isLinked()) takeOver(item);
@@ -353,7 +357,20 @@ Item& Tree::create(Item& folder, std::string name, bool isFolder, bool isExecuta
 
 void Tree::changedHere(Item& item) { note(item); }
 
+// Its contents were changed here, from a version that the store has no longer: whoever removes it knows nothing of the new one.
+bool Tree::hasUnseen(const Item& item) {
+  return item.there && !item.isUnderWay && item.isEdited() &&
+         item.content->base != item.there->version.contentVersion;
+}
+
 void Tree::remove(Item& item) {
+  const bool isUnseen = hasUnseen(item);
+  unlinkAndLeave(item);
+  if (isUnseen) bringBack(leaveOwnThere(item));
+  if (!item.there && !item.isUnderWay) effects_.gone.insert(item.id);
+}
+
+void Tree::unlinkAndLeave(Item& item) {
   unlink(item, false);
   item.staysHere = false;  // what is there of it goes
   item.changed = FileTime::of(setting_.now());
@@ -361,13 +378,18 @@ void Tree::remove(Item& item) {
 }
 
 void Tree::move(Item& item, Item& folder, std::string name) {
-  if (Item* replaced = child(folder, name); replaced != nullptr && replaced != &item)
-    remove(*replaced);
+  Item* replaced = child(folder, name);
+  if (replaced == &item) replaced = nullptr;
+  const bool isUnseen = replaced != nullptr && hasUnseen(*replaced);
+  if (replaced != nullptr) unlinkAndLeave(*replaced);
   unlink(item, false);
   item.staysHere = false;  // the new name may be one that the extension takes
   item.changed = FileTime::of(setting_.now());
   link(item, folder, std::move(name), false);
   takeOver(item);
+  if (!isUnseen || !replaced->there) return;
+  bringBack(leaveOwnThere(*replaced));
+  effects_.gone.insert(replaced->id);
 }
 
 void Tree::exchange(Item& a, Item& b) {

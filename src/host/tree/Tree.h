@@ -125,7 +125,8 @@ class Tree {
   // ---- Changes made here. The caller has checked what the kernel leaves to it; what is said below is required.
   /// REQUIRES: `folder` is a linked folder, `name` a file name that is free in it.
   Item& create(Item& folder, std::string name, bool isFolder, bool isExecutable);
-  /// REQUIRES: linked, not the root; a folder is empty.
+  /// What the store got since its contents were changed here, and nobody saw, is shown in its place. REQUIRES: linked, not the
+  /// root; a folder is empty.
   void remove(Item& item);
   /// Moves; what has the new name is removed. REQUIRES: linked; `folder` is not within `item`; what has the name is
   /// of the same kind, and empty if it is a folder.
@@ -226,7 +227,9 @@ class Tree {
   void unlink(Item& item, bool tellKernel);
   void touch(Item& folder, bool tellKernel);
   void takeOver(Item& item);
-  void leaveOwnThere(Item& item);
+  Item& leaveOwnThere(Item& item);
+  static bool hasUnseen(const Item& item);
+  void unlinkAndLeave(Item& item);
   void doubtWhatWasMissed(const Item& item, const Place& place, const std::string& identifier);
   std::string freeNameFor(const Item& folder, const std::string& name) const;
   std::string nameIn(const Item& folder, const std::string& name) const;

@@ -431,13 +431,13 @@ bool Tree::adopt(Item& item, const ItemRecord& record) {
   if (!item.content) return isSent;
   ContentRow& row = *item.content;
   const platform::Date began{std::chrono::seconds(row.sendingSince)};
+  const std::string version = thereStateOf(record, 0).version.contentVersion;
   const bool isAsBefore =
       item.there && !item.there->isProvisional && isSameFile(*item.there, record);
   const bool isSending = row.sendingSince != 0 && !isAsBefore &&
                          record.sizeBytes == row.sendingBytes && isSince(record.modified, began);
   if (!isSent && !isSending) return false;
   if (!isSent) row.sendingSince = 0;
-  const std::string version = thereStateOf(record, 0).version.contentVersion;
   contentsAreThere(row, isSent ? row.sentEdits : row.sendingEdits, version);
   if (item.object && row.sentEdits <= row.state.edits)
     effects_.adopted.push_back({item.object, row.sentEdits, version});

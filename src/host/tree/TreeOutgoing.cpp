@@ -110,14 +110,20 @@ void Tree::takeOver(Item& item) {
   if (!keepsName) effects_.gone.insert(before->id);
 }
 
-// The item's own place at the store is to be cleared: that is left to one that is there alone.
-void Tree::leaveOwnThere(Item& item) {
-  Item& left = make(nextItem_++, false);
-  left.name = item.there->name;
-  left.sentAt = item.sentAt;
+// What is there of the item is another one from now on, which is there alone.
+Item& Tree::leaveOwnThere(Item& item) {
   ThereState there = *item.there;
   forgetThere(item);
+  Item& left = make(nextItem_++, false);
+  left.name = there.name;
+  left.sizeBytes = there.sizeBytes;
+  left.modified = FileTime::of(there.modified);
+  left.changed = left.modified;
+  left.accessed = left.modified;
+  left.isExecutable = item.isExecutable;
+  left.sentAt = item.sentAt;
   setThere(left, std::move(there));
+  return left;
 }
 
 void Tree::beginChange(Item& item, std::optional<Place> to) {
@@ -295,26 +301,16 @@ void Tree::refused(Item& item) {
 }
 
 Item& Tree::keepBoth(Item& item) {
-  ThereState there = *item.there;
-  const bool wasAtPlace = item.folder->id == there.folder && item.name == there.name;
-  forgetThere(item);
+  const bool wasAtPlace = item.folder->id == item.there->folder && item.name == item.there->name;
+  Item& stored = leaveOwnThere(item);
   item.content->base.clear();
   item.content->sendingSince = 0;
   if (wasAtPlace) {
     Item& folder = *item.folder;
-    const std::string conflicting = freeNameFor(folder, there.name);
+    const std::string conflicting = freeNameFor(folder, stored.there->name);
     unlink(item, true);
     link(item, folder, conflicting, true);
   }
-  Item& stored = make(nextItem_++, false);
-  stored.name = there.name;
-  stored.sizeBytes = there.sizeBytes;
-  stored.modified = FileTime::of(there.modified);
-  stored.changed = stored.modified;
-  stored.accessed = stored.modified;
-  stored.isExecutable = item.isExecutable;
-  stored.sentAt = item.sentAt;
-  setThere(stored, std::move(there));
   bringBack(stored);
   return stored;
 }

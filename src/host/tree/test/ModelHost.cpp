@@ -136,7 +136,10 @@ void ModelHost::mayGo(const Item& item) {
   if (item.isFolder) return;
   forgetToken(visible(item));
   mayGo_.insert(visible(item));
-  if (item.there) mayGo_.insert(store_.tokenOf(item.there->version.contentVersion));
+  if (!item.there) return;
+  const std::string& version = item.there->version.contentVersion;
+  const bool isUnseen = item.isEdited() && !item.isUnderWay && item.content->base != version;
+  if (!isUnseen) mayGo_.insert(store_.tokenOf(version));
 }
 
 void ModelHost::setBytes(Item& item, Token token, bool isEdit) {
@@ -238,6 +241,7 @@ void ModelHost::save(Item& item) {
     removeHere(item);
   }
   takeEffects();
+  // What the store got meanwhile may be there now.
   if (tree_->child(folder, name) == nullptr) edit(tree_->create(folder, name, false, false));
 }
 

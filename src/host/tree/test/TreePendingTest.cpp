@@ -43,6 +43,66 @@ TEST_F(TreePendingTest, BothAreKeptOfAFileThatWasMovedOutOfARemovedFolder) {
   EXPECT_THAT(ready(), ElementsAre(Change{ChangeKind::create, a.id, {1, "b"}}));
 }
 
+TEST_F(TreePendingTest, WhoRemovesWhatBothChangedRemovesOnlyWhatIsHere) {
+  list({file("1", "a", 3)});
+  Item& item = *at("a");
+  fill(item, 5, 1);
+  list({file("1", "a", 4)});
+  tree().remove(item);
+  check();
+  ASSERT_NE(at("a"), nullptr);
+  EXPECT_NE(at("a"), &item);
+  EXPECT_EQ(at("a")->sizeBytes, 4);
+  EXPECT_EQ(at("a")->there->identifier, "1");
+  EXPECT_THAT(ready(), IsEmpty());
+}
+
+TEST_F(TreePendingTest, SoDoesWhoReplacesIt) {
+  list({file("1", "a", 3), folder("2", "b")});
+  Item& item = *at("a");
+  fill(item, 5, 1);
+  list({file("1", "a", 4), folder("2", "b")});
+  tree().move(item, *at("b"), "c");
+  Item& other = make("other");
+  tree().move(other, *at("b"), "c");
+  check();
+  ASSERT_NE(at("a"), nullptr);
+  EXPECT_EQ(at("a")->sizeBytes, 4);
+  EXPECT_EQ(tree().child(*at("b"), "c"), &other);
+  EXPECT_THAT(ready(), ElementsAre(Change{ChangeKind::create, other.id, {at("b")->id, "c"}}));
+}
+
+TEST_F(TreePendingTest, WhatWasThereBeforeASendingIsNotTakenForWhatItBrought) {
+  list({file("1", "a", 3)});
+  Item& item = *at("a");
+  fill(item, 5, 1);
+  ItemRecord first = file("1", "a", 5);
+  first.modified = now_;
+  send(item, first);
+  list({first});
+  fill(item, 5, 2);
+  tree().beginSending(item, 5, 2);
+  tree().endChange(item);  // with an error
+  list({first});
+  EXPECT_TRUE(item.isEdited());
+  EXPECT_THAT(ready(), ElementsAre(Change{ChangeKind::send, item.id, {}}));
+}
+
+TEST_F(TreePendingTest, TheFirstChangeIsOfTheVersionThatItsContentsAreOf) {
+  list({file("1", "a", 3)});
+  Item& item = *at("a");
+  list({file("1", "a", 4)});
+  ContentState state;  // begun before the listing
+  state.number = 1;
+  state.version = "v3";
+  state.sizeBytes = 3;
+  state.edits = 1;
+  state.isEdited = true;
+  tree().setContent(item, state);
+  check();
+  EXPECT_EQ(item.content->base, "v3");
+}
+
 TEST_F(TreePendingTest, ADeletionLosesAgainstAnEditAndAgainstAMoveOfWhatIsHere) {
   list({file("1", "a", 3), file("2", "b", 3), file("3", "c", 3)});
   fill(*at("a"), 5, 1);
