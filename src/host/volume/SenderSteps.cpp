@@ -97,13 +97,13 @@ Task<Answer<Done>> Sender::lookAt(ItemId id) {
   co_return Done();
 }
 
-// A folder may only go with what is known of it.
+// A folder may only go with what is known of it, at this moment: all that is in it goes without another question.
 Task<Answer<Done>> Sender::lookBelow(ItemId folder) {
   std::vector<ItemId> pending = {folder};
   while (!pending.empty()) {
     const ItemId at = pending.back();
     pending.pop_back();
-    const auto listed = co_await listFolder(at, true);
+    const auto listed = co_await listFolder(at, false);
     if (!listed.ok()) co_return listed.error();
     volume_->look([&](Tree& tree, Nodes&) {
       tree.forEachChildThere(at, [&](const Item& child) {

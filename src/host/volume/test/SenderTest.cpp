@@ -329,6 +329,18 @@ TEST_F(SenderTest, NamesThatAreExchangedAreExchangedThere) {
   EXPECT_THAT(remote().names(), ElementsAre("a", "b"));
 }
 
+TEST_F(SenderTest, AFolderIntoWhichOthersJustPutSomethingIsNotRemoved) {
+  remote().putFolder("/docs");
+  announce();
+  ASSERT_TRUE(waitForNames({"docs"}));
+  names(find("/docs").node);
+  remote().putFile("/docs/new", "x");
+  EXPECT_EQ(removeFolder("/docs"), 0);
+  ASSERT_TRUE(waitUntilSent());
+  EXPECT_EQ(remote().contents("/docs/new"), "x");
+  EXPECT_EQ(readPath("/docs/new"), "x");
+}
+
 // The bytes of which the old version had some are nowhere any more; what was written here is all that can be kept.
 TEST_F(SenderTest, WhatWasWrittenIntoAFileThatWasNotFetchedIsSentThoughItsVersionIsGone) {
   remote().putFile("/a", "0123456789");
