@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <boost/asio/post.hpp>
+#include <filesystem>
 #include <functional>
 #include <span>
 #include <stdexcept>
@@ -12,6 +13,7 @@
 
 #include "host/basics/ErrorToErrno.h"
 #include "host/store/ItemTable.h"
+#include "host/volume/test/ReplicaCopy.h"
 #include "platform/files/Directories.h"
 #include "platform/files/Paths.h"
 #include "platform/tasks/Task.h"
@@ -152,11 +154,28 @@ void HostHarness::mount() {
   fileSystem_ = std::make_unique<FileSystem>(std::move(services), FileSystemOptions());
 }
 
-void HostHarness::restart() {
+void HostHarness::unmount(const std::function<void()>& whileEnding) {
   fileSystem_->stop();
   fileSystem_.reset();
-  if (!support::waitUntil([this] { return contents_.expired(); }))
-    throw std::runtime_error("the old mount does not end");
+  const bool hasEnded = support::waitUntil([&] {
+    if (whileEnding) whileEnding();
+    return contents_.expired();
+  });
+  if (!hasEnded) throw std::runtime_error("the old mount does not end");
+}
+
+void HostHarness::restart(const std::function<void()>& whileEnding) {
+  unmount(whileEnding);
+  mount();
+  fileSystem_->start();
+}
+
+void HostHarness::restartFromCopy(const std::function<void()>& whileEnding) {
+  const auto copy = directory_.path() / ("copy " + std::to_string(++copies_));
+  copyReplica(replica_, copy);
+  unmount(whileEnding);
+  std::filesystem::remove_all(replica_);
+  replica_ = copy;
   mount();
   fileSystem_->start();
 }

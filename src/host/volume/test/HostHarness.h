@@ -118,8 +118,12 @@ class HostHarness {
   const std::filesystem::path& replica() const { return replica_; }
   /// Ends the file system while calls may be under way.
   void destroyFileSystem() { fileSystem_.reset(); }
-  /// Ends it and mounts again with what it remembered. Nothing may be held at the store.
-  void restart();
+  /// Ends it and mounts again with what it remembered. Nothing may be held at the store for ever; `whileEnding` is run again
+  /// and again until it has ended.
+  void restart(const std::function<void()>& whileEnding = nullptr);
+  /// Mounts what the disk held at one moment, and lets the old one end in its own place, as after a kill. REQUIRES: the
+  /// store answers nothing until `whileEnding`, which is run as above, and nothing is done there from then on.
+  void restartFromCopy(const std::function<void()>& whileEnding);
 
   // What programs do; waits for the answer. What fails throws, unless an errno is returned.
   Answer<Entry> lookup(NodeId folder, const std::string& name);
@@ -166,11 +170,13 @@ class HostHarness {
 
  private:
   void mount();
+  void unmount(const std::function<void()>& whileEnding);
   Entry parentOf(const std::string& path);
 
   const bool offersParts_;
   support::TemporaryDirectory directory_;
   std::filesystem::path replica_;
+  int copies_ = 0;
   std::shared_ptr<FakeRemote> remote_;
   std::shared_ptr<ManualTimers> timers_;
   std::shared_ptr<RecordingKernelCache> kernel_;
