@@ -30,6 +30,17 @@ void takeState(Tree& tree, Item& item, const ContentState& state) {
   if (!state.isEdited) item.sizeBytes = known;
 }
 
+// What a fetch brought may be told after an edit was committed that began meanwhile, and know nothing of it. An edit that was
+// forgotten so would be taken for damage after a kill.
+ContentState notForgettingEdits(const Item& item, ContentState told) {
+  if (!item.content) return told;
+  const ContentState& known = item.content->state;
+  if (known.number != told.number || known.edits <= told.edits) return told;
+  told.edits = known.edits;
+  told.isEdited = known.isEdited;
+  return told;
+}
+
 // What was fetched is of a version that the store has no longer; who waited for it has it, and the name stands for the
 // new one. Returns the object that is to go when the lock is free again.
 FileObjectPtr leaveOldVersion(Tree& tree, Item& item, const ContentState& state) {
@@ -68,13 +79,14 @@ std::shared_ptr<const FileObjectServices> servicesFor(const std::shared_ptr<Volu
     };
     volume->change(work, Volume::Survives::processEnd, reply);
   };
-  services->changed = [weak, listener](ItemId id, const ContentState& state) {
+  services->changed = [weak, listener](ItemId id, const ContentState& told) {
     const auto volume = weak.lock();
     if (!volume) return;
     FileObjectPtr left;
     volume->change([&](Tree& tree, Nodes&) {
       Item* item = tree.find(id);
       if (item == nullptr || !item->object) return;
+      const ContentState state = notForgettingEdits(*item, told);
       const bool isOld =
           !state.isEdited && item->there && state.version != item->there->version.contentVersion;
       if (state.number != 0 && isOld) {

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <span>
+
 #include <cerrno>
 #include <thread>
 
@@ -302,6 +304,29 @@ TEST_F(ContentsTest, ManyThreadsReadOpenAndCloseWhileVersionsChange) {
   EXPECT_EQ(mixed, 0);
   EXPECT_TRUE(support::waitUntil([&] { return readPath("/a").size() == 38; }));
   EXPECT_TRUE(support::waitUntil([&] { return stored().size() <= 1; }));
+}
+
+// A kill would take the file for one without changes, and drop what is not as long as the store's.
+TEST_F(ContentsTest, AFetchThatEndsWhileTheFirstWriteIsRememberedDoesNotUndoThat) {
+  constexpr int kFiles = 60;
+  for (int i = 0; i < kFiles; ++i) remote().putFile("/" + std::to_string(i), "0123456789");
+  for (int i = 0; i < kFiles; ++i) {
+    const std::string path = "/" + std::to_string(i);
+    const OpenFilePtr file = openForWriting(path);
+    remote().hold(Ask::contents, path);
+    const auto read = startRead(file);
+    ASSERT_TRUE(remote().waitUntilAsked(Ask::contents, path, 1));
+    const Awaited<Done> written;
+    fileSystem().write(file, 10, std::as_bytes(std::span("more", 4)), written.reply());
+    remote().stopHolding(Ask::contents, path);
+    ASSERT_TRUE(written.get().ok());
+    ASSERT_TRUE(read.get().ok());
+    const bool isRemembered = fileSystem().volume()->look([&](Tree& tree, Nodes&) {
+      return tree.child(tree.root(), path.substr(1))->content->state.isEdited;
+    });
+    EXPECT_TRUE(isRemembered) << path;
+    fileSystem().release(file);
+  }
 }
 
 }  // namespace
