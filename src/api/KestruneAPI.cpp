@@ -22,6 +22,20 @@ constexpr std::chrono::seconds kRequestTimeout(60);
 constexpr std::chrono::seconds kImportTimeout(1800);
 constexpr std::chrono::seconds kImportResourceTimeout(3600);
 constexpr int kFirstErrorStatus = 400;
+// Imports of large objects last long; they must not keep others waiting.
+constexpr int kImportsAtOnce = 32;
+
+// Kept between imports: a thread and a connection for each would cost more than importing a small file does.
+URLSession& importSession() {
+  static auto* const session = [] {
+    URLSessionConfiguration configuration;
+    configuration.timeoutIntervalForRequest = kImportTimeout;
+    configuration.timeoutIntervalForResource = kImportResourceTimeout;
+    configuration.httpMaximumConnectionsPerHost = kImportsAtOnce;
+    return new URLSession(configuration);  // used until the process ends
+  }();
+  return *session;
+}
 
 URLRequest authenticatedRequest(const std::string& method, const std::string& path,
                                 std::chrono::seconds timeout) {
@@ -164,11 +178,7 @@ Task<void> KestruneAPI::directMultipartAbort(std::string key, std::string s3Uplo
 Task<void> KestruneAPI::directImport(std::string key, std::string path) {
   URLRequest request = authenticatedRequest("POST", "/files/direct-import", kImportTimeout);
   request.httpBody = platform::encodeJson({{"key", std::move(key)}, {"path", std::move(path)}});
-  URLSessionConfiguration configuration;
-  configuration.timeoutIntervalForRequest = kImportTimeout;
-  configuration.timeoutIntervalForResource = kImportResourceTimeout;
-  URLSession session(configuration);
-  const URLReply reply = co_await session.data(std::move(request));
+  const URLReply reply = co_await importSession().data(std::move(request));
   throwIfRefused(reply);
 }
 

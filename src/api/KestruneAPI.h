@@ -59,7 +59,7 @@ class KestruneAPI {
   static platform::Task<void> directMultipartAbort(std::string key, std::string s3UploadId);
 
   /// Makes an uploaded object the file at `path`. Large objects take their time: the idle time-out
-  /// is 1800 seconds, the whole call may last 3600, on a session of its own.
+  /// is 1800 seconds, the whole call may last 3600, on a session that only imports use.
   static platform::Task<void> directImport(std::string key, std::string path);
 
   /// "/files?path=" and the encoded path, for listing and deletion: the URL-path-allowed characters

@@ -39,8 +39,12 @@ void PinStore::setPinned(bool pinned, const std::string& path) {
 }
 
 std::set<std::string> PinStore::load() {
+  const std::filesystem::path file = configDir() / storage::kPinsFile;
+  // Most users pin nothing, each item is asked for, and an exception costs far more than this look.
+  std::error_code error;
+  if (!std::filesystem::exists(file, error)) return {};
   try {
-    const Json list = platform::decodeJson(platform::readFile(configDir() / storage::kPinsFile));
+    const Json list = platform::decodeJson(platform::readFile(file));
     if (!list.is_array()) return {};
     std::set<std::string> paths;
     for (const Json& path : list) {

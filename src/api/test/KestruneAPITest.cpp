@@ -368,7 +368,7 @@ TEST_F(KestruneAPITest, TextsThatCannotBeSentFailBeforeAnythingIsSent) {
   EXPECT_EQ(service_.http().requestCount(), 0U);
 }
 
-TEST_F(KestruneAPITest, CallsShareConnectionsAndImportHasItsOwn) {
+TEST_F(KestruneAPITest, CallsShareConnectionsAndImportsShareOthers) {
   service_.setListing("/", {});
   service_.http().on("POST", "/files/mkdir", Answer(200, "{}"));
   service_.http().on("POST", "/files/direct-import", Answer(200));
@@ -377,8 +377,8 @@ TEST_F(KestruneAPITest, CallsShareConnectionsAndImportHasItsOwn) {
   runTask(KestruneAPI::list("/"));
   EXPECT_EQ(service_.http().connectionsAccepted(), 1U);
   runTask(KestruneAPI::directImport("k", "/p"));
-  runTask(KestruneAPI::directImport("k", "/p"));
-  EXPECT_EQ(service_.http().connectionsAccepted(), 3U);
+  runTask(KestruneAPI::directImport("k", "/q"));
+  EXPECT_EQ(service_.http().connectionsAccepted(), 2U);
 }
 
 TEST_F(KestruneAPITest, ManyCallsRunAtOnce) {
