@@ -14,8 +14,8 @@ using platform::NSErrorPtr;
 
 constexpr const char* kNextItem = "nextItem";
 constexpr const char* kNextContent = "nextContent";
-// Numbers are set aside in the database by so many at once.
-constexpr ContentNumber kReserve = 1024;
+// Numbers are set aside in the database by so many at once: what is left of them is lost with each mount.
+constexpr std::uint64_t kReserve = 1024;
 
 Tree::Setting treeSetting(const Volume::Services& services) {
   Tree::Setting setting;
@@ -33,6 +33,8 @@ Volume::Volume(Services services)
       tree_(treeSetting(services_)) {
   load();
 }
+
+Volume::~Volume() { commitNow(); }
 
 void Volume::load() {
   std::vector<ItemRow> rows;
@@ -143,8 +145,14 @@ Volume::Aftermath Volume::settle(Survives survives, Reply<Done> reply) {
   forgetGone(effects);
   notes_.gather(tree_, effects);
   for (const DetachedVersion& version : effects.detached) nodes_.detach(version);
-  if (reply || !effects.changed.empty() || !effects.forgotten.empty())
+  // What went on the disk must not be remembered any longer than necessary.
+  const bool isUrgent =
+      reply || !effects.forgotten.empty() || !effects.dropped.empty() || !effects.rescued.empty();
+  if (isUrgent) {
     commitRows(effects, survives, std::move(reply));
+  } else if (!effects.changed.empty()) {
+    commitLater(effects.changed);
+  }
   for (const ItemId id : effects.changed) {
     if (tree_.differing().contains(id)) aftermath.differ.push_back(id);
   }
@@ -181,11 +189,34 @@ void Volume::forgetGone(TreeEffects& effects) {
   }
 }
 
+void Volume::commitLater(const std::set<ItemId>& changed) {
+  {
+    MutexLock lock(uncommitted_->mutex);
+    uncommitted_->items.insert(changed.begin(), changed.end());
+  }
+  if (std::exchange(isCommitDue_, true)) return;
+  services_.timers->after(kCommitLater, [weak = weak_from_this()] {
+    if (const auto self = weak.lock()) self->commitNow();
+  });
+}
+
+void Volume::commitNow() {
+  MutexLock lock(mutex_);
+  isCommitDue_ = false;
+  {
+    MutexLock also(uncommitted_->mutex);
+    if (uncommitted_->items.empty()) return;
+  }
+  commitRows(TreeEffects(), Survives::processEnd, nullptr);
+}
+
 void Volume::commitRows(const TreeEffects& effects, Survives survives, Reply<Done> reply) {
   std::set<ItemId> ids;
+  bool isReserved = true;
   {
     MutexLock lock(uncommitted_->mutex);
     ids.swap(uncommitted_->items);
+    isReserved = !std::exchange(uncommitted_->counters, false);
   }
   ids.insert(effects.changed.begin(), effects.changed.end());
   std::vector<ItemRow> put;
@@ -193,11 +224,11 @@ void Volume::commitRows(const TreeEffects& effects, Survives survives, Reply<Don
     if (const Item* item = tree_.find(id)) put.push_back(tree_.row(*item));
   }
   std::vector<std::pair<std::string, std::uint64_t>> counters;
-  if (tree_.nextItem() != committedNextItem_) {
-    committedNextItem_ = tree_.nextItem();
-    counters.emplace_back(kNextItem, committedNextItem_);
+  if (tree_.nextItem() > reservedItems_ || !isReserved) {
+    reservedItems_ = tree_.nextItem() + kReserve;
+    counters.emplace_back(kNextItem, reservedItems_);
   }
-  if (nextContent_ >= reservedContents_) {
+  if (nextContent_ >= reservedContents_ || !isReserved) {
     reservedContents_ = nextContent_ + kReserve;
     counters.emplace_back(kNextContent, reservedContents_);
   }
@@ -210,6 +241,7 @@ void Volume::commitRows(const TreeEffects& effects, Survives survives, Reply<Don
       log->failure("commit", "remember what changed", answer.error()->localizedDescription());
       MutexLock lock(uncommitted->mutex);
       uncommitted->items.insert(all.begin(), all.end());
+      uncommitted->counters = true;
     }
     if (reply) reply(answer);
   };

@@ -2,6 +2,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <set>
+#include <string>
+
+#include "host/store/ItemTable.h"
 #include "host/volume/test/HostHarness.h"
 #include "tests/support/Waiting.h"
 
@@ -13,7 +17,42 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-class RestartTest : public testing::Test, public HostHarness {};
+class RestartTest : public testing::Test, public HostHarness {
+ protected:
+  /// The names in the database.
+  std::set<std::string> remembered() {
+    const auto database = openItems(replica() / "items.sqlite").database;
+    std::set<std::string> names;
+    ItemTable(database->connection()).load([&](const ItemRow& row) { names.insert(row.name); });
+    return names;
+  }
+};
+
+TEST_F(RestartTest, WhatNobodyWaitsForIsRememberedALittleLater) {
+  remote().putFile("/a", "x");
+  names();
+  EXPECT_TRUE(support::staysTrue([&] { return !remembered().contains("a"); },
+                                 std::chrono::milliseconds(50)));
+  timers().advance(Volume::kCommitLater);
+  EXPECT_TRUE(support::waitUntil([&] { return remembered().contains("a"); }));
+}
+
+TEST_F(RestartTest, OrWithWhatSomebodyWaitsFor) {
+  remote().putFile("/a", "x");
+  names();
+  makeFolder("/d");
+  EXPECT_TRUE(remembered().contains("a"));
+  EXPECT_TRUE(remembered().contains("d"));
+}
+
+TEST_F(RestartTest, NumbersOfItemsThatWentAreNotGivenAgain) {
+  makeFolder("/gone");
+  const InodeNumber gone = find("/gone").attributes.inode;
+  EXPECT_EQ(removeFolder("/gone"), 0);
+  restart();
+  makeFolder("/new");
+  EXPECT_GT(find("/new").attributes.inode, gone);
+}
 
 TEST_F(RestartTest, ContentsAndNamesAreStillHere) {
   remote().putFolder("/docs");
