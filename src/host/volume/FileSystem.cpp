@@ -129,6 +129,7 @@ void FileSystem::lookup(NodeId folder, std::string name, Reply<Entry> reply) {
     });
   };
   Found found = find();
+  if (found.folder != 0) refresher_->visited(found.folder);
   if (found.isKnown) {
     reply(std::move(found.answer));
     return;
@@ -162,6 +163,7 @@ void FileSystem::openFolder(NodeId folder, Reply<Done> reply) {
     const Node* node = nodes.find(folder);
     return node == nullptr || node->detached ? 0 : node->item;
   });
+  refresher_->visited(item);
   lister_->visit(item, std::move(reply));
 }
 

@@ -52,7 +52,27 @@ std::vector<ItemId> Refresher::staleFoldersIn(ItemId folder) {
   });
 }
 
+// Whether the tree may be looked through now; else it will be.
+bool Refresher::mayWalk() {
+  MutexLock lock(mutex_);
+  const Clock at = now();
+  if (stopped_ || walkTimer_ != 0) return false;
+  if (at >= walkNotBefore_) return true;
+  walkTimer_ = volume_->services().timers->after(walkNotBefore_ - at, [weak = weak_from_this()] {
+    const auto self = weak.lock();
+    if (!self) return;
+    {
+      MutexLock relock(self->mutex_);
+      self->walkTimer_ = 0;
+    }
+    self->signal();
+  });
+  return false;
+}
+
 void Refresher::signal() {
+  if (!mayWalk()) return;
+  const Clock began = now();
   auto folders = volume_->look([](Tree& tree, Nodes&) {
     std::vector<ItemId> listed = {kRootItem};
     tree.forEach([&](const Item& item) {
@@ -60,10 +80,37 @@ void Refresher::signal() {
     });
     return listed;
   });
+  std::vector<ItemId> recent;
+  {
+    MutexLock lock(mutex_);
+    walkNotBefore_ = now() + kRests * (now() - began);
+    recent = recent_;
+  }
+  std::stable_partition(folders.begin() + 1, folders.end(), [&](ItemId folder) {
+    return std::find(recent.begin(), recent.end(), folder) != recent.end();
+  });
+  for (std::size_t i = 0; i < folders.size(); ++i)
+    enqueue(folders[i], false, i < kRecent ? When::now : When::later);
   // What is listed at this moment may show what was before.
-  for (const ItemId folder : lister_->running()) folders.push_back(folder);
-  for (const ItemId folder : folders) enqueue(folder, false);
+  for (const ItemId folder : lister_->running()) enqueue(folder, false);
   pump();
+}
+
+void Refresher::visited(ItemId folder) {
+  bool waits = false;
+  {
+    MutexLock lock(mutex_);
+    const auto known = std::find(recent_.begin(), recent_.end(), folder);
+    if (known != recent_.end()) {
+      std::rotate(recent_.begin(), known, known + 1);
+    } else {
+      recent_.insert(recent_.begin(), folder);
+      if (recent_.size() > kRecent) recent_.pop_back();
+    }
+    const auto found = folders_.find(folder);
+    waits = found != folders_.end() && found->second.phase == Phase::later;
+  }
+  if (waits) ask(folder);
 }
 
 void Refresher::ask(ItemId folder) {
@@ -76,7 +123,7 @@ void Refresher::enumerateAnew(ItemId folder) {
   pump();
 }
 
-void Refresher::enqueue(ItemId folder, bool anew) {
+void Refresher::enqueue(ItemId folder, bool anew, When when) {
   Timers::Token timer = 0;
   {
     MutexLock lock(mutex_);
@@ -84,32 +131,61 @@ void Refresher::enqueue(ItemId folder, bool anew) {
     const auto [entry, isNew] = folders_.try_emplace(folder);
     Folder& state = entry->second;
     state.anew = state.anew || anew;
-    if (!isNew && state.phase != Phase::waiting) {
-      state.again = state.again || state.phase == Phase::asking;
-      return;
+    if (isNew) {
+      place(folder, state, when);
+    } else if (state.phase == Phase::asking || state.phase == Phase::resting) {
+      state.again = true;
+      state.againNow = state.againNow || when == When::now;
+    } else if (state.phase == Phase::waiting ||
+               (state.phase == Phase::later && when == When::now)) {
+      timer = std::exchange(state.timer, 0);
+      place(folder, state, when);
     }
-    timer = std::exchange(state.timer, 0);
-    state.phase = Phase::queued;
-    queue_.push_back(folder);
   }
   if (timer != 0) volume_->services().timers->cancel(timer);
 }
 
+void Refresher::place(ItemId folder, Folder& state, When when) {
+  const bool isLater = when == When::later;
+  state.phase = isLater ? Phase::later : Phase::queued;
+  (isLater ? later_ : queue_).push_back(folder);
+}
+
+// What is asked next; nothing if enough is being asked.
+std::optional<ItemId> Refresher::next() {
+  if (stopped_ || asking_ >= kAtOnce) return std::nullopt;
+  if (!queue_.empty()) {
+    const ItemId folder = queue_.front();
+    queue_.pop_front();
+    return folder;
+  }
+  while (slow_ < kLaterAtOnce && !later_.empty()) {
+    const ItemId folder = later_.front();
+    later_.pop_front();
+    const auto found = folders_.find(folder);
+    if (found == folders_.end() || found->second.phase != Phase::later) continue;
+    found->second.isSlow = true;
+    ++slow_;
+    return folder;
+  }
+  return std::nullopt;
+}
+
 void Refresher::pump() {
   for (;;) {
-    ItemId folder = 0;
+    std::optional<ItemId> folder;
     bool anew = false;
     {
       MutexLock lock(mutex_);
-      if (stopped_ || queue_.empty() || asking_ >= kAtOnce) return;
-      folder = queue_.front();
-      queue_.pop_front();
+      folder = next();
+      if (!folder) return;
       ++asking_;
-      Folder& state = folders_.at(folder);
+      Folder& state = folders_.at(*folder);
       state.phase = Phase::asking;
+      state.began = now();
       anew = std::exchange(state.anew, false);
     }
-    begin(folder, anew);
+    begin(*folder, anew);
   }
 }
 
@@ -204,29 +280,61 @@ void Refresher::list(ItemId folder) {
   });
 }
 
+Refresher::Clock Refresher::restAfter(Clock took) const {
+  const Clock rest = std::min<Clock>(kRests * took, kLongestRest);
+  return fetches_.empty() ? rest : std::max<Clock>(rest, kLongestRest - took);
+}
+
 void Refresher::ended(ItemId folder, bool failed) {
   {
     MutexLock lock(mutex_);
     --asking_;
-    const auto found = folders_.find(folder);
-    Folder& state = found->second;
-    const bool again = std::exchange(state.again, false) || (state.anew && !failed);
-    if (stopped_ || (!failed && !again)) {
-      folders_.erase(found);
-    } else if (again) {
-      if (!failed) state.delay = std::chrono::seconds(0);
-      state.phase = Phase::queued;
-      queue_.push_back(folder);
+    Folder& state = folders_.at(folder);
+    if (!failed) state.delay = std::chrono::seconds(0);
+    const bool retries = failed && !state.again;
+    if (retries) state.delay = std::clamp(state.delay * 2, kFirstDelay, kLongestDelay);
+    const Clock rest = retries ? Clock(state.delay) : restAfter(now() - state.began);
+    state.phase = retries ? Phase::waiting : Phase::resting;
+    if (retries) leavePlace(state);
+    if (stopped_ || rest <= Clock(0)) {
+      goOn(folder);
     } else {
-      state.delay = std::clamp(state.delay * 2, kFirstDelay, kLongestDelay);
-      state.phase = Phase::waiting;
-      auto retry = [weak = weak_from_this(), folder] {
-        if (auto self = weak.lock()) self->ask(folder);
+      auto over = [weak = weak_from_this(), folder, retries] {
+        const auto self = weak.lock();
+        if (self && retries) self->ask(folder);
+        if (self && !retries) self->rested(folder);
       };
-      state.timer = volume_->services().timers->after(state.delay, std::move(retry));
+      state.timer = volume_->services().timers->after(rest, std::move(over));
     }
   }
   pump();
+}
+
+void Refresher::rested(ItemId folder) {
+  {
+    MutexLock lock(mutex_);
+    if (stopped_) return;
+    folders_.at(folder).timer = 0;
+    goOn(folder);
+  }
+  pump();
+}
+
+// Its rest is over.
+void Refresher::goOn(ItemId folder) {
+  Folder& state = folders_.at(folder);
+  leavePlace(state);
+  const bool isAgain = std::exchange(state.again, false) || state.anew;
+  const bool isNow = std::exchange(state.againNow, false) || state.anew;
+  if (isAgain && !stopped_) {
+    place(folder, state, isNow ? When::now : When::later);
+  } else {
+    folders_.erase(folder);
+  }
+}
+
+void Refresher::leavePlace(Folder& state) {
+  if (std::exchange(state.isSlow, false)) --slow_;
 }
 
 void Refresher::report(ItemId folder, const NSError& error) {
@@ -298,6 +406,8 @@ void Refresher::stop() {
     MutexLock lock(mutex_);
     stopped_ = true;
     queue_.clear();
+    later_.clear();
+    if (walkTimer_ != 0) timers.push_back(walkTimer_);
     for (const auto& [id, folder] : folders_) {
       if (folder.timer != 0) timers.push_back(folder.timer);
     }

@@ -12,10 +12,28 @@ namespace kestrune::host::test {
 namespace {
 
 using platform::NSFileProviderError;
+using std::chrono::milliseconds;
 using std::chrono::seconds;
 using testing::ElementsAre;
 
-class RefresherTest : public testing::Test, public HostHarness {};
+class RefresherTest : public testing::Test, public HostHarness {
+ protected:
+  /// But the one that commits what happened just now.
+  bool noTimerIsLeft() {
+    return support::waitUntil([this] {
+      timers().advance(Volume::kCommitLater);
+      return timers().count() == 0;
+    });
+  }
+  void signal() {
+    remote().announce();
+    fileSystem().changesSignalled();
+  }
+  bool staysAsked(const std::string& folder, int count) {
+    return support::staysTrue([&] { return remote().asked(Ask::changes, folder) == count; },
+                              milliseconds(50));
+  }
+};
 
 TEST_F(RefresherTest, ASignalBringsEveryEnumeratedFolderUpToDate) {
   remote().putFolder("/docs");
@@ -75,7 +93,7 @@ TEST_F(RefresherTest, ASilentFailureIsAskedAgainAfterGrowingDelays) {
     ASSERT_TRUE(remote().waitUntilAsked(Ask::changes, "/", ++questions));
   }
   EXPECT_TRUE(waitForNames({"a"}));
-  EXPECT_EQ(timers().count(), 0U);
+  EXPECT_TRUE(noTimerIsLeft());
 }
 
 TEST_F(RefresherTest, AnErrorIsAskedAgainAndASignalDoesNotWaitForThat) {
@@ -90,7 +108,7 @@ TEST_F(RefresherTest, AnErrorIsAskedAgainAndASignalDoesNotWaitForThat) {
   remote().failWith(Ask::changes, "/", nullptr);
   announce();
   EXPECT_TRUE(waitForNames({"a"}));
-  EXPECT_EQ(timers().count(), 0U);
+  EXPECT_TRUE(noTimerIsLeft());
 }
 
 TEST_F(RefresherTest, AnExpiredAnchorHasTheFolderEnumeratedAnew) {
@@ -164,6 +182,8 @@ TEST_F(RefresherTest, AFolderAskedDuringAFetchIsEnumeratedAnewAfterIt) {
   EXPECT_EQ(remote().asked(Ask::items, "/docs"), 1);
   remote().release(Ask::contents, "/docs/big");
   ASSERT_TRUE(read.get().ok());
+  ASSERT_TRUE(timers().waitForTimer(Refresher::kLongestRest));
+  timers().advance(Refresher::kLongestRest);
   ASSERT_TRUE(remote().waitUntilAsked(Ask::items, "/docs", 2));
   EXPECT_TRUE(waitForNames({"big", "new"}, docs));
 }
@@ -180,7 +200,8 @@ TEST_F(RefresherTest, SoIsOneWhoseFetchBeganAndEndedWhileItWasAsked) {
   announce("/docs");
   EXPECT_EQ(readPath("/docs/a"), "x");
   remote().stopHolding(Ask::changes, "/docs");
-  ASSERT_TRUE(remote().waitUntilAsked(Ask::items, "/docs", 2));
+  // It rests if the fetch is still known when its question ends.
+  ASSERT_TRUE(passUntil([&] { return remote().asked(Ask::items, "/docs") == 2; }));
   EXPECT_TRUE(waitForNames({"a", "old", "new"}, docs));
 }
 
@@ -204,11 +225,93 @@ TEST_F(RefresherTest, OnlyAFewFoldersAreAskedAtATime) {
   EXPECT_TRUE(support::waitUntil([&] { return asked() == kFolders; }));
 }
 
+TEST_F(RefresherTest, AFolderRestsFourTimesAsLongAsTheQuestionTook) {
+  names();
+  remote().hold(Ask::changes, "/");
+  remote().putFile("/a", "x");
+  announce();
+  timers().advance(milliseconds(100));
+  remote().stopHolding(Ask::changes, "/");
+  ASSERT_TRUE(timers().waitForTimer(milliseconds(400)));
+  remote().putFile("/b", "x");
+  for (int i = 0; i < 5; ++i) signal();
+  timers().advance(milliseconds(399));
+  EXPECT_TRUE(staysAsked("/", 1));
+  timers().advance(milliseconds(1));
+  EXPECT_TRUE(waitForNames({"a", "b"}));
+  EXPECT_EQ(remote().asked(Ask::changes, "/"), 2);
+}
+
+TEST_F(RefresherTest, ButASecondAtMost) {
+  names();
+  remote().hold(Ask::changes, "/");
+  remote().putFile("/a", "x");
+  announce();
+  timers().advance(seconds(30));
+  remote().stopHolding(Ask::changes, "/");
+  EXPECT_TRUE(timers().waitForTimer(seconds(1)));
+  signal();
+  timers().advance(seconds(1));
+  EXPECT_TRUE(remote().waitUntilAsked(Ask::changes, "/", 2));
+}
+
+TEST_F(RefresherTest, WhileContentsAreOnTheirWayItIsAskedOnceASecond) {
+  remote().putFile("/big", "x");
+  names();
+  remote().hold(Ask::contents, "/big");
+  const auto read = startRead(open(find("/big").node));
+  ASSERT_TRUE(remote().waitUntilAsked(Ask::contents, "/big", 1));
+  announce("/");
+  for (int second = 1; second < 4; ++second) {
+    ASSERT_TRUE(timers().waitForTimer(Refresher::kLongestRest));
+    for (int i = 0; i < 5; ++i) signal();
+    EXPECT_TRUE(staysAsked("/", second));
+    timers().advance(Refresher::kLongestRest);
+    ASSERT_TRUE(remote().waitUntilAsked(Ask::changes, "/", second + 1));
+  }
+  remote().release(Ask::contents, "/big");
+  EXPECT_TRUE(read.get().ok());
+}
+
+TEST_F(RefresherTest, OfFoldersThatNobodyLookedIntoLatelyTwoAreAskedAtATime) {
+  constexpr std::size_t kFolders = 40;
+  // The root is always among those that are asked at once.
+  constexpr std::size_t kOthers = kFolders + 1 - Refresher::kRecent;
+  const auto path = [](std::size_t i) { return "/f" + std::to_string(i); };
+  for (std::size_t i = 0; i < kFolders; ++i) remote().putFolder(path(i));
+  for (std::size_t i = 0; i < kFolders; ++i) {
+    names(find(path(i)).node);
+    remote().hold(Ask::changes, path(i));
+  }
+  const auto asked = [&](std::size_t begin, std::size_t end) {
+    std::size_t total = 0;
+    for (std::size_t i = begin; i < end; ++i)
+      total += static_cast<std::size_t>(remote().asked(Ask::changes, path(i)));
+    return total;
+  };
+  signal();
+  ASSERT_TRUE(support::waitUntil([&] { return asked(0, kFolders) == Refresher::kAtOnce; }));
+  EXPECT_EQ(asked(0, kOthers), 0U);
+  for (std::size_t i = kOthers; i < kFolders; ++i) remote().stopHolding(Ask::changes, path(i));
+  const auto slow = [&] { return asked(0, kOthers) == Refresher::kLaterAtOnce; };
+  ASSERT_TRUE(support::waitUntil(slow));
+  EXPECT_TRUE(support::staysTrue(slow, milliseconds(50)));
+  EXPECT_EQ(asked(kOthers, kFolders), kFolders - kOthers);
+  // Who looks into one does not wait for the others.
+  std::size_t waiting = 0;
+  while (remote().asked(Ask::changes, path(waiting)) != 0) ++waiting;
+  names(find(path(waiting)).node);
+  EXPECT_TRUE(remote().waitUntilAsked(Ask::changes, path(waiting), 1));
+  for (std::size_t i = 0; i < kOthers; ++i) remote().stopHolding(Ask::changes, path(i));
+  EXPECT_TRUE(support::waitUntil([&] { return asked(0, kFolders) == kFolders; }));
+}
+
 TEST_F(RefresherTest, AfterTheEndNothingIsAsked) {
   names();
   remote().failChangesSilently(true);
   announce();
   ASSERT_TRUE(timers().waitForTimer(seconds(2)));
+  timers().advance(Volume::kCommitLater);
   fileSystem().stop();
   EXPECT_EQ(timers().count(), 0U);
   fileSystem().changesSignalled();
