@@ -139,4 +139,16 @@ int errnoFor(const NSError& error) {
   return EIO;
 }
 
+bool isUnreachable(const NSError& error) {
+  switch (errnoFor(error)) {
+    case EHOSTUNREACH:
+    case ETIMEDOUT:
+    case ENETDOWN:
+    case EACCES:
+      return true;
+    default:
+      return false;
+  }
+}
+
 }  // namespace kestrune::host

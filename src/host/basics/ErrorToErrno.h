@@ -20,4 +20,7 @@ namespace kestrune::host {
 /// operation does not exist" and does not ask again for the life of the mount.
 int errnoFor(const platform::NSError& error);
 
+/// Whether what failed so may succeed as soon as anything else does: nobody was reached, or nobody let in.
+bool isUnreachable(const platform::NSError& error);
+
 }  // namespace kestrune::host

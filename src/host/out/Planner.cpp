@@ -1,6 +1,7 @@
 #include "host/out/Planner.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace kestrune::host {
 
@@ -23,7 +24,6 @@ class Planning {
 
   std::vector<Change> ready(std::size_t limit) {
     const std::size_t before = together_.size();
-    findFoldersThatAreLeft();
     for (const NodeId id : differing_) {
       if (together_.size() >= limit) break;
       const OutgoingItem* item = items_.find(id);
@@ -39,7 +39,8 @@ class Planning {
   /// Adds what is next for `item`, if it may begin.
   void offer(const OutgoingItem& item) {
     if (item.isToBeRemoved()) {
-      if (!isWaitedFor(item.id) && !isRemovedWithItsFolder(item)) add({Kind::remove, item.id, {}});
+      const bool mayGo = !item.isFolder || !isWaitedFor(item.id);
+      if (mayGo && !isRemovedWithItsFolder(item)) add({Kind::remove, item.id, {}});
     } else if (item.isToBeCreated()) {
       if (mayGoTo(item, item.here)) add({Kind::create, item.id, item.here});
     } else if (item.isToBeMoved() && mayGoTo(item, item.here)) {
@@ -84,8 +85,10 @@ class Planning {
     return occupant == nullptr || occupant->id == item.id;
   }
 
-  /// A folder that goes takes along what is in it: not what is to stay.
+  /// A folder that goes takes along what is in it: not what is to stay. All that differs has to be looked at for that, so only where a
+  /// folder is to go.
   void findFoldersThatAreLeft() {
+    if (std::exchange(leftAreFound_, true)) return;
     for (const NodeId id : differing_) {
       const OutgoingItem* item = items_.find(id);
       if (item == nullptr || !item->isToBeMoved()) continue;
@@ -97,11 +100,12 @@ class Planning {
     std::sort(waitedFor_.begin(), waitedFor_.end());
   }
 
-  bool isWaitedFor(NodeId folder) const {
+  bool isWaitedFor(NodeId folder) {
+    findFoldersThatAreLeft();
     return std::binary_search(waitedFor_.begin(), waitedFor_.end(), folder);
   }
 
-  bool isRemovedWithItsFolder(const OutgoingItem& item) const {
+  bool isRemovedWithItsFolder(const OutgoingItem& item) {
     const Place* place = item.placeThere();
     const OutgoingItem* folder = place != nullptr ? items_.find(place->folder) : nullptr;
     return folder != nullptr && folder->isToBeRemoved() && !isWaitedFor(folder->id);
@@ -148,6 +152,7 @@ class Planning {
   const OutgoingView& items_;
   const std::span<const NodeId> differing_;
   const MayBegin& mayBegin_;
+  bool leftAreFound_ = false;
   std::vector<NodeId> waitedFor_;  // in order
   std::vector<Change> together_;   // under way, then ready
 };

@@ -34,9 +34,11 @@ FileSystem::FileSystem(Volume::Services services, FileSystemOptions options)
     if (auto live = refresher.lock()) live->fetching(item, step);
   };
   const auto sender = std::make_shared<std::weak_ptr<Sender>>();
-  auto reached = [sender, activity = activity_](const NSErrorPtr& error) {
+  const auto keeper = std::make_shared<std::weak_ptr<Keeper>>();
+  auto reached = [sender, keeper, activity = activity_](const NSErrorPtr& error) {
     activity->reached(error);
     if (auto live = sender->lock()) live->reached(error);
+    if (auto live = keeper->lock()) live->reached(error);
   };
   Contents::Listener listener;
   listener.fetching = [fetching, activity = activity_](ItemId item, int step) {
@@ -56,9 +58,9 @@ FileSystem::FileSystem(Volume::Services services, FileSystemOptions options)
   *spaceMaker = spaceMaker_;
   auditor_ = std::make_shared<Auditor>(volume_, lister_);
   keeper_ = std::make_shared<Keeper>(volume_, contents_);
-  auto described = [keeper = std::weak_ptr<Keeper>(keeper_)](
-                       std::vector<platform::NSFileProviderItemPtr> items) {
-    if (auto live = keeper.lock()) live->described(std::move(items));
+  *keeper = keeper_;
+  auto described = [keeper](std::vector<platform::NSFileProviderItemPtr> items) {
+    if (auto live = keeper->lock()) live->described(std::move(items));
   };
   lister_->setDescribed(described);
   refresher_->setDescribed(described);

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "host/basics/ErrorToErrno.h"
 #include "host/basics/OnceReply.h"
 #include "host/content/DiskThreads.h"
 #include "host/volume/Manager.h"
@@ -171,6 +172,7 @@ void Keeper::ended(ItemId file, const Answer<Done>& answer) {
       pauses_.erase(file);
     } else {
       Pause& pause = pauses_[file];
+      pause.unreachable = failed && isUnreachable(*answer.error());
       pause.length = std::clamp(pause.length * 2, kFirstPause, kLongestPause);
       auto again = [weak = weak_from_this(), file] {
         const auto self = weak.lock();
@@ -188,6 +190,21 @@ void Keeper::ended(ItemId file, const Answer<Done>& answer) {
     volume_->services().log->failure("keep", "keep '" + volume_->path(file) + "' here",
                                      answer.error()->localizedDescription());
   pump();
+}
+
+void Keeper::reached(const platform::NSErrorPtr& error) {
+  if (error && isUnreachable(*error)) return;
+  std::vector<Timers::Token> timers;
+  {
+    MutexLock lock(mutex_);
+    for (auto& [file, pause] : pauses_) {
+      if (!std::exchange(pause.unreachable, false) || filling_.contains(file)) continue;
+      timers.push_back(std::exchange(pause.timer, 0));
+      wanted_.insert(file);
+    }
+  }
+  for (const Timers::Token timer : timers) volume_->services().timers->cancel(timer);
+  if (!timers.empty()) pump();
 }
 
 void Keeper::stop() {

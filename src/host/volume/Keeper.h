@@ -5,7 +5,8 @@
 // at a time between other work.
 //
 //   described items ──▶ queue ──▶ Tree::setPolicy ──▶ missing? ──▶ fill, two at a time ──▶ whole
-//                                                                   └─ failed: again after 5 s, 10 s … 5 minutes
+//                                                                   └─ failed: again after 5 s, 10 s … 5 minutes, and at once
+//                                                                      when the store answers after it could not be reached
 //
 // Threads: every operation may be called from any thread and returns at once.
 #pragma once
@@ -41,6 +42,8 @@ class Keeper : public std::enable_shared_from_this<Keeper> {
   void described(std::vector<platform::NSFileProviderItemPtr> items);
   /// Asks the extension for the item's policy; answers when it is known here.
   void askPolicy(ItemId item, Reply<Done> reply);
+  /// The store answered (null), or this came instead.
+  void reached(const platform::NSErrorPtr& error);
   /// Nothing is begun any more.
   void stop();
 
@@ -48,6 +51,7 @@ class Keeper : public std::enable_shared_from_this<Keeper> {
   struct Pause {
     std::chrono::seconds length{0};
     Timers::Token timer = 0;
+    bool unreachable = false;
   };
   void walk();
   void learn(const std::vector<platform::NSFileProviderItemPtr>& items);

@@ -34,7 +34,7 @@ Refresher::State Refresher::stateOf(ItemId folder) {
     // What is in a folder that moved is asked when the folder itself is known again.
     if (!item->isRoot() && !tree.isSure(*item)) return state;
     state.isListed = listing.isEnumerated || listing.hasStaleIdentifiers;
-    state.isAnew = listing.hasStaleIdentifiers || !listing.anchor;
+    state.isAnew = listing.hasStaleIdentifiers;
     state.identifier = item->there->identifier;
     state.anchor = listing.anchor;
     state.asOf = tree.moment();
@@ -200,7 +200,7 @@ void Refresher::begin(ItemId folder, bool anew) {
     if (!lister_->join(folder, std::move(listed))) ended(folder, false);
     return;
   }
-  if (anew || state.isAnew) {
+  if (anew || state.isAnew || !state.anchor) {
     list(folder);
     return;
   }

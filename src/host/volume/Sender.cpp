@@ -25,17 +25,20 @@ bool isOffline(const NSError& error) {
   return number == EHOSTUNREACH || number == ETIMEDOUT || number == ENETDOWN;
 }
 
-// It may succeed as soon as anything else does.
-bool isUnreachable(const NSError& error) { return isOffline(error) || errnoFor(error) == EACCES; }
-
 // What is guarded by a lock that is held, for lambdas that run under it: the analysis does not see that they do.
 template <class T>
 T& held(const MutexLock&, T& guarded) {
   return guarded;
 }
 
+bool isAtOrBelow(const std::string& path, const std::string& folder) {
+  return folder == "/" || path == folder ||
+         (path.starts_with(folder) && path[folder.size()] == '/');
+}
+
 Change::Kind kindOf(const OutgoingItem& item) {
-  if (item.isToBeRemoved()) return Change::Kind::remove;
+  // What is gone here and not known to be there is being made, and goes when that has ended.
+  if (item.isToBeRemoved() || !item.isLinked) return Change::Kind::remove;
   if (item.isToBeCreated()) return Change::Kind::create;
   return item.isToBeMoved() ? Change::Kind::move : Change::Kind::send;
 }
@@ -83,13 +86,12 @@ void Sender::differ(const std::vector<ItemId>& items) {
     const Clock at = now();
     const auto differs = outgoing(id);
     MutexLock lock(mutex_);
-    const auto [wait, isNew] = waits_.try_emplace(id);
-    if (isNew) wait->second.since = at;
+    Waits::Wait& wait = waits_.of(id, at);
     // What fails and is changed again may succeed now. Not all that is told here is such a change.
-    const auto& failed = wait->second.failed;
+    const auto& failed = wait.failed;
     const bool isOther = failed && differs && !isSame(*failed, *differs);
-    if (isOther && !wait->second.unreachable) wait->second.attempts = 0;
-    if (wait->second.attempts == 0) wait->second.notBefore = at + quiet;
+    if (isOther && !wait.unreachable) wait.attempts = 0;
+    if (wait.attempts == 0) wait.notBefore = at + quiet;
     first = std::min(first, quiet);
   }
   if (first != Clock::max()) pumpSoon(first);
@@ -105,17 +107,26 @@ void Sender::begin() {
 void Sender::closed(ItemId item) {
   {
     MutexLock lock(mutex_);
-    const auto found = waits_.find(item);
-    if (found == waits_.end()) return;
+    if (waits_.find(item) == nullptr) return;
   }
   differ({item});
 }
 
-void Sender::retryAll() {
+void Sender::retry(const std::string& path) {
   {
     MutexLock lock(mutex_);
     offlineUntil_ = Clock(0);
-    for (auto& [id, wait] : waits_) wait.notBefore = now();
+    const Clock at = now();
+    auto& waits = held(lock, waits_);
+    volume_->look([&](Tree& tree, Nodes&) {
+      for (auto& [id, wait] : waits.all()) {
+        const Item* item = tree.find(id);
+        if (item == nullptr) continue;
+        const std::string itemPath = tree.path(*item);
+        if (isAtOrBelow(itemPath, path) || (item->isFolder && isAtOrBelow(path, itemPath)))
+          wait.notBefore = at;
+      }
+    });
   }
   pumpSoon(Clock(0));
 }
@@ -127,7 +138,8 @@ void Sender::reached(const platform::NSErrorPtr& error) {
     MutexLock lock(mutex_);
     offline_ = 0;
     offlineUntil_ = Clock(0);
-    for (auto& [id, wait] : waits_) {
+    if (!std::exchange(anyUnreachable_, false)) return;
+    for (auto& [id, wait] : waits_.all()) {
       if (!wait.unreachable) continue;
       wait.unreachable = false;
       wait.notBefore = now();
@@ -154,11 +166,11 @@ void Sender::pumpSoon(Clock delay) {
   {
     MutexLock lock(mutex_);
     if (stopped_) return;
-    const Clock due = now() + delay;
+    const Clock due = std::max(now() + delay, passNotBefore_);
     if (timer_ != 0 && timerDue_ <= due) return;
     old = std::exchange(timer_, 0);
     timerDue_ = due;
-    timer_ = volume_->services().timers->after(delay, [weak = weak_from_this()] {
+    timer_ = volume_->services().timers->after(due - now(), [weak = weak_from_this()] {
       if (auto self = weak.lock()) self->pass();
     });
   }
@@ -177,10 +189,12 @@ void Sender::pass() {
     passing_ = true;
   }
   for (bool again = true; again;) {
+    const Clock began = now();
     for (const Change& change : choose()) {
       platform::spawnDetached("send", run(shared_from_this(), change));
     }
     MutexLock lock(mutex_);
+    passNotBefore_ = now() + std::min<Clock>(kRests * (now() - began), kLongestRest);
     again = std::exchange(passAgain_, false) && !stopped_;
     if (!again) passing_ = false;
   }
@@ -194,29 +208,21 @@ std::vector<Change> Sender::choose() {
   const Clock at = now();
   if (at < offlineUntil_) return {};
   const std::size_t limit = offline_ > 0 ? 1 : kAtOnce;
+  if (underWay_.size() >= limit) return {};
   auto& waits = held(lock, waits_);
   const auto& underWay = held(lock, underWay_);
   std::vector<Change> ready = volume_->look([&](Tree& tree, Nodes&) {
-    std::vector<NodeId> differing(tree.differing().begin(), tree.differing().end());
-    for (const NodeId id : differing) {
-      const auto [wait, isNew] = waits.try_emplace(id);
-      if (isNew) wait->second.since = wait->second.notBefore = at;
-    }
-    for (auto at2 = waits.begin(); at2 != waits.end();) {
-      at2 = tree.differing().contains(at2->first) ? std::next(at2) : waits.erase(at2);
-    }
-    std::stable_sort(differing.begin(), differing.end(),
-                     [&](NodeId a, NodeId b) { return waits.at(a).since < waits.at(b).since; });
+    waits.agree(tree.differing(), at);
     const auto mayBegin = [&](const OutgoingItem& outgoing) {
-      const auto wait = waits.find(outgoing.id);
-      if (wait != waits.end() && wait->second.notBefore > at) return false;
+      const Waits::Wait* wait = waits.find(outgoing.id);
+      if (wait != nullptr && wait->notBefore > at) return false;
       const Item* item = tree.find(outgoing.id);
       if (item == nullptr || item->isUnderWay) return false;
       const bool carries = !item->isFolder && (outgoing.isToBeCreated() || outgoing.isToBeSent());
       if (carries && item->object && item->object->isOpenForWriting()) return false;
       return !item->there || tree.isSure(*item);
     };
-    return readyChanges(*tree.outgoing(), differing, underWay, limit, mayBegin);
+    return readyChanges(*tree.outgoing(), waits.byAge(at), underWay, limit, mayBegin);
   });
   underWay_.insert(underWay_.end(), ready.begin(), ready.end());
   return ready;
@@ -227,11 +233,12 @@ void Sender::setTimer() {
   {
     MutexLock lock(mutex_);
     const Clock at = now();
-    for (const auto& [id, wait] : waits_) {
+    for (const auto& [id, wait] : waits_.all()) {
+      const Clock due = std::max(wait.notBefore, offlineUntil_);
+      if (due <= at || due - at >= next) continue;
       const bool isUnderWay = std::any_of(underWay_.begin(), underWay_.end(),
                                           [id = id](const Change& c) { return c.id == id; });
-      const Clock due = std::max(wait.notBefore, offlineUntil_);
-      if (!isUnderWay && due > at) next = std::min(next, due - at);
+      if (!isUnderWay) next = due - at;
     }
   }
   if (next != Clock::max()) pumpSoon(next);
@@ -261,8 +268,8 @@ void Sender::finished(const Change& change, const Outcome& outcome) {
   {
     MutexLock lock(mutex_);
     std::erase_if(underWay_, [&](const Change& other) { return other.id == change.id; });
-    if (const auto found = waits_.find(change.id); found != waits_.end()) {
-      Wait& wait = found->second;
+    if (Waits::Wait* found = waits_.find(change.id); found != nullptr) {
+      Waits::Wait& wait = *found;
       const Clock at = now();
       if (outcome.error) {
         const auto pause = std::min<std::chrono::seconds>(
@@ -271,6 +278,7 @@ void Sender::finished(const Change& change, const Outcome& outcome) {
         wait.failed = failed;
         wait.reason = outcome.error->localizedDescription();
         wait.unreachable = isUnreachable(*outcome.error);
+        anyUnreachable_ = anyUnreachable_ || wait.unreachable;
         wait.notBefore = at + pause;
         if (isOffline(*outcome.error)) {
           wait.notBefore = at;  // the pause is everybody's
@@ -284,7 +292,7 @@ void Sender::finished(const Change& change, const Outcome& outcome) {
         wait.attempts = 0;
         wait.failed.reset();
         wait.reason.clear();
-        wait.since = at;
+        waits_.renew(change.id, at);
       }
     }
   }
@@ -293,6 +301,19 @@ void Sender::finished(const Change& change, const Outcome& outcome) {
 }
 
 // ------------------------------------------------------------------------------------------- what is unsent
+
+namespace {
+
+// What differs, and what does so no longer but is on its way: what was removed while it is being made, for example.
+std::set<ItemId> unsentItems(const Tree& tree, const std::vector<Change>& underWay) {
+  std::set<ItemId> items = tree.differing();
+  for (const Change& change : underWay) {
+    if (tree.find(change.id) != nullptr) items.insert(change.id);
+  }
+  return items;
+}
+
+}  // namespace
 
 std::vector<UnsentChange> Sender::unsent(const std::string& path, std::size_t most,
                                          std::size_t& total) {
@@ -303,12 +324,10 @@ std::vector<UnsentChange> Sender::unsent(const std::string& path, std::size_t mo
   std::vector<UnsentChange> changes;
   total = 0;
   volume_->look([&](Tree& tree, Nodes&) {
-    for (const ItemId id : tree.differing()) {
+    for (const ItemId id : unsentItems(tree, underWay)) {
       const Item& item = *tree.find(id);
       std::string itemPath = tree.path(item);
-      const bool below = path == "/" || itemPath == path ||
-                         (itemPath.starts_with(path) && itemPath[path.size()] == '/');
-      if (!below || ++total > most) continue;
+      if (!isAtOrBelow(itemPath, path) || ++total > most) continue;
       UnsentChange change;
       change.item = id;
       change.kind = kindOf(Tree::outgoingItem(item));
@@ -316,11 +335,11 @@ std::vector<UnsentChange> Sender::unsent(const std::string& path, std::size_t mo
       change.sizeBytes = item.object ? item.object->sizeBytes() : item.sizeBytes;
       change.isUnderWay = std::any_of(underWay.begin(), underWay.end(),
                                       [id](const Change& c) { return c.id == id; });
-      if (const auto wait = waits.find(id); wait != waits.end()) {
-        change.waiting = at - wait->second.since;
-        change.attempts = wait->second.attempts;
-        change.reason = wait->second.reason;
-        change.until = std::max(Clock(0), wait->second.notBefore - at);
+      if (const Waits::Wait* wait = waits.find(id); wait != nullptr) {
+        change.waiting = at - wait->since();
+        change.attempts = wait->attempts;
+        change.reason = wait->reason;
+        change.until = std::max(Clock(0), wait->notBefore - at);
       }
       if (change.reason.empty() && item.object && item.object->isOpenForWriting())
         change.reason = "a program has it open for writing";
@@ -331,13 +350,23 @@ std::vector<UnsentChange> Sender::unsent(const std::string& path, std::size_t mo
 }
 
 std::size_t Sender::countUnsent() {
-  return volume_->look([](Tree& tree, Nodes&) { return tree.differing().size(); });
+  MutexLock lock(mutex_);
+  const auto& underWay = held(lock, underWay_);
+  return volume_->look([&](Tree& tree, Nodes&) {
+    const auto& differing = tree.differing();
+    return differing.size() + static_cast<std::size_t>(std::count_if(
+                                  underWay.begin(), underWay.end(), [&](const Change& change) {
+                                    return !differing.contains(change.id) &&
+                                           tree.find(change.id) != nullptr;
+                                  }));
+  });
 }
 
 std::size_t Sender::countFailed() {
   MutexLock lock(mutex_);
+  const auto& waits = waits_.all();
   return static_cast<std::size_t>(std::count_if(
-      waits_.begin(), waits_.end(), [](const auto& wait) { return wait.second.attempts > 0; }));
+      waits.begin(), waits.end(), [](const auto& wait) { return wait.second.attempts > 0; }));
 }
 
 }  // namespace kestrune::host

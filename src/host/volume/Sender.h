@@ -25,6 +25,7 @@
 #include "host/volume/Contents.h"
 #include "host/volume/ExtensionCalls.h"
 #include "host/volume/FolderLister.h"
+#include "host/volume/Waits.h"
 #include "platform/values/Mutex.h"
 
 namespace kestrune::host {
@@ -58,6 +59,9 @@ class Sender : public std::enable_shared_from_this<Sender> {
   static constexpr std::chrono::milliseconds kVerify{20};
   static constexpr std::chrono::seconds kLongestPause{300};
   static constexpr std::chrono::seconds kProbe{10};
+  /// How many times as long as a look at all that differs took, none is begun; and no longer than this.
+  static constexpr int kRests = 2;
+  static constexpr std::chrono::milliseconds kLongestRest{20};
 
   Sender(std::shared_ptr<Volume> volume, std::shared_ptr<FolderLister> lister,
          std::shared_ptr<Contents> contents, std::shared_ptr<ExtensionCalls> calls);
@@ -73,8 +77,8 @@ class Sender : public std::enable_shared_from_this<Sender> {
   void begin();
   /// The file may be ready to be sent: nobody has it open for writing any more.
   void closed(ItemId item);
-  /// Tries everything now.
-  void retryAll();
+  /// Tries what is at or below `path` ("/" for all) now, and the folders above that are still to be made.
+  void retry(const std::string& path);
   /// The store answered (null), or this came instead.
   void reached(const platform::NSErrorPtr& error);
   /// Changes at or below `path` ("/" for all), at most `most` of them; and how many there are in all.
@@ -86,15 +90,6 @@ class Sender : public std::enable_shared_from_this<Sender> {
 
  private:
   using Clock = std::chrono::nanoseconds;
-  struct Wait {
-    Clock since{0};
-    Clock notBefore{0};
-    int attempts = 0;
-    bool unreachable = false;
-    std::string reason;
-    /// What was to be done when it failed last.
-    std::optional<OutgoingItem> failed;
-  };
   /// What a change came to: null is done (or no longer wanted), `retrySoon` is "look again".
   struct Outcome {
     platform::NSErrorPtr error;
@@ -142,10 +137,13 @@ class Sender : public std::enable_shared_from_this<Sender> {
   bool stopped_ GUARDED_BY(mutex_) = false;
   bool passing_ GUARDED_BY(mutex_) = false;
   bool passAgain_ GUARDED_BY(mutex_) = false;
-  std::map<ItemId, Wait> waits_ GUARDED_BY(mutex_);
+  Waits waits_ GUARDED_BY(mutex_);
+  bool anyUnreachable_ GUARDED_BY(mutex_) = false;
   std::vector<Change> underWay_ GUARDED_BY(mutex_);
   Timers::Token timer_ GUARDED_BY(mutex_) = 0;
   Clock timerDue_ GUARDED_BY(mutex_){0};
+  /// A look at very many changes takes long, and rests then.
+  Clock passNotBefore_ GUARDED_BY(mutex_){0};
   /// The store could not be reached so often, and is tried again then.
   int offline_ GUARDED_BY(mutex_) = 0;
   Clock offlineUntil_ GUARDED_BY(mutex_){0};

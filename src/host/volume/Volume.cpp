@@ -112,7 +112,7 @@ ContentNumber Volume::newContentNumber() {
   return nextContent_++;
 }
 
-void Volume::change(const Work& work, Survives survives, Reply<Done> reply) {
+void Volume::change(const Work& work, Survives survives, const Reply<Done>& reply) {
   Aftermath aftermath;
   NSErrorPtr error;
   {
@@ -121,7 +121,7 @@ void Volume::change(const Work& work, Survives survives, Reply<Done> reply) {
     aftermath = settle(survives, error ? [](const Answer<Done>&) {} : reply);
   }
   finish(aftermath);
-  if (error) reply(std::move(error));
+  if (error) reply(error);
 }
 
 void Volume::change(const std::function<void(Tree& tree, Nodes& nodes)>& work) {

@@ -78,7 +78,7 @@ class Volume : public std::enable_shared_from_this<Volume> {
   /// Changes, under the lock; then what follows is done. `work` returns null or why it did nothing.
   using Work = std::function<platform::NSErrorPtr(Tree& tree, Nodes& nodes)>;
   /// `reply` comes when the change is committed; with the error of `work` if there was one.
-  void change(const Work& work, Survives survives, Reply<Done> reply);
+  void change(const Work& work, Survives survives, const Reply<Done>& reply);
   /// For changes that nobody waits for. What cannot be committed now goes with the next commit of the same item.
   void change(const std::function<void(Tree& tree, Nodes& nodes)>& work);
   /// Answers when everything so far survives `survives`.

@@ -16,8 +16,8 @@ void VolumeControl::pending(std::string path, std::size_t most, Reply<PendingCha
   reply(work_->pending(path, most));
 }
 
-void VolumeControl::tryNow(std::string /*path*/, Reply<Done> reply) {
-  work_->sender->retryAll();
+void VolumeControl::tryNow(std::string path, Reply<Done> reply) {
+  work_->sender->retry(path);
   reply(Done());
 }
 

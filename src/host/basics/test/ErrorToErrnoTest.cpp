@@ -48,6 +48,13 @@ TEST(ErrorToErrnoTest, GivesWhatAUserExpects) {
          {"some.domain", 1, EIO}});
 }
 
+TEST(ErrorToErrnoTest, KnowsWhatMaySucceedWithTheNextAnswer) {
+  for (const int number : {EHOSTUNREACH, ETIMEDOUT, ENETDOWN, EACCES})
+    EXPECT_TRUE(isUnreachable(NSError(kPOSIX, number, "text"))) << number;
+  for (const int number : {ENOENT, ENOSPC, EIO, EDQUOT, ECANCELED})
+    EXPECT_FALSE(isUnreachable(NSError(kPOSIX, number, "text"))) << number;
+}
+
 // Such answers the kernel refuses, or it takes ENOSYS as "never ask again".
 TEST(ErrorToErrnoTest, NothingTheKernelMisunderstandsIsSent) {
   check({{kPOSIX, 0, EIO},

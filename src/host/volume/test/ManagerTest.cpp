@@ -151,6 +151,35 @@ TEST_F(ManagerTest, FetchesAgainAfterAFailure) {
   EXPECT_TRUE(comes(id, 5));
 }
 
+TEST_F(ManagerTest, FetchesAtOnceWhenTheStoreAnswersAgain) {
+  const std::string id = remote().putFile("/kept.txt", "first");
+  remote().setPolicy("/kept.txt", NSFileProviderContentPolicy::downloadEagerlyAndKeepDownloaded);
+  remote().failWith(Ask::contents, "/kept.txt",
+                    NSFileProviderError(NSFileProviderError::serverUnreachable).share());
+  host_.names();
+  ASSERT_TRUE(host_.timers().waitForTimer(Keeper::kFirstPause));
+  remote().failWith(Ask::contents, "/kept.txt", nullptr);
+  host_.timers().advance(std::chrono::seconds(2));  // a failed read is not repeated for a second
+  remote().putFile("/other.txt", "other");
+  host_.announce();
+  EXPECT_TRUE(comes(id, 5));
+}
+
+TEST_F(ManagerTest, ButNotWhatFailedForAnotherReason) {
+  remote().putFile("/kept.txt", "first");
+  remote().setPolicy("/kept.txt", NSFileProviderContentPolicy::downloadEagerlyAndKeepDownloaded);
+  remote().failWith(Ask::contents, "/kept.txt",
+                    NSFileProviderError(NSFileProviderError::cannotSynchronize).share());
+  host_.names();
+  ASSERT_TRUE(host_.timers().waitForTimer(Keeper::kFirstPause));
+  host_.timers().advance(std::chrono::seconds(2));
+  remote().putFile("/other.txt", "other");
+  host_.announce();
+  ASSERT_TRUE(host_.waitForNames({"kept.txt", "other.txt"}));
+  EXPECT_TRUE(support::staysTrue([&] { return remote().asked(Ask::contents, "/kept.txt") == 1; },
+                                 std::chrono::milliseconds(50)));
+}
+
 TEST_F(ManagerTest, MakesRoomWithoutWhatIsKeptOrChanged) {
   const std::string plain = remote().putFile("/plain.txt", "12345");
   const std::string kept = remote().putFile("/kept.txt", "12345");

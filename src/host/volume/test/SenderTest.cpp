@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <cerrno>
 
 #include "host/volume/test/HostHarness.h"
@@ -141,7 +143,7 @@ TEST_F(SenderTest, WhatTheExtensionNeverTakesStaysHere) {
   save("/junk", "x");
   ASSERT_TRUE(passUntil([&] { return sender().countUnsent() == 0; }));
   pass(seconds(30));
-  sender().retryAll();
+  sender().retry("/");
   save("/junk", "changed");
   pass(seconds(30));
   EXPECT_EQ(remote().asked(Ask::create, "/junk"), 1);
@@ -180,10 +182,56 @@ TEST_F(SenderTest, WhatFailedIsTriedAgainAfterGrowingPauses) {
   EXPECT_TRUE(log.contains("send '/a'"));
   // At once when somebody asks.
   remote().failWith(Ask::create, "/a", nullptr);
-  sender().retryAll();
+  sender().retry("/");
   ASSERT_TRUE(waitUntilSent(seconds(1)));
   EXPECT_EQ(remote().contents("/a"), "x");
   EXPECT_EQ(sender().countFailed(), 0U);
+}
+
+TEST_F(SenderTest, WhoAsksForAFolderHastensWhatIsInItAndNothingElse) {
+  makeFolder("/docs");
+  ASSERT_TRUE(waitUntilSent());
+  for (const char* path : {"/a", "/docs/b", "/docs2"})
+    remote().failWith(Ask::create, path, errorOf(NSFileProviderError::insufficientQuota));
+  for (const char* path : {"/a", "/docs/b", "/docs2"}) save(path, "x");
+  ASSERT_TRUE(passUntil([&] {
+    const auto changes = unsent();
+    return std::all_of(changes.begin(), changes.end(), [](const UnsentChange& change) {
+      return change.attempts == 4 && !change.isUnderWay;
+    });
+  }));
+  sender().retry("/docs");
+  pass(milliseconds(100));
+  EXPECT_EQ(remote().asked(Ask::create, "/docs/b"), 5);
+  EXPECT_EQ(remote().asked(Ask::create, "/a"), 4);
+  EXPECT_EQ(remote().asked(Ask::create, "/docs2"), 4);
+}
+
+TEST_F(SenderTest, WhatIsInAFolderIsHastenedWithTheFolder) {
+  remote().failWith(Ask::create, "/docs", errorOf(NSFileProviderError::insufficientQuota));
+  makeFolder("/docs");
+  save("/docs/b", "x");
+  ASSERT_TRUE(passUntil([&] { return unsent("/docs").at(0).attempts == 4; }));
+  remote().failWith(Ask::create, "/docs", nullptr);
+  sender().retry("/docs/b");
+  EXPECT_TRUE(waitUntilSent(seconds(1)));
+  EXPECT_EQ(remote().contents("/docs/b"), "x");
+}
+
+TEST_F(SenderTest, WhatIsRemovedWhileItIsBeingMadeIsUnsentUntilItIsGoneThere) {
+  remote().hold(Ask::create, "/a");
+  save("/a", "x");
+  ASSERT_TRUE(passUntil([&] { return remote().asked(Ask::create, "/a") == 1; }));
+  EXPECT_EQ(removeFile("/a"), 0);
+  EXPECT_EQ(sender().countUnsent(), 1U);
+  const auto changes = unsent();
+  ASSERT_THAT(changes, SizeIs(1));
+  EXPECT_EQ(changes[0].path, "/a");
+  EXPECT_EQ(changes[0].kind, Change::Kind::remove);
+  EXPECT_TRUE(changes[0].isUnderWay);
+  remote().release(Ask::create, "/a");
+  ASSERT_TRUE(passUntil([&] { return sender().countUnsent() == 0; }));
+  EXPECT_THAT(remote().names(), IsEmpty());
 }
 
 TEST_F(SenderTest, WhenTheStoreAnswersAgainEverythingGoesAtOnce) {
