@@ -18,6 +18,7 @@
 #include "platform/file_provider/NSFileProviderError.h"
 #include "platform/values/Checked.h"
 #include "platform/values/UUID.h"
+#include "transfer/ContentStream.h"
 #include "transfer/PartialFetch.h"
 #include "transfer/WholeFileDownload.h"
 
@@ -77,7 +78,8 @@ FileProviderExtension::FileProviderExtension(platform::NSFileProviderDomainPtr d
     : domain_(std::move(domain)),
       manager_(platform::NSFileProviderManager::forDomain(*domain_)),
       session_(std::make_shared<platform::URLSession>(transferConfiguration())),
-      prefetcher_(std::make_shared<PrefetchTracker>(std::move(services.clock))),
+      prefetcher_(std::make_shared<PrefetchTracker>(services.clock)),
+      addresses_(std::make_shared<ContentAddresses>(std::move(services.clock))),
       sleeper_(std::move(services.sleeper)) {
   const std::string apiURL = SharedConfig::apiURL().value_or("nil");
   const std::string token = SharedConfig::token() ? "present" : "missing";
@@ -142,6 +144,29 @@ NSProgressPtr FileProviderExtension::fetchPartialContents(
   fetch.prefetcher = prefetcher_;
   fetch.completionHandler = std::move(completionHandler);
   platform::spawnDetached("fetchPartialContents", runPartialFetch(std::move(fetch)));
+  return progress;
+}
+
+NSProgressPtr FileProviderExtension::streamContents(
+    NSFileProviderItemIdentifier itemIdentifier,
+    platform::NSFileProviderItemVersion requestedVersion, NSFileProviderRequest,
+    platform::NSRange range, BytesHandler bytes, EndHandler completionHandler) {
+  ContentStream stream;
+  stream.transferId = platform::newUUIDString();
+  stream.path = FileProviderItem::path(itemIdentifier);
+  stream.version = std::move(requestedVersion.contentVersion);
+  stream.range = range;
+  fpLog().write(platform::LogLevel::standard, "streamContents path=%{public}s range=%ld..%ld",
+                stream.path, range.location,
+                platform::addOrDie(range.location, range.length, "the end of a byte range"));
+  auto progress = std::make_shared<NSProgress>(std::max<std::int64_t>(1, range.length));
+  stream.progress = progress;
+  stream.session = session_;
+  stream.sleeper = sleeper_;
+  stream.addresses = addresses_;
+  stream.bytes = std::move(bytes);
+  stream.completionHandler = std::move(completionHandler);
+  platform::spawnDetached("streamContents", runContentStream(std::move(stream)));
   return progress;
 }
 

@@ -3,7 +3,7 @@
 //
 // It owns what its operations share: the domain and its manager, the session on which contents move
 // (one hour of time-outs, at most 32 connections a host: large parts and whole files go through
-// it), and the prefetch tracker. All are set once in the constructor. Each operation returns its
+// it), the prefetch tracker, and the addresses of what is being streamed. All are set once in the constructor. Each operation returns its
 // progress at once and runs as a task of its own, which keeps what it needs; so the object may go
 // while tasks still run.
 //
@@ -13,22 +13,25 @@
 
 #include <memory>
 
+#include "platform/file_provider/ContentStreaming.h"
 #include "platform/file_provider/NSFileProviderManager.h"
 #include "platform/file_provider/NSFileProviderReplicatedExtension.h"
 #include "platform/net/URLSession.h"
 #include "platform/tasks/Task.h"
 #include "platform/values/Date.h"
+#include "transfer/ContentAddresses.h"
 #include "transfer/PrefetchTracker.h"
 
 namespace kestrune {
 
 class FileProviderExtension final : public platform::NSFileProviderReplicatedExtension,
                                     public platform::NSFileProviderCustomAction,
-                                    public platform::NSFileProviderPartialContentFetching {
+                                    public platform::NSFileProviderPartialContentFetching,
+                                    public platform::ContentStreaming {
  public:
   /// What the extension takes from outside beside its domain; the defaults are the real ones.
   struct Services {
-    /// Read by the prefetch tracker.
+    /// Read by the prefetch tracker, and by what remembers addresses.
     std::shared_ptr<const platform::Clock> clock = std::make_shared<platform::SystemClock>();
     /// Waits between attempts.
     std::shared_ptr<platform::Sleeper> sleeper = std::make_shared<platform::TimerSleeper>();
@@ -70,6 +73,13 @@ class FileProviderExtension final : public platform::NSFileProviderReplicatedExt
       platform::NSRange minimalRange, std::int64_t alignment,
       platform::NSFileProviderFetchContentsOptions options,
       PartialContentsHandler completionHandler) override;
+
+  /// No more than the bytes asked for, and no other version's: a version that went is an error.
+  platform::NSProgressPtr streamContents(platform::NSFileProviderItemIdentifier itemIdentifier,
+                                         platform::NSFileProviderItemVersion requestedVersion,
+                                         platform::NSFileProviderRequest request,
+                                         platform::NSRange range, BytesHandler bytes,
+                                         EndHandler completionHandler) override;
 
   /// A folder or an upload. Names that operating systems scatter into folders are refused before
   /// the call returns, with NSFileProviderError noSuchItem.
@@ -113,6 +123,7 @@ class FileProviderExtension final : public platform::NSFileProviderReplicatedExt
   const std::shared_ptr<platform::NSFileProviderManager> manager_;
   const std::shared_ptr<platform::URLSession> session_;
   const std::shared_ptr<PrefetchTracker> prefetcher_;
+  const std::shared_ptr<ContentAddresses> addresses_;
   const std::shared_ptr<platform::Sleeper> sleeper_;
 };
 

@@ -34,6 +34,11 @@
   LINE("partial fetch attempt %ld failed at %ld/%ld \xE2\x80\x94 retrying in %.*fs (%{public}s)",  \
        arguments.integer(0), arguments.integer(1), arguments.integer(2),                           \
        arguments.smallInteger(3), arguments.real(4), arguments.text(5))                            \
+  LINE("streamContents path=%{public}s range=%ld..%ld", arguments.text(0), arguments.integer(1),   \
+       arguments.integer(2))                                                                       \
+  LINE("stream attempt %ld failed at %ld/%ld \xE2\x80\x94 retrying in %.*fs (%{public}s)",         \
+       arguments.integer(0), arguments.integer(1), arguments.integer(2),                           \
+       arguments.smallInteger(3), arguments.real(4), arguments.text(5))                            \
   LINE("createItem begin name=%{public}s isDir=%{bool}d", arguments.text(0), arguments.flag(1))    \
   LINE("createItem rejecting system junk name=%{public}s", arguments.text(0))                      \
   LINE("createItem uploading %lld bytes", arguments.longInteger(0))                                \
