@@ -2,11 +2,15 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <boost/asio/post.hpp>
 #include <cerrno>
+#include <string_view>
 #include <utility>
 
 #include "host/basics/OnceReply.h"
+#include "platform/file_provider/ContentStreaming.h"
+#include "platform/file_provider/NSFileProviderError.h"
 #include "platform/tasks/Task.h"
 
 namespace kestrune::host {
@@ -46,27 +50,68 @@ Answer<FetchedFile> answerOf(const std::optional<fs::path>& url,
 
 }  // namespace
 
+PartFetching partFetchingOf(platform::NSFileProviderReplicatedExtension& extension) {
+  if (dynamic_cast<platform::ContentStreaming*>(&extension) != nullptr)
+    return PartFetching::asStreams;
+  const bool asFiles =
+      dynamic_cast<platform::NSFileProviderPartialContentFetching*>(&extension) != nullptr;
+  return asFiles ? PartFetching::asFiles : PartFetching::none;
+}
+
+bool isVersionGone(const platform::NSError& error) {
+  return error.domain() == platform::kNSFileProviderErrorDomain &&
+         error.code() == platform::NSFileProviderError::versionNoLongerAvailable;
+}
+
 std::string FetchedFile::contentVersion() const {
   const auto version = item->itemVersion();
   return version ? version->contentVersion : std::string();
 }
 
-void ContentFetch::start(std::optional<ByteRange> range, Reply<FetchedFile> reply) {
-  boost::asio::post(platform::sharedExecutor(),
-                    [self = shared_from_this(), range, reply = std::move(reply)] {
-                      const auto progress = self->call(range, reply);
-                      bool cancels = false;
-                      {
-                        MutexLock lock(self->mutex_);
-                        self->progress_ = progress;
-                        cancels = self->isCancelled_;
-                      }
-                      if (cancels && progress) progress->cancel();
-                    });
+void ContentFetch::start(std::optional<ByteRange> range, Taker taker, Reply<FetchedFile> reply) {
+  boost::asio::post(
+      platform::sharedExecutor(),
+      [self = shared_from_this(), range, taker = std::move(taker), reply = std::move(reply)] {
+        const auto progress = self->call(range, taker, reply);
+        bool cancels = false;
+        {
+          MutexLock lock(self->mutex_);
+          self->progress_ = progress;
+          cancels = self->isCancelled_;
+        }
+        if (cancels && progress) progress->cancel();
+      });
 }
 
-platform::NSProgressPtr ContentFetch::call(std::optional<ByteRange> range,
+// An extension that goes on handing over bytes after its answer is not listened to.
+platform::NSProgressPtr ContentFetch::stream(ByteRange range, Taker taker,
+                                             Reply<FetchedFile> reply) {
+  const OnceReply<FetchedFile> once(std::move(reply));
+  const auto answered = std::make_shared<std::atomic<bool>>(false);
+  return dynamic_cast<platform::ContentStreaming&>(*extension_)
+      .streamContents(
+          source_.identifier, source_.version, {}, {range.start, range.length()},
+          [range, answered, taker = std::move(taker)](std::int64_t offset, std::string_view bytes) {
+            const bool fits = offset >= range.start && offset <= range.end &&
+                              static_cast<std::int64_t>(bytes.size()) <= range.end - offset;
+            return fits && !*answered && taker(offset, std::as_bytes(std::span(bytes)));
+          },
+          [once, answered](platform::NSFileProviderItemPtr item, const NSErrorPtr& error) {
+            *answered = true;
+            FetchedFile end;
+            if (error && isVersionGone(*error)) end.item = std::move(item);
+            if (error && !end.item) {
+              once.answer(error);
+            } else {
+              once.answer(std::move(end));
+            }
+          });
+}
+
+platform::NSProgressPtr ContentFetch::call(std::optional<ByteRange> range, Taker taker,
                                            Reply<FetchedFile> reply) {
+  if (range && partFetchingOf(*extension_) == PartFetching::asStreams)
+    return stream(*range, std::move(taker), std::move(reply));
   const OnceReply<FetchedFile> once(std::move(reply));
   auto* partial = dynamic_cast<platform::NSFileProviderPartialContentFetching*>(extension_.get());
   if (partial == nullptr || !range) {

@@ -23,13 +23,6 @@ using platform::MutexLock;
 using platform::NSPOSIXError;
 
 constexpr std::int64_t kEndOfAll = std::numeric_limits<std::int64_t>::max();
-// What is copied in before a write may come in between.
-constexpr std::int64_t kPieceBytes = 4LL << 20;
-
-ByteRange clipped(ByteRange range, std::int64_t end) {
-  return {std::max<std::int64_t>(0, range.start), std::min(range.end, end)};
-}
-
 LocalFilePtr emptyFile() {
   const int number = ::memfd_create("empty", MFD_CLOEXEC);
   if (number < 0) throw NSPOSIXError(errno, "make an empty file");
@@ -93,7 +86,7 @@ std::int64_t ContentFile::storedBytes() const {
 
 ByteRange ContentFile::firstMissing(ByteRange range) const {
   MutexLock lock(mutex_);
-  return state_.present.firstMissing(clipped(range, state_.fetchableBytes));
+  return state_.present.firstMissing(range.clipped(state_.fetchableBytes));
 }
 
 ByteRange ContentFile::around(std::int64_t offset) const {
@@ -104,7 +97,7 @@ ByteRange ContentFile::around(std::int64_t offset) const {
 LocalFilePtr ContentFile::file(ByteRange range) {
   MutexLock lock(mutex_);
   if (state_.number == 0 && state_.isEdited) return emptyFile();  // made here, nothing written yet
-  if (state_.number == 0 || !state_.present.contains(clipped(range, state_.sizeBytes)))
+  if (state_.number == 0 || !state_.present.contains(range.clipped(state_.sizeBytes)))
     return nullptr;
   LocalFilePtr file = openLocked();
   if (!file) return nullptr;
@@ -151,80 +144,6 @@ bool ContentFile::startAnew(const ContentSource& source) {
   return isOther;
 }
 
-void ContentFile::checkLength(std::int64_t length, ByteRange range) const {
-  MutexLock lock(mutex_);
-  const bool isFresh = state_.number == 0 && !state_.isEdited;
-  const bool reaches = range.start >= 0 && range.end <= length;
-  // How long the store's version is, is known of an unchanged file only.
-  const bool fits =
-      isFresh || (state_.isEdited ? length >= state_.fetchableBytes : length == state_.sizeBytes);
-  if (!reaches || !fits) {
-    throw NSPOSIXError(EIO, "use a fetched file of " + std::to_string(length) +
-                                " bytes, which is not as long as it should be");
-  }
-}
-
-bool ContentFile::take(const std::filesystem::path& path, std::optional<ByteRange> range,
-                       const std::string& version, ContentNumber fresh) {
-  {
-    MutexLock changing(changing_);
-    if (hasNothing()) return fresh != 0 && takeWhole(path, range, version, fresh);
-  }
-  const LocalFilePtr source = directory_->takeUnnamed(path);
-  const ByteRange all = range.value_or(ByteRange{0, source->sizeBytes()});
-  checkLength(source->sizeBytes(), all);
-  for (std::int64_t start = all.start; start < all.end; start += kPieceBytes) {
-    const ByteRange piece{start, std::min(all.end, start + kPieceBytes)};
-    if (!takePiece(source->descriptor(), piece, version)) return false;
-  }
-  return true;
-}
-
-bool ContentFile::takeWhole(const std::filesystem::path& path, std::optional<ByteRange> range,
-                            const std::string& version, ContentNumber fresh) {
-  {
-    MutexLock lock(mutex_);
-    if (isDiscarded_ || state_.version != version) return false;
-  }
-  const LocalFilePtr file = directory_->takeOver(path, fresh);
-  const ByteRange here = range.value_or(ByteRange{0, file->sizeBytes()});
-  try {
-    checkLength(file->sizeBytes(), here);
-  } catch (const NSPOSIXError&) {
-    directory_->remove(fresh);
-    throw;
-  }
-  log_ = std::make_unique<RangeLog>(directory_, fresh);
-  MutexLock lock(mutex_);
-  state_.number = fresh;
-  state_.sizeBytes = file->sizeBytes();
-  state_.fetchableBytes = file->sizeBytes();
-  state_.present = {};
-  state_.present.add(here);
-  stored_ = -1;
-  if (isOpen_) file_ = file;
-  if (isDiscarded_) directory_->remove(fresh);
-  return true;
-}
-
-bool ContentFile::takePiece(int from, ByteRange piece, const std::string& version) {
-  MutexLock changing(changing_);
-  std::vector<ByteRange> missing;
-  {
-    MutexLock lock(mutex_);
-    if (isDiscarded_ || state_.number == 0 || state_.version != version) return false;
-    missing = state_.present.missing(clipped(piece, state_.fetchableBytes));
-  }
-  if (missing.empty()) return true;
-  const LocalFilePtr file = fileToChange();
-  for (const auto& range : missing) {
-    copyBytes(from, file->descriptor(), range);
-    noteIfUnknown(range);
-    nowHere(range, 0);
-  }
-  return true;
-}
-
 LocalFilePtr ContentFile::fileToChange() {
   MutexLock lock(mutex_);
   LocalFilePtr file = openLocked();
@@ -237,7 +156,7 @@ void ContentFile::noteIfUnknown(ByteRange range) {
   {
     MutexLock lock(mutex_);
     if (!state_.isEdited && !editIsPrepared_) return;
-    range = clipped(range, state_.fetchableBytes);
+    range = range.clipped(state_.fetchableBytes);
     if (state_.present.contains(range)) return;
   }
   log_->noteHere(range);

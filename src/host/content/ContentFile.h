@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
@@ -77,6 +78,11 @@ class ContentFile {
   bool take(const std::filesystem::path& path, std::optional<ByteRange> range,
             const std::string& version, ContentNumber fresh);
 
+  /// The same for bytes that came by themselves: takes those that are missing. The first ones make the file, as contents
+  /// `fresh`.
+  bool take(std::int64_t offset, std::span<const std::byte> bytes, const std::string& version,
+            ContentNumber fresh);
+
   /// Makes sure of a file, as contents `fresh` if there is none, and returns the state to be committed before a change.
   /// To be followed by one of the next two.
   ContentState prepareEdit(ContentNumber fresh);
@@ -118,7 +124,10 @@ class ContentFile {
   void makeFile(ContentNumber fresh) REQUIRES_LOCK(changing_);
   bool takeWhole(const std::filesystem::path& path, std::optional<ByteRange> range,
                  const std::string& version, ContentNumber fresh) REQUIRES_LOCK(changing_);
-  bool takePiece(int from, ByteRange piece, const std::string& version);
+  /// Puts the bytes of a range into the file.
+  using Putter = std::function<void(int file, ByteRange range)>;
+  bool takePiece(ByteRange piece, const std::string& version, ContentNumber fresh,
+                 const Putter& put);
   void checkLength(std::int64_t length, ByteRange range) const;
   void unshare() REQUIRES_LOCK(changing_);
   bool isShared() const;

@@ -3,12 +3,10 @@
 #include <algorithm>
 #include <boost/asio/post.hpp>
 #include <cerrno>
-#include <cstdlib>
 #include <limits>
 #include <utility>
 
 #include "host/content/DiskThreads.h"
-#include "platform/file_provider/NSFileProviderError.h"
 #include "platform/tasks/Task.h"
 
 namespace kestrune::host {
@@ -17,25 +15,15 @@ namespace {
 
 using platform::MutexLock;
 using platform::NSErrorPtr;
-using platform::NSFileProviderError;
 using platform::NSPOSIXError;
 
 constexpr std::int64_t kEndOfAll = std::numeric_limits<std::int64_t>::max();
 constexpr ByteRange kAll{0, kEndOfAll};
-// The kernel reads ahead in several requests at once, which arrive in any order.
-constexpr std::int64_t kDisorder = 2LL << 20;
 // A store that has a new version after each fetch is not followed for ever.
 constexpr int kMostRefusals = 3;
 
 NSErrorPtr stale() {
   return NSPOSIXError(ESTALE, "read a version that is no longer there").share();
-}
-
-ByteRange aligned(ByteRange range) {
-  constexpr std::int64_t unit = ContentFetch::kAlignment;
-  const std::int64_t start = range.start / unit * unit;
-  const std::int64_t end = std::min(range.end, start + ContentReads::kMostAsked);
-  return {start, end > kEndOfAll - unit ? end : (end + unit - 1) / unit * unit};
 }
 
 }  // namespace
@@ -45,8 +33,7 @@ ContentReads::ContentReads(std::shared_ptr<const FileObjectServices> services, I
     : services_(std::move(services)),
       item_(item),
       content_(std::move(content)),
-      fetchesParts_(dynamic_cast<platform::NSFileProviderPartialContentFetching*>(
-                        services_->extension.get()) != nullptr),
+      parts_(partFetchingOf(*services_->extension)),
       toldBytes_(content_->sizeBytes()) {}
 
 // Null where bytes are missing, or the kernel would cut them off at an old length.
@@ -67,25 +54,34 @@ LocalFilePtr ContentReads::present(ByteRange range) {
     auto answer = fileFor(range);
     if (!answer.ok() || !answer.value()) return nullptr;
     file = std::move(answer.value());
-    next = planAhead(range);
+    if (goesOn(range)) next = planAhead(range);
   }
-  if (next) {
-    boost::asio::post(platform::sharedExecutor(),
-                      [self = shared_from_this(), next] { self->start(next); });
-  }
+  startLater(next);
   return file;
 }
 
 void ContentReads::read(ByteRange range, bool mayFetch, const Reply<LocalFilePtr>& reply) {
   if (LocalFilePtr file = present(range)) return reply(std::move(file));
   bool waits = false;
+  RunningPtr next;
   {
     MutexLock lock(mutex_);
     waits = mayFetch || announcing_ > 0;
-    if (waits) waiters_.push_back({range, false, reply});
+    if (waits) {
+      const bool inOrder = goesOn(range);
+      if (inOrder && streams() && mayFetch) next = planAhead(range);
+      waiters_.push_back({range, false, reply, inOrder});
+    }
   }
   if (!waits) return reply(NSPOSIXError(ENODATA, "read what is not here").share());
+  startLater(next);
   settle();
+}
+
+void ContentReads::startLater(const RunningPtr& next) {
+  if (!next) return;
+  boost::asio::post(platform::sharedExecutor(),
+                    [self = shared_from_this(), next] { self->start(next); });
 }
 
 void ContentReads::fill(Reply<Done> reply) {
@@ -134,7 +130,7 @@ bool ContentReads::settle(const Waiter& waiter, Settled& settled) {
   if (answer.ok() && !answer.value()) {
     const bool hasNothing = content_->hasNothing();
     const ByteRange missing = hasNothing ? waiter.range : content_->firstMissing(waiter.range);
-    if (isComing(missing.start)) return false;
+    if (waitsFor(missing.start)) return false;
     if (isAbandoned_) {
       answer = stale();
     } else if (!hasNothing && missing.isEmpty()) {
@@ -142,7 +138,7 @@ bool ContentReads::settle(const Waiter& waiter, Settled& settled) {
     } else if (failureHolds()) {
       answer = failure_;
     } else {
-      settled.fetches.push_back(plan(missing));
+      settled.fetches.push_back(planFor(waiter, missing));
       return false;
     }
   }
@@ -150,46 +146,8 @@ bool ContentReads::settle(const Waiter& waiter, Settled& settled) {
   return true;
 }
 
-bool ContentReads::isComing(std::int64_t offset) const {
-  return std::any_of(running_.begin(), running_.end(), [&](const RunningPtr& running) {
-    if (running->isCancelled) return false;
-    const ByteRange& asked = running->asked;
-    return running->isWhole || (asked.start <= offset && offset - kExpectedAhead < asked.end);
-  });
-}
-
 bool ContentReads::failureHolds() const {
   return failure_ && services_->timers->now() - failedAt_ < kFailureHolds;
-}
-
-ContentReads::RunningPtr ContentReads::plan(ByteRange missing) {
-  auto running = std::make_shared<Running>();
-  running->asked = aligned(missing);
-  running_.push_back(running);
-  return running;
-}
-
-// The next range for a reader who is in the last quarter of what is here in one piece. As much as that piece, so that
-// requests grow with what is read in order.
-ContentReads::RunningPtr ContentReads::planAhead(ByteRange read) {
-  if (!goesOn(read) || isAbandoned_ || failureHolds()) return nullptr;
-  const ByteRange here = content_->around(read.start);
-  if (here.isEmpty() || read.end < here.end - here.length() / 4) return nullptr;
-  const std::int64_t most = std::clamp(here.length(), ContentFetch::kAlignment, kMostAsked);
-  if (here.end > kEndOfAll - most) return nullptr;
-  const ByteRange next = content_->firstMissing({here.end, here.end + most});
-  if (next.isEmpty() || next.start != here.end || isComing(next.start)) return nullptr;
-  return plan(next);
-}
-
-bool ContentReads::goesOn(ByteRange read) {
-  for (auto& end : readEnds_) {
-    if (end < 0 || std::abs(read.start - end) > kDisorder) continue;
-    end = read.end;
-    return true;
-  }
-  readEnds_[nextReader_++ % readEnds_.size()] = read.end;
-  return false;
 }
 
 void ContentReads::start(const RunningPtr& running) {
@@ -202,8 +160,9 @@ void ContentReads::start(const RunningPtr& running) {
     MutexLock lock(mutex_);
     // Only now is it known how long the file is at the store.
     const std::int64_t size = running->source.sizeBytes;
-    running->isWhole = !fetchesParts_ || (size <= kWholeFetchBytes && isUntouched());
+    running->isWhole = parts_ == PartFetching::none || (size <= kWholeFetchBytes && isUntouched());
     if (running->asked.start >= size) running->asked = {0, ContentFetch::kAlignment};
+    running->reached = running->asked.start;
     if (!running->isWhole) {
       asked = ByteRange{running->asked.start, std::min(running->asked.end, size)};
     }
@@ -211,11 +170,96 @@ void ContentReads::start(const RunningPtr& running) {
     if (!running->isCancelled) fetch = running->fetch;
   }
   if (!fetch) return ended(running, platform::CancellationError().share());
-  fetch->start(asked, [self = shared_from_this(), running](Answer<FetchedFile> answer) {
+  if (asked && asked->isEmpty())
+    return ended(running, NSPOSIXError(EIO, "read bytes that the store does not have").share());
+  const auto taker = [self = shared_from_this(), running](std::int64_t offset,
+                                                          std::span<const std::byte> bytes) {
+    return self->cameBytes(running, offset, bytes);
+  };
+  fetch->start(asked, taker, [self = shared_from_this(), running](Answer<FetchedFile> answer) {
     boost::asio::post(diskExecutor(), [self, running, answer = std::move(answer)] {
       self->arrived(running, answer);
     });
   });
+}
+
+// False: no more of the stream is wanted.
+bool ContentReads::cameBytes(const RunningPtr& running, std::int64_t offset,
+                             std::span<const std::byte> bytes) {
+  bool tellsLength = false;
+  bool areAllWanted = false;
+  {
+    MutexLock lock(mutex_);
+    const std::int64_t wanted = running->asked.end - offset;
+    if (running->isCancelled || offset != running->reached || wanted <= 0) return false;
+    areAllWanted = static_cast<std::size_t>(wanted) >= bytes.size();
+    if (!areAllWanted) bytes = bytes.first(static_cast<std::size_t>(wanted));
+    tellsLength = content_->sizeBytes() != toldBytes_;
+    if (tellsLength) ++announcing_;
+  }
+  put(running, offset, bytes);
+  if (tellsLength) announceLength();
+  bool goesOn = false;
+  bool tellsState = false;
+  bool isAwaited = false;
+  {
+    MutexLock lock(mutex_);
+    goesOn = !running->failure && !running->isCancelled && areAllWanted;
+    const auto now = services_->timers->now();
+    tellsState = now - toldAt_ >= kTellEvery;
+    if (tellsState) toldAt_ = now;
+    isAwaited = !waiters_.empty();
+  }
+  if (tellsState) services_->changed(item_, content_->state());
+  // Elsewhere: who is answered copies the bytes once more, while the next ones wait to be put into the file.
+  if (isAwaited)
+    boost::asio::post(platform::sharedExecutor(), [self = shared_from_this()] { self->settle(); });
+  return goesOn;
+}
+
+// Into the file, or the reason why not into `running`.
+void ContentReads::put(const RunningPtr& running, std::int64_t offset,
+                       std::span<const std::byte> bytes) {
+  bool taken = false;
+  NSErrorPtr error;
+  try {
+    const ContentNumber fresh = content_->hasNothing() ? services_->newNumber() : 0;
+    taken = content_->take(offset, bytes, running->source.version.contentVersion, fresh);
+  } catch (const platform::NSError& failure) {
+    error = failure.share();
+  }
+  MutexLock lock(mutex_);
+  if (taken) {
+    running->reached = offset + static_cast<std::int64_t>(bytes.size());
+    refused_.reset();
+    timesRefused_ = 0;
+    failure_ = nullptr;
+  } else if (error) {
+    running->failure = error;
+  } else {
+    running->isCancelled = true;  // another version is wanted by now
+  }
+}
+
+void ContentReads::streamEnded(const RunningPtr& running) {
+  NSErrorPtr error;
+  {
+    MutexLock lock(mutex_);
+    error = running->failure;
+    const bool broughtNothing = running->reached <= running->asked.start;
+    if (!error && broughtNothing && !running->isCancelled)
+      error = NSPOSIXError(EIO, "use a stream without the bytes that were asked for").share();
+  }
+  ended(running, error);
+}
+
+// The state with what a stream brought, however it ended.
+void ContentReads::tellStreamed(const Running& running) {
+  {
+    MutexLock lock(mutex_);
+    if (running.isWhole || running.reached <= running.asked.start) return;
+  }
+  services_->changed(item_, content_->state());
 }
 
 // What is fetched is of the version that the object has; one that has nothing takes what there is now.
@@ -246,14 +290,15 @@ bool ContentReads::isLostForGood(const platform::NSError& error) {
 }
 
 void ContentReads::arrived(const RunningPtr& running, Answer<FetchedFile> answer) {
+  if (streams()) tellStreamed(*running);
   if (!answer.ok()) {
-    const auto& error = *answer.error();
-    if (error.domain() == platform::kNSFileProviderErrorDomain &&
-        error.code() == NSFileProviderError::versionNoLongerAvailable) {
+    if (isVersionGone(*answer.error())) {
       refuse(running, nullptr);
     } else {
       ended(running, answer.error());
     }
+  } else if (!answer.value().path && !answer.value().item) {
+    streamEnded(running);
   } else if (isOfOtherVersion(*running, answer.value())) {
     refuse(running, answer.value().item);
   } else {

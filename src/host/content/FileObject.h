@@ -9,9 +9,10 @@
 //   fetched now.
 // - Bytes written here are never overwritten by fetched ones.
 // - One fetch per range: who misses bytes that are on their way waits for them. Files up to kWholeFetchBytes, and all files
-//   of an extension that has no partial fetching, are fetched whole; of larger ones what is missing around the read.
-// - While a reader goes on from where the one before ended and is in the last quarter of what is here in one piece, the
-//   next range is asked for already.
+//   of an extension that has no partial fetching, are fetched whole; of larger ones what is missing around the read. From an
+//   extension that streams, bytes are answered as they come.
+// - While a reader goes on from where the one before ended and is in the last quarter of what is here, or comes, in one
+//   piece (of one beyond 128 MiB: in its last 32 MiB), the next range is asked for already.
 // - A failure answers those who wait, and for a second whoever misses the same file's bytes: the kernel repeats failed
 //   reads by itself. Then the next read tries again.
 // - When nobody has the file open, and nobody filled it on purpose, a running fetch is cancelled.

@@ -3,6 +3,7 @@
 // A value: it knows no file and no thread.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -18,6 +19,10 @@ struct ByteRange {
   std::int64_t end = 0;
   bool isEmpty() const { return end <= start; }
   std::int64_t length() const { return isEmpty() ? 0 : end - start; }
+  /// What of it lies within a file that ends at `fileEnd`.
+  ByteRange clipped(std::int64_t fileEnd) const {
+    return {std::max<std::int64_t>(0, start), std::min(end, fileEnd)};
+  }
   bool operator==(const ByteRange&) const = default;
 };
 

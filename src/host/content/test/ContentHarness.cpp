@@ -176,13 +176,13 @@ void RememberedState::serve(FileObjectServices& services,
   };
 }
 
-ContentHarness::ContentHarness(bool withParts)
+ContentHarness::ContentHarness(Parts parts)
     : directory_(std::make_shared<ContentDirectory>(temporary_.path() / "replica")),
       store_(std::make_shared<FakeStore>(directory_->temporaryDirectory())),
       timers_(std::make_shared<MovedTimers>()),
       remembered_(std::make_shared<RememberedState>()),
       services_(std::make_shared<FileObjectServices>()) {
-  services_->extension = store_->extension(withParts);
+  services_->extension = store_->extension(parts);
   services_->directory = directory_;
   services_->timers = timers_;
   services_->source = [store = store_](InodeNumber) { return store->source(); };

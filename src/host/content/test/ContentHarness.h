@@ -115,7 +115,7 @@ class RememberedState {
 
 class ContentHarness {
  public:
-  explicit ContentHarness(bool withParts = true);
+  explicit ContentHarness(Parts parts = Parts::asFiles);
   /// Waits for what is still under way: it would write into a folder that is gone.
   ~ContentHarness();
 

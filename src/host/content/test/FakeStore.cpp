@@ -14,6 +14,7 @@
 
 #include "host/basics/LocalFile.h"
 #include "host/content/FileCopy.h"
+#include "platform/file_provider/NSFileProviderError.h"
 #include "platform/tasks/Task.h"
 #include "platform/values/UUID.h"
 #include "tests/support/Waiting.h"
@@ -88,6 +89,30 @@ class PartExtension final : public WholeExtension,
   }
 };
 
+// What a test holds of one stream.
+struct FakeStore::Stream {
+  NSRange range;
+  platform::ContentStreaming::BytesHandler bytes;
+  platform::ContentStreaming::EndHandler ended;
+  platform::NSProgressPtr progress;
+  std::int64_t given = 0;
+  std::int64_t holdAfter = 0;
+};
+
+class StreamExtension final : public WholeExtension, public platform::ContentStreaming {
+ public:
+  using WholeExtension::WholeExtension;
+  platform::NSProgressPtr streamContents(std::string, platform::NSFileProviderItemVersion,
+                                         platform::NSFileProviderRequest, NSRange range,
+                                         BytesHandler bytes, EndHandler ended) override {
+    auto stream = std::make_shared<FakeStore::Stream>();
+    stream->range = range;
+    stream->bytes = std::move(bytes);
+    stream->ended = std::move(ended);
+    return store_->stream(std::move(stream));
+  }
+};
+
 std::string pattern(std::size_t size, std::uint64_t seed) {
   std::string text(size + 8, '\0');
   for (std::size_t at = 0; at < size; at += 8) {
@@ -136,6 +161,13 @@ void FakeStore::misbehave(Misbehaviour how) {
 void FakeStore::hold() {
   MutexLock lock(mutex_);
   holding_ = true;
+}
+
+bool FakeStore::waitForHeld() const {
+  return support::waitUntil([&] {
+    MutexLock lock(mutex_);
+    return !held_.empty();
+  });
 }
 
 void FakeStore::release() {
@@ -188,9 +220,109 @@ std::uint64_t FakeStore::lastInode() const {
   return lastInode_;
 }
 
-std::shared_ptr<platform::NSFileProviderReplicatedExtension> FakeStore::extension(bool withParts) {
-  if (withParts) return std::make_shared<PartExtension>(shared_from_this());
+std::shared_ptr<platform::NSFileProviderReplicatedExtension> FakeStore::extension(Parts parts) {
+  if (parts == Parts::asFiles) return std::make_shared<PartExtension>(shared_from_this());
+  if (parts == Parts::asStreams) return std::make_shared<StreamExtension>(shared_from_this());
   return std::make_shared<WholeExtension>(shared_from_this());
+}
+
+void FakeStore::holdStreamsAfter(std::int64_t bytes) {
+  MutexLock lock(mutex_);
+  holdAfter_ = bytes;
+}
+
+std::int64_t FakeStore::bytesStreamed() const {
+  MutexLock lock(mutex_);
+  return bytesStreamed_;
+}
+
+int FakeStore::streaming() const {
+  MutexLock lock(mutex_);
+  return streaming_;
+}
+
+platform::NSProgressPtr FakeStore::stream(std::shared_ptr<Stream> stream) {
+  auto progress = std::make_shared<platform::NSProgress>(1);
+  stream->progress = progress;
+  progress->setCancellationHandler([self = shared_from_this()] {
+    MutexLock lock(self->mutex_);
+    ++self->cancelled_;
+  });
+  std::function<void()> going = [self = shared_from_this(), stream] { self->goOn(stream); };
+  {
+    MutexLock lock(mutex_);
+    ++unanswered_;
+    ++streaming_;
+    stream->holdAfter = holdAfter_;
+    if (holding_) held_.push_back(std::exchange(going, nullptr));
+    parts_.push_back(stream->range);
+  }
+  if (going) boost::asio::post(platform::sharedExecutor(), std::move(going));
+  return progress;
+}
+
+void FakeStore::goOn(const std::shared_ptr<Stream>& stream) {
+  Misbehaviour how;
+  std::string contents;
+  std::int64_t until = stream->range.length;
+  {
+    MutexLock lock(mutex_);
+    how = how_;
+    contents = contents_;
+    if (stream->holdAfter > 0) until = std::min(until, std::exchange(stream->holdAfter, 0));
+  }
+  if (how.drops) {
+    stream->bytes = nullptr;
+    stream->ended = nullptr;
+    MutexLock lock(mutex_);
+    --unanswered_;
+    --streaming_;
+    return;
+  }
+  if (how.error) return end(*stream, nullptr, how.error);
+  if (how.version) {
+    const auto now =
+        std::make_shared<StoreItem>(*how.version, static_cast<std::int64_t>(contents.size()));
+    using platform::NSFileProviderError;
+    return end(*stream, now,
+               NSFileProviderError(NSFileProviderError::versionNoLongerAvailable).share());
+  }
+  stream->given += how.shift;
+  if (!give(*stream, contents, until)) return end(*stream, nullptr, nullptr);
+  if (stream->given >= stream->range.length)
+    return end(*stream, nullptr, nullptr, how.answersTwice ? 2 : 1);
+  MutexLock lock(mutex_);
+  held_.emplace_back([self = shared_from_this(), stream] { self->goOn(stream); });
+}
+
+// False if the receiver wants no more.
+bool FakeStore::give(Stream& stream, const std::string& contents, std::int64_t until) {
+  constexpr std::int64_t kPiece = 50'000;
+  while (stream.given < until) {
+    const std::int64_t offset = stream.range.location + stream.given;
+    const std::int64_t count = std::min(kPiece, until - stream.given);
+    const auto piece = std::string_view(contents).substr(static_cast<std::size_t>(offset),
+                                                         static_cast<std::size_t>(count));
+    if (stream.progress->isCancelled()) return false;
+    {
+      MutexLock lock(mutex_);
+      bytesStreamed_ += count;
+    }
+    if (!stream.bytes(offset, piece)) return false;
+    stream.given += count;
+  }
+  return true;
+}
+
+void FakeStore::end(const Stream& stream, const platform::NSFileProviderItemPtr& item,
+                    const platform::NSErrorPtr& error, int times) {
+  {
+    MutexLock lock(mutex_);
+    --streaming_;
+  }
+  for (; times > 0; --times) stream.ended(item, error);
+  MutexLock lock(mutex_);
+  --unanswered_;
 }
 
 platform::NSProgressPtr FakeStore::ask(std::optional<NSRange> part, Handler handler) {

@@ -18,6 +18,7 @@
 
 #include "host/basics/Answer.h"
 #include "host/content/ContentState.h"
+#include "platform/file_provider/ContentStreaming.h"
 #include "platform/file_provider/NSFileProviderReplicatedExtension.h"
 #include "platform/values/Mutex.h"
 
@@ -33,10 +34,14 @@ struct Misbehaviour {
       std::nullopt;             // the item says so; the bytes are nonsense then
   std::int64_t extraBytes = 0;  // the file is so much longer, or shorter
   std::optional<platform::NSRange> range = std::nullopt;  // is said to be present
-  bool drops = false;                                     // the handler without a call
+  std::int64_t shift = 0;  // streams give bytes of a place so far behind
+  bool drops = false;      // the handler without a call
   bool answersTwice = false;
   bool forgetsFile = false;
 };
+
+/// How the extension hands over parts.
+enum class Parts { none, asFiles, asStreams };
 
 class FakeStore : public std::enable_shared_from_this<FakeStore> {
  public:
@@ -54,6 +59,9 @@ class FakeStore : public std::enable_shared_from_this<FakeStore> {
   void behave() { misbehave({}); }
   /// From now on answers wait.
   void hold();
+  /// Streams that begin from now on give so many bytes, and the rest when they are released; 0: they do not wait.
+  void holdStreamsAfter(std::int64_t bytes);
+  [[nodiscard]] bool waitForHeld() const;
   /// The first that waits goes; REQUIRES: one waits.
   void release();
   /// All that wait go, and later ones do not wait.
@@ -68,20 +76,32 @@ class FakeStore : public std::enable_shared_from_this<FakeStore> {
   /// No answer is being given or waits.
   bool isIdle() const;
   int cancelled() const;
+  /// Given by streams.
+  std::int64_t bytesStreamed() const;
+  /// Streams that are not over.
+  int streaming() const;
   /// Of the file that was handed over last.
   std::uint64_t lastInode() const;
 
-  std::shared_ptr<platform::NSFileProviderReplicatedExtension> extension(bool withParts = true);
+  std::shared_ptr<platform::NSFileProviderReplicatedExtension> extension(
+      Parts parts = Parts::asFiles);
 
  private:
   friend class WholeExtension;
   friend class PartExtension;
+  friend class StreamExtension;
+  struct Stream;
   using Handler =
       std::function<void(std::optional<std::filesystem::path>, platform::NSFileProviderItemPtr,
                          platform::NSRange, platform::NSErrorPtr)>;
 
   platform::NSProgressPtr ask(std::optional<platform::NSRange> part, Handler handler);
   void answer(std::optional<platform::NSRange> part, const Handler& handler);
+  platform::NSProgressPtr stream(std::shared_ptr<Stream> stream);
+  void goOn(const std::shared_ptr<Stream>& stream);
+  bool give(Stream& stream, const std::string& contents, std::int64_t until);
+  void end(const Stream& stream, const platform::NSFileProviderItemPtr& item,
+           const platform::NSErrorPtr& error, int times = 1);
   std::filesystem::path makeFile(const std::string& contents, ByteRange present,
                                  std::int64_t length);
 
@@ -98,6 +118,9 @@ class FakeStore : public std::enable_shared_from_this<FakeStore> {
   std::vector<platform::NSRange> parts_ GUARDED_BY(mutex_);
   int unanswered_ GUARDED_BY(mutex_) = 0;
   int cancelled_ GUARDED_BY(mutex_) = 0;
+  std::int64_t holdAfter_ GUARDED_BY(mutex_) = 0;
+  std::int64_t bytesStreamed_ GUARDED_BY(mutex_) = 0;
+  int streaming_ GUARDED_BY(mutex_) = 0;
   std::uint64_t lastInode_ GUARDED_BY(mutex_) = 0;
 };
 

@@ -29,8 +29,10 @@ std::string slotText(std::size_t slot, std::uint64_t write) {
   return text;
 }
 
-class FileObjectRandomTest : public testing::Test, public ContentHarness {
+class FileObjectRandomTest : public testing::TestWithParam<Parts>, public ContentHarness {
  protected:
+  FileObjectRandomTest() : ContentHarness(GetParam()) {}
+
   struct Slot {
     std::atomic<std::uint64_t> begun = 0;
     std::atomic<std::uint64_t> answered = 0;
@@ -148,7 +150,7 @@ class FileObjectRandomTest : public testing::Test, public ContentHarness {
   std::atomic<int> evictions_ = 0;
 };
 
-TEST_F(FileObjectRandomTest, EverybodySeesTheBytesThatWereWritten) {
+TEST_P(FileObjectRandomTest, EverybodySeesTheBytesThatWereWritten) {
   constexpr unsigned kSeed = 20'240;
   std::atomic<bool> stops = false;
   std::vector<std::thread> threads;
@@ -181,6 +183,9 @@ TEST_F(FileObjectRandomTest, EverybodySeesTheBytesThatWereWritten) {
   object_.reset();
   checkAll(with(committed));
 }
+
+INSTANTIATE_TEST_SUITE_P(Files, FileObjectRandomTest, testing::Values(Parts::asFiles));
+INSTANTIATE_TEST_SUITE_P(Streams, FileObjectRandomTest, testing::Values(Parts::asStreams));
 
 }  // namespace
 }  // namespace kestrune::host::test

@@ -477,7 +477,7 @@ TEST_F(FileObjectReadTest, OnlyAWholeFileThatNobodyChangesIsGivenAsAWhole) {
 
 class WholeOnlyTest : public testing::Test, public ContentHarness {
  protected:
-  WholeOnlyTest() : ContentHarness(false) {}
+  WholeOnlyTest() : ContentHarness(Parts::none) {}
 };
 
 TEST_F(WholeOnlyTest, WithoutPartialFetchingLargeFilesAreFetchedWhole) {
