@@ -95,6 +95,12 @@ TEST_F(FrontAttributesTest, AWriteMovesTheTime) {
   EXPECT_EQ(statusOf(at("a")).st_mtim.tv_sec, 1'000'000'000);
 }
 
+// cp takes it for the size of its buffer.
+TEST_F(FrontAttributesTest, ProgramsAreToldToReadInPiecesOf128KiB) {
+  put(at("a"), "text");
+  for (int time = 0; time < 2; ++time) EXPECT_EQ(statusOf(at("a")).st_blksize, 128 << 10);
+}
+
 TEST_F(FrontAttributesTest, WithoutExtendedAttributesTheKernelAsksForNone) {
   put(at("a"), "x");
   const auto path = at("a");

@@ -117,7 +117,7 @@ struct stat statusOf(const Attributes& attributes) {
   status.st_size = attributes.sizeBytes;
   status.st_blocks =
       attributes.storedBytes / kBlockBytes + (attributes.storedBytes % kBlockBytes == 0 ? 0 : 1);
-  status.st_blksize = kLargestTransfer;
+  status.st_blksize = kPreferredPiece;
   status.st_atim = timespecOf(attributes.accessed);
   status.st_mtim = timespecOf(attributes.modified);
   status.st_ctim = timespecOf(attributes.changed);

@@ -19,6 +19,10 @@ inline constexpr double kValidSeconds = 86400;
 /// How much the kernel may ask for or bring in one request; also the pages that libfuse announces for one.
 inline constexpr std::size_t kLargestTransfer = 1U << 20U;
 
+/// What programs are told to read and write at once. The kernel makes large requests of it by itself; and a copy in larger pieces
+/// takes memory for its target in blocks that are rarely at hand, which cost six times the time on a virtual machine.
+inline constexpr blksize_t kPreferredPiece = 128 << 10;
+
 void addNameOperations(fuse_lowlevel_ops& operations);
 void addFolderOperations(fuse_lowlevel_ops& operations);
 void addFileOperations(fuse_lowlevel_ops& operations);
