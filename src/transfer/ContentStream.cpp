@@ -86,7 +86,7 @@ class Streaming {
         failure = platform::currentError();
       }
       if (!failure || isComplete()) continue;
-      if (attempt == kLastAttempt || itemNow_ || isFinal(*failure)) failure->raise();
+      if (attempt == kLastAttempt || asksForVersion_) failure->raise();
       const std::chrono::seconds delay(1LL << attempt);
       ++attempt;
       fpLog().write(platform::LogLevel::standard,
@@ -99,11 +99,6 @@ class Streaming {
   }
 
  private:
-  // Asking again would bring the same answer.
-  static bool isFinal(const platform::NSError& error) {
-    return error.domain() == platform::kNSFileProviderErrorDomain &&
-           error.code() == NSFileProviderError::noSuchItem;
-  }
   bool isComplete() const {
     return isRefused_ || position_ >= end_ || stream_.progress->isCancelled();
   }
@@ -133,15 +128,13 @@ class Streaming {
 
   // The rest under an address that gave bytes of this version before; none if it does not give them any more.
   Task<std::optional<platform::URLByteStream>> openKnown(Address known) {
-    std::optional<platform::URLByteStream> opened;
     try {
-      opened = co_await open(known.url);
-    } catch (...) {
-      stream_.addresses->forget(stream_.path);
-      throw;
+      auto opened = co_await open(known.url);
+      if (bytesBefore(opened.response(), position_) && entityTagOf(opened) == known.entityTag)
+        co_return opened;
+    } catch (const platform::URLError&) {
+      // Whether the store can be reached at all is found when it is asked for the version.
     }
-    if (bytesBefore(opened->response(), position_) && entityTagOf(*opened) == known.entityTag)
-      co_return opened;
     stream_.addresses->forget(stream_.path);
     co_return std::nullopt;
   }
@@ -158,12 +151,16 @@ class Streaming {
     return opened.response().valueForHTTPHeaderField("ETag").value_or("");
   }
 
+  // Whatever comes of it counts at once, as with every other look at an item.
   Task<void> checkVersion() {
+    asksForVersion_ = true;
     auto item = co_await listedItem(ItemLocation(stream_.path));
     const auto version = item->itemVersion();
-    if (version && version->contentVersion == stream_.version) co_return;
-    itemNow_ = std::move(item);
-    throw NSFileProviderError(NSFileProviderError::versionNoLongerAvailable);
+    if (!version || version->contentVersion != stream_.version) {
+      itemNow_ = std::move(item);
+      throw NSFileProviderError(NSFileProviderError::versionNoLongerAvailable);
+    }
+    asksForVersion_ = false;
   }
 
   // `before`: so many bytes come before those that are wanted.
@@ -207,6 +204,7 @@ class Streaming {
   std::int64_t told_;  // up to here
   bool isRefused_ = false;
   bool isUnwanted_ = false;  // what may still come of the present answer
+  bool asksForVersion_ = false;
   platform::NSFileProviderItemPtr itemNow_;
 };
 

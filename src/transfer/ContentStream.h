@@ -4,7 +4,7 @@
 // The first range of a version takes three requests: the parent's listing, which says whether the file still is of that
 // version, an address, and the bytes. The next ones take one, as long as the storage gives them the same entity tag
 // (ContentAddresses). A failed attempt is repeated up to five times with growing pauses, from the first missing byte on
-// and with a fresh address.
+// and with a fresh address; a listing that fails is the answer.
 //
 // Memory: what one URLByteStream buffers. A receiver that is slow stops the network.
 //

@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "api/APIError.h"
 #include "extension/test/PartialFetchTesting.h"
 #include "platform/file_provider/NSFileProviderError.h"
 #include "platform/net/URLError.h"
@@ -179,6 +180,23 @@ TEST_F(ContentStreamTest, AFileThatIsNotListedIsNoSuchItem) {
   EXPECT_EQ(ended.error->code(), NSFileProviderError::noSuchItem);
   EXPECT_EQ(ended.item, nullptr);
   EXPECT_THAT(sleeper_->durations(), IsEmpty());
+}
+
+TEST_F(ContentStreamTest, AServiceThatCannotBeAskedForTheVersionIsTheAnswerAtOnce) {
+  serve();
+  service_.http().on("GET", "/files", Answer(503));
+  const Ended ended = stream({0, 100});
+  ASSERT_NE(ended.error, nullptr);
+  EXPECT_EQ(ended.error->domain(), APIError::kDomain);
+  EXPECT_THAT(sleeper_->durations(), IsEmpty());
+  EXPECT_THAT(ranges(), IsEmpty());
+}
+
+TEST_F(ContentStreamTest, AnAddressThatCannotBeReachedAnyMoreIsAskedForAnew) {
+  serve();
+  stream({0, 100});
+  service_.http().next("GET", "/storage/0", Answer(206, "x").resettingInHead(0));
+  EXPECT_TRUE(stream({kMiB, 100}).bytes == expected({kMiB, 100}));
 }
 
 TEST_F(ContentStreamTest, AConnectionThatBreaksGoesOnAtTheFirstMissingByte) {
