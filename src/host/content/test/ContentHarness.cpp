@@ -119,6 +119,11 @@ void RememberedState::whenGone(std::function<void()> work) {
   whenGone_ = std::move(work);
 }
 
+void RememberedState::whenFetching(std::function<void()> work) {
+  MutexLock lock(mutex_);
+  whenFetching_ = std::move(work);
+}
+
 void RememberedState::serve(FileObjectServices& services,
                             const std::shared_ptr<RememberedState>& self) {
   services.newNumber = [self] {
@@ -158,8 +163,13 @@ void RememberedState::serve(FileObjectServices& services,
     if (then) then();
   };
   services.fetching = [self](InodeNumber, int step) {
-    MutexLock lock(self->mutex_);
-    self->fetching_ += step;
+    std::function<void()> work;
+    {
+      MutexLock lock(self->mutex_);
+      self->fetching_ += step;
+      work = std::exchange(self->whenFetching_, nullptr);
+    }
+    if (work) work();
   };
   services.fetchFailed = [self](InodeNumber, const platform::NSError& error) {
     MutexLock lock(self->mutex_);

@@ -93,6 +93,8 @@ class RememberedState {
   void releaseResizes();
   /// Is run when `versionGone` is told.
   void whenGone(std::function<void()> work);
+  /// Is run, once, when a fetch is about to begin.
+  void whenFetching(std::function<void()> work);
 
   void serve(FileObjectServices& services, const std::shared_ptr<RememberedState>& self);
 
@@ -111,6 +113,7 @@ class RememberedState {
   bool holdsResizes_ GUARDED_BY(mutex_) = false;
   std::vector<std::function<void()>> heldResizes_ GUARDED_BY(mutex_);
   std::function<void()> whenGone_ GUARDED_BY(mutex_);
+  std::function<void()> whenFetching_ GUARDED_BY(mutex_);
 };
 
 class ContentHarness {

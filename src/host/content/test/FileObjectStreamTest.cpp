@@ -78,6 +78,28 @@ TEST_F(FileObjectStreamTest, SmallFilesAreStillFetchedWholeAndOnce) {
   EXPECT_THAT(store().parts(), IsEmpty());
 }
 
+TEST_F(FileObjectStreamTest, WhoMissesTheEndOfASmallFileWaitsForTheFetchThatIsAboutToBegin) {
+  const auto object = large(12);
+  Awaited<LocalFilePtr> second;
+  remembered().whenFetching([&] { object->read(11 * kMiB, 4096, true, second.reply()); });
+  EXPECT_TRUE(startRead(object, 0, 4096).get().ok());
+  EXPECT_EQ(bytes(second.get().value(), 11 * kMiB, 4096), expected(11 * kMiB, 4096));
+  EXPECT_EQ(store().wholeFetches(), 1);
+}
+
+TEST_F(FileObjectStreamTest, NoTwoStreamsBringTheSameBytes) {
+  const auto object = large();
+  store().hold();
+  const auto first = startRead(object, kMiB, 4096);
+  ASSERT_TRUE(store().waitForFetches(1));
+  const auto both = startRead(object, kMiB - 100, 200);
+  ASSERT_TRUE(store().waitForFetches(2));
+  EXPECT_THAT(store().parts(), ElementsAre(NSRange{kMiB, kUnit}, NSRange{kMiB - kUnit, kUnit}));
+  store().stopHolding();
+  EXPECT_TRUE(first.get().ok());
+  EXPECT_EQ(bytes(both.get().value(), kMiB - 100, 200), expected(kMiB - 100, 200));
+}
+
 TEST_F(FileObjectStreamTest, WhoWaitsIsAnsweredWhileTheRestIsOnItsWay) {
   const auto object = large();
   store().holdStreamsAfter(kMiB);
