@@ -285,10 +285,11 @@ TEST_F(FileObjectStreamTest, TheKernelKnowsTheLengthBeforeAnybodyGetsBytes) {
 
 TEST_F(FileObjectStreamTest, AStreamEndsWhenTheLastOneClosesAndWhatCameStays) {
   const auto object = large();
-  readInOrder(object, 0, kMiB);
+  readInOrder(object, 0, 3 * kMiB / 4);
   settle();
+  constexpr std::int64_t here = kMiB + kMiB / 4;
+  ASSERT_EQ(object->state().present.text(), "0-1310720");
   store().holdStreamsAfter(kMiB);
-  const std::int64_t here = object->state().present.around(0).end;
   const auto read = startRead(object, here, 2 * kMiB);
   ASSERT_TRUE(store().waitForHeld());
   object->closed(false);
