@@ -88,7 +88,9 @@ void Tree::takeOver(Item& item) {
   if (item.there) {
     const platform::Date sent{std::chrono::seconds(item.uploadedSeconds)};
     if (!item.isWhole() || !isSure(item) || setting_.now() - sent > kLately) return;
-    leaveOwnThere(item);
+    const bool isUnseen = hasUnseen(item);
+    Item& left = leaveOwnThere(item);
+    if (isUnseen) bringBack(left);
   }
   ThereState there = *before->there;
   ContentRow& row = *item.content;

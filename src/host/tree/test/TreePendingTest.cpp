@@ -72,6 +72,23 @@ TEST_F(TreePendingTest, SoDoesWhoReplacesIt) {
   EXPECT_THAT(ready(), ElementsAre(Change{ChangeKind::create, other.id, {at("b")->id, "c"}}));
 }
 
+TEST_F(TreePendingTest, SoDoesWhoMovesItOverAnother) {
+  list({file("2", "b", 3)});
+  Item& item = make("a");
+  ItemRecord sent = file("1", "a", 5);
+  sent.modified = now_;
+  send(item, sent);
+  list({sent, file("2", "b", 3)});
+  fill(item, 6, 2);
+  list({file("1", "a", 4), file("2", "b", 3)});
+  tree().move(item, root(), "b");
+  check();
+  ASSERT_NE(at("a"), nullptr);
+  EXPECT_EQ(at("a")->sizeBytes, 4);
+  EXPECT_EQ(at("b"), &item);
+  EXPECT_THAT(ready(), ElementsAre(Change{ChangeKind::send, item.id, {}}));
+}
+
 TEST_F(TreePendingTest, WhatWasThereBeforeASendingIsNotTakenForWhatItBrought) {
   list({file("1", "a", 3)});
   Item& item = *at("a");
