@@ -34,8 +34,6 @@ Volume::Volume(Services services)
   load();
 }
 
-Volume::~Volume() { commitNow(); }
-
 void Volume::load() {
   std::vector<ItemRow> rows;
   services_.store->load([&](ItemRow row) { rows.push_back(std::move(row)); });
@@ -145,14 +143,8 @@ Volume::Aftermath Volume::settle(Survives survives, Reply<Done> reply) {
   forgetGone(effects);
   notes_.gather(tree_, effects);
   for (const DetachedVersion& version : effects.detached) nodes_.detach(version);
-  // What went on the disk must not be remembered any longer than necessary.
-  const bool isUrgent =
-      reply || !effects.forgotten.empty() || !effects.dropped.empty() || !effects.rescued.empty();
-  if (isUrgent) {
+  if (reply || !effects.changed.empty() || !effects.forgotten.empty())
     commitRows(effects, survives, std::move(reply));
-  } else if (!effects.changed.empty()) {
-    commitLater(effects.changed);
-  }
   for (const ItemId id : effects.changed) {
     if (tree_.differing().contains(id)) aftermath.differ.push_back(id);
   }
@@ -187,27 +179,6 @@ void Volume::forgetGone(TreeEffects& effects) {
     append(effects.abandoned, more.abandoned);
     append(effects.dropped, more.dropped);
   }
-}
-
-void Volume::commitLater(const std::set<ItemId>& changed) {
-  {
-    MutexLock lock(uncommitted_->mutex);
-    uncommitted_->items.insert(changed.begin(), changed.end());
-  }
-  if (std::exchange(isCommitDue_, true)) return;
-  services_.timers->after(kCommitLater, [weak = weak_from_this()] {
-    if (const auto self = weak.lock()) self->commitNow();
-  });
-}
-
-void Volume::commitNow() {
-  MutexLock lock(mutex_);
-  isCommitDue_ = false;
-  {
-    MutexLock also(uncommitted_->mutex);
-    if (uncommitted_->items.empty()) return;
-  }
-  commitRows(TreeEffects(), Survives::processEnd, nullptr);
 }
 
 void Volume::commitRows(const TreeEffects& effects, Survives survives, Reply<Done> reply) {

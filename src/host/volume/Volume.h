@@ -1,14 +1,10 @@
 // The tree of a mounted folder with its lock, and everything that must follow when it changes: rows are committed in the
 // order of the changes, the kernel is told, contents that are no item's any more go.
 //
-// What nobody waits for is committed with the next change that somebody does wait for, or 20 ms later: a commit costs more than
-// most changes do. Rows never overtake each other.
-//
 // Threads: every operation may be called from any thread. The lock is held for work in memory only; with it are called only
-// the kernel cache, which queues, the item store, which queues, and the timers. Lock order: Volume before FileObject.
+// the kernel cache, which queues, and the item store, which queues. Lock order: Volume before FileObject.
 #pragma once
 
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <set>
@@ -32,11 +28,8 @@
 
 namespace kestrune::host {
 
-class Volume : public std::enable_shared_from_this<Volume> {
+class Volume {
  public:
-  /// How long a change that nobody waits for may be uncommitted.
-  static constexpr std::chrono::milliseconds kCommitLater{20};
-
   struct Services {
     ExtensionPtr extension;
     std::shared_ptr<Timers> timers;
@@ -53,10 +46,6 @@ class Volume : public std::enable_shared_from_this<Volume> {
 
   /// Loads what the store remembers. Throws StoreError.
   explicit Volume(Services services);
-  /// What is uncommitted still is.
-  ~Volume();
-  Volume(const Volume&) = delete;
-  Volume& operator=(const Volume&) = delete;
 
   const Services& services() const { return services_; }
 
@@ -103,8 +92,6 @@ class Volume : public std::enable_shared_from_this<Volume> {
   void forgetGone(TreeEffects& effects) REQUIRES_LOCK(mutex_);
   void commitRows(const TreeEffects& effects, Survives survives, Reply<Done> reply)
       REQUIRES_LOCK(mutex_);
-  void commitLater(const std::set<ItemId>& changed) REQUIRES_LOCK(mutex_);
-  void commitNow();
   void finish(const Aftermath& aftermath);
   void load();
   std::vector<ItemId> recoverEdits(std::vector<ItemRow>& rows) const;
@@ -120,8 +107,7 @@ class Volume : public std::enable_shared_from_this<Volume> {
   ContentNumber nextContent_ GUARDED_BY(mutex_) = 1;
   ContentNumber reservedContents_ GUARDED_BY(mutex_) = 1;
   ItemId reservedItems_ GUARDED_BY(mutex_) = 0;
-  bool isCommitDue_ GUARDED_BY(mutex_) = false;
-  /// Rows that are not committed yet, or could not be. The store's thread may add to them while the volume goes.
+  /// Rows that could not be committed. The store's thread may add to them while the volume goes.
   struct Uncommitted {
     platform::Mutex mutex;
     std::set<ItemId> items GUARDED_BY(mutex);

@@ -51,7 +51,6 @@ TEST_F(FileSystemTest, VisitorsOfOneFolderWaitForOneEnumeration) {
   EXPECT_NE(found.get().value().node, 0U);
   EXPECT_EQ(missing.get().value().node, 0U);
   EXPECT_EQ(remote().asked(Ask::items, "/"), 1);
-  timers().advance(Volume::kCommitLater);
   EXPECT_EQ(timers().count(), 0U);
 }
 

@@ -2,10 +2,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <set>
-#include <string>
-
-#include "host/store/ItemTable.h"
 #include "host/volume/test/HostHarness.h"
 #include "tests/support/Waiting.h"
 
@@ -17,33 +13,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-class RestartTest : public testing::Test, public HostHarness {
- protected:
-  /// The names in the database.
-  std::set<std::string> remembered() {
-    const auto database = openItems(replica() / "items.sqlite").database;
-    std::set<std::string> names;
-    ItemTable(database->connection()).load([&](const ItemRow& row) { names.insert(row.name); });
-    return names;
-  }
-};
-
-TEST_F(RestartTest, WhatNobodyWaitsForIsRememberedALittleLater) {
-  remote().putFile("/a", "x");
-  names();
-  EXPECT_TRUE(support::staysTrue([&] { return !remembered().contains("a"); },
-                                 std::chrono::milliseconds(50)));
-  timers().advance(Volume::kCommitLater);
-  EXPECT_TRUE(support::waitUntil([&] { return remembered().contains("a"); }));
-}
-
-TEST_F(RestartTest, OrWithWhatSomebodyWaitsFor) {
-  remote().putFile("/a", "x");
-  names();
-  makeFolder("/d");
-  EXPECT_TRUE(remembered().contains("a"));
-  EXPECT_TRUE(remembered().contains("d"));
-}
+class RestartTest : public testing::Test, public HostHarness {};
 
 TEST_F(RestartTest, NumbersOfItemsThatWentAreNotGivenAgain) {
   makeFolder("/gone");
