@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <boost/asio/post.hpp>
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <span>
@@ -139,7 +140,17 @@ HostHarness::HostHarness(bool offersParts)
 }
 
 void HostHarness::mount() {
-  auto directory = std::make_shared<ContentDirectory>(replica_);
+  std::shared_ptr<ContentDirectory> directory;
+  // Of an old mount that nobody holds any more the lock may be going at this moment.
+  const bool isMine = support::waitUntil([&] {
+    try {
+      directory = std::make_shared<ContentDirectory>(replica_);
+    } catch (const platform::NSPOSIXError& error) {
+      if (error.code() != EBUSY) throw;
+    }
+    return directory != nullptr;
+  });
+  if (!isMine) throw std::runtime_error("the replica stays locked");
   platform::setTemporaryDirectory(directory->temporaryDirectory());
   contents_ = directory;
   Volume::Services services;
