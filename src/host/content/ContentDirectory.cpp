@@ -284,12 +284,16 @@ ContentDirectory::Outgoing ContentDirectory::makeOutgoing(ContentNumber number,
   const std::string from = std::to_string(number);
   const std::string name = from + "-" + std::to_string(nextOutgoing_++);
   const fs::path path = path_ / "outgoing" / name;
-  const int copy = ::openat(outgoing_->number(), name.c_str(),
-                            O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-  if (copy < 0) fail("create '" + path.string() + "'");
-  const Descriptor closing(copy);
-  if (shareBlocks(file.descriptor(), copy)) return {path, false};
-  ::unlinkat(outgoing_->number(), name.c_str(), 0);
+  // A file that is made and removed again for each snapshot costs far more than a second name.
+  if (sharesBlocks_) {
+    const int copy = ::openat(outgoing_->number(), name.c_str(),
+                              O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (copy < 0) fail("create '" + path.string() + "'");
+    const Descriptor closing(copy);
+    if (shareBlocks(file.descriptor(), copy)) return {path, false};
+    if (errno == EOPNOTSUPP || errno == ENOTTY) sharesBlocks_ = false;
+    ::unlinkat(outgoing_->number(), name.c_str(), 0);
+  }
   if (::linkat(contents_->number(), from.c_str(), outgoing_->number(), name.c_str(), 0) != 0)
     fail("link '" + path.string() + "'");
   return {path, true};

@@ -91,6 +91,7 @@ class ContentDirectory {
   std::unique_ptr<Descriptor> outgoing_;
   std::unique_ptr<Descriptor> rescued_;
   std::atomic<std::uint64_t> nextOutgoing_ = 1;  // makes the names in outgoing/ differ
+  std::atomic<bool> sharesBlocks_ = true;        // until the file system says that it never does
 };
 
 }  // namespace kestrune::host

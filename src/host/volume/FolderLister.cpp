@@ -94,6 +94,7 @@ bool FolderLister::join(ItemId folder, Reply<Done> reply) {
 std::vector<ItemId> FolderLister::running() {
   MutexLock lock(mutex_);
   std::vector<ItemId> folders;
+  folders.reserve(running_.size());
   for (const auto& [folder, running] : running_) folders.push_back(folder);
   return folders;
 }
