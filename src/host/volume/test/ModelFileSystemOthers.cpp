@@ -230,7 +230,7 @@ void ModelFileSystem::settle() {
   for (int round = 0; round < 10; ++round) {
     host_.remote().announce();
     host_.fileSystem().changesSignalled();
-    host_.sender().retryAll();
+    host_.sender().retry("/");
     isAtRest = comeToRest();
     if (!isAtRest) continue;
     if (testing::Test::HasFailure()) return;
