@@ -326,8 +326,20 @@ Sender::Work Sender::remove(Change change) {
     const Item* item = tree.find(change.id);
     return item != nullptr && item->isFolder;
   });
-  const auto looked = co_await (isFolder ? lookBelow(change.id) : lookAt(change.id));
-  if (!looked.ok() && errnoFor(*looked.error()) != ENOENT) co_return Outcome{looked.error()};
+  if (isFolder) {
+    // One that cannot be found may be something else by now.
+    const auto listed = co_await lookBelow(change.id);
+    if (!listed.ok() && errnoFor(*listed.error()) == ENOENT) {
+      if (const auto looked = co_await lookAt(change.id); !looked.ok())
+        co_return Outcome{looked.error()};
+    }
+    const bool isWanted =
+        volume_->look([&](Tree& tree, Nodes&) { return isStillWanted(tree, change); });
+    if (!isWanted) co_return Outcome{nullptr, true};
+    if (!listed.ok()) co_return Outcome{listed.error()};
+  } else if (const auto looked = co_await lookAt(change.id); !looked.ok()) {
+    co_return Outcome{looked.error()};
+  }
   Facts facts;
   const bool begun = volume_->look([&](Tree& tree, Nodes&) {
     if (!isStillWanted(tree, change)) return false;

@@ -377,6 +377,22 @@ TEST_F(SenderTest, NamesThatAreExchangedAreExchangedThere) {
   EXPECT_THAT(remote().names(), ElementsAre("a", "b"));
 }
 
+TEST_F(SenderTest, AFileThatOthersPutInThePlaceOfARemovedFolderIsNotRemoved) {
+  remote().usePathsAsIdentifiers();
+  makeFolder("/a");
+  ASSERT_TRUE(waitUntilSent());
+  remote().setUnreachable(true);
+  EXPECT_EQ(removeFolder("/a"), 0);
+  remote().remove("/a");
+  remote().putFile("/a", "theirs");
+  pass(seconds(1));
+  remote().setUnreachable(false);
+  ASSERT_TRUE(waitUntilSent());
+  EXPECT_EQ(remote().contents("/a"), "theirs");
+  ASSERT_TRUE(waitForNames({"a"}));
+  EXPECT_EQ(readPath("/a"), "theirs");
+}
+
 TEST_F(SenderTest, AFolderIntoWhichOthersJustPutSomethingIsNotRemoved) {
   remote().putFolder("/docs");
   announce();
