@@ -127,6 +127,14 @@ bool Tree::isSure(const Item& item) const {
   return item.there && byIdentifier(item.there->identifier) == &item;
 }
 
+bool Tree::isMoving(const Item& item) const {
+  for (const Item* at = &item; at != nullptr && at->there && !at->isRoot();
+       at = find(at->there->folder)) {
+    if (at->isUnderWay || at->awaited) return true;
+  }
+  return false;
+}
+
 Item* Tree::occupant(const Place& there) const {
   if (const Item* folder = find(there.folder); folder != nullptr && folder->isFolder) {
     Item* named = child(*folder, there.name);

@@ -106,6 +106,9 @@ class Tree {
   const Item* find(ItemId id) const;
   Item* child(const Item& folder, std::string_view name) const;
   Item* byIdentifier(const platform::NSFileProviderItemIdentifier& identifier) const;
+  /// Whether the item, or a folder above it there, is being moved at this moment, or was and nobody knows yet where to: it may
+  /// have another identifier by now.
+  bool isMoving(const Item& item) const;
   /// The item whose place there this is, linked here or not.
   Item* occupant(const Place& there) const;
   /// As `occupant`, or who is awaited there.

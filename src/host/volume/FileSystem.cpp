@@ -103,6 +103,7 @@ void FileSystem::stop() {
   spaceMaker_->stop();
   auditor_->stop();
   refresher_->stop();
+  lister_->stop();
   calls_->stop();
   volume_->services().extension->invalidate();
 }

@@ -1,7 +1,10 @@
 #include "host/volume/FolderLister.h"
 
 #include <cerrno>
+#include <iterator>
 #include <utility>
+
+#include "host/basics/ErrorToErrno.h"
 
 namespace kestrune::host {
 
@@ -100,27 +103,77 @@ std::vector<ItemId> FolderLister::running() {
 }
 
 void FolderLister::begin(ItemId folder) {
-  std::optional<platform::NSFileProviderItemIdentifier> identifier;
-  std::uint64_t asOf = 0;
-  volume_->look([&](Tree& tree, Nodes&) {
-    asOf = tree.moment();
+  Question question;
+  question.folder = folder;
+  question.began = volume_->services().timers->now();
+  const bool isThere = volume_->look([&](Tree& tree, Nodes&) {
+    question.asOf = tree.moment();
     const Item* item = tree.find(folder);
-    if (item != nullptr && item->isFolder && item->there) identifier = item->there->identifier;
+    if (item == nullptr || !item->isFolder || !item->there) return false;
+    question.identifier = item->there->identifier;
+    return true;
   });
-  const auto began = volume_->services().timers->now();
-  if (!identifier) {
-    listed(folder, asOf, began, errorOf(ESTALE, "list a folder that is not at the store"));
+  if (!isThere) {
+    listed(question, errorOf(ESTALE, "list a folder that is not at the store"));
     return;
   }
-  enumerateFolder(volume_->services().extension, std::move(*identifier),
-                  [self = shared_from_this(), folder, asOf, began](const Answer<Listing>& listing) {
-                    self->listed(folder, asOf, began, listing);
+  enumerateFolder(volume_->services().extension, question.identifier,
+                  [self = shared_from_this(), question](const Answer<Listing>& listing) {
+                    self->listed(question, listing);
                   });
 }
 
-void FolderLister::listed(ItemId folder, std::uint64_t asOf, std::chrono::nanoseconds began,
-                          const Answer<Listing>& listing) {
+// Whether it was not found because it has another identifier by now, or is getting one.
+bool FolderLister::hasMoved(const Question& question, const platform::NSError& error) {
+  if (errnoFor(error) != ENOENT) return false;
+  return volume_->look([&](Tree& tree, Nodes&) {
+    const Item* item = tree.find(question.folder);
+    if (item == nullptr || !item->there) return false;
+    return item->there->identifier != question.identifier || tree.isMoving(*item);
+  });
+}
+
+bool FolderLister::beginsAgain(ItemId folder) {
+  MutexLock lock(mutex_);
+  Running& running = running_.at(folder);
+  if (stopped_ || ++running.attempts > kMostAttempts) return false;
+  running.pause = volume_->services().timers->after(kMoves, [weak = weak_from_this(), folder] {
+    if (const auto self = weak.lock()) self->goOn(folder);
+  });
+  return true;
+}
+
+void FolderLister::goOn(ItemId folder) {
+  {
+    MutexLock lock(mutex_);
+    const auto running = running_.find(folder);
+    if (running == running_.end() || std::exchange(running->second.pause, 0) == 0) return;
+  }
+  begin(folder);
+}
+
+void FolderLister::stop() {
+  std::vector<Reply<Done>> waiters;
+  {
+    MutexLock lock(mutex_);
+    stopped_ = true;
+    for (auto at = running_.begin(); at != running_.end();) {
+      const bool isPausing = at->second.pause != 0;
+      if (isPausing) {
+        for (auto* of : {&at->second.waiters, &at->second.next})
+          waiters.insert(waiters.end(), of->begin(), of->end());
+      }
+      at = isPausing ? running_.erase(at) : std::next(at);
+    }
+  }
+  for (const auto& reply : waiters) reply(errorOf(ENOTCONN, "list a folder of a mount that ended"));
+}
+
+void FolderLister::listed(const Question& question, const Answer<Listing>& listing) {
+  const ItemId folder = question.folder;
+  if (!listing.ok() && hasMoved(question, *listing.error()) && beginsAgain(folder)) return;
   bool applied = false;
+  bool isThere = false;
   bool isCompared = false;
   std::size_t differences = 0;
   {
@@ -131,10 +184,13 @@ void FolderLister::listed(ItemId folder, std::uint64_t asOf, std::chrono::nanose
     volume_->change([&](Tree& tree, Nodes&) {
       Item* item = tree.find(folder);
       if (item == nullptr || !item->isFolder || !item->there) return;
+      isThere = true;
       if (isCompared) differences = tree.countDifferences(*item, listing.value().items);
-      tree.applyListing(*item, listing.value().items, listing.value().anchor, asOf);
+      tree.applyListing(*item, listing.value().items, listing.value().anchor, question.asOf);
       applied = item->part->listing.isEnumerated && !item->part->listing.hasStaleIdentifiers;
     });
+    // It moved meanwhile, or what is in it is to be found out by names while some of that changes.
+    if (!applied && isThere && beginsAgain(folder)) return;
     if (described_) described_(listing.value().described);
   } else {
     volume_->services().log->failure("enumerate", "list '" + volume_->path(folder) + "'",
@@ -148,9 +204,10 @@ void FolderLister::listed(ItemId folder, std::uint64_t asOf, std::chrono::nanose
       compared->second = differences;
     if (applied) {
       if (fresh_.size() >= kMostFresh) fresh_.clear();
-      fresh_[folder] = began;
+      fresh_[folder] = question.began;
     }
     const auto running = running_.find(folder);
+    running->second.attempts = 0;
     waiters = std::exchange(running->second.waiters, std::exchange(running->second.next, {}));
     again = !running->second.waiters.empty();
     if (!again) running_.erase(running);

@@ -21,6 +21,9 @@ namespace kestrune::host {
 class FolderLister : public std::enable_shared_from_this<FolderLister> {
  public:
   static constexpr std::chrono::seconds kPatience{60};
+  /// A folder that moves meanwhile is asked for again after this time, so often.
+  static constexpr std::chrono::milliseconds kMoves{50};
+  static constexpr int kMostAttempts = 100;
 
   explicit FolderLister(std::shared_ptr<Volume> volume) : volume_(std::move(volume)) {}
 
@@ -45,20 +48,35 @@ class FolderLister : public std::enable_shared_from_this<FolderLister> {
   /// What was listed of the item's folder is not to be gone by any more.
   void doubt(ItemId item);
   bool isFresh(ItemId folder, std::chrono::nanoseconds age);
+  /// Nothing is asked again; who waits for that is answered.
+  void stop();
 
  private:
   struct Running {
     std::vector<Reply<Done>> waiters;
     /// Who came too late for the enumeration that runs.
     std::vector<Reply<Done>> next;
+    /// How often the folder was not found where it was.
+    int attempts = 0;
+    /// Until it is asked for again; 0 while it is.
+    Timers::Token pause = 0;
+  };
+  struct Question {
+    ItemId folder = 0;
+    platform::NSFileProviderItemIdentifier identifier;
+    std::uint64_t asOf = 0;
+    std::chrono::nanoseconds began{0};
   };
   void begin(ItemId folder);
-  void listed(ItemId folder, std::uint64_t asOf, std::chrono::nanoseconds began,
-              const Answer<Listing>& listing);
+  void listed(const Question& question, const Answer<Listing>& listing);
+  bool hasMoved(const Question& question, const platform::NSError& error);
+  bool beginsAgain(ItemId folder);
+  void goOn(ItemId folder);
 
   const std::shared_ptr<Volume> volume_;
   Described described_;
   platform::Mutex mutex_;
+  bool stopped_ GUARDED_BY(mutex_) = false;
   std::map<ItemId, Running> running_ GUARDED_BY(mutex_);
   /// Folders that are to be compared, and what the last listing of each came to.
   std::map<ItemId, std::size_t> compared_ GUARDED_BY(mutex_);

@@ -142,6 +142,8 @@ void ModelFileSystem::kill() {
   });
   weather_->set(ModelWeather::Sky::fair);
   visited_.clear();
+  // What had been listed a moment before may not be remembered yet, and is given other numbers then.
+  for (const auto& [path, contents] : names_.paths()) names_.find(path)->inode = 0;
   if (!wasFair) tell("the store is fair");
 }
 

@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <future>
+
 #include "host/volume/test/HostHarness.h"
 #include "tests/support/Waiting.h"
 
@@ -139,6 +141,21 @@ TEST_P(MovedFolderTest, WhatIsReadRightAfterTheMoveIsTheRightFile) {
   EXPECT_EQ(removeFile("/papers/a"), 0);
   ASSERT_TRUE(waitUntilSent());
   EXPECT_THAT(remote().names("/papers"), IsEmpty());
+}
+
+TEST_P(MovedFolderTest, WhoVisitsItFirstWhileItMovesFindsWhatIsInIt) {
+  remote().putFolder("/docs");
+  remote().putFile("/docs/a", "one");
+  names();
+  remote().hold(Ask::items, "/docs");
+  EXPECT_EQ(rename("/docs", "/papers"), 0);
+  auto found = std::async(std::launch::async, [this] { return readPath("/papers/a"); });
+  ASSERT_TRUE(remote().waitUntilAsked(Ask::items, "/docs", 1));
+  ASSERT_TRUE(passUntil([&] { return remote().names() == std::vector<std::string>{"papers"}; }));
+  remote().stopHolding(Ask::items, "/docs");
+  EXPECT_TRUE(passUntil(
+      [&] { return found.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
+  EXPECT_EQ(found.get(), "one");
 }
 
 TEST_P(MovedFolderTest, AFolderWithOnlyNewThingsMovesBeforeItIsSent) {
