@@ -220,6 +220,13 @@ void ContentFile::confirmEdit() {
   if (log_->noted() == notedAtPrepare_) log_->clear();
 }
 
+void ContentFile::remembered(std::uint64_t edits) {
+  MutexLock changing(changing_);
+  MutexLock lock(mutex_);
+  const bool isThis = state_.number != 0 && state_.isEdited && state_.edits == edits;
+  if (isThis && snapshotEdits_ < edits) editMayGoOn_ = true;
+}
+
 void ContentFile::cancelEdit() {
   ContentNumber unused = 0;
   {
@@ -359,6 +366,7 @@ ContentSnapshot ContentFile::snapshot(ContentNumber fresh) {
   MutexLock lock(mutex_);
   if (outgoing.shared) otherNames_.insert(outgoing.path);
   editMayGoOn_ = false;
+  snapshotEdits_ = now.edits;
   return {outgoing.path, now.sizeBytes, now.edits};
 }
 

@@ -88,6 +88,9 @@ class ContentFile {
   ContentState prepareEdit(ContentNumber fresh);
   /// It was committed: changes may come.
   void confirmEdit();
+  /// The changes up to `edits` were committed otherwise, as those that make a file are: the next ones belong to them, unless
+  /// there was a snapshot since.
+  void remembered(std::uint64_t edits);
   /// It was not.
   void cancelEdit();
 
@@ -152,7 +155,8 @@ class ContentFile {
   mutable platform::Mutex mutex_;
   ContentState state_ GUARDED_BY(mutex_);
   bool isOpen_ GUARDED_BY(mutex_) = false;
-  bool editMayGoOn_ GUARDED_BY(mutex_) = false;  // confirmed, and no snapshot since
+  bool editMayGoOn_ GUARDED_BY(mutex_) = false;         // confirmed, and no snapshot since
+  std::uint64_t snapshotEdits_ GUARDED_BY(mutex_) = 0;  // of the last snapshot
   bool isDiscarded_ GUARDED_BY(mutex_) = false;
   std::set<std::filesystem::path> otherNames_
       GUARDED_BY(mutex_);                                // snapshots that are the file itself

@@ -134,7 +134,11 @@ bool ContentReads::settle(const Waiter& waiter, Settled& settled) {
     if (isAbandoned_) {
       answer = stale();
     } else if (!hasNothing && missing.isEmpty()) {
-      answer = NSPOSIXError(EIO, "read bytes that neither this computer nor the store has").share();
+      answer = fileFor(waiter.range);  // the last of them may just have come
+      if (answer.ok() && !answer.value()) {
+        answer =
+            NSPOSIXError(EIO, "read bytes that neither this computer nor the store has").share();
+      }
     } else if (failureHolds()) {
       answer = failure_;
     } else {

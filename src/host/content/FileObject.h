@@ -77,6 +77,8 @@ class FileObject {
   /// All bytes in one file that nobody writes to at present; null if that is not so.
   LocalFilePtr whole() const;
 
+  /// The changes up to `edits` are in the database: those that follow need not wait for it until there is a snapshot.
+  void remembered(std::uint64_t edits) { content_->remembered(edits); }
   /// `bytes` need not outlive the call.
   void write(std::int64_t offset, std::span<const std::byte> bytes, const Reply<Done>& reply);
   /// Cuts or extends with zeros.

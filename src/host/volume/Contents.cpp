@@ -186,7 +186,7 @@ FileObjectPtr Contents::objectOf(Item& item) const {
 FileObjectPtr Contents::makeEmpty(Tree& tree, Item& item, ContentNumber number) const {
   ContentState state;
   state.number = number;
-  state.edits = 1;
+  state.edits = kFirstEdit;
   state.isEdited = true;
   tree.setContent(item, state);
   return objectOf(item);

@@ -28,6 +28,8 @@ class Contents {
   FileObjectPtr objectOf(Item& item) const;
   /// An object for a file that was just made here. REQUIRES: as above.
   FileObjectPtr makeEmpty(Tree& tree, Item& item, ContentNumber number) const;
+  /// Which edit that file begins with.
+  static constexpr std::uint64_t kFirstEdit = 1;
 
  private:
   const std::shared_ptr<Volume> volume_;

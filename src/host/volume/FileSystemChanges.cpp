@@ -91,7 +91,10 @@ void FileSystem::create(NodeId folder, std::string name, bool isExecutable, Open
     return nullptr;
   };
   auto committed = [this, created, number, reply = std::move(reply)](const Answer<Done>& done) {
-    if (done.ok()) return reply(*created);
+    if (done.ok()) {
+      volumeFile(*created->file).object->remembered(Contents::kFirstEdit);
+      return reply(*created);
+    }
     if (created->file) {
       // It is here all the same, and remembered when there is room; but the program is told the truth.
       release(created->file);

@@ -98,7 +98,9 @@ std::vector<ItemId> FolderLister::running() {
   MutexLock lock(mutex_);
   std::vector<ItemId> folders;
   folders.reserve(running_.size());
-  for (const auto& [folder, running] : running_) folders.push_back(folder);
+  for (const auto& [folder, running] : running_) {
+    if (running.pause == 0) folders.push_back(folder);
+  }
   return folders;
 }
 

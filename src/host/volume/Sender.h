@@ -118,7 +118,7 @@ class Sender : public std::enable_shared_from_this<Sender> {
   platform::Task<void> relist(ItemId folder);
   bool isCrowded(ItemId folder);
   platform::Task<Answer<Done>> lookAt(ItemId item);
-  platform::Task<Answer<bool>> isKnownWhere(ItemId item);
+  platform::Task<Answer<Done>> findOut(ItemId item);
   platform::Task<Answer<Done>> lookBelow(ItemId folder);
   platform::Task<Answer<Done>> fill(FileObjectPtr object);
   platform::Task<Answer<FileObject::Snapshot>> takeSnapshot(FileObjectPtr object);

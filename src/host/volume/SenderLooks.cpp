@@ -78,7 +78,7 @@ Task<Answer<Done>> Sender::lookBelow(ItemId folder) {
 }
 
 // Where an earlier change may have put it, that is found out first.
-Task<Answer<bool>> Sender::isKnownWhere(ItemId id) {
+Task<Answer<Done>> Sender::findOut(ItemId id) {
   struct Wait {
     ItemId folder;
     std::optional<ItemId> oldFolder;
@@ -90,14 +90,10 @@ Task<Answer<bool>> Sender::isKnownWhere(ItemId id) {
     if (item->there && item->there->folder != found.folder) found.oldFolder = item->there->folder;
     return found;
   });
-  if (!wait) co_return true;
-  if (const auto listed = co_await listFolder(wait->folder, false); !listed.ok())
-    co_return listed.error();
-  if (wait->oldFolder) {
-    if (const auto listed = co_await listFolder(*wait->oldFolder, false); !listed.ok())
-      co_return listed.error();
-  }
-  co_return false;
+  if (!wait) co_return Done();
+  const auto listed = co_await listFolder(wait->folder, false);
+  if (!listed.ok() || !wait->oldFolder) co_return listed;
+  co_return co_await listFolder(*wait->oldFolder, false);
 }
 
 // The store's own version of what was just sent becomes known by asking: once for one file, once for a folder when several of its

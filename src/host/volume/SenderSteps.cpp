@@ -83,9 +83,7 @@ bool Sender::isStillWanted(const Tree& tree, const Change& change) {
 }
 
 Sender::Work Sender::perform(Change change) {
-  const auto isKnown = co_await isKnownWhere(change.id);
-  if (!isKnown.ok()) co_return Outcome{isKnown.error()};
-  if (!isKnown.value()) co_return Outcome{nullptr, true};
+  if (const auto found = co_await findOut(change.id); !found.ok()) co_return Outcome{found.error()};
   switch (change.kind) {
     case Change::Kind::create: {
       const bool isFolder = volume_->look([&](Tree& tree, Nodes&) {

@@ -36,7 +36,7 @@ void runSequence(std::uint64_t seed, ModelCounts& counts) {
 
 TEST(VolumeModelTest, ProgramsSeeAFileSystemAndNothingIsLost) {
   const int first = number("KESTRUNE_SEED", 1);
-  const int sequences = number("KESTRUNE_SEQUENCES", 200);
+  const int sequences = number("KESTRUNE_SEQUENCES", 100);
   ModelCounts counts;
   for (int seed = first; seed < first + sequences; ++seed) {
     SCOPED_TRACE("KESTRUNE_SEED=" + std::to_string(seed));
