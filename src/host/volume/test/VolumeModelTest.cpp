@@ -44,7 +44,7 @@ TEST(VolumeModelTest, ProgramsSeeAFileSystemAndNothingIsLost) {
     if (HasFailure()) return;
   }
   std::cout << counts.text() << "\n";
-  if (sequences < 200) return;
+  if (sequences < 100) return;
   for (const char* what :
        {"refusals", "lost answers", "late answers", "minutes waited", "changes by others",
         "stale reads", "sequences with conflicts", "restarts with something unsent",
