@@ -1,5 +1,6 @@
 #include "tests/support/ServiceFixture.h"
 
+#include <filesystem>
 #include <utility>
 
 #include "platform/values/Json.h"
@@ -56,6 +57,11 @@ ServiceFixture::ServiceFixture() {
 
 void ServiceFixture::configure(const std::string& apiURL) const {
   writeConfiguration(Json{{"apiURL", apiURL}, {"token", kToken}}.dump());
+}
+
+void ServiceFixture::writeConfiguration(const std::string& text) const {
+  const auto written = storage_.writeShared("config.json.new", text);
+  std::filesystem::rename(written, written.parent_path() / "config.json");
 }
 
 void ServiceFixture::setListing(const std::string& folder,

@@ -48,9 +48,8 @@ class ServiceFixture {
   /// Replaces the configuration by one with this address and the token.
   void configure(const std::string& apiURL) const;
   /// Replaces the configuration by any text.
-  void writeConfiguration(const std::string& text) const {
-    storage_.writeShared("config.json", text);
-  }
+  /// Whoever reads it meanwhile has the old one or the new one.
+  void writeConfiguration(const std::string& text) const;
   void writeInvalidationToken(const std::string& text) const {
     storage_.writeShared("invalidation-token.txt", text);
   }
