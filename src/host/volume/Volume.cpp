@@ -80,7 +80,15 @@ void Volume::restoreLostEdits() {
     state.present = edit.description.present;
     state.edits = 1;
     state.isEdited = true;
-    state = recoveredState(services_.directory, std::move(state));
+    try {
+      state = recoveredState(services_.directory, std::move(state));
+    } catch (const platform::NSError& error) {
+      const std::string& path = edit.description.path;
+      services_.log->failure("recover", "examine the changed contents of '" + path + "'",
+                             error.localizedDescription());
+      services_.directory->rescue(edit.number, "contents " + std::to_string(edit.number));
+      continue;
+    }
     tree_.restoreEdit(edit.description.path, edit.description.isExecutable, state,
                       edit.description.base);
   }
