@@ -88,6 +88,8 @@ void Tree::takeOver(Item& item) {
   if (item.there) {
     const platform::Date sent{std::chrono::seconds(item.uploadedSeconds)};
     if (!item.isWhole() || !isSure(item) || setting_.now() - sent > kLately) return;
+    // What is there of it may be newer than is known: only the item itself can tell that from others' contents.
+    if (item.content->sendingSince != 0) return;
     const bool isUnseen = hasUnseen(item);
     Item& left = leaveOwnThere(item);
     if (isUnseen) bringBack(left);
