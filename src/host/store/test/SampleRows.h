@@ -1,12 +1,20 @@
-// Rows for the tests, with a value of its own in every field.
+// Rows for the tests, with a value of its own in every field; and what a database gives back.
 #pragma once
 
 #include <chrono>
 #include <string>
+#include <utility>
+#include <vector>
 
-#include "host/store/ItemRow.h"
+#include "host/store/ItemTable.h"
 
 namespace kestrune::host {
+
+inline std::vector<ItemRow> loaded(SQLite::Database& connection) {
+  std::vector<ItemRow> rows;
+  ItemTable(connection).load([&](ItemRow row) { rows.push_back(std::move(row)); });
+  return rows;
+}
 
 inline ItemRow bareRow(ItemId id) {
   ItemRow row;
