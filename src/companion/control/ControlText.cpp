@@ -88,12 +88,14 @@ std::string statusText(const Json& status, Escaping escaping) {
   std::string text = "Mounted at " + pathText(status.at("mountPoint"), escaping) + ", domain " +
                      pathText(status.at("domain"), escaping) + ", process " +
                      std::to_string(numberAt(status, "process")) + ".\n";
-  if (status.value("storeReachable", false)) {
+  const Json& reachable = status.at("storeReachable");
+  if (reachable.is_null()) {
+    text += "The store was not asked for anything yet.\n";
+  } else if (reachable.get<bool>()) {
     text += "The store answers.\n";
   } else {
-    text +=
-        "The store cannot be reached: " + escapedText(status.value("storeError", ""), escaping) +
-        "\n";
+    text += "The last request to the store failed: " +
+            escapedText(status.value("storeError", ""), escaping) + "\n";
   }
   text += changesText(status);
   text += std::to_string(numberAt(status, "uploads")) + " uploads and " +

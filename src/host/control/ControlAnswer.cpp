@@ -77,9 +77,10 @@ Json toJson(const HostStatus& status) {
             {"uploads", status.uploads},
             {"downloads", status.downloads},
             {"heldDeletions", {{"count", status.heldDeletionCount}, {"paths", std::move(paths)}}},
-            {"storeReachable", status.isStoreReachable}};
+            {"storeReachable", nullptr}};
+  if (status.isStoreReachable) json["storeReachable"] = *status.isStoreReachable;
   if (status.cacheLimitBytes) json["cacheLimitBytes"] = *status.cacheLimitBytes;
-  if (!status.isStoreReachable) json["storeError"] = text(status.storeError);
+  if (!status.isStoreReachable.value_or(true)) json["storeError"] = text(status.storeError);
   if (status.lastAudit) {
     json["lastAudit"] = {{"at", platform::formatISO8601(status.lastAudit->at)},
                          {"path", pathToJson(status.lastAudit->path)},

@@ -54,8 +54,8 @@ struct HostStatus {
   /// What the store says is gone and the host does not take away before somebody says so; the first of them by path.
   std::uint64_t heldDeletionCount = 0;
   std::vector<std::string> heldDeletions;
-  /// Whether the last request to the store got an answer, and if not, what it failed with.
-  bool isStoreReachable = true;
+  /// Whether the last request to the store got an answer, and if not, what it failed with; nothing before the first.
+  std::optional<bool> isStoreReachable;
   std::string storeError;
   std::optional<AuditReport> lastAudit;
   /// When somebody last said that the store may have changed.

@@ -3,10 +3,12 @@
 // Threads: every operation may be called from any thread.
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <optional>
 #include <string>
 
+#include "host/basics/ErrorToErrno.h"
 #include "platform/values/Date.h"
 #include "platform/values/Mutex.h"
 #include "platform/values/NSError.h"
@@ -18,8 +20,8 @@ class Activity {
   struct Facts {
     std::uint64_t downloads = 0;
     std::uint64_t uploads = 0;
-    /// What the last request failed with; empty if it was answered.
-    std::string storeError;
+    /// What the last request failed with; empty if it was answered, nothing if none was made.
+    std::optional<std::string> storeError;
     std::optional<platform::Date> lastSignal;
   };
 
@@ -31,10 +33,11 @@ class Activity {
     platform::MutexLock lock(mutex_);
     facts_.uploads += static_cast<std::uint64_t>(step);
   }
-  /// The store answered (null), or this came instead.
+  /// The store answered (null), or this came instead. That one item is missing is an answer.
   void reached(const platform::NSErrorPtr& error) {
+    const bool isAnswer = !error || errnoFor(*error) == ENOENT;
     platform::MutexLock lock(mutex_);
-    facts_.storeError = error ? error->localizedDescription() : std::string();
+    facts_.storeError = isAnswer ? std::string() : error->localizedDescription();
   }
   void signalled(platform::Date at) {
     platform::MutexLock lock(mutex_);

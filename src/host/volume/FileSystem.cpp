@@ -70,7 +70,9 @@ FileSystem::FileSystem(Volume::Services services, FileSystemOptions options)
     activity->uploading(step);
     fetching(item, step);
   });
+  sender_->setReached(reached);
   refresher_->setReached(reached);
+  lister_->setReached(reached);
   Volume::Listener changes;
   changes.differ = [sender](const std::vector<ItemId>& items) {
     if (auto live = sender->lock()) live->differ(items);

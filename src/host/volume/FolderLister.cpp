@@ -121,6 +121,7 @@ void FolderLister::begin(ItemId folder) {
   }
   enumerateFolder(volume_->services().extension, question.identifier,
                   [self = shared_from_this(), question](const Answer<Listing>& listing) {
+                    if (self->reached_) self->reached_(listing.ok() ? nullptr : listing.error());
                     self->listed(question, listing);
                   });
 }

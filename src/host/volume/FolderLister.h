@@ -30,6 +30,10 @@ class FolderLister : public std::enable_shared_from_this<FolderLister> {
   /// Told of the items as the extension described them, when the volume knows them. Set once, before anything is listed.
   using Described = std::function<void(std::vector<platform::NSFileProviderItemPtr> items)>;
   void setDescribed(Described described) { described_ = std::move(described); }
+  /// Told whenever the store answered (null), or what came instead. Set once, before anything is listed.
+  void setReached(std::function<void(const platform::NSErrorPtr& error)> reached) {
+    reached_ = std::move(reached);
+  }
 
   /// Answers when the folder's names are known.
   void visit(ItemId folder, Reply<Done> reply);
@@ -75,6 +79,7 @@ class FolderLister : public std::enable_shared_from_this<FolderLister> {
 
   const std::shared_ptr<Volume> volume_;
   Described described_;
+  std::function<void(const platform::NSErrorPtr& error)> reached_;
   platform::Mutex mutex_;
   bool stopped_ GUARDED_BY(mutex_) = false;
   std::map<ItemId, Running> running_ GUARDED_BY(mutex_);

@@ -268,7 +268,6 @@ void Refresher::changed(const Question& question, const Answer<ChangeSet>& answe
 
 void Refresher::list(ItemId folder) {
   lister_->list(folder, [self = shared_from_this(), folder](const Answer<Done>& answer) {
-    if (self->reached_) self->reached_(answer.ok() ? nullptr : answer.error());
     if (answer.ok()) {
       for (const ItemId stale : self->staleFoldersIn(folder)) self->enqueue(stale, true);
     } else {

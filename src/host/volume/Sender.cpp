@@ -296,7 +296,8 @@ void Sender::finished(const Change& change, const Outcome& outcome) {
       }
     }
   }
-  if (!outcome.error && !outcome.lookAgain) reached(nullptr);
+  const bool failedBelow = outcome.error && !isUnreachable(*outcome.error);
+  if (told_ && !outcome.lookAgain && !failedBelow) told_(outcome.error);
   pumpSoon(kTogether);
 }
 

@@ -70,6 +70,11 @@ class Sender : public std::enable_shared_from_this<Sender> {
   void setSending(std::function<void(ItemId item, int step)> sending) {
     sending_ = std::move(sending);
   }
+  /// Told when a change was sent (null), or could not be because of what came instead of an answer. Set once, before
+  /// anything is sent; it may call `reached`.
+  void setReached(std::function<void(const platform::NSErrorPtr& error)> told) {
+    told_ = std::move(told);
+  }
 
   /// These items may differ from the store since now.
   void differ(const std::vector<ItemId>& items);
@@ -132,6 +137,7 @@ class Sender : public std::enable_shared_from_this<Sender> {
   const std::shared_ptr<Contents> contents_;
   const std::shared_ptr<ExtensionCalls> calls_;
   std::function<void(ItemId item, int step)> sending_;
+  std::function<void(const platform::NSErrorPtr& error)> told_;
 
   platform::Mutex mutex_;
   bool stopped_ GUARDED_BY(mutex_) = false;

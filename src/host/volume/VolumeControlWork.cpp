@@ -123,8 +123,10 @@ HostStatus VolumeControl::Work::status() {
   const Activity::Facts facts = activity->facts();
   status.uploads = facts.uploads;
   status.downloads = facts.downloads;
-  status.isStoreReachable = facts.storeError.empty();
-  status.storeError = facts.storeError;
+  if (facts.storeError) {
+    status.isStoreReachable = facts.storeError->empty();
+    status.storeError = *facts.storeError;
+  }
   status.lastSignal = facts.lastSignal;
   status.lastAudit = auditor->last();
   return status;

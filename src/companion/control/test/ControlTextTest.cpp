@@ -33,12 +33,18 @@ TEST(ControlText, CountsBytes) {
 }
 
 TEST(ControlText, AQuietHostSaysSo) {
-  const std::string text = statusOf(HostStatus());
+  HostStatus status;
+  status.isStoreReachable = true;
+  const std::string text = statusOf(status);
   EXPECT_THAT(text, HasSubstr("Mounted at /mnt/k, domain main, process 5."));
   EXPECT_THAT(text, HasSubstr("The store answers."));
   EXPECT_THAT(text, HasSubstr("Everything that was changed here is at the store."));
   EXPECT_THAT(text, Not(HasSubstr("deletion")));
   EXPECT_THAT(text, Not(HasSubstr("audit")));
+}
+
+TEST(ControlText, AHostThatHasAskedNothingDoesNotClaimAnAnswer) {
+  EXPECT_THAT(statusOf(HostStatus()), HasSubstr("The store was not asked for anything yet."));
 }
 
 TEST(ControlText, TroubleIsTold) {
@@ -53,7 +59,7 @@ TEST(ControlText, TroubleIsTold) {
   status.lastAudit = host::AuditReport{{}, "/Docs", 1, 3, 1};
   status.lastSignal = platform::Date();
   const std::string text = statusOf(status);
-  EXPECT_THAT(text, HasSubstr("cannot be reached: no route"));
+  EXPECT_THAT(text, HasSubstr("The last request to the store failed: no route"));
   EXPECT_THAT(text, HasSubstr("3 changes are not at the store yet, 1 failed so far"));
   EXPECT_THAT(text, HasSubstr("3 deletions at the store"));
   EXPECT_THAT(text, HasSubstr("and 1 more"));

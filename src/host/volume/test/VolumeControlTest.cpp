@@ -106,10 +106,28 @@ TEST_F(VolumeControlTest, TellsWhatIsNotSent) {
 
 TEST_F(VolumeControlTest, TellsOfTheStoreAndOfSignals) {
   EXPECT_TRUE(status().usesPassthrough);
-  EXPECT_TRUE(status().isStoreReachable);
   EXPECT_FALSE(status().lastSignal);
   host_.fileSystem().changesSignalled();
   EXPECT_TRUE(status().lastSignal);
+}
+
+TEST_F(VolumeControlTest, TellsWhatTheLastRequestCameTo) {
+  EXPECT_FALSE(status().isStoreReachable.has_value());
+  const auto refused =
+      platform::NSFileProviderError(platform::NSFileProviderError::notAuthenticated).share();
+  host_.remote().failWith(Ask::items, "/", refused);
+  EXPECT_EQ(errnoOf(state("/docs").error()), EACCES);
+  EXPECT_EQ(status().isStoreReachable, false);
+  EXPECT_EQ(status().storeError, refused->localizedDescription());
+
+  host_.remote().failWith(Ask::items, "/", nullptr);
+  ASSERT_TRUE(state("/docs").ok());
+  EXPECT_EQ(status().isStoreReachable, true);
+
+  host_.remote().failWith(Ask::create, "/docs/new.txt", refused);
+  host_.save("/docs/new.txt", "new");
+  ASSERT_TRUE(host_.passUntil([this] { return status().failingChanges == 1; }));
+  EXPECT_EQ(status().isStoreReachable, false);
 }
 
 }  // namespace
