@@ -7,6 +7,7 @@
 
 #include "companion/configuration/CommandError.h"
 #include "companion/configuration/InvalidateCommand.h"
+#include "companion/configuration/MountConfiguration.h"
 #include "companion/control/HostFinder.h"
 #include "companion/events/EventListener.h"
 #include "config/SharedConfig.h"
@@ -48,6 +49,7 @@ void runMount(const MountOptions& options) {
   host.signalFile = storage::invalidationTokenFile();
   host.domainIdentifier = options.domainIdentifier;
   host.allowOtherUsers = options.allowOtherUsers;
+  host.lookersOn = MountConfiguration::read().lookersOn(host::defaultLookersOn());
   host.limits = {options.cacheBytes, options.keepFreeBytes};
   host.controlSocket = controlSocketFile(options.domainIdentifier);
   host.unpin = [](const platform::NSFileProviderItemIdentifier& identifier) {
