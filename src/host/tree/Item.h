@@ -82,6 +82,8 @@ struct Item {
   /// When the store was asked that last told its place there. Folders are asked one by one: another one's earlier answer may
   /// come later, and still shows it, or misses it.
   std::uint64_t placedAt = 0;
+  /// Its contents are being given up here, by who has set this and ends it.
+  bool isBeingEvicted = false;
   /// A change of it is on its way to the store.
   bool isUnderWay = false;
   std::uint64_t begunAt = 0;
@@ -91,8 +93,8 @@ struct Item {
   bool isRoot() const { return id == kRootItem; }
   bool isLinked() const { return folder != nullptr || isRoot(); }
   bool isEdited() const { return content && content->state.edits != content->sentEdits; }
-  /// All of its bytes are on the local disk.
-  bool isWhole() const { return content && content->state.isWhole(); }
+  /// All of its bytes are on the local disk, and stay there.
+  bool isWhole() const { return content && content->state.isWhole() && !isBeingEvicted; }
 };
 
 }  // namespace kestrune::host

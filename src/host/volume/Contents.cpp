@@ -30,14 +30,19 @@ void takeState(Tree& tree, Item& item, const ContentState& state) {
   if (!state.isEdited) item.sizeBytes = known;
 }
 
-// What a fetch brought may be told after an edit was committed that began meanwhile, and know nothing of it. An edit that was
-// forgotten so would be taken for damage after a kill.
+// What a fetch brought, or that contents were sent, may be told late, and know nothing of an edit that was committed
+// meanwhile, or of another file whose place these contents have taken since. An edit that was forgotten so would be taken for
+// damage after a kill; contents that are to be sent, for an old version that may go.
 ContentState notForgettingEdits(const Item& item, ContentState told) {
   if (!item.content) return told;
   const ContentState& known = item.content->state;
-  if (known.number != told.number || known.edits <= told.edits) return told;
-  told.edits = known.edits;
-  told.isEdited = known.isEdited;
+  if (known.number != told.number || known.edits < told.edits) return told;
+  if (known.edits > told.edits) {
+    told.edits = known.edits;
+    told.isEdited = known.isEdited;
+  } else if (item.isEdited()) {
+    told.isEdited = true;
+  }
   return told;
 }
 

@@ -58,6 +58,8 @@ NSErrorPtr whyNotEvictable(const Tree& tree, const Item& item) {
   if (item.isEdited() || item.isUnderWay || Tree::differs(item))
     return refusal(NSFileProviderError::unsyncedEdits, path,
                    "has changes that are not at the store yet");
+  if (item.isBeingEvicted)
+    return refusal(NSFileProviderError::nonEvictable, path, "is being evicted already");
   if (item.object && item.object->isOpen())
     return refusal(NSFileProviderError::nonEvictable, path, "is open in a program");
   return nullptr;
@@ -204,6 +206,7 @@ NSErrorPtr evictContents(Volume& volume, const Contents& contents, ItemId file) 
     if (error || !item->content) return;
     try {
       object = contents.objectOf(*item);
+      item->isBeingEvicted = true;
     } catch (const NSError& thrown) {
       error = thrown.share();
     }
@@ -212,9 +215,14 @@ NSErrorPtr evictContents(Volume& volume, const Contents& contents, ItemId file) 
   try {
     object->evict();
   } catch (const NSError& thrown) {
-    if (thrown.code() != EBUSY) return thrown.share();
-    return refusal(NSFileProviderError::nonEvictable, volume.path(file), "is in use");
+    error = thrown.code() == EBUSY
+                ? refusal(NSFileProviderError::nonEvictable, volume.path(file), "is in use")
+                : thrown.share();
   }
+  volume.look([&](Tree& tree, Nodes&) {
+    if (Item* item = tree.find(file)) item->isBeingEvicted = false;
+  });
+  if (error) return error;
   forgetPages(volume, file, object);
   return nullptr;
 }

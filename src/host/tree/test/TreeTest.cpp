@@ -188,6 +188,21 @@ TEST_F(TreeSaveTest, AFileThatLivedLongerIsMovedOverTheOther) {
   EXPECT_THAT(ready(), ElementsAre(Change{ChangeKind::move, item.id, {kRootItem, "a"}}));
 }
 
+TEST_F(TreeSaveTest, NeitherWhatIsBeingEvictedNorABackupOfItIsCountedOn) {
+  Item& item = make("temp");
+  send(item, file("2", "temp", 5));
+  item.isBeingEvicted = true;
+  tree().move(item, root(), "a");
+  EXPECT_EQ(item.there->identifier, "2");
+
+  list({file("2", "temp", 5), file("3", "b", 3)});
+  Item& old = *tree().child(root(), "b");
+  fill(old, 3);
+  old.isBeingEvicted = true;
+  tree().move(old, root(), "b~");
+  EXPECT_FALSE(make("b").there);
+}
+
 TEST_F(TreeSaveTest, WhatIsUnderWayIsNotTakenOver) {
   tree().beginChange(*old_);
   Item& item = make("temp");

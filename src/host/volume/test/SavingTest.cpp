@@ -51,6 +51,23 @@ TEST_F(SavingTest, AlsoWhenTheTemporaryOneWasSentAlready) {
   EXPECT_EQ(remote().identifierOf("/report"), identifier);
 }
 
+TEST_F(SavingTest, AndWhenItIsToldOfItsOwnSendingOnlyAfterwards) {
+  putAndRead("/report", "old");
+  save("/.report.tmp", "new contents");
+  ASSERT_TRUE(waitUntilSent());
+  const auto [object, edits] = fileSystem().volume()->look([&](Tree& tree, Nodes&) {
+    const Item& item = *tree.child(tree.root(), ".report.tmp");
+    return std::pair(item.object, item.content->state.edits);
+  });
+  ASSERT_TRUE(object);
+  EXPECT_EQ(rename("/.report.tmp", "/report"), 0);
+  object->sent(edits, "the version of the temporary file");
+  EXPECT_EQ(readPath("/report"), "new contents");
+  ASSERT_TRUE(waitUntilSent());
+  EXPECT_EQ(remote().contents("/report"), "new contents");
+  EXPECT_THAT(remote().names(), ElementsAre("report"));
+}
+
 TEST_F(SavingTest, ABackupThatIsRenamedAsideLeavesTheIdentityBehind) {
   putAndRead("/report", "old");
   const std::string identifier = remote().identifierOf("/report");
