@@ -16,6 +16,7 @@
 #include "host/MountHost.h"
 #include "namespace/FileProviderItem.h"
 #include "namespace/PinStore.h"
+#include "platform/files/AtomicFile.h"
 #include "platform/values/NSError.h"
 
 namespace kestrune {
@@ -27,6 +28,13 @@ void requireConfiguration() {
   throw CommandError("There is no service to mount: '" + SharedConfig::file().string() +
                      "' holds no address and token. Write it with: kestrune configure --url URL "
                      "--token-file FILE");
+}
+
+// What hosts and extensions that were killed left behind, in all the folders where files are replaced.
+void tidyUp() {
+  constexpr std::chrono::hours kAbandoned{1};
+  platform::removeAbandonedReplacements(storage::sharedDirectory(), kAbandoned);
+  platform::removeAbandonedReplacements(storage::listingCacheDirectory(), kAbandoned);
 }
 
 void requireFuse() {
@@ -41,6 +49,7 @@ void requireFuse() {
 void runMount(const MountOptions& options) {
   requireFuse();
   requireConfiguration();
+  tidyUp();
   host::HostOptions host;
   host.mountPoint = options.mountPoint;
   host.replicaDirectory = options.replicaDirectory.empty()

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <optional>
 #include <utility>
+#include <vector>
 
 #include "platform/values/NSError.h"
 #include "platform/values/UUID.h"
@@ -80,12 +81,17 @@ bool isOursAlone(int descriptor) {
 #endif
 }
 
+constexpr std::string_view kPrefix = ".kestrune-";
+constexpr std::string_view kSuffix = ".tmp";
+
+std::string hiddenName() { return std::string(kPrefix).append(newUUIDString()).append(kSuffix); }
+
 /// A file in an open folder, which its destructor removes unless it has got to its place.
 class TemporaryFile {
  public:
   /// A new one.
   TemporaryFile(int folder, const std::filesystem::path& target)
-      : TemporaryFile(folder, target, ".kestrune-" + newUUIDString() + ".tmp", O_CREAT | O_EXCL) {
+      : TemporaryFile(folder, target, hiddenName(), O_CREAT | O_EXCL) {
     if (!file_.isOpen()) fail(errno, "create a file beside", target_);
   }
   /// The one of that name, if it is still there; `isOpen` tells.
@@ -178,6 +184,22 @@ void replaceFile(const std::filesystem::path& path, std::string_view contents,
   if (durability == Durability::durable && !flushToDisk(folder.get()) && errno != EINVAL) {
     fail(errno, "flush the folder of", path);
   }
+}
+
+void removeAbandonedReplacements(const std::filesystem::path& folder, std::chrono::seconds age) {
+  const auto youngest = std::filesystem::file_time_type::clock::now() - age;
+  std::error_code error;
+  std::vector<std::filesystem::path> abandoned;
+  for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
+       entry.increment(error)) {
+    const std::string name = entry->path().filename();
+    if (!name.starts_with(kPrefix) || !name.ends_with(kSuffix)) continue;
+    std::error_code unknown;
+    const auto written = entry->last_write_time(unknown);
+    const bool isFile = std::filesystem::is_regular_file(entry->symlink_status(unknown));
+    if (!unknown && isFile && written < youngest) abandoned.push_back(entry->path());
+  }
+  for (const auto& path : abandoned) ::unlink(path.c_str());
 }
 
 void FileReplacer::rest() {

@@ -5,6 +5,7 @@
 // the two.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -30,6 +31,10 @@ enum class Durability {
 /// symbolic link at `path` is replaced, not followed.
 void replaceFile(const std::filesystem::path& path, std::string_view contents,
                  Durability durability);
+
+/// Removes from `folder` what replacements of processes that were killed left behind, if it was not written to for
+/// `age`: younger ones may be at work. What cannot be removed, or a folder that is not there, is left as it is.
+void removeAbandonedReplacements(const std::filesystem::path& folder, std::chrono::seconds age);
 
 /// Replaces one file again and again, in bursts. A file that is replaced is freed, and on ext4 a new
 /// one takes the longer to make the more were freed in the last seconds. So this keeps the file that

@@ -149,6 +149,26 @@ TEST_F(AtomicFileTest, ReplacingWhatCannotBeReplacedLeavesNothingBehind) {
   EXPECT_EQ(contentsOf(at("file")), "old");
 }
 
+TEST_F(AtomicFileTest, WhatKilledProcessesLeftIsRemovedWhenItIsOld) {
+  const std::string id = newUUIDString();
+  const auto age = [&](const std::string& name, std::chrono::seconds seconds) {
+    fs::last_write_time(at(name), fs::file_time_type::clock::now() - seconds);
+  };
+  for (const std::string& name : {".kestrune-" + id + ".tmp", std::string(".kestrune-young.tmp"),
+                                  ".kestrune-" + id, id + ".tmp", std::string("config.json")}) {
+    write(at(name), "x");
+    age(name, std::chrono::seconds(61));
+  }
+  age(".kestrune-young.tmp", std::chrono::seconds(50));
+  fs::create_directory(at(".kestrune-folder.tmp"));
+  age(".kestrune-folder.tmp", std::chrono::seconds(61));
+  removeAbandonedReplacements(folder_, std::chrono::seconds(60));
+  EXPECT_THAT(names(),
+              testing::UnorderedElementsAre(".kestrune-young.tmp", ".kestrune-" + id, id + ".tmp",
+                                            "config.json", ".kestrune-folder.tmp"));
+  removeAbandonedReplacements(at("missing"), std::chrono::seconds(60));
+}
+
 TEST_F(AtomicFileTest, EmptyPathIsRefused) {
   fs::current_path(folder_);
   EXPECT_EQ(replaceFailure(""), ENOENT);
