@@ -40,7 +40,7 @@ void requireObject(const Json& value, const std::string& name,
   for (const auto& [key, ignored] : value.items()) {
     bool isKnown = false;
     for (const auto known : keys) isKnown = isKnown || key == known;
-    if (!isKnown) complain(name + " has no key \"" + key + "\"");
+    if (!isKnown) complain(std::string(name).append(" has no key \"").append(key).append("\""));
   }
 }
 
