@@ -82,6 +82,8 @@ struct Item {
   /// When the store was asked that last told its place there. Folders are asked one by one: another one's earlier answer may
   /// come later, and still shows it, or misses it.
   std::uint64_t placedAt = 0;
+  /// How often in a row it was sent and then not shown.
+  std::uint8_t timesLost = 0;
   /// Its contents are being given up here, by who has set this and ends it.
   bool isBeingEvicted = false;
   /// A change of it is on its way to the store.

@@ -124,6 +124,7 @@ void Tree::believeGone(Item& item, bool rescue, const Kept& kept) {
                             ? !item.part->children.empty()
                             : item.isEdited() || isToBeSeen || (isMovedHere && item.isWhole());
   if (survives) {
+    if (isToBeSeen && item.timesLost < std::numeric_limits<std::uint8_t>::max()) ++item.timesLost;
     if (item.content) item.content->base.clear();
     if (item.part) item.part->listing = {.isEnumerated = true};  // nobody else knows it any more
     note(item);

@@ -455,6 +455,7 @@ void Tree::applyContents(Item& item, const ItemRecord& record) {
   there.modified = said.modified;
   there.isProvisional = false;
   there.isHeldDeletion = false;
+  item.timesLost = 0;
   held_.erase(item.id);
   note(item);
   if (isKnown) {

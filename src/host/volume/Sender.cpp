@@ -57,6 +57,12 @@ Sender::Sender(std::shared_ptr<Volume> volume, std::shared_ptr<FolderLister> lis
       contents_(std::move(contents)),
       calls_(std::move(calls)) {}
 
+// After so many failures before the last one.
+std::chrono::seconds Sender::pauseAfter(int failures) {
+  return std::min<std::chrono::seconds>(kLongestPause,
+                                        std::chrono::seconds(1LL << std::min(failures, 9)));
+}
+
 Sender::Clock Sender::quietFor(ItemId id) {
   const platform::Date wallClock = volume_->services().clock->now();
   return volume_->look([&](Tree& tree, Nodes&) -> Clock {
@@ -65,6 +71,7 @@ Sender::Clock Sender::quietFor(ItemId id) {
     const OutgoingItem outgoing = Tree::outgoingItem(*item);
     if (outgoing.isToBeRemoved() || outgoing.isToBeMoved()) return kQuietNames;
     if (item->isFolder) return Clock(0);
+    if (item->timesLost > 0 && !item->there) return pauseAfter(item->timesLost - 1);
     const platform::Date sent{std::chrono::seconds(item->uploadedSeconds)};
     const bool again = item->uploadedSeconds != 0 && wallClock - sent < std::chrono::seconds(3);
     return again ? Clock(kQuietAgain) : Clock(kQuiet);
@@ -272,8 +279,7 @@ void Sender::finished(const Change& change, const Outcome& outcome) {
       Waits::Wait& wait = *found;
       const Clock at = now();
       if (outcome.error) {
-        const auto pause = std::min<std::chrono::seconds>(
-            kLongestPause, std::chrono::seconds(1LL << std::min(wait.attempts, 9)));
+        const auto pause = pauseAfter(wait.attempts);
         ++wait.attempts;
         wait.failed = failed;
         wait.reason = outcome.error->localizedDescription();
@@ -344,6 +350,8 @@ std::vector<UnsentChange> Sender::unsent(const std::string& path, std::size_t mo
       }
       if (change.reason.empty() && item.object && item.object->isOpenForWriting())
         change.reason = "a program has it open for writing";
+      if (change.reason.empty() && item.timesLost > 0 && !item.there)
+        change.reason = "the store took it and does not show it";
       changes.push_back(std::move(change));
     }
   });

@@ -103,6 +103,7 @@ class Sender : public std::enable_shared_from_this<Sender> {
   using Work = platform::Task<Outcome>;
 
   Clock now() const { return volume_->services().timers->now(); }
+  static std::chrono::seconds pauseAfter(int failures);
   Clock quietFor(ItemId item);
   std::optional<OutgoingItem> outgoing(ItemId item);
   void pumpSoon(Clock delay);

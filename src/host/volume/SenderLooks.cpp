@@ -50,13 +50,15 @@ Task<Answer<Done>> Sender::lookAt(ItemId id) {
   if (isCrowded(question->folder)) co_return co_await listFolder(question->folder, false);
   const auto answer = co_await calls_->item(question->identifier);
   if (!answer.ok()) co_return answer.error();
+  bool isDoubtful = false;
   volume_->change([&](Tree& tree, Nodes&) {
     Item* item = tree.find(id);
     if (item == nullptr || !item->there || item->there->identifier != question->identifier) return;
     // What was sent and never seen since is not believed to be gone on one word.
-    if (!answer.value() && item->there->isProvisional) return;
-    tree.applyItem(*item, answer.value(), question->asOf);
+    isDoubtful = !answer.value() && item->there->isProvisional;
+    if (!isDoubtful) tree.applyItem(*item, answer.value(), question->asOf);
   });
+  if (isDoubtful) co_return co_await listFolder(question->folder, false);
   co_return Done();
 }
 

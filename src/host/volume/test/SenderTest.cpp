@@ -255,6 +255,28 @@ TEST_F(SenderTest, WithoutASignItIsTriedAgainSoonAfterTheStoreIsBack) {
   EXPECT_TRUE(waitUntilSent(Sender::kProbe + seconds(5)));
 }
 
+TEST_F(SenderTest, WhatTheStoreDropsIsMadeAgainAfterGrowingPauses) {
+  using Kind = FakeRemote::Treatment::Kind;
+  names();
+  save("/a", "a");
+  remote().setWeather([](Ask ask) {
+    return FakeRemote::Treatment{ask == Ask::create ? Kind::late : Kind::fair, nullptr};
+  });
+  for (const int pause : {1, 2, 4}) {
+    SCOPED_TRACE(pause);
+    ASSERT_TRUE(passUntil([&] { return remote().countHeld() == 1; }));
+    remote().remove("/a");
+    remote().releaseAll();
+    ASSERT_TRUE(passUntil([&] { return !unsent().empty() && !unsent()[0].isUnderWay; }));
+    EXPECT_THAT(unsent()[0].reason, HasSubstr("does not show it"));
+    EXPECT_LE(unsent()[0].until, seconds(pause));
+    EXPECT_GE(unsent()[0].until, seconds(pause) - milliseconds(200));
+  }
+  remote().setWeather(nullptr);
+  ASSERT_TRUE(waitUntilSent());
+  EXPECT_EQ(remote().contents("/a"), "a");
+}
+
 TEST_F(SenderTest, ACreationWhoseAnswerWasLostIsLookedAtAndNotRepeated) {
   remote().loseAnswers(Ask::create, "/a", errorOf(NSFileProviderError::serverUnreachable));
   save("/a", "hello");
