@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -49,10 +48,6 @@ class CrashTest : public testing::Test {
   }
 
   void TearDown() override {
-    if (HasFailure() && std::getenv("KESTRUNE_PAUSE")) {
-      std::cout << "PAUSED " << mount_->mountPoint() << std::endl;
-      ::sleep(900);
-    }
     if (HasFailure() && mount_)
       std::cout << "the host's log:\n" << support::contentsOf(mount_->logFile());
   }

@@ -174,6 +174,12 @@ void LiveMount::start() {
 
 void LiveMount::end(int signal) { endChild(program_, signal); }
 
+CommandResult LiveMount::control(const std::string& words) const {
+  return runIn(mountPoint_, "export XDG_DATA_HOME='" + (directory_.path() / "data").string() +
+                                "' XDG_RUNTIME_DIR='" + (directory_.path() / "tmp").string() +
+                                "'; '" + program("kestrune") + "' " + words);
+}
+
 std::string waitUntilSent(const LiveService& service, const LiveMount& mount,
                           std::chrono::seconds deadline) {
   std::string difference;

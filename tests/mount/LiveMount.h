@@ -71,6 +71,8 @@ class LiveMount {
   void start();
   /// Ends it by `signal` and waits for its end.
   void end(int signal);
+  /// Runs `kestrune` with these words, as in a shell, in the mounted folder.
+  CommandResult control(const std::string& words) const;
 
  private:
   std::vector<std::string> withEnvironment(const std::string& command) const;

@@ -1,17 +1,20 @@
 // A real folder whose service changes things, is away, or hangs.
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 
 #include "tests/mount/LiveMount.h"
+#include "tests/support/ScopedEnvironment.h"
 #include "tests/support/Waiting.h"
 
 namespace kestrune::mounttest {
@@ -20,6 +23,7 @@ namespace {
 namespace fs = std::filesystem;
 using support::contentsOf;
 using support::waitUntil;
+using testing::HasSubstr;
 constexpr std::chrono::seconds kShown{2};
 
 class LiveServiceTest : public testing::Test {
@@ -150,6 +154,26 @@ TEST_F(LiveServiceTest, AReadFromAServiceThatHangsCanBeInterrupted) {
   EXPECT_TRUE(waitUntil([&] { return contentsOf(mount() / "docs/here.txt") == "here"; },
                         std::chrono::seconds(20)));
   EXPECT_EQ(waitUntilSent(service(), mount()), "");
+}
+
+TEST_F(LiveServiceTest, LinksOfSeveralFilesArePrintedAndCopiedTogether) {
+  const fs::path tools = mount().mountPoint().parent_path() / "tools";
+  fs::create_directory(tools);
+  std::ofstream(tools / "xclip") << "#!/bin/sh\ncat > '" << (tools / "copied").string() << "'\n";
+  fs::permissions(tools / "xclip", fs::perms::owner_all);
+  mount().end(SIGTERM);
+  const char* path = std::getenv("PATH");
+  const support::ScopedEnvironment search("PATH", tools.string() + ":" + (path ? path : ""));
+  const support::ScopedEnvironment display("DISPLAY", ":7");
+  mount().start();
+  const auto result = mount().control("link docs/here.txt docs/missing docs");
+  EXPECT_EQ(result.status, 1) << result.output;
+  const std::string base = service().address() + "/open/docs";
+  EXPECT_THAT(result.output, HasSubstr(base + "/here.txt\n" + base + "\n"));
+  EXPECT_THAT(result.output, HasSubstr("docs/missing"));
+  EXPECT_TRUE(waitUntil([&] { return contentsOf(tools / "copied") == base + "/here.txt\n" + base; },
+                        kShown))
+      << contentsOf(tools / "copied");
 }
 
 }  // namespace

@@ -288,15 +288,33 @@ Task<void> VolumeControl::Work::act(std::shared_ptr<Work> self, ItemAction actio
   reply(std::move(answers));
 }
 
-Task<Answer<std::string>> VolumeControl::Work::linkOf(std::string path) {
-  const auto found = co_await find(path);
-  if (!found.ok()) co_return found.error();
+Task<Answer<std::string>> VolumeControl::Work::linkOf(ItemId item) {
   outside.takeCopied();
-  const auto done = co_await perform(kCopyShareLink, {found.value()});
+  const auto done = co_await perform(kCopyShareLink, {item});
   if (!done.ok()) co_return done.error();
   std::string link = outside.takeCopied();
-  if (link.empty()) co_return NSPOSIXError(ENOTSUP, "make a link of '" + path + "'").share();
+  if (link.empty())
+    co_return NSPOSIXError(ENOTSUP, "make a link of '" + volume->path(item) + "'").share();
   co_return link;
+}
+
+Task<Each<std::string>> VolumeControl::Work::linksOf(std::vector<std::string> paths) {
+  Each<std::string> answers;
+  std::vector<ItemId> linked;
+  for (const std::string& path : paths) {
+    const auto found = co_await find(path);
+    answers.push_back(found.ok() ? co_await linkOf(found.value())
+                                 : Answer<std::string>(found.error()));
+    if (answers.back().ok()) linked.push_back(found.value());
+  }
+  // Each was copied in the place of the one before: what is pasted next is to be all of them.
+  if (linked.size() > 1) {
+    const auto copied = co_await perform(kCopyShareLink, std::move(linked));
+    if (!copied.ok())
+      volume->services().log->failure("link", "copy all the links",
+                                      copied.error()->localizedDescription());
+  }
+  co_return answers;
 }
 
 // One after the other, whoever asks: the extension has one place to put them.
@@ -312,9 +330,7 @@ Task<void> VolumeControl::Work::links(std::shared_ptr<Work> self) {
       request = std::move(self->linkRequests_.front());
       self->linkRequests_.pop_front();
     }
-    Each<std::string> answers;
-    for (const std::string& path : request.paths) answers.push_back(co_await self->linkOf(path));
-    request.reply(std::move(answers));
+    request.reply(co_await self->linksOf(std::move(request.paths)));
   }
 }
 

@@ -44,7 +44,8 @@ class VolumeControl::Work : public std::enable_shared_from_this<Work> {
   Task<Answer<Done>> perform(std::string action, std::vector<ItemId> items);
   Task<Answer<Done>> download(std::vector<ItemId> files);
   Task<void> askPolicies(std::vector<ItemId> items);
-  Task<Answer<std::string>> linkOf(std::string path);
+  Task<Answer<std::string>> linkOf(ItemId item);
+  Task<Each<std::string>> linksOf(std::vector<std::string> paths);
   Task<Answer<ItemState>> stateOf(std::string path);
   static Task<void> links(std::shared_ptr<Work> self);
 
