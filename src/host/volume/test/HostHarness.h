@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "host/test/Awaited.h"
 #include "host/test/FakeRemote.h"
 #include "host/volume/FileSystem.h"
 #include "platform/values/Mutex.h"
@@ -62,46 +63,6 @@ class RecordingKernelCache final : public KernelCache {
   std::vector<CacheUpdate> updates_ GUARDED_BY(mutex_);
   bool holding_ GUARDED_BY(mutex_) = false;
   std::vector<std::function<void()>> waiting_ GUARDED_BY(mutex_);
-};
-
-/// An answer that comes some time.
-template <class T>
-class Awaited {
- public:
-  Reply<T> reply() const {
-    return [state = state_](Answer<T> answer) {
-      platform::MutexLock lock(state->mutex);
-      ++state->count;
-      state->answer.emplace(std::move(answer));
-      state->arrived.notify_all();
-    };
-  }
-  bool ready() const {
-    platform::MutexLock lock(state_->mutex);
-    return state_->answer.has_value();
-  }
-  int count() const {
-    platform::MutexLock lock(state_->mutex);
-    return state_->count;
-  }
-  /// Waits for it; throws if the deadline passes first.
-  Answer<T> get() const {
-    const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-    platform::MutexLock lock(state_->mutex);
-    while (!state_->answer) {
-      if (!lock.waitUntil(state_->arrived, deadline)) throw std::runtime_error("no answer came");
-    }
-    return *state_->answer;
-  }
-
- private:
-  struct State {
-    platform::Mutex mutex;
-    std::condition_variable arrived;
-    int count GUARDED_BY(mutex) = 0;
-    std::optional<Answer<T>> answer GUARDED_BY(mutex);
-  };
-  std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
 class HostHarness {
