@@ -122,8 +122,16 @@ std::vector<std::string> ModelFileSystem::shown(InodeNumber inode) {
   return contents ? std::vector{*contents} : std::vector<std::string>{};
 }
 
+// What is gone may have lost the old bytes in it before, unseen.
 void ModelFileSystem::forgetContents(const std::vector<std::string>& contents) {
-  for (const std::string& each : contents) precious_.erase(each);
+  for (const std::string& each : contents) {
+    precious_.erase(each);
+    if (each.find_first_not_of('\0') == std::string::npos) continue;
+    std::erase_if(precious_, [&](const std::string& kept) {
+      const auto left = withoutOld_.find(kept);
+      return left != withoutOld_.end() && left->second == each;
+    });
+  }
 }
 
 // From now on the file's bytes are not to be lost.
