@@ -30,6 +30,8 @@ ModelFileSystem::ModelFileSystem(std::uint64_t seed, ModelCounts& counts)
       hasOthers_(percent(65)) {
   chooseStore();
   FakeRemote& remote = host_.remote();
+  if (percent(20)) remote.setPageSize(1 + below(3));
+  if (percent(20)) remote.setChangesAtOnce(1 + below(3));
   for (std::size_t i = below(8); i > 0; --i) {
     std::string folder = "/";
     for (const auto& [path, contents] : remote.tree()) {
