@@ -32,7 +32,7 @@ FileObject::FileObject(std::shared_ptr<const FileObjectServices> services, Inode
 
 FileObject::~FileObject() {
   MutexLock lock(mutex_);
-  if (isAbandoned_) content_->discard();
+  if (mayGo_) content_->discard();
 }
 
 ContentState FileObject::state() const { return content_->state(); }
@@ -48,16 +48,16 @@ void FileObject::opened(bool forWriting) {
 
 void FileObject::closed(bool forWriting) {
   bool isLast = false;
-  bool isAbandoned = false;
+  bool goes = false;
   {
     MutexLock lock(mutex_);
     if (forWriting) --writerCount_;
     isLast = --openCount_ == 0;
-    isAbandoned = isAbandoned_;
+    goes = mayGo_;
     if (isLast) content_->setOpen(false);
   }
   if (isLast) reads_->lastClosed();
-  if (isLast && isAbandoned) content_->discard();
+  if (isLast && goes) content_->discard();
   if (forWriting) changes_->tell();
 }
 
@@ -143,10 +143,17 @@ void FileObject::evict() {
 }
 
 void FileObject::abandon() {
-  MutexLock lock(mutex_);
-  isAbandoned_ = true;
   reads_->abandon();
   changes_->abandon();
+}
+
+void FileObject::mayGo() {
+  {
+    MutexLock lock(mutex_);
+    mayGo_ = true;
+    if (openCount_ > 0) return;
+  }
+  content_->discard();
 }
 
 }  // namespace kestrune::host

@@ -52,7 +52,7 @@ class FileObject {
   /// file with changes all that is left is kept (ContentRecovery.h). Looks at the disk; throws NSPOSIXError.
   FileObject(std::shared_ptr<const FileObjectServices> services, InodeNumber item,
              ContentState state);
-  /// Removes an abandoned file that nobody had open.
+  /// Removes the file if it may go and is not gone.
   ~FileObject();
   FileObject(const FileObject&) = delete;
   FileObject& operator=(const FileObject&) = delete;
@@ -102,9 +102,11 @@ class FileObject {
   /// Drops the bytes and keeps the object. Throws EBUSY if it is open, edited or being filled.
   void evict();
   /// The item has another version at the store, or is gone: nothing is fetched for this object any more; who has it open
-  /// finishes on what is here (ESTALE for the rest, and for changes), and its file goes with the last of them, or with this
-  /// object. No input or output: may be called with locks held. REQUIRES: not edited.
+  /// finishes on what is here (ESTALE for the rest, and for changes). No input or output: may be called with locks held.
   void abandon();
+  /// That it was abandoned is remembered: its file goes, with the last who has it open. Until then a crash finds it under
+  /// the name that it had.
+  void mayGo();
 
  private:
   // Constant.
@@ -118,7 +120,7 @@ class FileObject {
   mutable platform::Mutex mutex_;
   std::size_t openCount_ GUARDED_BY(mutex_) = 0;
   std::size_t writerCount_ GUARDED_BY(mutex_) = 0;
-  bool isAbandoned_ GUARDED_BY(mutex_) = false;
+  bool mayGo_ GUARDED_BY(mutex_) = false;
 };
 
 using FileObjectPtr = std::shared_ptr<FileObject>;

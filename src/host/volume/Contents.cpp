@@ -102,6 +102,7 @@ std::shared_ptr<const FileObjectServices> servicesFor(const std::shared_ptr<Volu
         takeState(tree, *item, state);
       }
     });
+    if (left) left->mayGo();
     if (listener.changed) listener.changed();
   };
   services->resized = [weak](ItemId id, std::int64_t sizeBytes, std::function<void()> then) {

@@ -1,9 +1,11 @@
 #include "host/volume/Volume.h"
 
 #include <algorithm>
+#include <boost/asio/post.hpp>
 #include <unordered_set>
 
 #include "host/content/ContentRecovery.h"
+#include "host/content/DiskThreads.h"
 
 namespace kestrune::host {
 
@@ -145,12 +147,41 @@ void Volume::commitAll(Survives survives, Reply<Done> reply) {
   commitRows(TreeEffects(), survives, std::move(reply));
 }
 
+// Takes away the files of contents that nothing has any more; null if there are none. What is not remembered, because the disk
+// is full, goes all the same: that may make the room.
+std::function<void()> Volume::leavingOf(TreeEffects& effects) const {
+  if (effects.abandoned.empty() && effects.dropped.empty() && effects.rescued.empty())
+    return nullptr;
+  return [directory = services_.directory, log = services_.log,
+          abandoned = std::move(effects.abandoned), dropped = std::move(effects.dropped),
+          rescued = std::move(effects.rescued)] {
+    for (const FileObjectPtr& object : abandoned) object->mayGo();
+    for (const ContentNumber number : dropped) directory->remove(number);
+    for (const auto& [number, name] : rescued) {
+      try {
+        directory->rescue(number, name);
+      } catch (const platform::NSError& error) {
+        log->failure("rescue", "keep '" + name + "', which is gone at the store",
+                     error.localizedDescription());
+      }
+    }
+  };
+}
+
 Volume::Aftermath Volume::settle(Survives survives, Reply<Done> reply) {
   Aftermath aftermath;
   TreeEffects effects = tree_.takeEffects();
   forgetGone(effects);
   notes_.gather(tree_, effects);
   for (const DetachedVersion& version : effects.detached) nodes_.detach(version);
+  for (const FileObjectPtr& object : effects.abandoned) object->abandon();
+  // Only when it is remembered: a crash in between must find the name with its contents, or neither.
+  if (auto leave = leavingOf(effects)) {
+    reply = [leave = std::move(leave), reply = std::move(reply)](const Answer<Done>& answer) {
+      boost::asio::post(diskExecutor(), leave);
+      if (reply) reply(answer);
+    };
+  }
   if (reply || !effects.changed.empty() || !effects.forgotten.empty())
     commitRows(effects, survives, std::move(reply));
   for (const ItemId id : effects.changed) {
@@ -159,7 +190,6 @@ Volume::Aftermath Volume::settle(Survives survives, Reply<Done> reply) {
   aftermath.doubtful.assign(effects.doubtful.begin(), effects.doubtful.end());
   // In the order in which things happened: told with the lock, which only queues.
   if (!effects.cache.empty()) services_.kernel->tell(std::move(effects.cache), nullptr);
-  for (const FileObjectPtr& object : effects.abandoned) object->abandon();
   aftermath.effects = std::move(effects);
   return aftermath;
 }
@@ -231,15 +261,6 @@ void Volume::commitRows(const TreeEffects& effects, Survives survives, Reply<Don
 void Volume::finish(const Aftermath& aftermath) {
   const TreeEffects& effects = aftermath.effects;
   notes_.write();
-  for (const ContentNumber number : effects.dropped) services_.directory->remove(number);
-  for (const auto& rescued : effects.rescued) {
-    try {
-      services_.directory->rescue(rescued.number, rescued.name);
-    } catch (const platform::NSError& error) {
-      services_.log->failure("rescue", "keep '" + rescued.name + "', which is gone at the store",
-                             error.localizedDescription());
-    }
-  }
   for (const auto& adopted : effects.adopted) adopted.object->sent(adopted.edits, adopted.version);
   if (effects.leftOut > 0) {
     services_.log->note("names",

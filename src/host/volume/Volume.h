@@ -89,6 +89,7 @@ class Volume {
     TreeEffects effects;
   };
   Aftermath settle(Survives survives, Reply<Done> reply) REQUIRES_LOCK(mutex_);
+  std::function<void()> leavingOf(TreeEffects& effects) const;
   void forgetGone(TreeEffects& effects) REQUIRES_LOCK(mutex_);
   void commitRows(const TreeEffects& effects, Survives survives, Reply<Done> reply)
       REQUIRES_LOCK(mutex_);

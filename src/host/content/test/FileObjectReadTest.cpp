@@ -401,6 +401,7 @@ TEST_F(FileObjectReadTest, WhoHasItOpenFinishesOnWhatIsHereAfterItWasAbandoned) 
   EXPECT_EQ(errnoOf(startRead(object, 20 * kMiB, 4096).get()), ESTALE);
   EXPECT_EQ(write(object, 0, "x"), ESTALE);
   EXPECT_EQ(store().fetches(), 1);
+  object->mayGo();
   EXPECT_EQ(filesIn("contents"), 1U);
   object->closed(false);
   EXPECT_EQ(filesIn("contents"), 0U);
@@ -414,6 +415,7 @@ TEST_F(FileObjectReadTest, AFetchUnderWayWhenItIsAbandonedServesThoseWhoWait) {
   object->abandon();
   store().stopHolding();
   EXPECT_EQ(bytes(read.get().value(), 0, 5), "hello");
+  object->mayGo();
   object->closed(false);
   EXPECT_EQ(filesIn("contents"), 0U);
 }
@@ -423,8 +425,18 @@ TEST_F(FileObjectReadTest, AnAbandonedFileThatNobodyHasOpenGoesWithItsObject) {
   EXPECT_EQ(readAll(object), "hello");
   object->closed(false);
   object->abandon();
+  object->mayGo();
   object.reset();
   EXPECT_EQ(filesIn("contents"), 0U);
+}
+
+TEST_F(FileObjectReadTest, AnAbandonedFileStaysUntilThatIsRemembered) {
+  auto object = small();
+  EXPECT_EQ(readAll(object), "hello");
+  object->abandon();
+  object->closed(false);
+  object.reset();
+  EXPECT_EQ(filesIn("contents"), 1U);
 }
 
 TEST_F(FileObjectReadTest, EvictionFreesTheBlocksAndKeepsTheObject) {

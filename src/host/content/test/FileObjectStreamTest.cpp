@@ -371,6 +371,7 @@ TEST_F(FileObjectStreamTest, AStreamUnderWayWhenItIsAbandonedServesThoseWhoWait)
   store().stopHolding();
   EXPECT_EQ(bytes(read.get().value(), 0, 4096), expected(0, 4096));
   EXPECT_EQ(errnoOf(startRead(object, 20 * kMiB, 10).get()), ESTALE);
+  object->mayGo();
   object->closed(false);
   EXPECT_EQ(filesIn("contents"), 0U);
 }

@@ -143,6 +143,7 @@ class ModelFileSystem {
   // Others, the store, and the host's life.
   void leaveExact();
   bool isBeingSent(const std::string& path);
+  bool isBeingRemoved(const std::string& path);
   void changeThere();
   void changeWeather();
   void signal();

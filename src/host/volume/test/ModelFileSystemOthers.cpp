@@ -35,6 +35,23 @@ bool ModelFileSystem::isBeingSent(const std::string& path) {
          (!isFile && !identifiers.empty());
 }
 
+// Whether a removal that has gone out may take `path` along: what others put there after the last look nobody can know of.
+bool ModelFileSystem::isBeingRemoved(const std::string& path) {
+  std::set<std::string> removed;
+  for (const UnsentChange& change : host_.unsent()) {
+    if (!change.isUnderWay) continue;
+    host_.fileSystem().volume()->look([&](Tree& tree, Nodes&) {
+      const Item* item = tree.find(change.item);
+      if (item != nullptr && item->isFolder && !item->isLinked() && item->there)
+        removed.insert(item->there->identifier);
+    });
+  }
+  for (std::size_t end = path.rfind('/'); end != 0; end = path.rfind('/', end - 1)) {
+    if (removed.contains(host_.remote().identifierOf(path.substr(0, end)))) return true;
+  }
+  return false;
+}
+
 void ModelFileSystem::changeThere() {
   if (!hasOthers_) return;
   leaveExact();
@@ -52,6 +69,7 @@ void ModelFileSystem::changeThere() {
   text.resize(500 + static_cast<std::size_t>(lastText_), '.');
   std::vector<std::string> gone;
   const std::size_t what = below(100);
+  if (isBeingRemoved(other)) return;
   if (path.empty() || what < 35) {
     const bool isFolder = percent(30);
     if (!remote.tryPut(other, isFolder ? std::nullopt : std::optional(text))) return;

@@ -175,9 +175,7 @@ TEST_F(RefresherTest, AFolderAskedDuringAFetchIsEnumeratedAnewAfterIt) {
   EXPECT_EQ(remote().asked(Ask::items, "/docs"), 1);
   remote().release(Ask::contents, "/docs/big");
   ASSERT_TRUE(read.get().ok());
-  ASSERT_TRUE(timers().waitForTimer(Refresher::kLongestRest));
-  timers().advance(Refresher::kLongestRest);
-  ASSERT_TRUE(remote().waitUntilAsked(Ask::items, "/docs", 2));
+  ASSERT_TRUE(passUntil([this] { return remote().asked(Ask::items, "/docs") == 2; }));
   EXPECT_TRUE(waitForNames({"big", "new"}, docs));
 }
 
