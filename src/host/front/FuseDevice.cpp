@@ -1,16 +1,18 @@
 #include "host/front/FuseDevice.h"
 
-#define FUSE_USE_VERSION 312
-#include <fuse_lowlevel.h>
 #include <linux/fuse.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <utility>
+#include <vector>
 
-#include "host/front/FuseFront.h"
+#include "host/front/AnswerPipe.h"
+#include "host/front/FuseRequest.h"
 #include "platform/values/NSError.h"
 
 namespace kestrune::host {
@@ -33,6 +35,23 @@ constexpr unsigned long kBackingClose = _IOW(229, 2, std::uint32_t);
 // struct fuse_init_out has `max_stack_depth` where the older header has the first unused word.
 constexpr std::size_t kStackDepthOffset = offsetof(fuse_init_out, unused);
 static_assert(kStackDepthOffset == 36 && sizeof(fuse_init_out) == 64);
+
+// Below this the copy costs less than the calls that save it.
+constexpr std::size_t kLeastSpliced = 64U << 10U;
+
+// What the answer consists of that this thread is giving through the library, which knows only answers from memory.
+struct Source {
+  int file;
+  off_t offset;
+  std::size_t length;
+};
+thread_local const Source* answeredFrom = nullptr;
+
+// Stays with its thread: allocating and touching a new one costs more than the copy into it.
+std::vector<char>& copyBuffer() {
+  thread_local std::vector<char> buffer(kLargestRead);
+  return buffer;
+}
 
 FuseDevice& deviceOf(void* userData) { return static_cast<FuseFront*>(userData)->device(); }
 
@@ -74,7 +93,41 @@ void FuseDevice::noteInit(const void* request, std::size_t size) {
 
 ssize_t FuseDevice::send(const iovec* parts, int count) {
   if (init_ != 0) amendInit(parts, count);
+  if (answeredFrom != nullptr && count == 2) return sendFromFile(parts);
   return ::writev(descriptor_, parts, count);
+}
+
+void FuseDevice::replyFromFile(fuse_req* request, int file, off_t offset, std::size_t length) {
+  std::vector<char>& buffer = copyBuffer();
+  const Source source = {file, offset, std::min(length, buffer.size())};
+  answeredFrom = &source;
+  fuse_reply_buf(request, buffer.data(), source.length);
+  answeredFrom = nullptr;
+}
+
+// `parts`: the header, and memory to copy the bytes into if they cannot go uncopied.
+ssize_t FuseDevice::sendFromFile(const iovec* parts) const {
+  const Source& source = *answeredFrom;
+  thread_local AnswerPipe pipe;
+  if (source.length >= kLeastSpliced) {
+    const auto sent = pipe.send(descriptor_, parts[0], source.file, source.offset, source.length);
+    if (sent) return *sent;
+  }
+  auto* const bytes = static_cast<char*>(parts[1].iov_base);
+  std::size_t got = 0;
+  int error = 0;
+  while (got < source.length && error == 0) {
+    const ssize_t count = ::pread(source.file, bytes + got, source.length - got,
+                                  source.offset + static_cast<off_t>(got));
+    if (count == 0) break;
+    if (count > 0) got += static_cast<std::size_t>(count);
+    if (count < 0 && errno != EINTR) error = errno;
+  }
+  auto* const header = static_cast<fuse_out_header*>(parts[0].iov_base);
+  if (got == 0) header->error = -error;
+  header->len = static_cast<std::uint32_t>(sizeof(*header) + got);
+  const std::array<iovec, 2> answer = {parts[0], {bytes, got}};
+  return ::writev(descriptor_, answer.data(), got > 0 ? 2 : 1);
 }
 
 void FuseDevice::amendInit(const iovec* parts, int count) {

@@ -1,5 +1,6 @@
 // The kernel's device below the kernel library, for what libfuse 3.14 does not know of: the kernel's own reading of local
-// files ("passthrough", Linux 6.9). It changes one message, the answer to INIT, and gives the kernel local files by ioctl.
+// files ("passthrough", Linux 6.9), for which it changes the answer to INIT and gives the kernel local files by ioctl; and answers
+// with bytes that are not copied through this process (AnswerPipe.h).
 //
 // Threads: every operation may be called from any thread once `attach` has returned.
 // Owns: nothing; the descriptor is the session's, and the kernel forgets the backing files with it.
@@ -16,6 +17,7 @@
 
 #include "host/front/Passthrough.h"
 
+struct fuse_req;
 struct fuse_session;
 
 namespace kestrune::host {
@@ -34,6 +36,9 @@ class FuseDevice final : public BackingFiles {
   std::optional<std::int32_t> open(int descriptor) override;
   void close(std::int32_t number) override;
 
+  /// Answers a read with the bytes of a local file from `offset` on: `length`, or as many as there are. Ends the request.
+  static void replyFromFile(fuse_req* request, int file, off_t offset, std::size_t length);
+
   /// As read(2) and writev(2); called by the library.
   ssize_t receive(void* buffer, std::size_t size);
   ssize_t send(const iovec* parts, int count);
@@ -41,6 +46,7 @@ class FuseDevice final : public BackingFiles {
  private:
   void noteInit(const void* request, std::size_t size);
   void amendInit(const iovec* parts, int count);
+  ssize_t sendFromFile(const iovec* parts) const;
 
   int descriptor_ = -1;
   std::function<void()> agreed_;

@@ -157,29 +157,9 @@ void replyCreated(FuseFront& front, fuse_req_t request, fuse_file_info info,
   }
 }
 
-// A buffer that stays with its thread: allocating and touching a new one costs more than the copy into it.
-std::vector<char>& readBuffer() {
-  thread_local std::vector<char> buffer(kLargestTransfer);
-  return buffer;
-}
-
 void replyBytes(fuse_req_t request, const LocalFile& file, std::size_t size, off_t offset) {
-  std::vector<char>& buffer = readBuffer();
   const auto left = static_cast<std::size_t>(std::max<off_t>(file.sizeBytes() - offset, 0));
-  const std::size_t wanted = std::min({size, buffer.size(), left});
-  std::size_t got = 0;
-  while (got < wanted) {
-    const ssize_t length = ::pread(file.descriptor(), buffer.data() + got, wanted - got,
-                                   offset + static_cast<off_t>(got));
-    if (length < 0 && errno == EINTR) continue;
-    if (length < 0 && got == 0) {
-      fuse_reply_err(request, errno);
-      return;
-    }
-    if (length <= 0) break;
-    got += static_cast<std::size_t>(length);
-  }
-  fuse_reply_buf(request, buffer.data(), got);
+  FuseDevice::replyFromFile(request, file.descriptor(), offset, std::min(size, left));
 }
 
 void readFile(fuse_req_t request, fuse_ino_t, std::size_t size, off_t offset,

@@ -12,7 +12,7 @@ namespace {
 void initialise(void*, fuse_conn_info* connection) {
   // Reads are asked for by the program that waits for them, not in the background: only so does its signal reach us.
   connection->want &= ~static_cast<unsigned>(FUSE_CAP_ASYNC_READ);
-  // Bytes are copied through memory of ours: splicing them made reads slower.
+  // Bytes are spliced below the library (AnswerPipe.h): its own way needs a larger pipe than there is for large reads, and copies.
   connection->want &=
       ~static_cast<unsigned>(FUSE_CAP_SPLICE_READ | FUSE_CAP_SPLICE_WRITE | FUSE_CAP_SPLICE_MOVE);
   // A node's bytes change only through the kernel, so a new date is no reason to drop what it has of them.
@@ -22,8 +22,8 @@ void initialise(void*, fuse_conn_info* connection) {
   connection->want |= connection->capable &
                       static_cast<unsigned>(FUSE_CAP_ATOMIC_O_TRUNC | FUSE_CAP_PARALLEL_DIROPS |
                                             FUSE_CAP_READDIRPLUS | FUSE_CAP_READDIRPLUS_AUTO);
-  connection->max_read = kLargestTransfer;
-  connection->max_readahead = kLargestTransfer;
+  connection->max_read = kLargestRead;
+  connection->max_readahead = kLargestRead;
   connection->time_gran = 1;
 }
 

@@ -18,6 +18,8 @@ namespace kestrune::host {
 inline constexpr double kValidSeconds = 86400;
 /// How much the kernel may ask for or bring in one request; also the pages that libfuse announces for one.
 inline constexpr std::size_t kLargestTransfer = 1U << 20U;
+/// Of a read less: a pipe, which is 1 MiB at most for who has no privileges, holds it (AnswerPipe.h).
+inline constexpr std::size_t kLargestRead = 512U << 10U;
 
 /// What programs are told to read and write at once. The kernel makes large requests of it by itself; and a copy in larger pieces
 /// takes memory for its target in blocks that are rarely at hand, which cost six times the time on a virtual machine.

@@ -1,7 +1,5 @@
 #include "host/front/MountSession.h"
 
-#define FUSE_USE_VERSION 312
-#include <fuse_lowlevel.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/eventfd.h>
@@ -12,6 +10,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "host/front/FuseRequest.h"
 #include "host/front/MountPoint.h"
 #include "platform/values/NSError.h"
 
@@ -23,7 +22,7 @@ using platform::NSPOSIXError;
 
 // Reads of what is here take turns on the processor, not on one thread. More threads than this only add switches.
 constexpr int kServers = 4;
-constexpr std::size_t kReadAhead = 1U << 20U;
+constexpr std::size_t kReadAhead = kLargestRead;
 constexpr int kWakeSignal = SIGUSR2;
 
 // `add` of libfuse's argument list fails only without memory.
@@ -40,8 +39,8 @@ MountSession::MountSession(FuseFront& front, const MountSettings& settings)
   add(arguments, "kestrune");
   add(arguments, "-o");
   add(arguments, std::string("fsname=kestrune,subtype=kestrune,nosuid,nodev,default_permissions,"
-                             "max_read=1048576,") +
-                     (settings.writable ? "rw" : "ro") +
+                             "max_read=") +
+                     std::to_string(kLargestRead) + (settings.writable ? ",rw" : ",ro") +
                      (settings.allowOtherUsers ? ",allow_other" : ""));
   FuseFront::Options options;
   options.othersMayEnter = settings.allowOtherUsers;
