@@ -28,8 +28,8 @@ constexpr int kLastAttempt = 5;  // counted from 0: six attempts
 constexpr std::chrono::seconds kRequestTimeout(60);
 constexpr int kOK = 200;
 constexpr int kPartialContent = 206;
-// The status store is told of so many bytes at once.
-constexpr std::int64_t kTellBytes = 1 << 20;
+// Observers are told about 20 times a second: the record of transfers is a file, which is written each time.
+constexpr std::chrono::milliseconds kTellInterval(50);
 
 [[noreturn]] void failAsUnreachable() {
   throw NSFileProviderError(NSFileProviderError::serverUnreachable);
@@ -70,8 +70,7 @@ class Streaming {
   explicit Streaming(const ContentStream& stream)
       : stream_(stream),
         position_(stream.range.location),
-        end_(stream.range.location + stream.range.length),
-        told_(stream.range.location) {}
+        end_(stream.range.location + stream.range.length) {}
 
   /// What the store has where it is not what was asked for.
   const platform::NSFileProviderItemPtr& itemNow() const { return itemNow_; }
@@ -192,8 +191,9 @@ class Streaming {
       return;
     }
     position_ += static_cast<std::int64_t>(bytes.size());
-    if (position_ - told_ < kTellBytes && position_ < end_) return;
-    told_ = position_;
+    const auto now = std::chrono::steady_clock::now();
+    if (now - toldAt_ < kTellInterval && position_ < end_) return;
+    toldAt_ = now;
     stream_.progress->setCompletedUnitCount(position_ - stream_.range.location);
     SyncStatusStore::shared().update(stream_.transferId, position_ - stream_.range.location);
   }
@@ -201,7 +201,7 @@ class Streaming {
   const ContentStream& stream_;
   std::int64_t position_;  // of the next byte
   const std::int64_t end_;
-  std::int64_t told_;  // up to here
+  std::chrono::steady_clock::time_point toldAt_;
   bool isRefused_ = false;
   bool isUnwanted_ = false;  // what may still come of the present answer
   bool asksForVersion_ = false;
