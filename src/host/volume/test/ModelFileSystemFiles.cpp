@@ -252,7 +252,7 @@ std::string ModelFileSystem::beforeChange(const HandlePtr& handle, bool wasHere,
 
 void ModelFileSystem::changed(const HandlePtr& handle, const std::string& was,
                               const std::string& bytes, ByteRange written) {
-  precious_.erase(was);
+  forgetContents({was});
   const FileObjectPtr& object = volumeFile(*handle->file).object;
   const auto [found, isNew] = local_.try_emplace(object->state().number);
   Local& local = found->second;
@@ -288,7 +288,7 @@ void ModelFileSystem::write(const HandlePtr& handle, std::int64_t offset, const 
   };
   const std::string old = beforeChange(handle, wasHere, first, change);
   const std::string bytes = change(old);
-  precious_.erase(first);
+  forgetContents({first});
   changed(handle, old, bytes, {offset, offset + static_cast<std::int64_t>(text.size())});
 }
 
@@ -343,7 +343,7 @@ void ModelFileSystem::resize() {
       return bytes;
     };
     const std::string old = beforeChange(handle, wasHere, first, change);
-    precious_.erase(first);
+    forgetContents({first});
     changed(handle, old, change(old), {});
   }
   if (isOpened) close(handle);
