@@ -16,14 +16,13 @@
 #include <set>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
 #include "host/basics/KernelCache.h"
 #include "host/in/ItemRecord.h"
 #include "host/out/Planner.h"
-#include "host/tree/Item.h"
+#include "host/tree/ItemIndexes.h"
 
 namespace kestrune::host {
 
@@ -86,11 +85,14 @@ class Tree {
   Tree& operator=(const Tree&) = delete;
 
   // ---- Memory.
-  /// Takes the rows of an earlier mount; once, before anything else. What was removed here and is not there is forgotten.
+  /// Takes a row of an earlier mount: all of them in any order, then `endRestore`, before anything else. REQUIRES: the numbers
+  /// of the rows differ and are not 0.
+  void takeRow(ItemRow row);
+  /// Makes a tree of the rows. What was removed here and is not there is forgotten.
   /// Where rows contradict each other the effects tell what was mended: an item without a right place here is put
   /// where the store has it, or, if only this host has its contents, into the root; of what is not right about the store
-  /// nothing is believed, and its folder is doubtful. REQUIRES: the numbers of the rows differ and are not 0.
-  void restore(std::vector<ItemRow> rows, ItemId nextItem);
+  /// nothing is believed, and its folder is doubtful.
+  void endRestore(ItemId nextItem);
   /// A changed file whose row is lost is at `path` again ("/a/b"), or beside what has that name; folders are made for it as
   /// if they were new: the store's of the same names become the same. Its changes began from the version `base` at the
   /// store, none if it is empty. REQUIRES: nothing was asked of the store yet.
@@ -106,6 +108,7 @@ class Tree {
   const Item* find(ItemId id) const;
   Item* child(const Item& folder, std::string_view name) const;
   Item* byIdentifier(const platform::NSFileProviderItemIdentifier& identifier) const;
+  Item* byIdentifier(const IdentifierView& identifier) const;
   /// Whether the item, or a folder above it there, is being moved at this moment, or was and nobody knows yet where to: it may
   /// have another identifier by now.
   bool isMoving(const Item& item) const;
@@ -127,13 +130,13 @@ class Tree {
 
   // ---- Changes made here. The caller has checked what the kernel leaves to it; what is said below is required.
   /// REQUIRES: `folder` is a linked folder, `name` a file name that is free in it.
-  Item& create(Item& folder, std::string name, bool isFolder, bool isExecutable);
+  Item& create(Item& folder, const std::string& name, bool isFolder, bool isExecutable);
   /// What the store got since its contents were changed here, and nobody saw, is shown in its place. REQUIRES: linked, not the
   /// root; a folder is empty.
   void remove(Item& item);
   /// Moves; what has the new name is removed. REQUIRES: linked; `folder` is not within `item`; what has the name is
   /// of the same kind, and empty if it is a folder.
-  void move(Item& item, Item& folder, std::string name);
+  void move(Item& item, Item& folder, const std::string& name);
   /// REQUIRES: both linked, neither within the other.
   void exchange(Item& a, Item& b);
   /// The item's times, executable bit or size here were set by the caller.
@@ -211,26 +214,36 @@ class Tree {
   Item& make(ItemId id, bool isFolder);
   void note(Item& item);
   void forget(Item& item);
-  void restoreItem(ItemRow& row);
-  void restoreLinks(const std::vector<ItemRow>& rows);
-  void restoreThere(const std::vector<ItemRow>& rows);
-  void mend(const ItemRow& row);
+  /// What a row said beside what its item says.
+  struct RestoredItem {
+    ItemId id;
+    ItemId folder;
+    ItemId thereFolder;  // 0 for none
+    bool isLinked;
+  };
+  void restoreLinks(const std::vector<RestoredItem>& items);
+  void restoreThere(const std::vector<RestoredItem>& items);
+  void restoreAwaited(const std::map<ItemId, Place>& places);
+  void mend(const RestoredItem& restored);
 
   // Both sides' places of every item go through these.
-  void attach(Item& item, Item& folder, std::string name);
+  void attach(Item& item, Item& folder, const std::string& name);
   void detach(Item& item);
-  void setThere(Item& item, std::optional<ThereState> there);
+  void setThere(Item& item, const std::optional<ThereState>& there);
+  void setSideThere(Item& item, const ThereState& there);
+  void setSideThere(Item& item, const ThereState& there, std::string_view nameHere);
   void forgetThere(Item& item) { setThere(item, std::nullopt); }
   void await(Item& item, std::optional<Place> place);
   void askAgain(Item& folder);
   void leavePlaceThere(const Item& item);
   void enterPlaceThere(const Item& item);
 
-  void link(Item& item, Item& folder, std::string name, bool tellKernel);
+  void link(Item& item, Item& folder, const std::string& name, bool tellKernel);
   void unlink(Item& item, bool tellKernel);
   void touch(Item& folder, bool tellKernel);
   void takeOver(Item& item);
   Item& leaveOwnThere(Item& item);
+  void setChanged(Item& item);
   static bool hasUnseen(const Item& item);
   void unlinkAndLeave(Item& item);
   void doubtWhatWasMissed(const Item& item, const Place& place, const std::string& identifier);
@@ -240,7 +253,7 @@ class Tree {
   void releaseContent(Item& item, bool rescue);
   static void contentsAreThere(ContentRow& row, std::uint64_t edits, const std::string& version);
   void markStale(Item& folder);
-  void left(const ThereState& there, std::uint64_t asOf);
+  void left(ItemId place, std::uint64_t asOf);
   bool isReplacedThere(const Item& item, const std::string& identifier) const;
   void displace(const Place& place, const std::string& identifier, const Item& by);
   std::vector<Item*> childrenThere(const Item& folder) const;
@@ -281,10 +294,12 @@ class Tree {
   const Setting setting_;
   ItemId nextItem_ = kRootItem;
   std::uint64_t moment_ = 0;
-  std::unordered_map<ItemId, std::unique_ptr<Item>> items_;
+  ItemIndex<ByNumber, std::unique_ptr<Item>> items_;
   Item* root_ = nullptr;
-  /// Views of there->identifier; of items that are sure. Whoever was told last to have an identifier has it.
-  std::unordered_map<std::string_view, Item*> byIdentifier_;
+  /// Those that are linked here.
+  ItemIndex<ByName> byName_;
+  /// Those that are sure. Whoever was told last to have an identifier has it.
+  ItemIndex<ByIdentifier> byIdentifier_;
   /// Items whose place there is not their place here. Two may have one place there, while what the store said is old.
   std::set<std::pair<Place, ItemId>> astray_;
   std::set<ItemId> differing_;
@@ -295,6 +310,10 @@ class Tree {
   /// Items by the place where they are awaited, whatever becomes of them here meanwhile.
   std::set<std::pair<Place, ItemId>> awaited_;
   TreeEffects effects_;
+  /// Between the first row of an earlier mount and `endRestore`.
+  std::vector<RestoredItem> restoring_;
+  std::map<ItemId, Place> restoringAwaited_;
+  bool isRestoring_ = false;
 };
 
 /// The record as the item's side there.

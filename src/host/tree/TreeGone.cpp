@@ -27,10 +27,10 @@ std::size_t filesHere(const Item& folder) {
     const Item& at = *pending.back();
     pending.pop_back();
     if (!at.isFolder) {
-      files += at.content && at.content->state.present.byteCount() > 0 ? 1U : 0U;
+      files += at.content() && at.content()->state.present.byteCount() > 0 ? 1U : 0U;
       continue;
     }
-    for (const auto& [id, child] : at.part->children) pending.push_back(child);
+    for (const Item* child : at.part()->children) pending.push_back(child);
   }
   return files;
 }
@@ -39,7 +39,7 @@ std::size_t filesHere(const Item& folder) {
 
 // What was sent after the store was asked, or is on its way, is newer than the answer.
 bool Tree::isChangedSince(const Item& item, const Batch& batch) const {
-  return item.isUnderWay || item.sentAt > batch.asOf;
+  return item.isUnderWay || item.sentAt() > batch.asOf;
 }
 
 // So is what the store told of the item's place when it was asked later.
@@ -64,11 +64,11 @@ bool Tree::holdsOld(const Item& item, const Batch& batch) const {
 
 bool Tree::holdsOld(const Item& item, const Item& top, const Batch& batch) const {
   if (isOld(item, batch)) return true;
-  if (item.awaited && !isThereWithin(item.awaited->folder, top)) return true;
+  if (item.awaited() && !isThereWithin(item.awaited()->folder, top)) return true;
   if (!item.isFolder) return false;
   for (auto at = awaited_.lower_bound({{item.id, ""}, 0});
        at != awaited_.end() && at->first.folder == item.id; ++at) {
-    if (isChangedSince(*items_.at(at->second), batch)) return true;
+    if (isChangedSince(*find(at->second), batch)) return true;
   }
   const std::vector<Item*> children = childrenThere(item);
   return std::any_of(children.begin(), children.end(),
@@ -82,9 +82,9 @@ bool Tree::endWaits(const Item& folder, std::uint64_t asOf, const Kept& seen) {
   bool isAll = true;
   for (auto at = awaited_.lower_bound({{folder.id, ""}, 0});
        at != awaited_.end() && at->first.folder == folder.id; ++at) {
-    Item* item = items_.at(at->second).get();
+    Item* item = items_.find(at->second)->get();
     if (item->isUnderWay || seen.contains(item)) continue;
-    if (item->sentAt <= asOf) {
+    if (item->sentAt() <= asOf) {
       ended.push_back(item);
     } else {
       isAll = false;
@@ -100,7 +100,7 @@ bool Tree::goneThere(Item& item, Batch& batch) {
     doubt(*find(item.there->folder), batch);
     return false;
   }
-  left(*item.there, batch.asOf);
+  left(item.there->folder, batch.asOf);
   believeGone(item, false, batch.kept);
   return true;
 }
@@ -111,8 +111,8 @@ void Tree::believeGone(Item& item, bool rescue, const Kept& kept) {
       if (!kept.contains(child)) believeGone(*child, rescue, kept);
     }
   }
-  const bool isMovedHere = item.folder != nullptr &&
-                           (item.folder->id != item.there->folder || item.name != item.there->name);
+  const bool isMovedHere = item.folder != nullptr && (item.folder->id != item.there->folder ||
+                                                      item.name() != item.there->name);
   const bool isToBeSeen = isUnseen(item);
   forgetThere(item);
   if (item.folder == nullptr) {
@@ -121,12 +121,13 @@ void Tree::believeGone(Item& item, bool rescue, const Kept& kept) {
   }
   // A deletion loses against what was changed here, or sent and not seen since: it will be made again.
   const bool survives = item.isFolder
-                            ? !item.part->children.empty()
+                            ? !item.part()->children.empty()
                             : item.isEdited() || isToBeSeen || (isMovedHere && item.isWhole());
   if (survives) {
     if (isToBeSeen && item.timesLost < std::numeric_limits<std::uint8_t>::max()) ++item.timesLost;
-    if (item.content) item.content->base.clear();
-    if (item.part) item.part->listing = {.isEnumerated = true};  // nobody else knows it any more
+    if (item.content()) item.content()->base.clear();
+    if (item.part())
+      item.part()->listing = {.isEnumerated = true};  // nobody else knows it any more
     note(item);
     return;
   }
@@ -146,7 +147,9 @@ void Tree::holdOrBelieve(Item& folder, const std::vector<Item*>& gone, Batch& ba
     const bool isHeld = item->there->isHeldDeletion;
     const bool mayBeHeld = item->folder != nullptr && !isUnseen(*item);
     if ((isMuch || isHeld) && mayBeHeld && !holdsOld(*item, batch)) {
-      item->there->isHeldDeletion = true;
+      ThereState there = *item->there;
+      there.isHeldDeletion = true;
+      setSideThere(*item, there);
       held_.insert(item->id);
       note(*item);
     } else {
@@ -175,7 +178,7 @@ void Tree::settleHeldDeletions(bool believe) {
 void Tree::sendAgain(Item& item) {
   if (item.isFolder) {
     for (Item* child : childrenThere(item)) sendAgain(*child);
-    item.part->listing = {.isEnumerated = true};
+    item.part()->listing = {.isEnumerated = true};
   } else if (item.isLinked() && !item.isWhole()) {
     believeGone(item, false, {});  // what was never here cannot be sent
     return;

@@ -32,7 +32,7 @@ std::vector<const ReportedChange*> lastOfEach(const std::vector<ReportedChange>&
   return last;
 }
 
-bool isSameFile(const ThereState& known, const ItemRecord& record) {
+bool isSameFile(const ThereView& known, const ItemRecord& record) {
   const ThereState said = thereStateOf(record, known.folder);
   return said.version.contentVersion == known.version.contentVersion &&
          said.sizeBytes == known.sizeBytes && said.modified == known.modified;
@@ -40,7 +40,8 @@ bool isSameFile(const ThereState& known, const ItemRecord& record) {
 
 // It was moved there from here, though the answer was lost.
 bool isAwaitedAt(const Item& item, const Item& folder, const ItemRecord& record) {
-  return item.awaited && item.awaited->folder == folder.id && item.awaited->name == record.name;
+  return item.awaited() && item.awaited()->folder == folder.id &&
+         item.awaited()->name == record.name;
 }
 
 }  // namespace
@@ -53,7 +54,7 @@ void Tree::doubt(const Item& folder, Batch& batch) {
 // Whether the answer can be one about the folder as it is known now.
 bool Tree::isCurrent(const Item& folder, const Batch& batch) const {
   for (const Item* at = &folder; at == nullptr || !at->isRoot(); at = find(at->there->folder)) {
-    if (at == nullptr || !isSure(*at) || at->awaited || isChangedSince(*at, batch)) return false;
+    if (at == nullptr || !isSure(*at) || at->awaited() || isChangedSince(*at, batch)) return false;
   }
   return true;
 }
@@ -121,7 +122,7 @@ Item* Tree::inItsPlace(const Item& folder, const ItemRecord& record, const Batch
 std::vector<Item*> Tree::awaitedAt(const Place& place) const {
   std::vector<Item*> items;
   for (auto at = awaited_.lower_bound({place, 0}); at != awaited_.end() && at->first == place; ++at)
-    items.push_back(items_.at(at->second).get());
+    items.push_back(items_.find(at->second)->get());
   return items;
 }
 
@@ -135,7 +136,7 @@ void Tree::foundThere(Item& item, const Item& folder, const ItemRecord& record) 
   setThere(item, thereStateOf(record, folder.id));
   if (!item.isFolder) return;
   item.staysHere = false;
-  item.part->listing.hasStaleIdentifiers = true;
+  item.part()->listing.hasStaleIdentifiers = true;
   askAgain(item);
 }
 
@@ -144,7 +145,7 @@ void Tree::applyListing(Item& folder, const std::vector<ItemRecord>& items,
                         std::uint64_t asOf) {
   Batch batch;
   batch.asOf = asOf;
-  FolderRow& listing = folder.part->listing;
+  FolderRow& listing = folder.part()->listing;
   // Where identifiers are to be found out by names, a place that is changing at the moment tells nothing.
   const std::vector<Item*> before = childrenThere(folder);
   const bool isBusy = std::any_of(before.begin(), before.end(),
@@ -154,18 +155,18 @@ void Tree::applyListing(Item& folder, const std::vector<ItemRecord>& items,
     return;
   }
   const bool isFirst = !listing.isEnumerated;
-  const FileTime modified = folder.modified;
+  const ItemTimes times = folder.times();
   const std::size_t told = effects_.cache.size();
   std::vector<const ItemRecord*> records;
   records.reserve(items.size());
   for (const ItemRecord& record : items) records.push_back(&record);
   const std::vector<Sighting> sightings = recognise(folder, records, batch);
   if (std::exchange(listing.hasStaleIdentifiers, false)) {
-    for (Item* child : before) byIdentifier_.emplace(child->there->identifier, child);
+    for (Item* child : before) byIdentifier_.insert(child);
   }
   if (!endWaits(folder, batch.asOf, batch.kept)) doubt(folder, batch);
   listing.isEnumerated = true;
-  folder.part->listedAt = moment();
+  folder.part()->listedAt = moment();
   std::vector<Item*> gone;
   for (Item* item : before) {
     if (!batch.kept.contains(item)) gone.push_back(item);
@@ -175,8 +176,7 @@ void Tree::applyListing(Item& folder, const std::vector<ItemRecord>& items,
   note(folder);
   // Of a folder that is listed for the first time nobody has been told anything, and nothing came or went.
   if (!isFirst) return;
-  folder.modified = modified;
-  folder.changed = modified;
+  folder.setTimes({times.accessed, times.modified, times.modified});
   const auto first = effects_.cache.begin() + static_cast<std::ptrdiff_t>(told);
   effects_.cache.erase(std::remove_if(first, effects_.cache.end(),
                                       [&](const CacheUpdate& update) {
@@ -190,7 +190,7 @@ void Tree::applyChanges(Item& folder, const std::vector<ReportedChange>& changes
                         platform::NSFileProviderSyncAnchor anchor, std::uint64_t asOf) {
   Batch batch;
   batch.asOf = asOf;
-  FolderRow& listing = folder.part->listing;
+  FolderRow& listing = folder.part()->listing;
   if (!isCurrent(folder, batch) || listing.hasStaleIdentifiers) {
     effects_.doubtful.insert(folder.id);
     return;
@@ -247,7 +247,7 @@ bool Tree::isNews(const Item& folder, const Sighting& sighting, const Batch& bat
   if (item == nullptr) return !mayBeKnown(folder, sighting.record->name, batch);
   if (isOld(*item, batch)) return false;
   if (item->folder != nullptr && item->there->folder != folder.id)
-    return item->folder->id == item->there->folder && item->name == item->there->name;
+    return item->folder->id == item->there->folder && item->name() == item->there->name;
   return false;
 }
 
@@ -257,7 +257,7 @@ void Tree::leaveOldPlace(Item& item, const Item& folder, const ItemRecord& recor
   if (isOld(item, batch) || item.folder == nullptr) return;
   const bool hasMoved = (item.there->folder != folder.id || item.there->name != record.name) &&
                         !isAwaitedAt(item, folder, record);
-  const bool isHere = item.folder->id == item.there->folder && item.name == item.there->name;
+  const bool isHere = item.folder->id == item.there->folder && item.name() == item.there->name;
   if (!hasMoved || !isHere || isWithin(folder, item)) return;
   unlink(item, true);
   batch.leaving.insert(&item);
@@ -272,7 +272,7 @@ void Tree::returnLeft(const Batch& batch) {
 
 std::size_t Tree::countDifferences(const Item& folder, const std::vector<ItemRecord>& items) const {
   const auto isMoving = [](const Item& item) {
-    return item.isUnderWay || item.awaited || item.there->isProvisional;
+    return item.isUnderWay || item.awaited() || item.there->isProvisional;
   };
   std::size_t differences = 0;
   std::unordered_set<const Item*> shown;
@@ -297,7 +297,7 @@ std::size_t Tree::countDifferences(const Item& folder, const std::vector<ItemRec
 void Tree::applyItem(Item& item, const std::optional<ItemRecord>& record, std::uint64_t asOf) {
   Batch batch;
   batch.asOf = asOf;
-  if (!item.there || item.isRoot() || item.sentAt > asOf) return;
+  if (!item.there || item.isRoot() || item.sentAt() > asOf) return;
   Item& folder = *find(item.there->folder);
   // Where a folder above it is changing, it may be missing under its old path only.
   if (!isSure(item) || (!record && !isCurrent(folder, batch))) {
@@ -333,7 +333,7 @@ bool Tree::mayBeKnown(const Item& folder, const std::string& name, const Batch& 
   const bool isOnItsWay = std::any_of(awaited.begin(), awaited.end(),
                                       [&](const Item* item) { return isOld(*item, batch); });
   const Item* named = child(folder, name);
-  return isOnItsWay || folder.part->leftAt > batch.asOf ||
+  return isOnItsWay || folder.part()->leftAt > batch.asOf ||
          (named != nullptr && isOld(*named, batch));
 }
 
@@ -355,11 +355,9 @@ void Tree::applyNew(Item& folder, const ItemRecord& record, Batch& batch) {
     makeRoom(folder, record.name);
   }
   Item& item = make(nextItem_++, record.isFolder);
-  item.name = record.name;
   item.sizeBytes = record.sizeBytes;
-  item.modified = FileTime::of(record.modified);
-  item.changed = item.modified;
-  item.accessed = item.modified;
+  const FileTime modified = FileTime::of(record.modified);
+  item.setTimes({modified, modified, modified});
   item.placedAt = batch.asOf;
   link(item, folder, record.name, true);
   setThere(item, thereStateOf(record, folder.id));
@@ -369,8 +367,8 @@ void Tree::applyNew(Item& folder, const ItemRecord& record, Batch& batch) {
 // lost, or changes of just that version whose row was lost.
 bool Tree::adoptNamed(Item& named, const Item& folder, const ItemRecord& record) {
   if (named.there || named.isFolder != record.isFolder) return false;
-  const bool isEditOfIt = named.isEdited() && !named.content->base.empty() &&
-                          named.content->base == thereStateOf(record, 0).version.contentVersion;
+  const bool isEditOfIt = named.isEdited() && !named.content()->base.empty() &&
+                          named.content()->base == thereStateOf(record, 0).version.contentVersion;
   if (!named.isFolder && !isEditOfIt && !adopt(named, record)) return false;
   foundThere(named, folder, record);
   return true;
@@ -389,7 +387,7 @@ void Tree::applyToKnown(Item& item, Item& folder, const ItemRecord& record, Batc
   const Item* named = child(folder, record.name);
   const bool isSamePlace = item.there->folder == folder.id && item.there->name == record.name;
   const bool wasHere = item.folder != nullptr && item.folder->id == item.there->folder &&
-                       item.name == item.there->name;
+                       item.name() == item.there->name;
   // Moved by others: here too, unless it was moved here as well, or is removed.
   const bool follows = !isSamePlace && !isAwaitedAt(item, folder, record) &&
                        (wasHere || batch.leaving.contains(&item)) &&
@@ -428,8 +426,8 @@ bool Tree::adopt(Item& item, const ItemRecord& record) {
   const bool isSent = item.there && item.there->isProvisional &&
                       record.sizeBytes == item.there->sizeBytes &&
                       isSince(record.modified, item.there->modified);
-  if (!item.content) return isSent;
-  ContentRow& row = *item.content;
+  if (!item.content()) return isSent;
+  ContentRow& row = *item.content();
   const platform::Date began{std::chrono::seconds(row.sendingSince)};
   const std::string version = thereStateOf(record, 0).version.contentVersion;
   const bool isAsBefore =
@@ -439,45 +437,48 @@ bool Tree::adopt(Item& item, const ItemRecord& record) {
   if (!isSent && !isSending) return false;
   if (!isSent) row.sendingSince = 0;
   contentsAreThere(row, isSent ? row.sentEdits : row.sendingEdits, version);
-  if (item.object && row.sentEdits <= row.state.edits)
-    effects_.adopted.push_back({item.object, row.sentEdits, version});
+  if (item.object() && row.sentEdits <= row.state.edits)
+    effects_.adopted.push_back({item.object(), row.sentEdits, version});
   return true;
 }
 
 // REQUIRES: there is set.
 void Tree::applyContents(Item& item, const ItemRecord& record) {
-  ThereState& there = *item.there;
-  const ThereState said = thereStateOf(record, there.folder);
-  const bool isSame = said.version.contentVersion == there.version.contentVersion;
+  ThereState said = thereStateOf(record, item.there->folder);
+  const bool isSame = said.version.contentVersion == item.there->version.contentVersion;
   const bool isKnown = item.isFolder || adopt(item, record) || isSame;
-  there.version = said.version;
-  there.sizeBytes = said.sizeBytes;
-  there.modified = said.modified;
-  there.isProvisional = false;
-  there.isHeldDeletion = false;
+  // Whatever it says of its identifier and name.
+  said.identifier = item.there->identifier;
+  said.name = item.there->name;
+  said.policy = item.there->policy;
+  setSideThere(item, said);
   item.timesLost = 0;
   held_.erase(item.id);
   note(item);
   if (isKnown) {
-    if (!item.isFolder && !item.content) item.sizeBytes = said.sizeBytes;
+    if (!item.isFolder && !item.content()) item.sizeBytes = said.sizeBytes;
     return;
   }
   // Changed by others. A removal loses against it; what was changed here as well is settled when it is to be sent.
   bringBack(item);
   if (item.isEdited()) return;
-  if (item.content) {
+  if (item.content()) {
     if (item.node != 0) succeed(item);
     releaseContent(item, false);
   }  // else an object has nothing of the old version, and goes on with the new one
   item.sizeBytes = said.sizeBytes;
-  item.modified = FileTime::of(said.modified);
-  item.changed = item.modified;
+  const FileTime modified = FileTime::of(said.modified);
+  const ItemTimes before = item.times();
+  const bool isAccessSet = before.accessed != before.modified;
+  item.setTimes({isAccessSet ? before.accessed : modified, modified, modified});
   if (item.node != 0) effects_.cache.push_back({Kind::attributes, item.node, {}, 0});
 }
 
 void Tree::setPolicy(Item& item, platform::NSFileProviderContentPolicy policy) {
   if (!item.there || item.there->policy == policy) return;
-  item.there->policy = policy;
+  ThereState there = *item.there;
+  there.policy = policy;
+  setSideThere(item, there);
   note(item);
 }
 

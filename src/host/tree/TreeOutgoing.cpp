@@ -60,16 +60,16 @@ OutgoingItem Tree::outgoingItem(const Item& item) {
   outgoing.id = item.id;
   outgoing.isFolder = item.isFolder;
   outgoing.isLinked = item.isLinked();
-  if (item.folder != nullptr) outgoing.here = {item.folder->id, item.name};
-  outgoing.isAwaited = item.awaited != nullptr;
-  if (!outgoing.isLinked && item.awaited) outgoing.here = *item.awaited;
+  if (item.folder != nullptr) outgoing.here = {item.folder->id, item.name()};
+  outgoing.isAwaited = item.awaited() != nullptr;
+  if (!outgoing.isLinked && item.awaited()) outgoing.here = *item.awaited();
   if (item.there) {
     outgoing.there = Place{item.there->folder, item.there->name};
     if (!outgoing.isLinked) outgoing.here = *outgoing.there;
   }
-  if (item.content) {
-    outgoing.edits = item.content->state.edits;
-    outgoing.sentEdits = item.content->sentEdits;
+  if (item.content()) {
+    outgoing.edits = item.content()->state.edits;
+    outgoing.sentEdits = item.content()->sentEdits;
   }
   return outgoing;
 }
@@ -77,40 +77,40 @@ OutgoingItem Tree::outgoingItem(const Item& item) {
 // `item` has come to a place where the store has another file that is no longer there here: programs save like that, and
 // mean new contents of the same file.
 void Tree::takeOver(Item& item) {
-  if (item.isFolder || item.isUnderWay || !item.content || item.staysHere) return;
-  if (item.awaited) return;
-  Item* before = occupant({item.folder->id, item.name});
+  if (item.isFolder || item.isUnderWay || !item.content() || item.staysHere) return;
+  if (item.awaited()) return;
+  Item* before = occupant({item.folder->id, item.name()});
   if (before == nullptr || before == &item || before->isFolder || before->isUnderWay) return;
-  if (before->there->isHeldDeletion || before->awaited || !isSure(*before)) return;
+  if (before->there->isHeldDeletion || before->awaited() || !isSure(*before)) return;
   const bool keepsName = before->isLinked();
   // A backup copy beside it goes out as a new file, if all of it is here; else the renaming goes out as one.
   if (keepsName && (before->folder != item.folder || !before->isWhole())) return;
   if (item.there) {
-    const platform::Date sent{std::chrono::seconds(item.uploadedSeconds)};
+    const platform::Date sent{std::chrono::seconds(item.uploadedSeconds())};
     if (!item.isWhole() || !isSure(item) || setting_.now() - sent > kLately) return;
     // What is there of it may be newer than is known: only the item itself can tell that from others' contents.
-    if (item.content->sendingSince != 0) return;
+    if (item.content()->sendingSince != 0) return;
     const bool isUnseen = hasUnseen(item);
     Item& left = leaveOwnThere(item);
     if (isUnseen) bringBack(left);
   }
   ThereState there = *before->there;
-  ContentRow& row = *item.content;
-  row.base = before->isEdited() ? before->content->base : there.version.contentVersion;
+  ContentRow& row = *item.content();
+  row.base = before->isEdited() ? before->content()->base : there.version.contentVersion;
   if (!item.isEdited())
     row.sentEdits = row.state.edits - 1;  // before the first it wraps: any other number will do
   row.state.isEdited = true;
   row.sendingSince = 0;
-  if (before->content && before->content->sendingSince != 0) {
-    row.sendingSince = before->content->sendingSince;
-    row.sendingBytes = before->content->sendingBytes;
+  if (before->content() && before->content()->sendingSince != 0) {
+    row.sendingSince = before->content()->sendingSince;
+    row.sendingBytes = before->content()->sendingBytes;
     row.sendingEdits = row.sentEdits;  // of these contents nothing
-    before->content->sendingSince = 0;
+    before->content()->sendingSince = 0;
   }
   forgetThere(*before);
   setThere(item, std::move(there));
-  item.sentAt = moment();
-  before->sentAt = item.sentAt;
+  item.setSentAt(moment());
+  before->setSentAt(item.sentAt());
   if (!keepsName) effects_.gone.insert(before->id);
 }
 
@@ -119,40 +119,39 @@ Item& Tree::leaveOwnThere(Item& item) {
   ThereState there = *item.there;
   forgetThere(item);
   Item& left = make(nextItem_++, false);
-  left.name = there.name;
+  left.there.setNameHere(there.name);
   left.sizeBytes = there.sizeBytes;
-  left.modified = FileTime::of(there.modified);
-  left.changed = left.modified;
-  left.accessed = left.modified;
+  const FileTime modified = FileTime::of(there.modified);
+  left.setTimes({modified, modified, modified});
   left.isExecutable = item.isExecutable;
-  left.sentAt = item.sentAt;
+  left.setSentAt(item.sentAt());
   setThere(left, std::move(there));
   return left;
 }
 
 void Tree::beginChange(Item& item, std::optional<Place> to) {
   if (!std::exchange(item.isUnderWay, true)) ++underWay_;
-  item.begunAt = moment();
+  item.setBegunAt(moment());
   if (to) await(item, std::move(to));
 }
 
 void Tree::beginSending(Item& item, std::int64_t bytes, std::uint64_t edits,
                         std::optional<Place> to) {
   beginChange(item, std::move(to));
-  if (!item.content) return;
-  item.content->sendingSince =
+  if (!item.content()) return;
+  item.content()->sendingSince =
       std::chrono::floor<std::chrono::seconds>(setting_.now()).time_since_epoch().count();
-  item.content->sendingBytes = bytes;
-  item.content->sendingEdits = edits;
+  item.content()->sendingBytes = bytes;
+  item.content()->sendingEdits = edits;
   note(item);
 }
 
 void Tree::endChange(Item& item) {
   if (std::exchange(item.isUnderWay, false) && --underWay_ == 0) goneMeanwhile_.clear();
   note(item);
-  if (item.awaited) {
-    item.sentAt = moment();  // what was asked before may have been told too early
-    if (Item* folder = find(item.awaited->folder); folder != nullptr && folder->there) {
+  if (item.awaited()) {
+    item.setSentAt(moment());  // what was asked before may have been told too early
+    if (Item* folder = find(item.awaited()->folder); folder != nullptr && folder->there) {
       askAgain(*folder);
     } else {
       await(item, std::nullopt);
@@ -167,7 +166,7 @@ void Tree::created(Item& item, const Place& place, const ItemRecord& answer, std
   await(item, std::nullopt);
   if (folder == nullptr || !folder->there) return;  // gone meanwhile, with all that came into it
   if (isReplacedThere(item, answer.identifier)) {
-    if (item.content) item.content->sendingSince = 0;
+    if (item.content()) item.content()->sendingSince = 0;
     note(item);
     return;
   }
@@ -180,21 +179,23 @@ void Tree::created(Item& item, const Place& place, const ItemRecord& answer, std
     there.modified = began;
   }
   setThere(item, std::move(there));
-  if (item.content) sent(item, answer, edits, began);
-  item.sentAt = moment();
+  if (item.content()) sent(item, answer, edits, began);
+  item.setSentAt(moment());
 }
 
 // What was said of the item while nobody knew yet who it is there passed unnoticed.
 void Tree::doubtWhatWasMissed(const Item& item, const Place& place, const std::string& identifier) {
   Item& folder = *find(place.folder);
-  if (folder.part->listedAt > item.begunAt || goneMeanwhile_.contains(identifier)) askAgain(folder);
+  if (folder.part()->listedAt > item.begunAt() || goneMeanwhile_.contains(identifier))
+    askAgain(folder);
 }
 
 // What the creation made was shown before its answer came, was taken for another item, and that one has been changed from
 // here: what was created is no longer there, and is made again.
 bool Tree::isReplacedThere(const Item& item, const std::string& identifier) const {
   const Item* other = byIdentifier(identifier);
-  return other != nullptr && other != &item && (other->isUnderWay || other->sentAt > item.begunAt);
+  return other != nullptr && other != &item &&
+         (other->isUnderWay || other->sentAt() > item.begunAt());
 }
 
 // The store has put `by` there: whoever was known to be there, or by its identifier, is not any more.
@@ -206,24 +207,25 @@ void Tree::displace(const Place& place, const std::string& identifier, const Ite
     if (other == nullptr || other == &by || other->isRoot()) continue;
     askAgain(*find(other->there->folder));
     if (holdsOld(*other, now)) continue;
-    left(*other->there, now.asOf);
+    left(other->there->folder, now.asOf);
     believeGone(*other, true, {});
   }
 }
 
 void Tree::sent(Item& item, const ItemRecord& answer, std::uint64_t edits, platform::Date began) {
   const ThereState answered = thereStateOf(answer, 0);
-  ContentRow& row = *item.content;
-  ThereState& there = *item.there;
+  ContentRow& row = *item.content();
+  ThereState there = *item.there;
   there.version = answered.version;
   there.sizeBytes = row.sendingSince != 0 ? row.sendingBytes : answered.sizeBytes;
   there.modified = began;
   there.isProvisional = true;
+  setSideThere(item, there);
   row.sendingSince = 0;
   contentsAreThere(row, edits, there.version.contentVersion);
-  item.uploadedSeconds =
-      std::chrono::floor<std::chrono::seconds>(setting_.now()).time_since_epoch().count();
-  item.sentAt = moment();
+  item.setUploadedSeconds(
+      std::chrono::floor<std::chrono::seconds>(setting_.now()).time_since_epoch().count());
+  item.setSentAt(moment());
   note(item);
 }
 
@@ -245,7 +247,7 @@ void Tree::moved(Item& item, const Place& place, const ItemRecord& answer) {
   }
   displace(place, answer.identifier, item);
   doubtWhatWasMissed(item, place, answer.identifier);
-  left(*item.there, moment());
+  left(item.there->folder, moment());
   ThereState there = *item.there;
   const bool isSameIdentifier = there.identifier == answer.identifier;
   there.identifier = answer.identifier;
@@ -253,7 +255,7 @@ void Tree::moved(Item& item, const Place& place, const ItemRecord& answer) {
   there.name = place.name;
   there.version.metadataVersion = answer.metadataVersion;
   setThere(item, std::move(there));
-  item.sentAt = moment();
+  item.setSentAt(moment());
   if (item.isFolder && !isSameIdentifier) markStale(item);
 }
 
@@ -263,8 +265,8 @@ void Tree::markStale(Item& folder) {
   while (!pending.empty()) {
     Item& at = *pending.back();
     pending.pop_back();
-    at.sentAt = moment();
-    FolderRow& listing = at.part->listing;
+    at.setSentAt(moment());
+    FolderRow& listing = at.part()->listing;
     const std::vector<Item*> children = childrenThere(at);
     if (children.empty() && !listing.isEnumerated) continue;
     listing.hasStaleIdentifiers = true;
@@ -272,20 +274,20 @@ void Tree::markStale(Item& folder) {
     effects_.doubtful.insert(at.id);
     note(at);
     for (Item* child : children) {
-      if (isSure(*child)) byIdentifier_.erase(child->there->identifier);
+      if (isSure(*child)) byIdentifier_.erase(child);
       if (child->isFolder) pending.push_back(child);
     }
   }
 }
 
-void Tree::left(const ThereState& there, std::uint64_t asOf) {
-  Item* folder = find(there.folder);
-  if (folder != nullptr && folder->part)
-    folder->part->leftAt = std::max(folder->part->leftAt, asOf);
+void Tree::left(ItemId place, std::uint64_t asOf) {
+  Item* folder = find(place);
+  if (folder != nullptr && folder->isFolder)
+    folder->part()->leftAt = std::max(folder->part()->leftAt, asOf);
 }
 
 void Tree::removedThere(Item& item) {
-  left(*item.there, moment());
+  left(item.there->folder, moment());
   if (item.isFolder) {
     for (Item* child : childrenThere(item)) removedThere(*child);
   }
@@ -295,7 +297,7 @@ void Tree::removedThere(Item& item) {
     return;
   }
   forgetThere(item);
-  item.sentAt = moment();
+  item.setSentAt(moment());
   if (!item.isLinked()) effects_.gone.insert(item.id);
 }
 
@@ -305,10 +307,10 @@ void Tree::refused(Item& item) {
 }
 
 Item& Tree::keepBoth(Item& item) {
-  const bool wasAtPlace = item.folder->id == item.there->folder && item.name == item.there->name;
+  const bool wasAtPlace = item.folder->id == item.there->folder && item.name() == item.there->name;
   Item& stored = leaveOwnThere(item);
-  item.content->base.clear();
-  item.content->sendingSince = 0;
+  item.content()->base.clear();
+  item.content()->sendingSince = 0;
   if (wasAtPlace) {
     Item& folder = *item.folder;
     const std::string conflicting = freeNameFor(folder, stored.there->name);

@@ -1,7 +1,6 @@
 // The rows of an earlier mount become a tree again. They come from a file that may have been damaged: what contradicts itself
 // must end neither in a removal at the store nor in the loss of what only this host has.
 #include <algorithm>
-#include <unordered_map>
 #include <utility>
 
 #include "host/basics/ItemName.h"
@@ -11,14 +10,45 @@
 // NOLINTBEGIN(bugprone-unchecked-optional-access)
 namespace kestrune::host {
 
-void Tree::restore(std::vector<ItemRow> rows, ItemId nextItem) {
+void Tree::takeRow(ItemRow row) {
+  Item& item = row.id == kRootItem ? *root_ : make(row.id, row.isFolder);
+  nextItem_ = std::max(nextItem_, row.id + 1);
+  if (item.part() && row.listing) item.part()->listing = std::move(*row.listing);
+  item.setTimes({row.modified, row.modified, row.changed});
+  if (item.isRoot()) {
+    if (row.there) setPolicy(item, row.there->policy);
+    return;
+  }
+  if (row.there) {  // until it is known whether it can be
+    setSideThere(item, *row.there, row.name);
+  } else {
+    item.there.setNameHere(row.name);
+  }
+  item.isExecutable = row.isExecutable;
+  item.staysHere = row.staysHere;
+  item.sizeBytes = row.sizeBytes;
+  if (row.content && !item.isFolder)
+    item.setContent(std::make_unique<ContentRow>(std::move(*row.content)));
+  restoring_.push_back({row.id, row.folder, row.there ? row.there->folder : 0, row.isLinked});
+  if (row.awaited) restoringAwaited_.emplace(row.id, std::move(*row.awaited));
+}
+
+void Tree::endRestore(ItemId nextItem) {
   nextItem_ = std::max(nextItem_, nextItem);
-  for (ItemRow& row : rows) restoreItem(row);
-  restoreLinks(rows);
-  restoreThere(rows);
+  std::vector<RestoredItem> items = std::exchange(restoring_, {});
+  std::sort(items.begin(), items.end(),
+            [](const RestoredItem& a, const RestoredItem& b) { return a.id < b.id; });
+  const std::map<ItemId, Place> awaited = std::exchange(restoringAwaited_, {});
+  isRestoring_ = true;  // what the rows say need not be told, and a million of them take their room
+  byName_.reserve(items.size());
+  byIdentifier_.reserve(items.size());
+  restoreLinks(items);
+  restoreThere(items);
+  restoreAwaited(awaited);
+  isRestoring_ = false;
   effects_ = {};
-  for (const ItemRow& row : rows) {
-    if (row.id != kRootItem && find(row.id) != nullptr) mend(row);
+  for (const RestoredItem& restored : items) {
+    if (find(restored.id) != nullptr) mend(restored);
   }
 }
 
@@ -42,39 +72,20 @@ Item& Tree::restoreEdit(std::string_view path, bool isExecutable, const ContentS
   }
   Item& item = create(*folder, nameIn(*folder, name), false, isExecutable);
   setContent(item, state);
-  item.content->base = base;
+  item.content()->base = base;
   note(item);
   return item;
 }
 
-void Tree::restoreItem(ItemRow& row) {
-  Item& item = row.id == kRootItem ? *root_ : make(row.id, row.isFolder);
-  nextItem_ = std::max(nextItem_, row.id + 1);
-  if (item.part && row.listing) item.part->listing = std::move(*row.listing);
-  item.modified = row.modified;
-  item.changed = row.changed;
-  item.accessed = row.modified;
-  if (item.isRoot()) {
-    if (row.there) item.there->policy = row.there->policy;
-    return;
-  }
-  item.name = row.name;
-  item.isExecutable = row.isExecutable;
-  item.staysHere = row.staysHere;
-  item.sizeBytes = row.sizeBytes;
-  if (row.content && !item.isFolder)
-    item.content = std::make_unique<ContentRow>(std::move(*row.content));
-}
-
 // Links what fits, then undoes what hangs on nothing.
-void Tree::restoreLinks(const std::vector<ItemRow>& rows) {
-  for (const ItemRow& row : rows) {
-    Item& item = *find(row.id);
-    Item* folder = find(row.folder);
-    const bool fits = !item.isRoot() && row.isLinked && folder != nullptr && folder->isFolder &&
-                      whyNotAFileName(row.name) == nullptr && child(*folder, row.name) == nullptr &&
-                      !isWithin(*folder, item);
-    if (fits) attach(item, *folder, row.name);
+void Tree::restoreLinks(const std::vector<RestoredItem>& items) {
+  for (const RestoredItem& restored : items) {
+    Item& item = *find(restored.id);
+    Item* folder = find(restored.folder);
+    const bool fits = restored.isLinked && folder != nullptr && folder->isFolder &&
+                      whyNotAFileName(item.name()) == nullptr &&
+                      child(*folder, item.name()) == nullptr && !isWithin(*folder, item);
+    if (fits) attach(item, *folder, item.name());
   }
   std::vector<Item*> loose;
   forEach([&](Item& item) {
@@ -84,60 +95,62 @@ void Tree::restoreLinks(const std::vector<ItemRow>& rows) {
 }
 
 // What the rows say of the store is taken where the folders there lead up to the root.
-void Tree::restoreThere(const std::vector<ItemRow>& rows) {
-  std::unordered_map<ItemId, ItemId> above;
-  for (const ItemRow& row : rows) {
-    if (row.there && row.id != kRootItem) above.emplace(row.id, row.there->folder);
-  }
+void Tree::restoreThere(const std::vector<RestoredItem>& items) {
   const auto leadsToRoot = [&](ItemId id) {
     for (std::size_t steps = 0; id != kRootItem; ++steps) {
       const Item* item = find(id);
-      const auto found = above.find(id);
-      if (item == nullptr || !item->isFolder || found == above.end() || steps > above.size())
-        return false;
-      id = found->second;
+      if (item == nullptr || !item->isFolder || !item->there || steps > items.size()) return false;
+      id = item->there->folder;
     }
     return true;
   };
-  for (const ItemRow& row : rows) {
-    if (!row.there || row.id == kRootItem || !leadsToRoot(row.there->folder)) continue;
-    setThere(*find(row.id), row.there);
-    if (row.there->isHeldDeletion) held_.insert(row.id);
+  for (const RestoredItem& restored : items) {
+    Item& item = *find(restored.id);
+    if (!item.there) continue;
+    if (!leadsToRoot(item.there->folder)) {
+      forgetThere(item);
+      continue;
+    }
+    setThere(item, *item.there);
+    if (item.there->isHeldDeletion) held_.insert(item.id);
   }
-  for (const ItemRow& row : rows) {
-    Item* folder = row.awaited ? find(row.awaited->folder) : nullptr;
+}
+
+void Tree::restoreAwaited(const std::map<ItemId, Place>& places) {
+  for (const auto& [id, place] : places) {
+    const Item* folder = find(place.folder);
     if (folder == nullptr || !folder->isFolder || !folder->there) continue;
-    if (whyNotAFileName(row.awaited->name) == nullptr) await(*find(row.id), row.awaited);
+    if (whyNotAFileName(place.name) == nullptr) await(*find(id), place);
   }
 }
 
 // Of one item whose row may say more than could be true.
-void Tree::mend(const ItemRow& row) {
-  Item& item = *find(row.id);
-  const bool lacksThere = row.there && !item.there;
-  if (row.isLinked && item.folder == nullptr) {
+void Tree::mend(const RestoredItem& restored) {
+  Item& item = *find(restored.id);
+  const bool lacksThere = restored.thereFolder != 0 && !item.there;
+  if (restored.isLinked && item.folder == nullptr) {
     const bool isOnlyHere =
-        item.content && item.content->state.number != 0 && (item.isEdited() || !lacksThere);
+        item.content() && item.content()->state.number != 0 && (item.isEdited() || !lacksThere);
     if (item.there) {
       bringBack(item);
     } else if (isOnlyHere) {
-      const bool isName = whyNotAFileName(item.name) == nullptr;
-      link(item, *root_, nameIn(*root_, isName ? item.name : "restored"), false);
+      const bool isName = whyNotAFileName(item.name()) == nullptr;
+      link(item, *root_, nameIn(*root_, isName ? std::string(item.name()) : "restored"), false);
     }
   }
   if (lacksThere) {
-    if (Item* folder = find(row.there->folder); folder != nullptr && folder->isFolder) {
+    if (Item* folder = find(restored.thereFolder); folder != nullptr && folder->isFolder) {
       askAgain(*folder);
     }
-    if (item.part) item.part->listing = {.isEnumerated = true};  // nobody else knows it
+    if (item.part()) item.part()->listing = {.isEnumerated = true};  // nobody else knows it
     note(item);
   }
   const bool isLearntAgain = lacksThere && !item.isFolder && !item.isEdited();
-  const bool isNowhere = item.folder == nullptr && !item.there && !item.awaited;
+  const bool isNowhere = item.folder == nullptr && !item.there && !item.awaited();
   if (isNowhere || isLearntAgain) {
     forget(item);
-  } else if (item.awaited) {
-    askAgain(*find(item.awaited->folder));
+  } else if (item.awaited()) {
+    askAgain(*find(item.awaited()->folder));
   }
 }
 

@@ -43,10 +43,10 @@ std::optional<ItemId> Auditor::next() {
     std::optional<ItemId> next;
     std::tuple<std::uint64_t, ItemId> longestAgo;
     const auto offer = [&](const Item& item) {
-      const bool isListed = item.isFolder && item.there && item.part->listing.isEnumerated &&
-                            !item.part->listing.hasStaleIdentifiers;
+      const bool isListed = item.isFolder && item.there && item.part()->listing.isEnumerated &&
+                            !item.part()->listing.hasStaleIdentifiers;
       if (!isListed || item.id == failed || (!item.isRoot() && !tree.isSure(item))) return;
-      const std::tuple listed{item.part->listedAt, item.id};
+      const std::tuple listed{item.part()->listedAt, item.id};
       if (next && listed > longestAgo) return;
       next = item.id;
       longestAgo = listed;

@@ -34,8 +34,8 @@ void takeState(Tree& tree, Item& item, const ContentState& state) {
 // meanwhile, or of another file whose place these contents have taken since. An edit that was forgotten so would be taken for
 // damage after a kill; contents that are to be sent, for an old version that may go.
 ContentState notForgettingEdits(const Item& item, ContentState told) {
-  if (!item.content) return told;
-  const ContentState& known = item.content->state;
+  if (!item.content()) return told;
+  const ContentState& known = item.content()->state;
   if (known.number != told.number || known.edits < told.edits) return told;
   if (known.edits > told.edits) {
     told.edits = known.edits;
@@ -49,11 +49,11 @@ ContentState notForgettingEdits(const Item& item, ContentState told) {
 // What was fetched is of a version that the store has no longer; who waited for it has it, and the name stands for the
 // new one. Returns the object that is to go when the lock is free again.
 FileObjectPtr leaveOldVersion(Tree& tree, Item& item, const ContentState& state) {
-  if (item.object->state().number != state.number) return nullptr;  // it was left before
-  FileObjectPtr left = item.object;
+  if (item.object()->state().number != state.number) return nullptr;  // it was left before
+  FileObjectPtr left = item.object();
   tree.succeed(item);
   left->abandon();
-  item.object = nullptr;
+  item.setObject(nullptr);
   tree.dropContent(item);
   return left;
 }
@@ -90,7 +90,7 @@ std::shared_ptr<const FileObjectServices> servicesFor(const std::shared_ptr<Volu
     FileObjectPtr left;
     volume->change([&](Tree& tree, Nodes&) {
       Item* item = tree.find(id);
-      if (item == nullptr || !item->object) return;
+      if (item == nullptr || !item->object()) return;
       const ContentState state = notForgettingEdits(*item, told);
       const bool isOld =
           !state.isEdited && item->there && state.version != item->there->version.contentVersion;
@@ -120,7 +120,7 @@ std::shared_ptr<const FileObjectServices> servicesFor(const std::shared_ptr<Volu
       if (known <= sizeBytes) {
         updates.push_back({CacheUpdate::Kind::attributes, item->node, {}, 0});
       } else if (item->folder != nullptr && item->folder->node != 0) {
-        updates.push_back({CacheUpdate::Kind::entry, item->folder->node, item->name, 0});
+        updates.push_back({CacheUpdate::Kind::entry, item->folder->node, item->name(), 0});
       }
     });
     // A larger file must be announced before its bytes, or the reader stops at the size that was listed. A smaller one must
@@ -182,11 +182,11 @@ Contents::Contents(std::shared_ptr<Volume> volume, Listener listener)
     : volume_(std::move(volume)), services_(servicesFor(volume_, std::move(listener))) {}
 
 FileObjectPtr Contents::objectOf(Item& item) const {
-  if (!item.object) {
-    item.object = std::make_shared<FileObject>(
-        services_, item.id, item.content ? item.content->state : absentState(item));
+  if (!item.object()) {
+    item.setObject(std::make_shared<FileObject>(
+        services_, item.id, item.content() ? item.content()->state : absentState(item)));
   }
-  return item.object;
+  return item.object();
 }
 
 FileObjectPtr Contents::makeEmpty(Tree& tree, Item& item, ContentNumber number) const {

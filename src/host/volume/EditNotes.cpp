@@ -32,8 +32,8 @@ void EditNotes::gather(const Tree& tree, const TreeEffects& effects) {
 }
 
 void EditNotes::gather(const Tree& tree, const Item& item) {
-  if (!item.content || item.content->state.number == 0) return;
-  const ContentRow& row = *item.content;
+  if (!item.content() || item.content()->state.number == 0) return;
+  const ContentRow& row = *item.content();
   const ContentNumber number = row.state.number;
   const bool isEmpty = row.state.sizeBytes == 0 && !item.there;
   if (!item.isLinked() || !item.isEdited() || isEmpty) return forget(number);

@@ -125,7 +125,7 @@ void FileSystem::lookup(NodeId folder, std::string name, Reply<Entry> reply) {
       if (item == nullptr || !item->isLinked())
         return {0, errorOf(ESTALE, "look up in a folder that is gone"), true};
       if (!item->isFolder) return {0, errorOf(ENOTDIR, "look up in a file"), true};
-      if (!item->part->listing.isEnumerated) return {item->id, Entry(), false};
+      if (!item->part()->listing.isEnumerated) return {item->id, Entry(), false};
       Item* child = tree.child(*item, name);
       if (child == nullptr) return {item->id, Entry(), true};
       Node& found = nodes.of(*child);
@@ -185,12 +185,13 @@ NSErrorPtr FileSystem::readFolder(NodeId folder, std::uint64_t after, bool remem
     if (after < kCookieOfParent &&
         !sink.add({"..", {0, Volume::attributesOf(above)}, kCookieOfParent}))
       return nullptr;
-    const auto& children = item->part->children;
-    for (auto at = after <= kCookieOfParent ? children.begin() : children.upper_bound(after - 1);
+    const auto& children = item->part()->children;
+    for (auto at = after <= kCookieOfParent ? children.begin() : children.after(after - 1);
          at != children.end(); ++at) {
-      Item& child = *at->second;
+      Item& child = **at;
       const NodeId id = remember ? nodes.of(child).id : 0;
-      const bool taken = sink.add({child.name, {id, Volume::attributesOf(child)}, cookieOf(child)});
+      const bool taken =
+          sink.add({child.name(), {id, Volume::attributesOf(child)}, cookieOf(child)});
       if (taken && remember) ++nodes.find(id)->kernelReferences;
       if (!taken) {
         if (remember) nodes.forget(id, 0, tree);

@@ -54,7 +54,7 @@ bool staysHere(const Item& folder) {
 NSErrorPtr whyNotReplaced(const Item& target, const Item& item) {
   if (item.isFolder && !target.isFolder) return errorOf(ENOTDIR, "replace a file by a folder");
   if (!item.isFolder && target.isFolder) return errorOf(EISDIR, "replace a folder by a file");
-  if (target.isFolder && !target.part->children.empty())
+  if (target.isFolder && !target.part()->children.empty())
     return errorOf(ENOTEMPTY, "replace a folder that is not empty");
   return nullptr;
 }
@@ -162,7 +162,7 @@ void FileSystem::removeFolder(NodeId folder, std::string name, Reply<Done> reply
       Item* item = tree.child(*parent, name);
       if (item == nullptr) return errorOf(ENOENT, "remove a folder");
       if (!item->isFolder) return errorOf(ENOTDIR, "remove a file as a folder");
-      if (!item->part->children.empty()) return errorOf(ENOTEMPTY, "remove a folder");
+      if (!item->part()->children.empty()) return errorOf(ENOTEMPTY, "remove a folder");
       tree.remove(*item);
       return nullptr;
     };
@@ -224,9 +224,11 @@ void FileSystem::setAttributes(NodeId node, OpenFilePtr file, const AttributeCha
       Item* item = itemOf(tree, nodes, node);
       if (item == nullptr) return nullptr;  // an open version that is gone: nobody sees its times
       if (changes.isExecutable) item->isExecutable = *changes.isExecutable;
-      if (changes.accessed) item->accessed = *changes.accessed;
-      if (changes.modified) item->modified = *changes.modified;
-      item->changed = FileTime::of(volume_->services().clock->now());
+      ItemTimes times = item->times();
+      if (changes.accessed) times.accessed = *changes.accessed;
+      if (changes.modified) times.modified = *changes.modified;
+      times.changed = FileTime::of(volume_->services().clock->now());
+      item->setTimes(times);
       tree.changedHere(*item);
       return nullptr;
     };
@@ -331,7 +333,7 @@ const char* FileSystem::stateText(const Item& item) {
   if (Tree::differs(item)) return item.isUnderWay ? "sending" : "unsent";
   if (item.isFolder) return "stored";
   if (item.isWhole()) return "here";
-  return item.content && !item.content->state.present.isEmpty() ? "partly" : "online";
+  return item.content() && !item.content()->state.present.isEmpty() ? "partly" : "online";
 }
 
 bool FileSystem::isKept(const Item& item) {

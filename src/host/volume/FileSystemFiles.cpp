@@ -72,7 +72,7 @@ Answer<OpenFilePtr> FileSystem::openItem(Tree& tree, Nodes& nodes, NodeId node, 
   object->opened(mode.writes);
   nodes.opened(node);
   auto file = std::make_shared<OpenVolumeFile>(node, item->id, object, mode.writes, mayFetch);
-  file->listedEmpty = item->there && !item->content && object->sizeBytes() == 0;
+  file->listedEmpty = item->there && !item->content() && object->sizeBytes() == 0;
   if (!mode.writes) file->whole = object->whole();
   return OpenFilePtr(std::move(file));
 }
@@ -108,7 +108,7 @@ void FileSystem::read(OpenFilePtr file, std::int64_t offset, std::size_t length,
     ItemId stale = item->there->folder;
     for (const Item* at = tree.find(stale); at != nullptr && !at->isRoot() && at->there;
          at = tree.find(at->there->folder)) {
-      if (at->part->listing.hasStaleIdentifiers) stale = at->id;
+      if (at->part()->listing.hasStaleIdentifiers) stale = at->id;
     }
     return stale;
   });
@@ -136,17 +136,17 @@ void FileSystem::release(OpenFilePtr file) {
   volume_->change([&](Tree& tree, Nodes& nodes) {
     nodes.released(opened.node, tree);
     Item* item = tree.find(opened.item);
-    if (item == nullptr || item->object != opened.object) return;
-    if (item->content && now - item->content->usedSeconds > kUsedGrainSeconds) {
-      item->content->usedSeconds = now;
+    if (item == nullptr || item->object() != opened.object) return;
+    if (item->content() && now - item->content()->usedSeconds > kUsedGrainSeconds) {
+      item->content()->usedSeconds = now;
       tree.changedHere(*item);
     }
     if (opened.object->isOpen()) return;
     if (!item->isLinked() && !item->there) {
       tree.forgetIfGone(*item);
-    } else if (!item->content && !isFetched && item->object.use_count() == 2) {
-      item->object =
-          nullptr;  // this file's and the item's: nothing of it is here, and nobody works on it
+    } else if (!item->content() && !isFetched && item->object().use_count() == 2) {
+      // This file's and the item's: nothing of it is here, and nobody works on it.
+      item->setObject(nullptr);
     }
   });
   if (opened.writes) sender_->closed(opened.item);
@@ -159,9 +159,8 @@ void FileSystem::wrote(const OpenFile& file) {
   const FileTime now = FileTime::of(volume_->services().clock->now());
   volume_->look([&](Tree& tree, Nodes&) {
     Item* item = tree.find(opened.item);
-    if (item == nullptr || item->object != opened.object) return;
-    item->modified = now;
-    item->changed = now;
+    if (item == nullptr || item->object() != opened.object) return;
+    item->setTimes({item->times().accessed, now, now});
   });
 }
 
@@ -203,7 +202,7 @@ void FileSystem::flush(OpenFilePtr file, Reply<Done> reply) {
   const ContentState state = opened.object->state();
   auto work = [&](Tree& tree, Nodes&) -> NSErrorPtr {
     Item* item = tree.find(opened.item);
-    if (item == nullptr || item->object != opened.object) return nullptr;
+    if (item == nullptr || item->object() != opened.object) return nullptr;
     if (state.number != 0) tree.setContent(*item, state);
     tree.changedHere(*item);
     return nullptr;

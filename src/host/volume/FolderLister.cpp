@@ -27,7 +27,7 @@ void FolderLister::visit(ItemId folder, Reply<Done> reply) {
     const Item* item = tree.find(folder);
     if (item == nullptr || !item->isLinked()) return State::gone;
     if (!item->isFolder) return State::file;
-    return item->part->listing.isEnumerated ? State::known : State::unknown;
+    return item->part()->listing.isEnumerated ? State::known : State::unknown;
   });
   switch (state) {
     case State::known:
@@ -190,7 +190,7 @@ void FolderLister::listed(const Question& question, const Answer<Listing>& listi
       isThere = true;
       if (isCompared) differences = tree.countDifferences(*item, listing.value().items);
       tree.applyListing(*item, listing.value().items, listing.value().anchor, question.asOf);
-      applied = item->part->listing.isEnumerated && !item->part->listing.hasStaleIdentifiers;
+      applied = item->part()->listing.isEnumerated && !item->part()->listing.hasStaleIdentifiers;
     });
     // It moved meanwhile, or what is in it is to be found out by names while some of that changes.
     if (!applied && isThere && beginsAgain(folder)) return;

@@ -60,7 +60,7 @@ NSErrorPtr whyNotEvictable(const Tree& tree, const Item& item) {
                    "has changes that are not at the store yet");
   if (item.isBeingEvicted)
     return refusal(NSFileProviderError::nonEvictable, path, "is being evicted already");
-  if (item.object && item.object->isOpen())
+  if (item.object() && item.object()->isOpen())
     return refusal(NSFileProviderError::nonEvictable, path, "is open in a program");
   return nullptr;
 }
@@ -69,11 +69,11 @@ NSErrorPtr whyNotEvictable(const Tree& tree, const Item& item) {
 void forgetPages(Volume& volume, ItemId file, const FileObjectPtr& object) {
   volume.change([&](Tree& tree, Nodes&) {
     Item* item = tree.find(file);
-    if (item == nullptr || item->content || item->object != object || object->isOpen()) return;
+    if (item == nullptr || item->content() || item->object() != object || object->isOpen()) return;
     if (item->node != 0) {
       tree.succeed(*item);
     } else if (object.use_count() == 2) {
-      item->object = nullptr;  // the caller's and the item's: nobody works on it
+      item->setObject(nullptr);  // the caller's and the item's: nobody works on it
     }
   });
 }
@@ -83,7 +83,7 @@ NSErrorPtr evictBelow(Volume& volume, const Contents& contents, ItemId folder) {
   for (const ItemId file : filesBelow(volume, folder)) {
     const bool hasAny = volume.look([file](Tree& tree, Nodes&) {
       const Item* item = tree.find(file);
-      return item != nullptr && item->content != nullptr;
+      return item != nullptr && item->content() != nullptr;
     });
     if (!hasAny) continue;
     NSErrorPtr error = evictContents(volume, contents, file);
@@ -186,7 +186,7 @@ std::vector<ItemId> filesBelow(Volume& volume, ItemId item) {
         files.push_back(at->id);
         continue;
       }
-      for (const auto& [id, child] : at->part->children) left.push_back(child);
+      for (const Item* child : at->part()->children) left.push_back(child);
     }
     std::sort(files.begin(), files.end());
     return files;
@@ -203,7 +203,7 @@ NSErrorPtr evictContents(Volume& volume, const Contents& contents, ItemId file) 
       return;
     }
     error = whyNotEvictable(tree, *item);
-    if (error || !item->content) return;
+    if (error || !item->content()) return;
     try {
       object = contents.objectOf(*item);
       item->isBeingEvicted = true;

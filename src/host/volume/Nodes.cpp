@@ -5,26 +5,33 @@
 
 namespace kestrune::host {
 
-Nodes::Nodes() { nodes_[kRootNode] = Node{kRootNode, kRootItem, std::nullopt, 1, 0}; }
+Nodes::Nodes() { make(kRootNode, kRootItem).kernelReferences = 1; }
+
+Node& Nodes::make(NodeId id, ItemId item) {
+  auto node = std::make_unique<Node>();
+  node->id = id;
+  node->item = item;
+  return **nodes_.insert(std::move(node)).first;
+}
 
 Node& Nodes::of(Item& item) {
-  if (item.node != 0) return nodes_.at(item.node);
+  if (item.node != 0) return **nodes_.find(item.node);
   item.node = next_++;
-  return nodes_[item.node] = Node{item.node, item.id, std::nullopt, 0, 0};
+  return make(item.node, item.id);
 }
 
 Node* Nodes::find(NodeId id) {
   const auto found = nodes_.find(id);
-  return found == nodes_.end() ? nullptr : &found->second;
+  return found == nodes_.end() ? nullptr : found->get();
 }
 
 void Nodes::detach(const DetachedVersion& version) {
   Node* node = find(version.node);
   if (node == nullptr) return;
   if (node->kernelReferences == 0 && node->openFiles == 0) {
-    nodes_.erase(version.node);
+    nodes_.erase(nodes_.find(version.node));
   } else {
-    node->detached = version;
+    node->detached = std::make_unique<DetachedVersion>(version);
     if (node->openFiles == 0) node->detached->object = nullptr;
   }
 }
@@ -51,10 +58,10 @@ void Nodes::released(NodeId id, Tree& tree) {
   dropIfUnused(*node, tree);
 }
 
-void Nodes::dropIfUnused(Node& node, Tree& tree) {
+void Nodes::dropIfUnused(const Node& node, Tree& tree) {
   if (node.kernelReferences > 0 || node.openFiles > 0 || node.id == kRootNode) return;
   if (Item* item = tree.find(node.item); item != nullptr && item->node == node.id) item->node = 0;
-  nodes_.erase(node.id);
+  nodes_.erase(nodes_.find(node.id));
 }
 
 }  // namespace kestrune::host

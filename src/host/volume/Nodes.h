@@ -6,9 +6,10 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
-#include <optional>
-#include <unordered_map>
+
+#include <boost/unordered/unordered_flat_set.hpp>
 
 #include "host/tree/Tree.h"
 
@@ -18,7 +19,7 @@ struct Node {
   NodeId id = 0;
   ItemId item = 0;
   /// Set when it no longer stands for its item.
-  std::optional<DetachedVersion> detached;
+  std::unique_ptr<DetachedVersion> detached;
   std::uint64_t kernelReferences = 0;
   std::uint64_t openFiles = 0;
 };
@@ -37,10 +38,24 @@ class Nodes {
   void released(NodeId id, Tree& tree);
 
  private:
-  void dropIfUnused(Node& node, Tree& tree);
+  using NodePtr = std::unique_ptr<Node>;
+  struct Hash {
+    using is_transparent = void;
+    std::size_t operator()(NodeId id) const { return std::hash<NodeId>()(id); }
+    std::size_t operator()(const NodePtr& node) const { return (*this)(node->id); }
+  };
+  struct Equal {
+    using is_transparent = void;
+    bool operator()(const NodePtr& a, const NodePtr& b) const { return a->id == b->id; }
+    bool operator()(NodeId a, const NodePtr& b) const { return a == b->id; }
+    bool operator()(const NodePtr& a, NodeId b) const { return a->id == b; }
+  };
+  Node& make(NodeId id, ItemId item);
+  void dropIfUnused(const Node& node, Tree& tree);
 
   NodeId next_ = kRootNode + 1;
-  std::unordered_map<NodeId, Node> nodes_;
+  /// The kernel may know a million.
+  boost::unordered_flat_set<NodePtr, Hash, Equal> nodes_;
 };
 
 }  // namespace kestrune::host

@@ -30,7 +30,7 @@ Refresher::State Refresher::stateOf(ItemId folder) {
     State state;
     const Item* item = tree.find(folder);
     if (item == nullptr || !item->isFolder || !item->there) return state;
-    const FolderRow& listing = item->part->listing;
+    const FolderRow& listing = item->part()->listing;
     // What is in a folder that moved is asked when the folder itself is known again.
     if (!item->isRoot() && !tree.isSure(*item)) return state;
     state.isListed = listing.isEnumerated || listing.hasStaleIdentifiers;
@@ -46,7 +46,7 @@ std::vector<ItemId> Refresher::staleFoldersIn(ItemId folder) {
   return volume_->look([folder](Tree& tree, Nodes&) {
     std::vector<ItemId> stale;
     tree.forEachChildThere(folder, [&](const Item& child) {
-      if (child.isFolder && child.part->listing.hasStaleIdentifiers) stale.push_back(child.id);
+      if (child.isFolder && child.part()->listing.hasStaleIdentifiers) stale.push_back(child.id);
     });
     return stale;
   });
@@ -76,7 +76,8 @@ void Refresher::signal() {
   auto folders = volume_->look([](Tree& tree, Nodes&) {
     std::vector<ItemId> listed = {kRootItem};
     tree.forEach([&](const Item& item) {
-      if (item.isFolder && item.there && item.part->listing.isEnumerated) listed.push_back(item.id);
+      if (item.isFolder && item.there && item.part()->listing.isEnumerated)
+        listed.push_back(item.id);
     });
     return listed;
   });

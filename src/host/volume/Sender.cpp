@@ -72,8 +72,8 @@ Sender::Clock Sender::quietFor(ItemId id) {
     if (outgoing.isToBeRemoved() || outgoing.isToBeMoved()) return kQuietNames;
     if (item->isFolder) return Clock(0);
     if (item->timesLost > 0 && !item->there) return pauseAfter(item->timesLost - 1);
-    const platform::Date sent{std::chrono::seconds(item->uploadedSeconds)};
-    const bool again = item->uploadedSeconds != 0 && wallClock - sent < std::chrono::seconds(3);
+    const platform::Date sent{std::chrono::seconds(item->uploadedSeconds())};
+    const bool again = item->uploadedSeconds() != 0 && wallClock - sent < std::chrono::seconds(3);
     return again ? Clock(kQuietAgain) : Clock(kQuiet);
   });
 }
@@ -226,7 +226,7 @@ std::vector<Change> Sender::choose() {
       const Item* item = tree.find(outgoing.id);
       if (item == nullptr || item->isUnderWay) return false;
       const bool carries = !item->isFolder && (outgoing.isToBeCreated() || outgoing.isToBeSent());
-      if (carries && item->object && item->object->isOpenForWriting()) return false;
+      if (carries && item->object() && item->object()->isOpenForWriting()) return false;
       return !item->there || tree.isSure(*item);
     };
     return readyChanges(*tree.outgoing(), waits.byAge(at), underWay, limit, mayBegin);
@@ -339,7 +339,7 @@ std::vector<UnsentChange> Sender::unsent(const std::string& path, std::size_t mo
       change.item = id;
       change.kind = kindOf(Tree::outgoingItem(item));
       change.path = std::move(itemPath);
-      change.sizeBytes = item.object ? item.object->sizeBytes() : item.sizeBytes;
+      change.sizeBytes = item.object() ? item.object()->sizeBytes() : item.sizeBytes;
       change.isUnderWay = std::any_of(underWay.begin(), underWay.end(),
                                       [id](const Change& c) { return c.id == id; });
       if (const Waits::Wait* wait = waits.find(id); wait != nullptr) {
@@ -348,7 +348,7 @@ std::vector<UnsentChange> Sender::unsent(const std::string& path, std::size_t mo
         change.reason = wait->reason;
         change.until = std::max(Clock(0), wait->notBefore - at);
       }
-      if (change.reason.empty() && item.object && item.object->isOpenForWriting())
+      if (change.reason.empty() && item.object() && item.object()->isOpenForWriting())
         change.reason = "a program has it open for writing";
       if (change.reason.empty() && item.timesLost > 0 && !item.there)
         change.reason = "the store took it and does not show it";

@@ -87,8 +87,8 @@ Task<Answer<Done>> Sender::findOut(ItemId id) {
   };
   const auto wait = volume_->look([id](Tree& tree, Nodes&) -> std::optional<Wait> {
     const Item* item = tree.find(id);
-    if (item == nullptr || !item->awaited) return std::nullopt;
-    Wait found{item->awaited->folder, std::nullopt};
+    if (item == nullptr || !item->awaited()) return std::nullopt;
+    Wait found{item->awaited()->folder, std::nullopt};
     if (item->there && item->there->folder != found.folder) found.oldFolder = item->there->folder;
     return found;
   });

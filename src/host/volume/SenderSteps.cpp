@@ -53,12 +53,12 @@ Task<Answer<Done>> Sender::settle(std::function<void(Tree&)> work) {
 // REQUIRES: the volume's lock.
 bool Sender::isStillWanted(const Tree& tree, const Change& change) {
   const Item* item = tree.find(change.id);
-  if (item == nullptr || item->staysHere || item->awaited) return false;
+  if (item == nullptr || item->staysHere || item->awaited()) return false;
   const OutgoingItem outgoing = Tree::outgoingItem(*item);
   const auto isOpenFolder = [&](ItemId id) {
     const Item* folder = tree.find(id);
     return folder != nullptr && folder->there && folder->isLinked() &&
-           !folder->part->listing.hasStaleIdentifiers && tree.isSure(*folder);
+           !folder->part()->listing.hasStaleIdentifiers && tree.isSure(*folder);
   };
   if (item->there && !tree.isSure(*item)) return false;
   const auto isFree = [&] {
@@ -119,7 +119,7 @@ Sender::Work Sender::createFolder(Change change) {
                 change.to.name,
                 true,
                 0,
-                item.modified.date()};
+                item.modified().date()};
     tree.beginChange(item, change.to);
     begun = true;
   });
@@ -179,7 +179,7 @@ Sender::Work Sender::createFile(Change change) {
                 change.to.name,
                 false,
                 snapshot.value().sizeBytes,
-                item.modified.date()};
+                item.modified().date()};
     tree.beginSending(item, snapshot.value().sizeBytes, snapshot.value().edits, change.to);
     begun = true;
   });
@@ -223,7 +223,7 @@ Sender::Work Sender::sendContents(Change change) {
   volume_->change([&](Tree& tree, Nodes&) {
     if (!isStillWanted(tree, change)) return;
     Item& item = *tree.find(change.id);
-    if (item.there->version.contentVersion != item.content->base) {
+    if (item.there->version.contentVersion != item.content()->base) {
       const std::string path = tree.path(item);
       Item& stored = tree.keepBoth(item);
       volume_->services().log->note(
@@ -246,10 +246,10 @@ Sender::Work Sender::sendContents(Change change) {
   const auto committed = co_await settle([&](Tree& tree) {
     if (!isStillWanted(tree, change)) return;
     Item& item = *tree.find(change.id);
-    if (item.there->version.contentVersion != item.content->base) return;
+    if (item.there->version.contentVersion != item.content()->base) return;
     facts.outgoing = {item.there->identifier,     tree.find(item.there->folder)->there->identifier,
                       item.there->name,           false,
-                      snapshot.value().sizeBytes, item.modified.date()};
+                      snapshot.value().sizeBytes, item.modified().date()};
     facts.base = item.there->version;
     tree.beginSending(item, snapshot.value().sizeBytes, snapshot.value().edits);
     begun = true;
@@ -269,7 +269,7 @@ Sender::Work Sender::sendContents(Change change) {
   volume_->change([&](Tree& tree, Nodes&) {
     Item* item = tree.find(change.id);
     if (item == nullptr) return;
-    if (answer.ok() && item->there && item->content) {
+    if (answer.ok() && item->there && item->content()) {
       tree.sent(*item, answer.value(), snapshot.value().edits, began);
       version = item->there->version.contentVersion;
     }
@@ -297,7 +297,7 @@ Sender::Work Sender::move(Change change) {
     Item& item = *tree.find(change.id);
     facts.outgoing = {item.there->identifier, tree.find(change.to.folder)->there->identifier,
                       change.to.name,         item.isFolder,
-                      item.there->sizeBytes,  item.modified.date()};
+                      item.there->sizeBytes,  item.modified().date()};
     facts.base = item.there->version;
     oldFolder = item.there->folder;
     tree.beginChange(item, change.to);

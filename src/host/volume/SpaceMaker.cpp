@@ -16,12 +16,12 @@ using platform::MutexLock;
 
 // As far as it is known without asking the disk.
 std::uint64_t bytesHere(const Item& item) {
-  return item.content ? static_cast<std::uint64_t>(item.content->state.present.byteCount()) : 0;
+  return item.content() ? static_cast<std::uint64_t>(item.content()->state.present.byteCount()) : 0;
 }
 
 bool mayGo(const Item& item) {
-  return item.content && item.there && !item.isEdited() && !Tree::differs(item) &&
-         !(item.object && item.object->isOpen()) &&
+  return item.content() && item.there && !item.isEdited() && !Tree::differs(item) &&
+         !(item.object() && item.object()->isOpen()) &&
          item.there->policy !=
              platform::NSFileProviderContentPolicy::downloadEagerlyAndKeepDownloaded;
 }
@@ -85,7 +85,7 @@ void SpaceMaker::makeRoom() {
   volume_->look([&](Tree& tree, Nodes&) {
     tree.forEach([&](Item& item) {
       if (mayGo(item) && bytesHere(item) > 0)
-        candidates.push_back({item.content->usedSeconds, item.id, bytesHere(item)});
+        candidates.push_back({item.content()->usedSeconds, item.id, bytesHere(item)});
     });
   });
   std::sort(candidates.begin(), candidates.end(), [](const Candidate& a, const Candidate& b) {

@@ -27,6 +27,31 @@ Tree::Setting treeSetting(const Volume::Services& services) {
   return setting;
 }
 
+/// What must be known of all rows together.
+struct Remembered {
+  /// Those whose contents are to be recovered; the tree has all others.
+  std::vector<ItemRow> edited;
+  std::unordered_set<ContentNumber> known;
+  std::unordered_set<ContentNumber> unsent;
+  ContentNumber highest = 0;
+};
+
+// A million rows take more room than the tree that they become, so they are taken one by one.
+Remembered takeRows(ItemStore& store, Tree& tree) {
+  Remembered remembered;
+  store.load([&](ItemRow row) {
+    if (row.content) {
+      const ContentState& state = row.content->state;
+      if (state.edits != row.content->sentEdits) remembered.unsent.insert(state.number);
+      remembered.known.insert(state.number);
+      remembered.highest = std::max(remembered.highest, state.number);
+      if (state.isEdited) return remembered.edited.push_back(std::move(row));
+    }
+    tree.takeRow(std::move(row));
+  });
+  return remembered;
+}
+
 }  // namespace
 
 Volume::Volume(Services services)
@@ -37,18 +62,8 @@ Volume::Volume(Services services)
 }
 
 void Volume::load() {
-  std::vector<ItemRow> rows;
-  services_.store->load([&](ItemRow row) { rows.push_back(std::move(row)); });
-  std::unordered_set<ContentNumber> known;
-  ContentNumber highest = 0;
-  std::unordered_set<ContentNumber> unsent;
-  for (const ItemRow& row : rows) {
-    if (!row.content) continue;
-    if (row.content->state.edits != row.content->sentEdits)
-      unsent.insert(row.content->state.number);
-    known.insert(row.content->state.number);
-    highest = std::max(highest, row.content->state.number);
-  }
+  MutexLock lock(mutex_);
+  auto [edited, known, unsent, highest] = takeRows(*services_.store, tree_);
   for (const LostEdit& edit : services_.lostEdits) {
     known.insert(edit.number);
     unsent.insert(edit.number);
@@ -60,11 +75,11 @@ void Volume::load() {
   for (const ContentNumber number : services_.directory->notedEdits()) {
     if (!unsent.contains(number)) services_.directory->forgetEdit(number);
   }
-  const std::vector<ItemId> recovered = recoverEdits(rows);
-  MutexLock lock(mutex_);
+  const std::vector<ItemId> recovered = recoverEdits(edited);
+  for (ItemRow& row : edited) tree_.takeRow(std::move(row));
   nextContent_ = std::max(highest + 1, services_.store->counter(kNextContent));
   reservedContents_ = nextContent_;
-  tree_.restore(std::move(rows), services_.store->counter(kNextItem));
+  tree_.endRestore(services_.store->counter(kNextItem));
   for (const ItemId id : recovered) {
     if (Item* item = tree_.find(id)) tree_.changedHere(*item);
   }
@@ -97,10 +112,9 @@ void Volume::restoreLostEdits() {
 }
 
 // Changed files are as long as they are on the disk, from the first look on.
-std::vector<ItemId> Volume::recoverEdits(std::vector<ItemRow>& rows) const {
+std::vector<ItemId> Volume::recoverEdits(std::vector<ItemRow>& edited) const {
   std::vector<ItemId> recovered;
-  for (ItemRow& row : rows) {
-    if (!row.content || !row.content->state.isEdited) continue;
+  for (ItemRow& row : edited) {
     try {
       ContentState state = recoveredState(services_.directory, row.content->state);
       if (state == row.content->state && row.sizeBytes == state.sizeBytes) continue;
@@ -199,7 +213,7 @@ void Volume::forgetGone(TreeEffects& effects) {
   while (!effects.gone.empty()) {
     for (const ItemId id : std::exchange(effects.gone, {})) {
       Item* item = tree_.find(id);
-      if (item == nullptr || (item->object && item->object->isOpen())) continue;
+      if (item == nullptr || (item->object() && item->object()->isOpen())) continue;
       tree_.forgetIfGone(*item);
     }
     TreeEffects more = tree_.takeEffects();
@@ -279,19 +293,20 @@ Attributes Volume::attributesOf(const Item& item) {
   attributes.isWritable = true;
   attributes.isUnlinked = !item.isLinked();
   attributes.sizeBytes = item.sizeBytes;
-  if (item.object) {
-    attributes.sizeBytes = item.object->sizeBytes();
-  } else if (item.content) {
-    attributes.sizeBytes = item.content->state.sizeBytes;
+  if (item.object()) {
+    attributes.sizeBytes = item.object()->sizeBytes();
+  } else if (item.content()) {
+    attributes.sizeBytes = item.content()->state.sizeBytes;
   }
-  if (item.object) {
-    attributes.storedBytes = item.object->storedBytes();
-  } else if (item.content) {
-    attributes.storedBytes = item.content->state.present.byteCount();
+  if (item.object()) {
+    attributes.storedBytes = item.object()->storedBytes();
+  } else if (item.content()) {
+    attributes.storedBytes = item.content()->state.present.byteCount();
   }
-  attributes.accessed = item.accessed;
-  attributes.modified = item.modified;
-  attributes.changed = item.changed;
+  const ItemTimes times = item.times();
+  attributes.accessed = times.accessed;
+  attributes.modified = times.modified;
+  attributes.changed = times.changed;
   return attributes;
 }
 

@@ -95,7 +95,7 @@ class Volume {
       REQUIRES_LOCK(mutex_);
   void finish(const Aftermath& aftermath);
   void load();
-  std::vector<ItemId> recoverEdits(std::vector<ItemRow>& rows) const;
+  std::vector<ItemId> recoverEdits(std::vector<ItemRow>& edited) const;
   void restoreLostEdits() REQUIRES_LOCK(mutex_);
 
   const Services services_;

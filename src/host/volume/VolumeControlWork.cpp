@@ -78,9 +78,9 @@ PendingChange toldOf(const UnsentChange& change, platform::Date now) {
 }
 
 std::uint64_t bytesHere(const Item& item) {
-  if (!item.content) return 0;
-  return static_cast<std::uint64_t>(item.object ? item.object->state().present.byteCount()
-                                                : item.content->state.present.byteCount());
+  if (!item.content()) return 0;
+  return static_cast<std::uint64_t>(item.object() ? item.object()->state().present.byteCount()
+                                                  : item.content()->state.present.byteCount());
 }
 
 }  // namespace
@@ -103,7 +103,7 @@ HostStatus VolumeControl::Work::status() {
   volume->look([&](Tree& tree, Nodes&) {
     status.knownItems = tree.count();
     tree.forEach([&](Item& item) {
-      if (!item.content) return;
+      if (!item.content()) return;
       const std::uint64_t bytes = bytesHere(item);
       if (bytes == 0 && item.sizeBytes > 0) return;
       ++status.itemsHere;
@@ -186,8 +186,8 @@ Task<Answer<Done>> VolumeControl::Work::listBelow(ItemId item) {
     volume->look([&](Tree& tree, Nodes&) {
       const Item* found = tree.find(folder);
       if (found == nullptr) return;
-      for (const auto& [id, child] : found->part->children) {
-        if (child->isFolder) left.push_back(id);
+      for (const Item* child : found->part()->children) {
+        if (child->isFolder) left.push_back(child->id);
       }
     });
   }
@@ -241,7 +241,7 @@ Task<Answer<Done>> VolumeControl::Work::actOn(ItemAction action, std::string pat
       std::erase_if(files, [&](ItemId id) {
         const Item* item = tree.find(id);
         if (item == nullptr || !item->there) return item == nullptr || action == ItemAction::unpin;
-        return !item->content && item->there->policy != kKept;
+        return !item->content() && item->there->policy != kKept;
       });
     });
   }

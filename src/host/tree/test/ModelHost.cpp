@@ -16,7 +16,7 @@ ModelHost::ModelHost(ModelStore::Identifiers identifiers, std::uint64_t seed)
 
 void ModelHost::start(std::vector<ItemRow> rows, ItemId nextItem) {
   tree_ = std::make_unique<Tree>(Tree::Setting{"here", [this] { return now(); }, "root"});
-  tree_->restore(std::move(rows), nextItem);
+  restore(*tree_, rows, nextItem);
 }
 
 std::size_t ModelHost::below(std::size_t bound) {
@@ -30,7 +30,7 @@ void ModelHost::takeEffects() {
   for (const auto& rescued : effects.rescued) bytes_.erase(rescued.number);
   for (const auto& detached : effects.detached) EXPECT_NE(detached.node, 0U);
   tree_->forEach([&](Item& item) {
-    if (item.content) EXPECT_TRUE(bytes_.contains(item.content->state.number)) << item.id;
+    if (item.content()) EXPECT_TRUE(bytes_.contains(item.content()->state.number)) << item.id;
   });
 }
 
@@ -115,7 +115,7 @@ std::string ModelHost::someName() { return percent(2) ? "junk" : std::string(1, 
 
 Token ModelHost::visible(const Item& item) const {
   if (item.isFolder) return 0;
-  if (item.content) return bytes_.at(item.content->state.number);
+  if (item.content()) return bytes_.at(item.content()->state.number);
   return item.there ? store_.tokenOf(item.there->version.contentVersion) : 0;
 }
 
@@ -138,14 +138,14 @@ void ModelHost::mayGo(const Item& item) {
   mayGo_.insert(visible(item));
   if (!item.there) return;
   const std::string& version = item.there->version.contentVersion;
-  const bool isUnseen = item.isEdited() && !item.isUnderWay && item.content->base != version;
+  const bool isUnseen = item.isEdited() && !item.isUnderWay && item.content()->base != version;
   if (!isUnseen) mayGo_.insert(store_.tokenOf(version));
 }
 
 void ModelHost::setBytes(Item& item, Token token, bool isEdit) {
   ContentState state;
-  if (item.content) {
-    state = item.content->state;
+  if (item.content()) {
+    state = item.content()->state;
   } else {
     state.number = ++lastNumber_;
     if (item.there) state.version = item.there->version.contentVersion;
@@ -165,7 +165,7 @@ void ModelHost::edit(Item& item) {
   follow(token, visible(item));
   forgetToken(visible(item));
   if (!item.there && item.folder != nullptr) {
-    const Item* before = tree_->occupant({item.folder->id, item.name});
+    const Item* before = tree_->occupant({item.folder->id, item.name()});
     if (before != nullptr) follow(token, visible(*before));
   }
   precious_.insert(token);
@@ -175,17 +175,17 @@ void ModelHost::edit(Item& item) {
 void ModelHost::createHere() {
   Item* folder = someFolder();
   const std::string name = someName();
-  if (!folder->part->listing.isEnumerated || tree_->child(*folder, name) != nullptr) return;
+  if (!folder->part()->listing.isEnumerated || tree_->child(*folder, name) != nullptr) return;
   Item& item = tree_->create(*folder, name, percent(40), false);
   if (!item.isFolder) edit(item);
   if (percent(50)) item.node = ++lastNode_;
 }
 
 void ModelHost::removeHere(Item& item) {
-  if (item.isFolder && !item.part->listing.isEnumerated) return;
+  if (item.isFolder && !item.part()->listing.isEnumerated) return;
   if (item.isFolder) {
-    while (!item.part->children.empty()) {
-      Item& child = *item.part->children.begin()->second;
+    while (!item.part()->children.empty()) {
+      Item& child = **item.part()->children.begin();
       removeHere(child);
       if (child.isLinked()) return;
     }
@@ -195,16 +195,16 @@ void ModelHost::removeHere(Item& item) {
 }
 
 void ModelHost::moveHere(Item& item, Item& folder, const std::string& name) {
-  if (!folder.part->listing.isEnumerated || Tree::isWithin(folder, item)) return;
+  if (!folder.part()->listing.isEnumerated || Tree::isWithin(folder, item)) return;
   for (const Item* at = &folder; at != nullptr; at = at->folder) {
-    if (at->name == "junk") return;  // what is at the store is not moved to where it cannot be
+    if (at->name() == "junk") return;  // what is at the store is not moved to where it cannot be
   }
   Item* replaced = tree_->child(folder, name);
   if (replaced == &item) return;
   if (replaced != nullptr) {
     if (replaced->isFolder != item.isFolder) return;
-    const bool isFull = replaced->isFolder && (!replaced->part->children.empty() ||
-                                               !replaced->part->listing.isEnumerated);
+    const bool isFull = replaced->isFolder && (!replaced->part()->children.empty() ||
+                                               !replaced->part()->listing.isEnumerated);
     if (isFull) return;
     mayGo(*replaced);
   }
@@ -220,8 +220,8 @@ void ModelHost::moveHere(Item& item, Item& folder, const std::string& name) {
 // As programs save.
 void ModelHost::save(Item& item) {
   Item& folder = *item.folder;
-  const std::string name = item.name;
-  if (item.isFolder || !folder.part->listing.isEnumerated) return;
+  const std::string name = item.name();
+  if (item.isFolder || !folder.part()->listing.isEnumerated) return;
   const std::size_t way = below(3);
   if (way == 0) {
     if (tree_->child(folder, "temp") != nullptr) return;
@@ -247,9 +247,9 @@ void ModelHost::save(Item& item) {
 
 void ModelHost::readOrDrop(Item& item) {
   if (item.isFolder || !item.there) return;
-  if (item.content) {
-    if (item.isEdited() || item.isUnderWay || item.content->sendingSince != 0) return;
-    bytes_.erase(item.content->state.number);
+  if (item.content()) {
+    if (item.isEdited() || item.isUnderWay || item.content()->sendingSince != 0) return;
+    bytes_.erase(item.content()->state.number);
     tree_->dropContent(item);
     return;
   }

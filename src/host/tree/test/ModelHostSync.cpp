@@ -26,7 +26,7 @@ bool ModelHost::mayBegin(const Change& change) const {
     }
     return true;
   };
-  if (tree_->find(change.id)->awaited) return false;
+  if (tree_->find(change.id)->awaited()) return false;
   return (change.kind == Kind::create || isSure(change.id)) &&
          (!hasTarget(change) || isSure(change.to.folder));
 }
@@ -38,8 +38,8 @@ void ModelHost::begin(bool isReliable) {
   // Of some of what was sent before it is not known how it ended.
   for (const ItemId id : differing) {
     Item* item = tree_->find(id);
-    const bool isSent = item != nullptr && item->there && tree_->isSure(*item) && item->content &&
-                        item->content->sendingSince != 0;
+    const bool isSent = item != nullptr && item->there && tree_->isSure(*item) && item->content() &&
+                        item->content()->sendingSince != 0;
     if (isSent && !item->isUnderWay) lookAt(*item);
   }
   for (const Change& change : readyChanges(*tree_->outgoing(), differing, now_, 4)) {
@@ -56,7 +56,7 @@ void ModelHost::begin(bool isReliable) {
     const bool carries =
         !item.isFolder && (change.kind == Kind::create || change.kind == Kind::send);
     if (carries) {
-      begun.edits = item.content->state.edits;
+      begun.edits = item.content()->state.edits;
       begun.token = visible(item);
       tree_->beginSending(item, static_cast<std::int64_t>(begun.token), begun.edits, to);
     } else {
@@ -198,7 +198,7 @@ void ModelHost::move(Begun& begun, Item& item) {
 void ModelHost::send(Begun& begun, Item& item) {
   const auto key = look(begun, item);
   if (!key || !item.isLinked() || !item.isEdited()) return;
-  if (item.there->version.contentVersion != item.content->base) {
+  if (item.there->version.contentVersion != item.content()->base) {
     tree_->keepBoth(item);
     return;
   }
@@ -242,7 +242,7 @@ void ModelHost::ask(Item& folder) {
   Ask ask;
   ask.asOf = tree_->moment();
   ask.identifier = folder.there->identifier;
-  ask.anchor = folder.part->listing.anchor;
+  ask.anchor = folder.part()->listing.anchor;
   asks_[folder.id] = ask;
 }
 
@@ -346,7 +346,7 @@ void ModelHost::settle() {
     const Item& item = *tree_->find(id);
     left += "\n" + std::to_string(id) + " " + tree_->path(item) +
             (item.isLinked() ? "" : ", removed") + (item.there ? ", there" : "") +
-            (item.awaited ? ", awaited" : "") + (item.isUnderWay ? ", under way" : "");
+            (item.awaited() ? ", awaited" : "") + (item.isUnderWay ? ", under way" : "");
   }
   for (const ItemId id : doubtful_) left += "\nin doubt: " + tree_->path(*tree_->find(id));
   ADD_FAILURE() << "it does not come to rest:" << left;

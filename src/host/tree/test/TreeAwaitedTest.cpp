@@ -41,7 +41,7 @@ TEST_F(TreeAwaitedTest, WhatWasRemovedHereIsRemovedThereWhenItArrivedAfterAll) {
   const ItemId id = makeWithoutAnswer().id;
   tree().remove(*tree().find(id));
   restart();
-  EXPECT_TRUE(effects_.doubtful.contains(kRootItem) || !root().part->listing.anchor);
+  EXPECT_TRUE(effects_.doubtful.contains(kRootItem) || !root().part()->listing.anchor);
   ASSERT_NE(tree().find(id), nullptr);
   EXPECT_TRUE(tree().differing().contains(id));
   list({arrived("a", 5)});
@@ -64,7 +64,7 @@ TEST_F(TreeAwaitedTest, WhatDidNotArriveIsMadeAgain) {
   restart();
   list({});
   EXPECT_THAT(ready(), ElementsAre(Change{Kind::create, id, {kRootItem, "a"}}));
-  EXPECT_EQ(tree().find(id)->awaited, nullptr);
+  EXPECT_EQ(tree().find(id)->awaited(), nullptr);
 }
 
 TEST_F(TreeAwaitedTest, WhatDidNotArriveAndIsRemovedHereIsForgotten) {
@@ -106,7 +106,7 @@ TEST_F(TreeAwaitedTest, AFolderIsFoundToo) {
   list({folder("1", "d")});
   EXPECT_THAT(names(), ElementsAre("e"));
   EXPECT_THAT(ready(), ElementsAre(Change{Kind::move, id, {kRootItem, "e"}}));
-  EXPECT_FALSE(tree().find(id)->part->listing.anchor);
+  EXPECT_FALSE(tree().find(id)->part()->listing.anchor);
 }
 
 TEST_F(TreeAwaitedTest, AnAnswerFromBeforeTheEndOfTheChangeTellsNothing) {
@@ -115,9 +115,9 @@ TEST_F(TreeAwaitedTest, AnAnswerFromBeforeTheEndOfTheChangeTellsNothing) {
   tree().endChange(a);
   tree().applyListing(root(), {}, "anchor", before);
   check();
-  EXPECT_NE(a.awaited, nullptr);
+  EXPECT_NE(a.awaited(), nullptr);
   EXPECT_TRUE(effects_.doubtful.contains(kRootItem));
-  EXPECT_FALSE(root().part->listing.anchor);
+  EXPECT_FALSE(root().part()->listing.anchor);
 }
 
 TEST_F(TreeAwaitedTest, ItsPlaceIsNobodyElsesMeanwhile) {

@@ -99,22 +99,30 @@ void TreeCheck::checkHere(Tree& tree) const {
     EXPECT_EQ(tree.find(item.id), &item);
     EXPECT_LT(item.id, tree.nextItem());
     if (Tree::differs(item)) differing.insert(item.id);
+    EXPECT_EQ(Tree::differs(item), !item.staysHere && Tree::outgoingItem(item).differs());
     if (item.there && item.there->isHeldDeletion) held.insert(item.id);
     if (item.folder != nullptr) {
       EXPECT_EQ(tree.find(item.folder->id), item.folder);
-      EXPECT_EQ(tree.child(*item.folder, item.name), &item);
+      EXPECT_EQ(tree.child(*item.folder, item.name()), &item);
       EXPECT_TRUE(Tree::isWithin(item, tree.root())) << "item " << item.id << " hangs on nothing";
     }
-    EXPECT_EQ(item.isFolder, item.part != nullptr);
-    if (item.isFolder) EXPECT_EQ(item.content, nullptr);
-    if (!item.part) return;
-    EXPECT_EQ(item.part->children.size(), item.part->byName.size());
-    for (const auto& [id, child] : item.part->children) {
-      ASSERT_EQ(tree.find(id), child);
+    EXPECT_EQ(item.isFolder, item.part() != nullptr);
+    if (item.isFolder) EXPECT_EQ(item.content(), nullptr);
+    if (!item.part()) return;
+    std::size_t count = 0;
+    ItemId before = 0;
+    for (const Item* child : item.part()->children) {
+      ASSERT_EQ(tree.find(child->id), child);
+      EXPECT_LT(before, child->id);
+      EXPECT_EQ(*item.part()->children.after(before), child);
+      before = child->id;
+      ++count;
       EXPECT_EQ(child->folder, &item);
     }
+    EXPECT_EQ(item.part()->children.size(), count);
+    EXPECT_EQ(item.part()->children.after(before), item.part()->children.end());
   });
-  for (const auto& [id, child] : tree.root().part->children) EXPECT_EQ(tree.find(id), child);
+  for (const Item* child : tree.root().part()->children) EXPECT_EQ(tree.find(child->id), child);
   EXPECT_EQ(tree.differing(), differing);
   const std::vector<ItemId> told = tree.heldDeletions();
   EXPECT_EQ(std::set<ItemId>(told.begin(), told.end()), held);
@@ -131,7 +139,7 @@ void TreeCheck::checkThere(Tree& tree) {
     const Item* folder = tree.find(item.there->folder);
     ASSERT_TRUE(folder != nullptr && folder->isFolder && folder->there)
         << "item " << item.id << " is in a folder that is not there";
-    const bool isStale = folder->part->listing.hasStaleIdentifiers;
+    const bool isStale = folder->part()->listing.hasStaleIdentifiers;
     if (isStale) EXPECT_FALSE(tree.isSure(item));
     if (!isStale && tree.byIdentifier(item.there->identifier) != &item)
       EXPECT_FALSE(tree.isSure(item));
@@ -150,6 +158,11 @@ void TreeCheck::checkThere(Tree& tree) {
     const Item* item = tree.byIdentifier(identifier);
     if (item != nullptr) EXPECT_TRUE(item->there && item->there->identifier == identifier);
   }
+}
+
+void restore(Tree& tree, const std::vector<ItemRow>& rows, ItemId nextItem) {
+  for (const ItemRow& row : rows) tree.takeRow(row);
+  tree.endRestore(nextItem);
 }
 
 }  // namespace kestrune::host

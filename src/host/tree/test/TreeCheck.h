@@ -31,4 +31,7 @@ class TreeCheck {
   std::set<std::string> identifiers_;
 };
 
+/// Makes a new tree of the rows of an earlier one.
+void restore(Tree& tree, const std::vector<ItemRow>& rows, ItemId nextItem);
+
 }  // namespace kestrune::host

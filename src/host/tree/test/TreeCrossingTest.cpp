@@ -30,7 +30,7 @@ TEST_F(TreeCrossingTest, AFolderThatWasAskedEarlierDoesNotTakeBackWhatMovedToAno
   listAsOf(root(), {file("1", "a", 3), folder("d", "d")}, asOf);
   EXPECT_EQ(tree().child(*d_, "a"), a_);
   EXPECT_TRUE(effects_.doubtful.contains(kRootItem));
-  EXPECT_FALSE(root().part->listing.anchor);
+  EXPECT_FALSE(root().part()->listing.anchor);
   list({folder("d", "d")});
   EXPECT_EQ(tree().child(*d_, "a"), a_);
 }
@@ -53,10 +53,10 @@ TEST_F(TreeCrossingTest, AFolderThatWasAskedEarlierDoesNotMissWhatCameFromAnothe
 }
 
 TEST_F(TreeCrossingTest, ChangesThatWereAskedForBeforeAListingWasNeededDoNotReplaceIt) {
-  root().part->listing.anchor = std::nullopt;
+  root().part()->listing.anchor = std::nullopt;
   change({update(file("2", "b"))});
   EXPECT_NE(at("b"), nullptr);
-  EXPECT_FALSE(root().part->listing.anchor);
+  EXPECT_FALSE(root().part()->listing.anchor);
   EXPECT_TRUE(effects_.doubtful.contains(kRootItem));
 }
 

@@ -49,7 +49,7 @@ class TreeFixture : public testing::Test {
   /// Edits, or for `edits` 0 fetches, the whole of a file.
   void fill(Item& item, std::int64_t sizeBytes, std::uint64_t edits = 0) {
     ContentState state;
-    state.number = item.content ? item.content->state.number : ++lastNumber_;
+    state.number = item.content() ? item.content()->state.number : ++lastNumber_;
     state.sizeBytes = sizeBytes;
     state.present.add({0, sizeBytes});
     state.edits = edits;
@@ -65,13 +65,13 @@ class TreeFixture : public testing::Test {
   /// The store takes the item's contents, or its creation.
   void send(Item& item, const ItemRecord& answer) {
     const platform::Date began = now_;
-    const std::uint64_t edits = item.content ? item.content->state.edits : 0;
-    const auto to = item.there ? std::nullopt : std::optional(Place{item.folder->id, item.name});
+    const std::uint64_t edits = item.content() ? item.content()->state.edits : 0;
+    const auto to = item.there ? std::nullopt : std::optional(Place{item.folder->id, item.name()});
     tree_->beginSending(item, item.sizeBytes, edits, to);
     if (item.there) {
       tree_->sent(item, answer, edits, began);
     } else {
-      tree_->created(item, {item.folder->id, item.name}, answer, edits, began);
+      tree_->created(item, {item.folder->id, item.name()}, answer, edits, began);
     }
     tree_->endChange(item);
     check();
@@ -80,7 +80,7 @@ class TreeFixture : public testing::Test {
     check();
     const ItemId next = tree_->nextItem();
     tree_ = std::make_unique<Tree>(setting());
-    tree_->restore(check_.rows(), next);
+    kestrune::host::restore(*tree_, check_.rows(), next);
     check_.restarted(*tree_);
   }
   const TreeEffects& check() { return effects_ = check_.after(*tree_); }
@@ -91,7 +91,7 @@ class TreeFixture : public testing::Test {
   Item* at(const std::string& name) { return tree_->child(root(), name); }
   std::vector<std::string> names(const Item& folder) const {
     std::vector<std::string> names;
-    for (const auto& [id, child] : folder.part->children) names.push_back(child->name);
+    for (const Item* child : folder.part()->children) names.push_back(child->name());
     std::sort(names.begin(), names.end());
     return names;
   }

@@ -17,9 +17,9 @@ TEST_F(TreeIncomingTest, LaterListingsBringWhatChanged) {
   a.node = 7;
   list({file("1", "a", 4), file("4", "c"), folder("3", "d")});
   EXPECT_THAT(names(), ElementsAre("a", "c", "d"));
-  EXPECT_EQ(a.content, nullptr);
+  EXPECT_EQ(a.content(), nullptr);
   EXPECT_EQ(a.sizeBytes, 4);
-  EXPECT_EQ(a.modified.seconds, 100);
+  EXPECT_EQ(a.modified().seconds, 100);
   EXPECT_EQ(a.node, 0U);
   EXPECT_THAT(ready(), IsEmpty());
 }
@@ -41,11 +41,11 @@ TEST_F(TreeIncomingTest, AnObjectWithoutContentsGoesOnWithTheNewVersion) {
   Item& a = *at("a");
   const auto object =
       std::make_shared<FileObject>(std::make_shared<FileObjectServices>(), a.id, ContentState{});
-  a.object = object;
+  a.setObject(object);
   a.node = 7;
   tree().applyListing(root(), {file("1", "a", 4)}, {}, tree().moment());
   const TreeEffects effects = tree().takeEffects();
-  EXPECT_EQ(a.object, object);
+  EXPECT_EQ(a.object(), object);
   EXPECT_THAT(effects.abandoned, IsEmpty());
   EXPECT_EQ(a.node, 7U);
   EXPECT_THAT(effects.detached, IsEmpty());
@@ -63,11 +63,11 @@ TEST_F(TreeIncomingTest, AnObjectWithContentsOfTheOldVersionIsAbandoned) {
   fill(a, 3);
   const auto object =
       std::make_shared<FileObject>(std::make_shared<FileObjectServices>(), a.id, ContentState{});
-  a.object = object;
+  a.setObject(object);
   a.node = 7;
   tree().applyListing(root(), {file("1", "a", 4)}, {}, tree().moment());
   const TreeEffects effects = tree().takeEffects();
-  EXPECT_EQ(a.object, nullptr);
+  EXPECT_EQ(a.object(), nullptr);
   EXPECT_THAT(effects.abandoned, ElementsAre(object));
   ASSERT_EQ(effects.detached.size(), 1U);
   EXPECT_EQ(effects.detached[0].object, object);
@@ -83,7 +83,7 @@ TEST_F(TreeIncomingTest, WhatIsReportedAsUpdatedAndIsTheSameKeepsItsContents) {
   change({update(file("1", "a", 3)), update(folder("2", "d")), deletion("unknown")});
   EXPECT_EQ(at("a"), a);
   EXPECT_TRUE(a->isWhole());
-  EXPECT_EQ(root().part->listing.anchor, "next");
+  EXPECT_EQ(root().part()->listing.anchor, "next");
   change({deletion("1"), update(file("3", "c"))});
   EXPECT_THAT(names(), ElementsAre("c", "d"));
 }
@@ -126,7 +126,7 @@ TEST_F(TreeIncomingTest, AFolderWithAnotherIdentifierIsListedAnew) {
   list(d, {file("2", "a")});
   list({folder("3", "d")});
   EXPECT_EQ(at("d"), &d);
-  EXPECT_FALSE(d.part->listing.anchor);
+  EXPECT_FALSE(d.part()->listing.anchor);
   EXPECT_FALSE(tree().isSure(*tree().child(d, "a")));
   EXPECT_TRUE(effects_.doubtful.contains(d.id));
 }
@@ -187,7 +187,7 @@ TEST_F(TreeIncomingTest, WhoseNewNameCanNotBeShownIsFoundOutByAListing) {
   list({file("1", "a")});
   change({update(file("1", "a/b"))});
   EXPECT_TRUE(effects_.doubtful.contains(kRootItem));
-  EXPECT_FALSE(root().part->listing.anchor);
+  EXPECT_FALSE(root().part()->listing.anchor);
   EXPECT_NE(at("a"), nullptr);
   list({file("1", "a/b")});
   EXPECT_EQ(at("a"), nullptr);
@@ -202,7 +202,7 @@ TEST_F(TreeIncomingTest, WhoeverHadAnIdentifierBeforeIsAskedForAgain) {
   EXPECT_EQ(tree().byIdentifier("1"), at("x"));
   EXPECT_FALSE(tree().isSure(a));
   EXPECT_TRUE(effects_.doubtful.contains(d.id));
-  EXPECT_FALSE(d.part->listing.anchor);
+  EXPECT_FALSE(d.part()->listing.anchor);
   list(d, {});
   EXPECT_THAT(names(d), IsEmpty());
   EXPECT_EQ(tree().byIdentifier("1"), at("x"));
@@ -230,11 +230,11 @@ TEST_F(TreeIncomingTest, AnAnswerFromBeforeASendingChangesNothing) {
   tree().applyListing(root(), {}, "stale", asOf);
   EXPECT_TRUE(check().doubtful.contains(kRootItem));
   EXPECT_NE(at("a"), nullptr);
-  EXPECT_FALSE(root().part->listing.anchor);
-  root().part->listing.anchor = "before";
+  EXPECT_FALSE(root().part()->listing.anchor);
+  root().part()->listing.anchor = "before";
   tree().applyChanges(root(), {update(file("1", "a", 3))}, "stale", asOf);
   EXPECT_TRUE(tree().takeEffects().doubtful.contains(kRootItem));
-  EXPECT_EQ(root().part->listing.anchor, "before");
+  EXPECT_EQ(root().part()->listing.anchor, "before");
   tree().applyItem(*at("a"), file("1", "a", 4), asOf);
   tree().applyItem(*at("a"), std::nullopt, asOf);
   ASSERT_NE(at("a"), nullptr);
@@ -265,7 +265,7 @@ TEST_F(TreeIncomingTest, AListingFromBeforeItsFolderMovedChangesNothing) {
   tree().moved(d, {at("e")->id, "d"}, folder("/e/d", "d"));
   tree().applyListing(d, {}, "stale", asOf);
   EXPECT_TRUE(check().doubtful.contains(d.id));
-  EXPECT_EQ(d.part->children.size(), 1U);
+  EXPECT_EQ(d.part()->children.size(), 1U);
 }
 
 TEST_F(TreeIncomingTest, WhatGoesWhileItsAnswerIsOnTheWayIsAskedFor) {
@@ -276,7 +276,7 @@ TEST_F(TreeIncomingTest, WhatGoesWhileItsAnswerIsOnTheWayIsAskedFor) {
   tree().created(a, {kRootItem, "a"}, file("1", "a", 5), 1, now_);
   tree().endChange(a);
   EXPECT_TRUE(check().doubtful.contains(kRootItem));
-  EXPECT_FALSE(root().part->listing.anchor);
+  EXPECT_FALSE(root().part()->listing.anchor);
 }
 
 TEST_F(TreeIncomingTest, WhatWasShownAndGoesWhileItsAnswerIsOnTheWayIsAskedForToo) {
@@ -290,7 +290,7 @@ TEST_F(TreeIncomingTest, WhatWasShownAndGoesWhileItsAnswerIsOnTheWayIsAskedForTo
   tree().created(d, {kRootItem, "d"}, folder("1", "d"), 0, now_);
   tree().endChange(d);
   EXPECT_TRUE(check().doubtful.contains(kRootItem));
-  EXPECT_FALSE(root().part->listing.anchor);
+  EXPECT_FALSE(root().part()->listing.anchor);
 }
 
 TEST_F(TreeIncomingTest, AListingWhileAnAnswerIsOnTheWayIsRepeated) {
@@ -301,7 +301,7 @@ TEST_F(TreeIncomingTest, AListingWhileAnAnswerIsOnTheWayIsRepeated) {
   tree().created(a, {kRootItem, "a"}, file("1", "a", 5), 1, now_);
   tree().endChange(a);
   EXPECT_TRUE(check().doubtful.contains(kRootItem));
-  EXPECT_FALSE(root().part->listing.anchor);
+  EXPECT_FALSE(root().part()->listing.anchor);
 }
 
 TEST_F(TreeIncomingTest, WhatMovedOutOfAFolderThatIsGoneStays) {
@@ -341,7 +341,7 @@ TEST_F(TreeIncomingTest, WhatWasChangedBeforeTheAnswerOfItsCreationCameIsNotTheC
   tree().endChange(made);
   check();
   EXPECT_EQ(tree().byIdentifier("1"), &shown);
-  EXPECT_EQ(made.content->sendingSince, 0);
+  EXPECT_EQ(made.content()->sendingSince, 0);
   EXPECT_THAT(ready(), ElementsAre(Change{Change::Kind::create, made.id, {kRootItem, "b"}}));
   list({file("1", "c", 6)});
   EXPECT_EQ(at("c"), &shown);
@@ -392,7 +392,7 @@ TEST_F(TreePathsTest, ARenamedFolderMakesAllThatIsInItUnsure) {
   EXPECT_TRUE(tree().isSure(*d_));
   for (const Item* item : {e_, a_, b_}) EXPECT_FALSE(tree().isSure(*item));
   EXPECT_EQ(tree().byIdentifier("/d/a"), nullptr);
-  EXPECT_FALSE(e_->part->listing.anchor);
+  EXPECT_FALSE(e_->part()->listing.anchor);
   tree().applyItem(*a_, std::nullopt, tree().moment());
   EXPECT_TRUE(check().doubtful.contains(d_->id));
   EXPECT_TRUE(a_->isWhole());
@@ -407,18 +407,18 @@ TEST_F(TreePathsTest, ListingsMatchByNamesFromTheTopDown) {
   list(*d_, {folder("/x/e", "e"), file("/x/a", "a", 3)});
   EXPECT_EQ(tree().byIdentifier("/x/a"), a_);
   EXPECT_TRUE(a_->isWhole());
-  EXPECT_FALSE(d_->part->listing.hasStaleIdentifiers);
+  EXPECT_FALSE(d_->part()->listing.hasStaleIdentifiers);
   list(*e_, {file("/x/e/b", "b", 4)});
   EXPECT_EQ(tree().byIdentifier("/x/e/b"), b_);
   EXPECT_THAT(ready(), ElementsAre(Change{ChangeKind::send, b_->id, {}}));
-  EXPECT_EQ(b_->content->base, "v4");
+  EXPECT_EQ(b_->content()->base, "v4");
 }
 
 TEST_F(TreePathsTest, OnlyAListingTellsWhoIsWho) {
   tree().applyChanges(*d_, {update(file("/x/new", "new"))}, "next", tree().moment());
   EXPECT_TRUE(check().doubtful.contains(d_->id));
   EXPECT_THAT(names(*d_), ElementsAre("a", "e"));
-  EXPECT_FALSE(d_->part->listing.anchor);
+  EXPECT_FALSE(d_->part()->listing.anchor);
 }
 
 TEST_F(TreePathsTest, WhatComesToTheOldPathIsAnother) {
@@ -432,7 +432,7 @@ TEST_F(TreePathsTest, WhatComesToTheOldPathIsAnother) {
 TEST_F(TreePathsTest, WhileSomethingIsUnderWayNamesTellNothing) {
   tree().beginChange(*a_);
   list(*d_, {});
-  EXPECT_TRUE(d_->part->listing.hasStaleIdentifiers);
+  EXPECT_TRUE(d_->part()->listing.hasStaleIdentifiers);
   EXPECT_EQ(tree().child(*d_, "a"), a_);
   tree().endChange(*a_);
 }
@@ -454,7 +454,7 @@ TEST_F(TreeIncomingTest, AFolderThatKeepsItsIdentifierLeavesThoseInItSure) {
   tree().move(*at("d"), root(), "x");
   tree().moved(*at("x"), {kRootItem, "x"}, folder("1", "x"));
   EXPECT_TRUE(tree().isSure(*tree().byIdentifier("2")));
-  EXPECT_EQ(at("x")->part->listing.anchor, "anchor");
+  EXPECT_EQ(at("x")->part()->listing.anchor, "anchor");
 }
 
 }  // namespace

@@ -16,15 +16,15 @@ TEST_F(TreePendingTest, BothChangedBothAreKept) {
   fill(item, 5, 1);
   list({file("1", "a.txt", 4)});
   EXPECT_TRUE(item.isEdited());
-  EXPECT_EQ(item.content->base, "v3");
+  EXPECT_EQ(item.content()->base, "v3");
   EXPECT_EQ(item.there->version.contentVersion, "v4");
   Item& stored = tree().keepBoth(item);
   check();
-  EXPECT_EQ(item.name, "a" + kConflict + ".txt");
+  EXPECT_EQ(item.name(), "a" + kConflict + ".txt");
   EXPECT_EQ(at("a.txt"), &stored);
   EXPECT_EQ(stored.there->identifier, "1");
   EXPECT_EQ(stored.sizeBytes, 4);
-  EXPECT_THAT(ready(), ElementsAre(Change{ChangeKind::create, item.id, {1, item.name}}));
+  EXPECT_THAT(ready(), ElementsAre(Change{ChangeKind::create, item.id, {1, item.name()}}));
 }
 
 TEST_F(TreePendingTest, BothAreKeptOfAFileThatWasMovedOutOfARemovedFolder) {
@@ -117,7 +117,7 @@ TEST_F(TreePendingTest, TheFirstChangeIsOfTheVersionThatItsContentsAreOf) {
   state.isEdited = true;
   tree().setContent(item, state);
   check();
-  EXPECT_EQ(item.content->base, "v3");
+  EXPECT_EQ(item.content()->base, "v3");
 }
 
 TEST_F(TreePendingTest, ADeletionLosesAgainstAnEditAndAgainstAMoveOfWhatIsHere) {
@@ -140,7 +140,7 @@ TEST_F(TreePendingTest, AFolderThatIsGoneSurvivesWithWhatWasChangedInIt) {
   list({});
   EXPECT_THAT(names(d), ElementsAre("a"));
   EXPECT_FALSE(d.there);
-  EXPECT_FALSE(d.part->listing.anchor);
+  EXPECT_FALSE(d.part()->listing.anchor);
   EXPECT_THAT(ready(), ElementsAre(Change{ChangeKind::create, d.id, {1, "d"}}));
 }
 
@@ -182,14 +182,14 @@ TEST_F(TreePendingTest, WhatComesBackIntoATakenNameHasAnother) {
   Item& taken = tree().create(root(), "a", true, false);
   tree().bringBack(a);
   EXPECT_EQ(at("a"), &taken);
-  EXPECT_EQ(a.name, "a" + kConflict);
+  EXPECT_EQ(a.name(), "a" + kConflict);
 }
 
 TEST_F(TreePendingTest, TwoFilesOfOneNameAreBothKept) {
   list({});
   Item& mine = make("a");
   list({file("1", "a", 5)});
-  EXPECT_EQ(mine.name, "a" + kConflict);
+  EXPECT_EQ(mine.name(), "a" + kConflict);
   EXPECT_EQ(at("a")->there->identifier, "1");
 }
 
@@ -198,7 +198,7 @@ TEST_F(TreePendingTest, ANameForBothIsFreeOnBothSides) {
   tree().remove(*at("a" + kConflict));
   Item& mine = make("a");
   list({file("1", "a", 5), file("2", "a" + kConflict)});
-  EXPECT_EQ(mine.name, "a (conflict here 1970-01-12 13.46 2)");
+  EXPECT_EQ(mine.name(), "a (conflict here 1970-01-12 13.46 2)");
 }
 
 TEST_F(TreePendingTest, TwoFoldersOfOneNameAreOne) {
@@ -209,7 +209,7 @@ TEST_F(TreePendingTest, TwoFoldersOfOneNameAreOne) {
   EXPECT_EQ(at("d"), &mine);
   EXPECT_EQ(mine.there->identifier, "1");
   EXPECT_TRUE(effects_.doubtful.contains(mine.id));
-  EXPECT_FALSE(mine.part->listing.anchor);
+  EXPECT_FALSE(mine.part()->listing.anchor);
   list(mine, {file("2", "y")});
   EXPECT_THAT(names(mine), ElementsAre("x", "y"));
   EXPECT_THAT(ready(), ElementsAre(Change{ChangeKind::create, inner.id, {mine.id, "x"}}));
@@ -221,7 +221,7 @@ TEST_F(TreePendingTest, AFolderThatOthersMoveOntoANewOneKeepsItsName) {
   Item& mine = tree().create(root(), "x", true, false);
   list({folder("1", "x")});
   EXPECT_EQ(at("x"), &theirs);
-  EXPECT_EQ(mine.name, "x" + kConflict);
+  EXPECT_EQ(mine.name(), "x" + kConflict);
   EXPECT_FALSE(mine.there);
 }
 
@@ -233,13 +233,13 @@ TEST_F(TreePendingTest, WhatIsBeingMadeIsNotTakenForAnothersThoughItsNameIsAnIte
   Item& second = make("a", 7);
   list({file("1", "a", 5)});
   EXPECT_EQ(at("a"), &second);
-  EXPECT_EQ(root().part->children.size(), 1U);
+  EXPECT_EQ(root().part()->children.size(), 1U);
   EXPECT_TRUE(effects_.doubtful.contains(kRootItem));
   tree().created(first, {kRootItem, "a"}, file("1", "a", 5), 1, now_);
   tree().endChange(first);
   list({file("1", "a", 5)});
   EXPECT_EQ(at("a"), &second);
-  EXPECT_EQ(root().part->children.size(), 1U);
+  EXPECT_EQ(root().part()->children.size(), 1U);
 }
 
 TEST_F(TreePendingTest, ACreationWhoseAnswerWasLostIsRecognisedBySizeAndTime) {
@@ -252,10 +252,10 @@ TEST_F(TreePendingTest, ACreationWhoseAnswerWasLostIsRecognisedBySizeAndTime) {
   record.modified = now_;
   list({record});
   EXPECT_EQ(at("a"), &a);
-  EXPECT_EQ(a.content->base, "v5");
-  EXPECT_EQ(a.content->sentEdits, 1U);
+  EXPECT_EQ(a.content()->base, "v5");
+  EXPECT_EQ(a.content()->sentEdits, 1U);
   EXPECT_TRUE(a.isEdited());
-  EXPECT_EQ(a.content->sendingSince, 0);
+  EXPECT_EQ(a.content()->sendingSince, 0);
 }
 
 TEST_F(TreePendingTest, AnotherSizeOrAnEarlierTimeIsNotTheCreation) {
@@ -281,14 +281,14 @@ TEST_F(TreePendingTest, AGuessedVersionBecomesTheTrueOneAndLaterEditsStandOnIt) 
   guess.contentVersion = "guess";
   send(a, guess);
   EXPECT_TRUE(a.there->isProvisional);
-  EXPECT_FALSE(a.content->state.isEdited);
+  EXPECT_FALSE(a.content()->state.isEdited);
   fill(a, 6, 2);
   ItemRecord record = file("1", "a", 5);
   record.modified = now_;
   list({record});
   EXPECT_FALSE(a.there->isProvisional);
-  EXPECT_EQ(a.content->base, "v5");
-  EXPECT_EQ(a.content->state.version, "v5");
+  EXPECT_EQ(a.content()->base, "v5");
+  EXPECT_EQ(a.content()->state.version, "v5");
   EXPECT_TRUE(a.isEdited());
   EXPECT_TRUE(a.isWhole());
 }
@@ -299,7 +299,7 @@ TEST_F(TreePendingTest, WhatOthersWroteAfterASendingIsNotTheGuess) {
   fill(a, 5, 1);
   send(a, file("1", "a", 77));
   list({file("1", "a", 6)});
-  EXPECT_EQ(a.content, nullptr);
+  EXPECT_EQ(a.content(), nullptr);
   EXPECT_EQ(a.sizeBytes, 6);
 }
 
@@ -314,9 +314,9 @@ TEST_F(TreePendingTest, OfTwoSendingsTheOneThatArrivedIsTheBase) {
   ItemRecord record = file("1", "a", 5);
   record.modified = now_;
   list({record});  // it could be both
-  EXPECT_EQ(a.content->sentEdits, 1U);
+  EXPECT_EQ(a.content()->sentEdits, 1U);
   EXPECT_TRUE(a.isEdited());
-  EXPECT_EQ(a.content->base, "v5");
+  EXPECT_EQ(a.content()->base, "v5");
 }
 
 TEST_F(TreePendingTest, WhatTheExtensionDoesNotTakeIsNotSentUntilItHasAnotherName) {
@@ -385,7 +385,7 @@ TEST_F(TreePendingTest, WhatWasSentAndIsNoLongerWholeHereGoes) {
   list({});
   Item& made = make("a");
   send(made, file("1", "a", 5));
-  ContentState state = made.content->state;
+  ContentState state = made.content()->state;
   state.present = {};
   tree().setContent(made, state);
   list({});

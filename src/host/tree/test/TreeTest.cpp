@@ -42,17 +42,17 @@ TEST_F(TreeTest, WhatOthersDidTheKernelIsTold) {
 }
 
 TEST_F(TreeTest, AFirstListingTellsTheKernelNothingAndLeavesTheTimeOfTheFolder) {
-  const FileTime before = root().modified;
+  const FileTime before = root().modified();
   now_ += std::chrono::seconds(10);
   tree().applyListing(root(), {file("1", "a"), folder("2", "d")}, "anchor", tree().moment());
   EXPECT_THAT(check().cache, IsEmpty());
-  EXPECT_EQ(root().modified, before);
-  EXPECT_TRUE(root().part->listing.isEnumerated);
-  EXPECT_EQ(root().part->listing.anchor, "anchor");
+  EXPECT_EQ(root().modified(), before);
+  EXPECT_TRUE(root().part()->listing.isEnumerated);
+  EXPECT_EQ(root().part()->listing.anchor, "anchor");
   EXPECT_EQ(at("a")->sizeBytes, 1);
   EXPECT_THAT(ready(), IsEmpty());
   list({file("1", "a"), folder("2", "d"), file("3", "b")});
-  EXPECT_GT(root().modified, before);
+  EXPECT_GT(root().modified(), before);
 }
 
 TEST_F(TreeTest, AnItemThatIsNeitherHereNorThereIsForgotten) {
@@ -84,7 +84,7 @@ TEST_F(TreeTest, AnEditBeginsFromTheVersionThatIsThere) {
   EXPECT_FALSE(item.isEdited());
   EXPECT_THAT(ready(), IsEmpty());
   fill(item, 9, 1);
-  EXPECT_EQ(item.content->base, "v3");
+  EXPECT_EQ(item.content()->base, "v3");
   EXPECT_THAT(ready(), ElementsAre(Change{ChangeKind::send, item.id, {}}));
 }
 
@@ -113,7 +113,7 @@ class TreeSaveTest : public TreeFixture {
   void expectSent(const Item& item) {
     ASSERT_TRUE(item.there);
     EXPECT_EQ(item.there->identifier, "1");
-    EXPECT_EQ(item.content->base, "v3");
+    EXPECT_EQ(item.content()->base, "v3");
     EXPECT_TRUE(item.isEdited());
     EXPECT_THAT(ready(), testing::Contains(Change{ChangeKind::send, item.id, {}}));
   }
@@ -221,7 +221,7 @@ TEST_F(TreeSaveTest, ASendingOfWhichTheEndIsUnknownIsTakenOverToo) {
   ItemRecord record = file("1", "a", 8);
   record.modified = now_;
   list({record});  // it had arrived
-  EXPECT_EQ(item.content->base, "v8");
+  EXPECT_EQ(item.content()->base, "v8");
   EXPECT_TRUE(item.isEdited());
 }
 
@@ -274,7 +274,7 @@ class TreeRestoreTest : public TreeFixture {
     return row;
   }
   void restore(const std::vector<ItemRow>& rows) {
-    tree().restore(rows, 2);
+    kestrune::host::restore(tree(), rows, 2);
     const TreeEffects told = tree().takeEffects();
     std::vector<ItemRow> mended;
     tree().forEach([&](Item& item) { mended.push_back(tree().row(item)); });
@@ -285,7 +285,7 @@ class TreeRestoreTest : public TreeFixture {
     }
     doubtful_ = told.doubtful;
     tree_ = std::make_unique<Tree>(setting());
-    tree().restore(mended, 2);
+    kestrune::host::restore(tree(), mended, 2);
     tree().forEach([&](Item& item) { tree().changedHere(item); });
     check();
   }
@@ -346,7 +346,7 @@ TEST_F(TreeLostEditTest, ChangesOfTheVersionThatTheStoreHasAreSentToIt) {
   list(d, {file("2", "a", 5)});
   EXPECT_THAT(names(d), ElementsAre("a"));
   EXPECT_THAT(ready(), ElementsAre(Change{ChangeKind::send, id, {}}));
-  EXPECT_EQ(tree().find(id)->content->base, tree().find(id)->there->version.contentVersion);
+  EXPECT_EQ(tree().find(id)->content()->base, tree().find(id)->there->version.contentVersion);
   EXPECT_TRUE(tree().find(id)->isExecutable);
 }
 
@@ -354,7 +354,7 @@ TEST_F(TreeLostEditTest, ChangesOfAnotherVersionAreKeptBesideIt) {
   const ItemId id = lost("/a", "v5").id;
   list({file("1", "a", 6)});
   EXPECT_THAT(names(), ElementsAre("a", "a" + kConflict));
-  EXPECT_EQ(tree().find(id)->name, "a" + kConflict);
+  EXPECT_EQ(tree().find(id)->name(), "a" + kConflict);
 }
 
 TEST_F(TreeLostEditTest, WhatWasMadeHereIsMadeThereWithItsFolders) {
@@ -387,7 +387,7 @@ TEST_F(TreeRestoreTest, FoldersThatAreThereInCirclesAreNot) {
   EXPECT_FALSE(tree().find(2)->there);
   EXPECT_EQ(tree().find(4), nullptr);
   EXPECT_TRUE(doubtful_.contains(2));
-  EXPECT_FALSE(tree().find(2)->part->listing.anchor);
+  EXPECT_FALSE(tree().find(2)->part()->listing.anchor);
 }
 
 TEST_F(TreeRestoreTest, WhatWasRemovedIsRemovedThereOrForgotten) {

@@ -324,7 +324,7 @@ TEST_F(ContentsTest, AFetchThatEndsWhileTheFirstWriteIsRememberedDoesNotUndoThat
     ASSERT_TRUE(written.get().ok());
     ASSERT_TRUE(read.get().ok());
     const bool isRemembered = fileSystem().volume()->look([&](Tree& tree, Nodes&) {
-      return tree.child(tree.root(), path.substr(1))->content->state.isEdited;
+      return tree.child(tree.root(), path.substr(1))->content()->state.isEdited;
     });
     EXPECT_TRUE(isRemembered) << path;
     fileSystem().release(file);

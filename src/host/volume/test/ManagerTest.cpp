@@ -51,7 +51,7 @@ class ManagerTest : public testing::Test {
   std::int64_t bytesHere(const std::string& identifier) {
     return host_.fileSystem().volume()->look([&](Tree& tree, Nodes&) -> std::int64_t {
       const Item* item = tree.byIdentifier(identifier);
-      return item == nullptr || !item->content ? 0 : item->content->state.present.byteCount();
+      return item == nullptr || !item->content() ? 0 : item->content()->state.present.byteCount();
     });
   }
   bool comes(const std::string& identifier, std::int64_t bytes) {

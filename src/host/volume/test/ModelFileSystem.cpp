@@ -120,10 +120,11 @@ std::map<std::string, ModelFileSystem::Seen> ModelFileSystem::view() {
   host_.fileSystem().volume()->look([&](Tree& tree, Nodes&) {
     const std::function<void(const std::string&, const Item&)> visit = [&](const std::string& path,
                                                                            const Item& item) {
-      const bool isEnumerated = item.isFolder && item.part->listing.isEnumerated;
+      const bool isEnumerated = item.isFolder && item.part()->listing.isEnumerated;
       view[path.empty() ? "/" : path] = {item.id, item.isFolder, isEnumerated};
       if (!item.isFolder) return;
-      for (const auto& [id, child] : item.part->children) visit(path + "/" + child->name, *child);
+      for (const Item* child : item.part()->children)
+        visit(path + "/" + std::string(child->name()), *child);
     };
     visit("", tree.root());
   });

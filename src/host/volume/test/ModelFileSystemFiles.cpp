@@ -112,9 +112,9 @@ std::vector<std::string> ModelFileSystem::shown(InodeNumber inode) {
   host_.fileSystem().volume()->look([&](Tree& tree, Nodes&) {
     const Item* item = tree.find(inode);
     if (item == nullptr || item->isFolder) return;
-    object = item->object;
+    object = item->object();
     absent = absentState(*item);
-    state = item->content ? item->content->state : absent;
+    state = item->content() ? item->content()->state : absent;
   });
   if (object) state = object->state();
   if (state.number == 0) state = absent;  // it goes on with what there is now
@@ -139,7 +139,7 @@ void ModelFileSystem::keep(const HandlePtr& handle) {
   const auto found = local_.find(volumeFile(*handle->file).object->state().number);
   if (found == local_.end() || found->second.bytes.empty() || !isLinked(handle->inode)) return;
   const bool isIts = host_.fileSystem().volume()->look([&](Tree& tree, Nodes&) {
-    return tree.find(handle->inode)->object == volumeFile(*handle->file).object;
+    return tree.find(handle->inode)->object() == volumeFile(*handle->file).object;
   });
   const std::string& bytes = found->second.bytes;
   if (isIts && !gone_.contains(bytes)) precious_.insert(bytes);

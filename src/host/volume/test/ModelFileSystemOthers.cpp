@@ -226,7 +226,7 @@ void ModelFileSystem::tellWhatIsLeft() {
   for (const UnsentChange& change : host_.unsent()) {
     const ContentState state = fileSystem.volume()->look([&](Tree& tree, Nodes&) {
       const Item* item = tree.find(change.item);
-      return item != nullptr && item->content ? item->content->state : ContentState();
+      return item != nullptr && item->content() ? item->content()->state : ContentState();
     });
     tell("unsent: " + change.path + (change.isUnderWay ? ", under way" : "") + ": " +
          change.reason + " (" + std::to_string(change.attempts) + " attempts; contents " +

@@ -57,7 +57,7 @@ TEST_F(SavingTest, AndWhenItIsToldOfItsOwnSendingOnlyAfterwards) {
   ASSERT_TRUE(waitUntilSent());
   const auto [object, edits] = fileSystem().volume()->look([&](Tree& tree, Nodes&) {
     const Item& item = *tree.child(tree.root(), ".report.tmp");
-    return std::pair(item.object, item.content->state.edits);
+    return std::pair(item.object(), item.content()->state.edits);
   });
   ASSERT_TRUE(object);
   EXPECT_EQ(rename("/.report.tmp", "/report"), 0);
