@@ -138,29 +138,34 @@ asio::awaitable<void> StorageEndpoint::download(std::shared_ptr<Exchange> exchan
 
 asio::awaitable<void> StorageEndpoint::uploadFile(std::shared_ptr<Exchange> exchange,
                                                   RemotePath path) {
-  Received received = co_await receiveUpload(exchange, &parts_.fileThreads, [this, &path] {
+  std::string tag;
+  UploadSteps steps;
+  steps.begin = [this, &path] {
     parts_.tree.checkPlace(path);
     return UploadTarget{parts_.staging.newDraft()};
-  });
-  const std::string tag = co_await parts_.fileThreads.run([&] {
+  };
+  steps.end = [this, &path, &tag](Received& received) {
     // A draft that finds no place is removed on this thread: a long one takes its time.
     const std::shared_ptr<Draft> draft = std::move(received.target.draft);
     parts_.staging.place(*draft, path);
-    return entityTagOf(attributesOf(draft->file()));
-  });
+    tag = entityTagOf(attributesOf(draft->file()));
+  };
+  co_await receiveUpload(exchange, &parts_.fileThreads, std::move(steps));
   parts_.changes.announce();
   co_await replyStored(std::move(exchange), tag);
 }
 
 asio::awaitable<void> StorageEndpoint::uploadObject(std::shared_ptr<Exchange> exchange,
                                                     std::string key) {
-  Received received = co_await receiveUpload(
-      exchange, &parts_.fileThreads, [this] { return UploadTarget{parts_.staging.newDraft()}; });
-  const std::string tag = co_await parts_.fileThreads.run([&] {
+  std::string tag;
+  UploadSteps steps;
+  steps.begin = [this] { return UploadTarget{parts_.staging.newDraft()}; };
+  steps.end = [this, &key, &tag](Received& received) {
     const std::shared_ptr<Draft> draft = std::move(received.target.draft);
     parts_.staging.keep(*draft, key);
-    return entityTagOf(attributesOf(draft->file()));
-  });
+    tag = entityTagOf(attributesOf(draft->file()));
+  };
+  co_await receiveUpload(exchange, &parts_.fileThreads, std::move(steps));
   co_await replyStored(std::move(exchange), tag);
 }
 
@@ -169,10 +174,11 @@ asio::awaitable<void> StorageEndpoint::uploadPart(std::shared_ptr<Exchange> exch
   PartInProgress part(parts_.uploads, key, exchange->bodyLength());
   std::exception_ptr failure;
   std::string tag;
+  UploadSteps steps;
+  steps.begin = [&part] { return part.begin(); };
+  steps.end = [&part, &tag](Received& received) { tag = part.finish(received); };
   try {
-    Received received =
-        co_await receiveUpload(exchange, &parts_.fileThreads, [&part] { return part.begin(); });
-    tag = co_await parts_.fileThreads.run([&] { return part.finish(received); });
+    co_await receiveUpload(exchange, &parts_.fileThreads, std::move(steps));
   } catch (...) {
     failure = std::current_exception();
   }

@@ -16,53 +16,55 @@ constexpr std::size_t kPieceBytes = 1U << 20U;
 
 class Receiver {
  public:
-  Receiver(std::shared_ptr<Exchange> exchange, FileThreads* fileThreads,
-           std::function<UploadTarget()> makeTarget)
+  Receiver(std::shared_ptr<Exchange> exchange, FileThreads* fileThreads, UploadSteps steps)
       : exchange_(std::move(exchange)),
         fileThreads_(fileThreads),
-        makeTarget_(std::move(makeTarget)),
+        steps_(std::move(steps)),
         announced_(exchange_->bodyLength()) {}
 
-  asio::awaitable<Received> receive() {
+  asio::awaitable<void> receive() {
     const std::uint64_t announced = announced_.value_or(0);
     if (announced > kMaxUploadBytes) throw ServiceError(413, "the file is too large");
     if (announced_ && announced <= kPieceBytes) {
       co_await receiveSmall(static_cast<std::size_t>(announced));
-    } else {
-      co_await fileThreads_->run([this] { prepare(); });
-      if (announced_) {
-        co_await exchange_->pourBody(
-            [this](const char* data, std::size_t length) { store(data, length); }, fileThreads_);
-      } else {
-        co_await receiveUnannounced();
-      }
+      co_return;
     }
-    co_return Received{std::move(target_), received_};
+    co_await fileThreads_->run([this] { prepare(); });
+    if (announced_) {
+      co_await exchange_->pourBody(
+          [this](const char* data, std::size_t length) { store(data, length); }, fileThreads_);
+    } else {
+      co_await receiveUnannounced();
+    }
+    co_await fileThreads_->run([this] { steps_.end(received_); });
   }
 
   asio::awaitable<void> release() {
-    co_await fileThreads_->run([this] { target_.draft.reset(); });
+    co_await fileThreads_->run([this] { received_.target.draft.reset(); });
   }
 
  private:
   void prepare() {
-    target_ = makeTarget_();
-    if (announced_) target_.draft->reserve(target_.offset, *announced_);
+    received_.target = steps_.begin();
+    if (announced_) received_.target.draft->reserve(received_.target.offset, *announced_);
   }
 
   void store(const char* data, std::size_t length) {
-    if (received_ + length > kMaxUploadBytes) throw ServiceError(413, "the file is too large");
-    target_.draft->write(target_.offset + received_, data, length);
-    received_ += length;
+    const auto& [draft, offset] = received_.target;
+    if (received_.length + length > kMaxUploadBytes)
+      throw ServiceError(413, "the file is too large");
+    draft->write(offset + received_.length, data, length);
+    received_.length += length;
   }
 
-  /// A small body is here before the disk is asked, and both in one go then.
+  /// A small body is here before the disk is asked: writing it is as good as reserving.
   asio::awaitable<void> receiveSmall(std::size_t length) {
     piece_.resize(length);
     co_await fillPiece();
     co_await fileThreads_->run([this] {
-      prepare();
+      received_.target = steps_.begin();
       store(piece_.data(), filled_);
+      steps_.end(received_);
     });
   }
 
@@ -86,24 +88,21 @@ class Receiver {
 
   std::shared_ptr<Exchange> exchange_;
   FileThreads* fileThreads_;
-  std::function<UploadTarget()> makeTarget_;
+  UploadSteps steps_;
   std::optional<std::uint64_t> announced_;
   std::vector<char> piece_;
   std::size_t filled_ = 0;
-  std::uint64_t received_ = 0;
-  UploadTarget target_;
+  Received received_;
 };
 
 }  // namespace
 
-asio::awaitable<Received> receiveUpload(std::shared_ptr<Exchange> exchange,
-                                        FileThreads* fileThreads,
-                                        std::function<UploadTarget()> makeTarget) {
-  Receiver receiver(std::move(exchange), fileThreads, std::move(makeTarget));
+asio::awaitable<void> receiveUpload(std::shared_ptr<Exchange> exchange, FileThreads* fileThreads,
+                                    UploadSteps steps) {
+  Receiver receiver(std::move(exchange), fileThreads, std::move(steps));
   std::exception_ptr failure;
-  Received received;
   try {
-    received = co_await receiver.receive();
+    co_await receiver.receive();
   } catch (...) {
     failure = std::current_exception();
   }
@@ -111,7 +110,6 @@ asio::awaitable<Received> receiveUpload(std::shared_ptr<Exchange> exchange,
     co_await receiver.release();
     std::rethrow_exception(failure);
   }
-  co_return received;
 }
 
 }  // namespace kestrune::service
