@@ -30,8 +30,6 @@ ModelFileSystem::ModelFileSystem(std::uint64_t seed, ModelCounts& counts)
       hasOthers_(percent(65)) {
   chooseStore();
   FakeRemote& remote = host_.remote();
-  if (percent(20)) remote.setPageSize(1 + below(3));
-  if (percent(20)) remote.setChangesAtOnce(1 + below(3));
   for (std::size_t i = below(8); i > 0; --i) {
     std::string folder = "/";
     for (const auto& [path, contents] : remote.tree()) {
@@ -65,6 +63,9 @@ void ModelFileSystem::chooseStore() {
     remote.moveAnchorWithEveryChange();
   }
   if (chosen(20, "changes are exaggerated")) remote.exaggerateChanges(true);
+  if (chosen(20, "listings come in pages")) remote.setPageSize(1 + below(3));
+  // Where a renaming is two changes, a deletion and a new item, they belong together.
+  if (!hasPaths_ && chosen(20, "changes come in pieces")) remote.setChangesAtOnce(1 + below(3));
 }
 
 std::size_t ModelFileSystem::below(std::size_t bound) {
