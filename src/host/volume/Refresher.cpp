@@ -20,6 +20,14 @@ bool isExpiredAnchor(const NSError& error) {
          error.code() == NSFileProviderError::syncAnchorExpired;
 }
 
+// The next piece of an answer.
+void join(ChangeSet& pieces, const ChangeSet& next) {
+  pieces.changes.insert(pieces.changes.end(), next.changes.begin(), next.changes.end());
+  pieces.described.insert(pieces.described.end(), next.described.begin(), next.described.end());
+  pieces.anchor = next.anchor;
+  pieces.moreComing = next.moreComing;
+}
+
 }  // namespace
 
 Refresher::Refresher(std::shared_ptr<Volume> volume, std::shared_ptr<FolderLister> lister)
@@ -245,20 +253,25 @@ void Refresher::changed(const Question& question, const Answer<ChangeSet>& answe
     ended(folder, true);
     return;
   }
-  const ChangeSet& changes = answer.value();
+  if (reached_) reached_(nullptr);
+  const bool moved = answer.value().anchor != question.anchor;
+  // What a piece tells may be long past, and taken back by one that follows: only all of them together say what is so.
+  const auto pieces = question.pieces ? question.pieces : std::make_shared<ChangeSet>();
+  join(*pieces, answer.value());
+  ChangeSet& changes = *pieces;
+  if (changes.moreComing && moved) {
+    Question next = question;
+    next.anchor = changes.anchor;
+    next.pieces = pieces;
+    askChanges(next);
+    return;
+  }
   volume_->change([&](Tree& tree, Nodes&) {
     Item* item = tree.find(folder);
     if (item == nullptr || !item->isFolder || !item->there) return;
     tree.applyChanges(*item, changes.changes, changes.anchor, question.asOf);
   });
-  if (described_) described_(changes.described);
-  if (reached_) reached_(nullptr);
-  const bool moved = changes.anchor != question.anchor;
-  if (changes.moreComing && moved) {
-    const State state = stateOf(folder);
-    askChanges({folder, question.identifier, changes.anchor, question.isBehind, state.asOf});
-    return;
-  }
+  if (described_) described_(std::move(changes.described));
   const bool failed = !moved && (question.isBehind || changes.moreComing);
   if (failed) {
     volume_->services().log->failure("refresh", "bring '" + volume_->path(folder) + "' up to date",

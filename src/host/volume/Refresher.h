@@ -34,6 +34,7 @@
 
 #include "host/basics/HostLog.h"
 #include "host/basics/Timers.h"
+#include "host/in/Enumeration.h"
 #include "host/volume/FolderLister.h"
 #include "platform/values/Mutex.h"
 
@@ -95,8 +96,10 @@ class Refresher : public std::enable_shared_from_this<Refresher> {
     platform::NSFileProviderSyncAnchor anchor;
     /// The extension's present anchor is known to be another. Otherwise an answer that does not move is taken at its word.
     bool isBehind = false;
-    /// When it was asked, as the tree tells moments.
+    /// When it was first asked, as the tree tells moments.
     std::uint64_t asOf = 0;
+    /// What earlier pieces of the answer told, for the one question that follows; null at first.
+    std::shared_ptr<ChangeSet> pieces = nullptr;
   };
   struct State {
     bool isListed = false;

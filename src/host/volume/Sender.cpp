@@ -72,6 +72,7 @@ Sender::Clock Sender::quietFor(ItemId id) {
     if (outgoing.isToBeRemoved() || outgoing.isToBeMoved()) return kQuietNames;
     if (item->isFolder) return Clock(0);
     if (item->timesLost > 0 && !item->there) return pauseAfter(item->timesLost - 1);
+    if (outgoing.isToBeCreated() && item->sizeBytes >= kLargeBytes) return kQuietLarge;
     const platform::Date sent{std::chrono::seconds(item->uploadedSeconds())};
     const bool again = item->uploadedSeconds() != 0 && wallClock - sent < std::chrono::seconds(3);
     return again ? Clock(kQuietAgain) : Clock(kQuiet);

@@ -49,6 +49,9 @@ class Sender : public std::enable_shared_from_this<Sender> {
  public:
   static constexpr std::size_t kAtOnce = 12;
   static constexpr std::chrono::milliseconds kQuiet{100};
+  /// For a new file so large that sending it takes far longer than anything that a program may still do to its name.
+  static constexpr std::chrono::milliseconds kQuietLarge{20};
+  static constexpr std::int64_t kLargeBytes = 16LL << 20U;
   /// For removals and moves: what comes next may show that they were part of a save.
   static constexpr std::chrono::milliseconds kQuietNames{300};
   /// For contents that were sent a moment ago.

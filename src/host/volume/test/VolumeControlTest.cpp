@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "host/volume/test/HostHarness.h"
+#include "platform/file_provider/NSFileProviderError.h"
 
 namespace kestrune::host::test {
 
