@@ -1,7 +1,7 @@
 // One SQLite database of the host: made where it is missing, brought to the present schema, looked at
 // before it is trusted.
 //
-// It is in WAL mode and belongs to one process. What a commit survives is chosen for each: the end of
+// It is in WAL mode and belongs to one process: nobody else can open it meanwhile. What a commit survives is chosen for each: the end of
 // the process (nothing is flushed), or a power cut (the log is flushed, with all commits before).
 //
 // Threads: one at a time. Fails: throws StoreError; after a failed statement the database can still be

@@ -105,7 +105,8 @@ TEST_F(ItemStoreTest, AnswersInOrderAndAttributesSeeWhatCameBefore) {
 }
 
 TEST_F(ItemStoreTest, AChangeThatIsRefusedChangesNothingAndHoldsUpNobody) {
-  ItemStore store(openItems(file()).database);
+  auto open = std::make_unique<ItemStore>(openItems(file()).database);
+  ItemStore& store = *open;
   ItemRow bad = sampleFile(3);
   bad.sizeBytes = -1;
   std::promise<platform::NSErrorPtr> refused;
@@ -119,6 +120,7 @@ TEST_F(ItemStoreTest, AChangeThatIsRefusedChangesNothingAndHoldsUpNobody) {
   ASSERT_NE(error, nullptr);
   EXPECT_EQ(error->domain(), StoreError::kDomain);
   EXPECT_EQ(errorOfPut(store, sampleFile(6)), nullptr);
+  open.reset();
   EXPECT_THAT(idsIn(file()), ElementsAre(2, 5, 6));
 }
 
