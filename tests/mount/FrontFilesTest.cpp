@@ -82,6 +82,29 @@ TEST_F(FrontFilesTest, WhatIsNotThereIsNoHole) {
   EXPECT_EQ(::lseek(file, 0, SEEK_HOLE), 1 << 20);
 }
 
+TEST_F(FrontFilesTest, WhoReadsANewFileSeesWhatIsAddedToIt) {
+  const FileNumber writer(at("a"), O_WRONLY | O_CREAT | O_EXCL);
+  EXPECT_EQ(::write(writer, "one", 3), 3);
+  const FileNumber reader(at("a"), O_RDONLY);
+  EXPECT_EQ(bytesOf(reader, 0, 100), "one");
+  void* mapped = ::mmap(nullptr, 4096, PROT_READ, MAP_SHARED, reader, 0);
+  ASSERT_NE(mapped, MAP_FAILED);
+  const char* text = static_cast<const char*>(mapped);
+  EXPECT_EQ(std::string(text, 3), "one");
+  EXPECT_EQ(::write(writer, "two", 3), 3);
+  EXPECT_EQ(bytesOf(reader, 0, 100), "onetwo");
+  EXPECT_EQ(std::string(text, 6), "onetwo");
+  EXPECT_EQ(::pwrite(writer, "O", 1, 0), 1);
+  EXPECT_EQ(bytesOf(reader, 0, 100), "Onetwo");
+  EXPECT_EQ(std::string(text, 6), "Onetwo");
+  EXPECT_EQ(::munmap(mapped, 4096), 0);
+  EXPECT_EQ(::ftruncate(writer, 2), 0);
+  EXPECT_EQ(bytesOf(reader, 0, 100), "On");
+  EXPECT_EQ(::pwrite(writer, "!", 1, 5000), 1);
+  EXPECT_EQ(bytesOf(reader, 0, 4), std::string("On\0\0", 4));
+  EXPECT_EQ(statusOf(at("a")).st_size, 5001);
+}
+
 TEST_F(FrontFilesTest, MappedBytesAreWritten) {
   put(at("a"), std::string(10'000, 'a'));
   {

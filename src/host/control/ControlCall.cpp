@@ -116,7 +116,8 @@ ControlCall::Output ControlCall::received(Letter letter, Clock::time_point now) 
   if (!goesOn) return {resultLine(std::move(letter.answer.value())), true};
   state_ = State::pausing;
   nextLook_ = std::min(now + pause_, deadline_);
-  pause_ = std::min<Clock::duration>(pause_ * 2, kLongestPause);
+  // So that nobody waits much longer than it took.
+  pause_ = std::min<Clock::duration>(pause_ * 5 / 4, kLongestPause);
   if (now < nextProgress_) return {};
   nextProgress_ = now + kProgressInterval;
   return {progressLine(letter.left), false};

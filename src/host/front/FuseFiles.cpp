@@ -148,6 +148,10 @@ void replyCreated(FuseFront& front, fuse_req_t request, fuse_file_info info,
     return;
   }
   auto handle = fillIn(info, created.file, Way::requests);
+  // Nobody reads through this handle: what the kernel kept of the bytes would be copied and thrown away. Kernels that can leave
+  // files to themselves also drop what other handles have read of what is written so.
+  const bool onlyWrites = (info.flags & O_ACCMODE) == O_WRONLY;
+  if (onlyWrites && front.passthrough().isOffered()) info.direct_io = 1;
   const fuse_entry_param parameters = parametersOf(created.entry);
   if (fuse_reply_create(request, &parameters, &info) == 0) {
     static_cast<void>(handle.release());

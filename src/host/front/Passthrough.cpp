@@ -11,6 +11,11 @@ void Passthrough::allow() {
   allowed_ = true;
 }
 
+bool Passthrough::isOffered() const {
+  MutexLock lock(mutex_);
+  return allowed_;
+}
+
 bool Passthrough::inUse() const {
   MutexLock lock(mutex_);
   return allowed_ && succeeded_;

@@ -65,6 +65,8 @@ class Passthrough {
 
   /// The kernel is able to.
   void allow();
+  /// Whether `allow` was called: the kernel is one that can read files by itself.
+  bool isOffered() const;
   /// Whether the kernel has taken files so far and refused none. A refusal (no privilege, a file system that it cannot use)
   /// is taken as final.
   bool inUse() const;
