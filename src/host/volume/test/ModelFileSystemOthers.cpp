@@ -175,11 +175,20 @@ bool ModelFileSystem::isIdle() {
 
 // Nothing is unsent, asked or planned.
 bool ModelFileSystem::comeToRest() {
+  // How long answers take to come is the machine's affair; what follows upon them is bounded.
+  const auto deadline = std::chrono::steady_clock::now() + 30s;
   int quiet = 0;
-  for (int i = 0; i < 3'000 && quiet < 8; ++i) {
+  int waits = 0;
+  for (int steps = 0; steps < 3'000 && quiet < 8;) {
     std::this_thread::sleep_for(150us);
     host_.remote().releaseAll();  // what was asked before the weather changed may be held only now
-    if (!isIdle()) continue;
+    if (!isIdle()) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      // What is looked at again and again may be waiting for something that needs time.
+      if (++waits % 50 == 0) host_.timers().advance(10ms);
+      continue;
+    }
+    ++steps;
     quiet = host_.sender().countUnsent() == 0 ? quiet + 1 : 0;
     host_.timers().advance(std::max<std::chrono::nanoseconds>(
         10ms, std::min<std::chrono::nanoseconds>(host_.timers().untilNext().value_or(10ms), 5s)));
