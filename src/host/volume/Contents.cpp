@@ -58,8 +58,86 @@ FileObjectPtr leaveOldVersion(Tree& tree, Item& item, const ContentState& state)
   return left;
 }
 
+// What of a file is here now.
+void takeChange(Volume& volume, ItemId id, const ContentState& told) {
+  FileObjectPtr left;
+  volume.change([&](Tree& tree, Nodes&) {
+    Item* item = tree.find(id);
+    if (item == nullptr || !item->object()) return;
+    const ContentState state = notForgettingEdits(*item, told);
+    const bool isOld =
+        !state.isEdited && item->there && state.version != item->there->version.contentVersion;
+    if (state.number != 0 && isOld) {
+      left = leaveOldVersion(tree, *item, state);
+    } else if (state.number == 0) {
+      if (!item->isEdited()) tree.dropContent(*item);  // else written to since it was evicted
+    } else {
+      takeState(tree, *item, state);
+    }
+  });
+  if (left) left->mayGo();
+}
+
+void takeSize(Volume& volume, ItemId id, std::int64_t sizeBytes, std::function<void()> then) {
+  std::vector<CacheUpdate> updates;
+  bool isLarger = false;
+  volume.change([&](Tree& tree, Nodes&) {
+    Item* item = tree.find(id);
+    if (item == nullptr) return;
+    const std::int64_t known = std::exchange(item->sizeBytes, sizeBytes);
+    tree.changedHere(*item);
+    if (item->node == 0) return;
+    isLarger = known < sizeBytes;
+    if (known <= sizeBytes) {
+      updates.push_back({CacheUpdate::Kind::attributes, item->node, {}, 0});
+    } else if (item->folder != nullptr && item->folder->node != 0) {
+      updates.push_back({CacheUpdate::Kind::entry, item->folder->node, item->name(), 0});
+    }
+  });
+  // A larger file must be announced before its bytes, or the reader stops at the size that was listed. A smaller one must
+  // not be: when a read ends early the kernel shortens the file by itself, but not if it was told to doubt the attributes
+  // meanwhile, and then the reader would see zeros. So it only looks up the name again, and learns the size with that.
+  const auto& kernel = volume.services().kernel;
+  if (isLarger) {
+    kernel->tell(std::move(updates), std::move(then));
+  } else {
+    then();
+    if (!updates.empty()) kernel->tell(std::move(updates), nullptr);
+  }
+}
+
+ItemId folderThereOf(Volume& volume, ItemId id) {
+  return volume.look([id](Tree& tree, Nodes&) -> ItemId {
+    const Item* item = tree.find(id);
+    return item != nullptr && item->there ? item->there->folder : 0;
+  });
+}
+
+void takeFailure(Volume& volume, const Contents::Listener& listener, ItemId id,
+                 const NSError& error) {
+  volume.services().log->failure("fetch", "fetch '" + volume.path(id) + "'",
+                                 error.localizedDescription());
+  listener.reached(error.share());
+  // A file that is listed and not there: its deletion was missed.
+  if (errnoFor(error) != ENOENT) return;
+  if (const ItemId folder = folderThereOf(volume, id)) listener.doubtful(folder);
+}
+
+void takeOtherVersion(Volume& volume, const Contents::Listener& listener, ItemId id,
+                      const platform::NSFileProviderItemPtr& now) {
+  if (now) {
+    const ItemRecord record = ItemRecord::from(*now);
+    volume.change([&](Tree& tree, Nodes&) {
+      Item* item = tree.find(id);
+      if (item != nullptr && item->there && !item->isUnderWay)
+        tree.applyItem(*item, record, tree.moment());
+    });
+  }
+  if (const ItemId folder = folderThereOf(volume, id)) listener.doubtful(folder);
+}
+
 std::shared_ptr<const FileObjectServices> servicesFor(const std::shared_ptr<Volume>& owner,
-                                                      Contents::Listener listener) {
+                                                      const Contents::Listener& listener) {
   const std::weak_ptr<Volume> weak = owner;  // the volume holds the objects
   auto services = std::make_shared<FileObjectServices>();
   services->extension = owner->services().extension;
@@ -84,86 +162,23 @@ std::shared_ptr<const FileObjectServices> servicesFor(const std::shared_ptr<Volu
     };
     volume->change(work, Volume::Survives::processEnd, reply);
   };
-  services->changed = [weak, listener](ItemId id, const ContentState& told) {
+  services->changed = [weak, changed = listener.changed](ItemId id, const ContentState& told) {
     const auto volume = weak.lock();
     if (!volume) return;
-    FileObjectPtr left;
-    volume->change([&](Tree& tree, Nodes&) {
-      Item* item = tree.find(id);
-      if (item == nullptr || !item->object()) return;
-      const ContentState state = notForgettingEdits(*item, told);
-      const bool isOld =
-          !state.isEdited && item->there && state.version != item->there->version.contentVersion;
-      if (state.number != 0 && isOld) {
-        left = leaveOldVersion(tree, *item, state);
-      } else if (state.number == 0) {
-        if (!item->isEdited()) tree.dropContent(*item);  // else written to since it was evicted
-      } else {
-        takeState(tree, *item, state);
-      }
-    });
-    if (left) left->mayGo();
-    if (listener.changed) listener.changed();
+    takeChange(*volume, id, told);
+    if (changed) changed();
   };
   services->resized = [weak](ItemId id, std::int64_t sizeBytes, std::function<void()> then) {
     const auto volume = weak.lock();
     if (!volume) return then();
-    std::vector<CacheUpdate> updates;
-    bool isLarger = false;
-    volume->change([&](Tree& tree, Nodes&) {
-      Item* item = tree.find(id);
-      if (item == nullptr) return;
-      const std::int64_t known = std::exchange(item->sizeBytes, sizeBytes);
-      tree.changedHere(*item);
-      if (item->node == 0) return;
-      isLarger = known < sizeBytes;
-      if (known <= sizeBytes) {
-        updates.push_back({CacheUpdate::Kind::attributes, item->node, {}, 0});
-      } else if (item->folder != nullptr && item->folder->node != 0) {
-        updates.push_back({CacheUpdate::Kind::entry, item->folder->node, item->name(), 0});
-      }
-    });
-    // A larger file must be announced before its bytes, or the reader stops at the size that was listed. A smaller one must
-    // not be: when a read ends early the kernel shortens the file by itself, but not if it was told to doubt the attributes
-    // meanwhile, and then the reader would see zeros. So it only looks up the name again, and learns the size with that.
-    const auto& kernel = volume->services().kernel;
-    if (isLarger) {
-      kernel->tell(std::move(updates), std::move(then));
-    } else {
-      then();
-      if (!updates.empty()) kernel->tell(std::move(updates), nullptr);
-    }
+    takeSize(*volume, id, sizeBytes, std::move(then));
   };
   services->fetching = listener.fetching;
-  const auto folderOf = [](Volume& volume, ItemId id) {
-    return volume.look([id](Tree& tree, Nodes&) -> ItemId {
-      const Item* item = tree.find(id);
-      return item != nullptr && item->there ? item->there->folder : 0;
-    });
+  services->fetchFailed = [weak, listener](ItemId id, const NSError& error) {
+    if (const auto volume = weak.lock()) takeFailure(*volume, listener, id, error);
   };
-  services->fetchFailed = [weak, listener, folderOf](ItemId id, const NSError& error) {
-    const auto volume = weak.lock();
-    if (!volume) return;
-    volume->services().log->failure("fetch", "fetch '" + volume->path(id) + "'",
-                                    error.localizedDescription());
-    listener.reached(error.share());
-    // A file that is listed and not there: its deletion was missed.
-    if (errnoFor(error) != ENOENT) return;
-    if (const ItemId folder = folderOf(*volume, id)) listener.doubtful(folder);
-  };
-  services->versionGone = [weak, listener, folderOf](ItemId id,
-                                                     const platform::NSFileProviderItemPtr& now) {
-    const auto volume = weak.lock();
-    if (!volume) return;
-    if (now) {
-      const ItemRecord record = ItemRecord::from(*now);
-      volume->change([&](Tree& tree, Nodes&) {
-        Item* item = tree.find(id);
-        if (item != nullptr && item->there && !item->isUnderWay)
-          tree.applyItem(*item, record, tree.moment());
-      });
-    }
-    if (const ItemId folder = folderOf(*volume, id)) listener.doubtful(folder);
+  services->versionGone = [weak, listener](ItemId id, const platform::NSFileProviderItemPtr& now) {
+    if (const auto volume = weak.lock()) takeOtherVersion(*volume, listener, id, now);
   };
   return services;
 }
@@ -179,7 +194,7 @@ ContentState absentState(const Item& item) {
 }
 
 Contents::Contents(std::shared_ptr<Volume> volume, Listener listener)
-    : volume_(std::move(volume)), services_(servicesFor(volume_, std::move(listener))) {}
+    : volume_(std::move(volume)), services_(servicesFor(volume_, listener)) {}
 
 FileObjectPtr Contents::objectOf(Item& item) const {
   if (!item.object()) {

@@ -140,7 +140,7 @@ void FileSystem::removeFile(NodeId folder, std::string name, Reply<Done> reply) 
     tree.remove(*item);
     return nullptr;
   };
-  volume_->change(work, Volume::Survives::processEnd, std::move(reply));
+  volume_->change(work, Volume::Survives::processEnd, reply);
 }
 
 void FileSystem::removeFolder(NodeId folder, std::string name, Reply<Done> reply) {

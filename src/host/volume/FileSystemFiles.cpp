@@ -113,7 +113,7 @@ void FileSystem::read(OpenFilePtr file, std::int64_t offset, std::size_t length,
     return stale;
   });
   if (stale == 0) {
-    opened.object->read(offset, length, opened.mayFetch, std::move(reply));
+    opened.object->read(offset, length, opened.mayFetch, reply);
     return;
   }
   lister_->list(stale, [file, offset, length, reply = std::move(reply)](const Answer<Done>& done) {
@@ -207,7 +207,7 @@ void FileSystem::flush(OpenFilePtr file, Reply<Done> reply) {
     tree.changedHere(*item);
     return nullptr;
   };
-  volume_->change(work, Volume::Survives::processEnd, std::move(reply));
+  volume_->change(work, Volume::Survives::processEnd, reply);
 }
 
 // Data first, then what is remembered of it.

@@ -161,6 +161,14 @@ void Keeper::pump() {
   }
 }
 
+void Keeper::wantAgain(ItemId file) {
+  {
+    MutexLock lock(mutex_);
+    wanted_.insert(file);
+  }
+  pump();
+}
+
 // A fill that succeeded is looked at again: the store may have got another version meanwhile, or the item another policy.
 void Keeper::ended(ItemId file, const Answer<Done>& answer) {
   const bool missing = isMissing(file);
@@ -174,16 +182,10 @@ void Keeper::ended(ItemId file, const Answer<Done>& answer) {
       Pause& pause = pauses_[file];
       pause.unreachable = failed && isUnreachable(*answer.error());
       pause.length = std::clamp(pause.length * 2, kFirstPause, kLongestPause);
-      auto again = [weak = weak_from_this(), file] {
-        const auto self = weak.lock();
-        if (!self) return;
-        {
-          MutexLock relock(self->mutex_);
-          self->wanted_.insert(file);
-        }
-        self->pump();
-      };
-      pause.timer = volume_->services().timers->after(pause.length, std::move(again));
+      pause.timer =
+          volume_->services().timers->after(pause.length, [weak = weak_from_this(), file] {
+            if (const auto self = weak.lock()) self->wantAgain(file);
+          });
     }
   }
   if (failed)

@@ -57,6 +57,7 @@ class Keeper : public std::enable_shared_from_this<Keeper> {
   void learn(const std::vector<platform::NSFileProviderItemPtr>& items);
   void want(const std::vector<ItemId>& files);
   void pump();
+  void wantAgain(ItemId file);
   void ended(ItemId file, const Answer<Done>& answer);
   bool isMissing(ItemId file);
 

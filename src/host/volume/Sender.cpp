@@ -276,36 +276,35 @@ void Sender::finished(const Change& change, const Outcome& outcome) {
   {
     MutexLock lock(mutex_);
     std::erase_if(underWay_, [&](const Change& other) { return other.id == change.id; });
-    if (Waits::Wait* found = waits_.find(change.id); found != nullptr) {
-      Waits::Wait& wait = *found;
-      const Clock at = now();
-      if (outcome.error) {
-        const auto pause = pauseAfter(wait.attempts);
-        ++wait.attempts;
-        wait.failed = failed;
-        wait.reason = outcome.error->localizedDescription();
-        wait.unreachable = isUnreachable(*outcome.error);
-        anyUnreachable_ = anyUnreachable_ || wait.unreachable;
-        wait.notBefore = at + pause;
-        if (isOffline(*outcome.error)) {
-          wait.notBefore = at;  // the pause is everybody's
-          offlineUntil_ =
-              at + std::min<Clock>(std::chrono::seconds(1LL << std::min(offline_, 9)), kProbe);
-          ++offline_;
-        }
-      } else if (outcome.lookAgain) {
-        wait.notBefore = at + kQuiet;
-      } else {
-        wait.attempts = 0;
-        wait.failed.reset();
-        wait.reason.clear();
-        waits_.renew(change.id, at);
-      }
+    Waits::Wait* wait = waits_.find(change.id);
+    if (wait != nullptr && outcome.error) {
+      wait->failed = failed;
+      waitAfter(*wait, *outcome.error);
+    } else if (wait != nullptr && outcome.lookAgain) {
+      wait->notBefore = now() + kQuiet;
+    } else if (wait != nullptr) {
+      wait->attempts = 0;
+      wait->failed.reset();
+      wait->reason.clear();
+      waits_.renew(change.id, now());
     }
   }
   const bool failedBelow = outcome.error && !isUnreachable(*outcome.error);
   if (told_ && !outcome.lookAgain && !failedBelow) told_(outcome.error);
   pumpSoon(kTogether);
+}
+
+void Sender::waitAfter(Waits::Wait& wait, const platform::NSError& error) {
+  const Clock at = now();
+  wait.notBefore = at + pauseAfter(wait.attempts);
+  ++wait.attempts;
+  wait.reason = error.localizedDescription();
+  wait.unreachable = isUnreachable(error);
+  anyUnreachable_ = anyUnreachable_ || wait.unreachable;
+  if (!isOffline(error)) return;
+  wait.notBefore = at;  // the pause is everybody's
+  offlineUntil_ = at + std::min<Clock>(pauseAfter(offline_), kProbe);
+  ++offline_;
 }
 
 // ------------------------------------------------------------------------------------------- what is unsent

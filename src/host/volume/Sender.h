@@ -116,10 +116,12 @@ class Sender : public std::enable_shared_from_this<Sender> {
   platform::Task<void> run(std::shared_ptr<Sender> self, Change change);
   Work perform(Change change);
   void finished(const Change& change, const Outcome& outcome);
+  void waitAfter(Waits::Wait& wait, const platform::NSError& error) REQUIRES_LOCK(mutex_);
 
   // Each looks, begins, calls and settles.
   Work createFolder(Change change);
   Work createFile(Change change);
+  FileObjectPtr contentsToSend(const Change& change);
   Work sendContents(Change change);
   Work move(Change change);
   Work remove(Change change);

@@ -16,7 +16,6 @@ using platform::NSError;
 using platform::NSErrorPtr;
 using platform::NSFileProviderError;
 using platform::NSFileProviderItemFields;
-using platform::NSPOSIXError;
 using platform::Task;
 
 // The extension will never take such an item: clutter that belongs to one machine.
@@ -40,12 +39,12 @@ Task<Answer<Done>> Sender::fill(FileObjectPtr object) {
 }
 
 Task<Answer<Done>> Sender::settle(std::function<void(Tree&)> work) {
-  auto start = [this, work](Reply<Done> reply) {
+  auto start = [this, work](const Reply<Done>& reply) {
     auto under = [&work](Tree& tree, Nodes&) -> NSErrorPtr {
       work(tree);
       return nullptr;
     };
-    volume_->change(under, Volume::Survives::processEnd, std::move(reply));
+    volume_->change(under, Volume::Survives::processEnd, reply);
   };
   co_return co_await awaitReply<Done>(start);
 }
@@ -216,26 +215,30 @@ Sender::Work Sender::createFile(Change change) {
 
 // ------------------------------------------------------------------------------------------- contents
 
-Sender::Work Sender::sendContents(Change change) {
-  if (const auto looked = co_await lookAt(change.id); !looked.ok())
-    co_return Outcome{looked.error()};
+// Null if there is nothing to be sent any more, or both sides have changed: then both are kept.
+FileObjectPtr Sender::contentsToSend(const Change& change) {
   FileObjectPtr object;
   volume_->change([&](Tree& tree, Nodes&) {
     if (!isStillWanted(tree, change)) return;
     Item& item = *tree.find(change.id);
-    if (item.there->version.contentVersion != item.content()->base) {
-      const std::string path = tree.path(item);
-      Item& stored = tree.keepBoth(item);
-      volume_->services().log->note(
-          "conflict",
-          "'" + path +
-              "' was changed here and at the store: both are kept, the one from here as '" +
-              tree.path(item) + "'");
-      static_cast<void>(stored);
+    if (item.there->version.contentVersion == item.content()->base) {
+      object = contents_->objectOf(item);
       return;
     }
-    object = contents_->objectOf(item);
+    const std::string path = tree.path(item);
+    tree.keepBoth(item);
+    volume_->services().log->note(
+        "conflict",
+        "'" + path + "' was changed here and at the store: both are kept, the one from here as '" +
+            tree.path(item) + "'");
   });
+  return object;
+}
+
+Sender::Work Sender::sendContents(Change change) {
+  if (const auto looked = co_await lookAt(change.id); !looked.ok())
+    co_return Outcome{looked.error()};
+  const FileObjectPtr object = contentsToSend(change);
   if (!object) co_return Outcome{nullptr, true};
   const auto snapshot = co_await takeSnapshot(object);
   if (!snapshot.ok())
