@@ -166,14 +166,17 @@ TEST_F(LiveServiceTest, LinksOfSeveralFilesArePrintedAndCopiedTogether) {
   const support::ScopedEnvironment search("PATH", tools.string() + ":" + (path ? path : ""));
   const support::ScopedEnvironment display("DISPLAY", ":7");
   mount().start();
+  ASSERT_TRUE(waitUntil([this] { return mount().control("status").status == 0; }));
   const auto result = mount().control("link docs/here.txt docs/missing docs");
   EXPECT_EQ(result.status, 1) << result.output;
   const std::string base = service().address() + "/open/docs";
   EXPECT_THAT(result.output, HasSubstr(base + "/here.txt\n" + base + "\n"));
   EXPECT_THAT(result.output, HasSubstr("docs/missing"));
-  EXPECT_TRUE(waitUntil([&] { return contentsOf(tools / "copied") == base + "/here.txt\n" + base; },
-                        kShown))
-      << contentsOf(tools / "copied");
+  const auto isCopied = [&] {
+    return fs::exists(tools / "copied") &&
+           contentsOf(tools / "copied") == base + "/here.txt\n" + base;
+  };
+  EXPECT_TRUE(waitUntil(isCopied, kShown));
 }
 
 }  // namespace

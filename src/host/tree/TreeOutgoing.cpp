@@ -78,7 +78,8 @@ OutgoingItem Tree::outgoingItem(const Item& item) {
 // mean new contents of the same file.
 void Tree::takeOver(Item& item) {
   if (item.isFolder || item.isUnderWay || !item.content() || item.staysHere) return;
-  if (item.awaited()) return;
+  // Missing bytes were of a version of its own: in the other's place nobody would find them, nor know that they are lost.
+  if (item.awaited() || !item.isWhole()) return;
   Item* before = occupant({item.folder->id, item.name()});
   if (before == nullptr || before == &item || before->isFolder || before->isUnderWay) return;
   if (before->there->isHeldDeletion || before->awaited() || !isSure(*before)) return;
@@ -87,7 +88,7 @@ void Tree::takeOver(Item& item) {
   if (keepsName && (before->folder != item.folder || !before->isWhole())) return;
   if (item.there) {
     const platform::Date sent{std::chrono::seconds(item.uploadedSeconds())};
-    if (!item.isWhole() || !isSure(item) || setting_.now() - sent > kLately) return;
+    if (!isSure(item) || setting_.now() - sent > kLately) return;
     // What is there of it may be newer than is known: only the item itself can tell that from others' contents.
     if (item.content()->sendingSince != 0) return;
     const bool isUnseen = hasUnseen(item);

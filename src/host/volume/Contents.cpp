@@ -193,7 +193,7 @@ ContentState absentState(const Item& item) {
   return state;
 }
 
-Contents::Contents(std::shared_ptr<Volume> volume, Listener listener)
+Contents::Contents(std::shared_ptr<Volume> volume, const Listener& listener)
     : volume_(std::move(volume)), services_(servicesFor(volume_, listener)) {}
 
 FileObjectPtr Contents::objectOf(Item& item) const {

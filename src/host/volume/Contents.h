@@ -22,7 +22,7 @@ class Contents {
     /// Some contents here are more or less than they were.
     std::function<void()> changed;
   };
-  Contents(std::shared_ptr<Volume> volume, Listener listener);
+  Contents(std::shared_ptr<Volume> volume, const Listener& listener);
 
   /// The item's object. REQUIRES: called with the volume's lock; a file.
   FileObjectPtr objectOf(Item& item) const;

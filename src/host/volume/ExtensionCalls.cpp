@@ -98,7 +98,7 @@ class ExtensionCalls::Running {
   std::uint64_t number_ = 0;
 };
 
-void ExtensionCalls::begin(std::uint64_t number, NSProgressPtr progress) {
+void ExtensionCalls::begin(std::uint64_t number, const NSProgressPtr& progress) {
   bool cancel = false;
   {
     MutexLock lock(mutex_);

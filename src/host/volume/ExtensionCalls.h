@@ -55,7 +55,7 @@ class ExtensionCalls : public std::enable_shared_from_this<ExtensionCalls> {
  private:
   /// Remembers the call's progress while `answer` is awaited.
   class Running;
-  void begin(std::uint64_t number, platform::NSProgressPtr progress);
+  void begin(std::uint64_t number, const platform::NSProgressPtr& progress);
   void end(std::uint64_t number);
 
   const ExtensionPtr extension_;

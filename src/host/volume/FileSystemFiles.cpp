@@ -174,6 +174,7 @@ void FileSystem::write(OpenFilePtr file, std::int64_t offset, std::span<const st
                        });
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the interface is the dispatcher's
 void FileSystem::resize(OpenFilePtr file, NodeId, std::int64_t sizeBytes, Reply<Done> reply) {
   const OpenVolumeFile& opened = volumeFile(*file);
   opened.object->resize(sizeBytes,

@@ -116,10 +116,11 @@ std::vector<ItemId> Volume::recoverEdits(std::vector<ItemRow>& edited) const {
   std::vector<ItemId> recovered;
   for (ItemRow& row : edited) {
     try {
-      ContentState state = recoveredState(services_.directory, row.content->state);
-      if (state == row.content->state && row.sizeBytes == state.sizeBytes) continue;
+      ContentState& known = row.content.value().state;
+      ContentState state = recoveredState(services_.directory, known);
+      if (state == known && row.sizeBytes == state.sizeBytes) continue;
       row.sizeBytes = state.sizeBytes;
-      row.content->state = std::move(state);
+      known = std::move(state);
       recovered.push_back(row.id);
     } catch (const platform::NSError& error) {  // whoever opens it is told
       services_.log->failure("recover", "examine the changed contents of '" + row.name + "'",

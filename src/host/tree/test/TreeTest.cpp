@@ -203,6 +203,26 @@ TEST_F(TreeSaveTest, NeitherWhatIsBeingEvictedNorABackupOfItIsCountedOn) {
   EXPECT_FALSE(make("b").there);
 }
 
+TEST_F(TreeSaveTest, ContentsWithHolesOfAVersionThatIsGoneTakeNothingOver) {
+  list({file("1", "a", 3), file("2", "b", 8)});
+  Item& item = *tree().child(root(), "b");
+  ContentState state;
+  state.number = 77;
+  state.sizeBytes = 8;
+  state.fetchableBytes = 8;
+  state.present.add({4, 8});
+  state.version = "v8";
+  state.edits = 1;
+  state.isEdited = true;
+  tree().setContent(item, state);
+  list({file("1", "a", 3)});
+  ASSERT_FALSE(item.there);
+  tree().move(item, root(), "a");
+  check();
+  EXPECT_FALSE(item.there);
+  EXPECT_THAT(ready(), ElementsAre(Change{ChangeKind::remove, old_->id, {}}));
+}
+
 TEST_F(TreeSaveTest, WhatIsUnderWayIsNotTakenOver) {
   tree().beginChange(*old_);
   Item& item = make("temp");
