@@ -19,6 +19,8 @@ namespace kestrune::host {
 namespace {
 
 constexpr int kRetryMilliseconds = 2000;
+// Other files of the folder are replaced by the hundred while much is sent: what comes within this time is read together.
+constexpr int kTogetherMilliseconds = 5;
 constexpr std::uint32_t kEvents = IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE |
                                   IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 
@@ -50,13 +52,12 @@ void FileWatcher::run() {
   for (;;) {
     const bool watching = watch_ >= 0;
     if (!waitForEvents(watching ? -1 : kRetryMilliseconds)) return;
-    bool changed = false;
-    if (watching) {
-      changed = drainEvents();
-    } else {
-      changed = beginWatch();
+    const bool changed = watching ? drainEvents() : beginWatch();
+    if (changed) {
+      changed_();
+    } else if (watching && !pause()) {
+      return;
     }
-    if (changed) changed_();
   }
 }
 
@@ -68,6 +69,15 @@ bool FileWatcher::waitForEvents(int timeoutMilliseconds) {
     if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "poll");
   }
   return polled[0].revents == 0;
+}
+
+// False when the watcher is to stop.
+bool FileWatcher::pause() {
+  pollfd stop = {stop_->number(), POLLIN, 0};
+  while (::poll(&stop, 1, kTogetherMilliseconds) < 0) {
+    if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "poll");
+  }
+  return stop.revents == 0;
 }
 
 bool FileWatcher::beginWatch() {

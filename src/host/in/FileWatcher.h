@@ -31,6 +31,7 @@ class FileWatcher {
   bool beginWatch();
   bool drainEvents();
   bool waitForEvents(int timeoutMilliseconds);
+  bool pause();
 
   const std::filesystem::path file_;
   const std::function<void()> changed_;
