@@ -50,11 +50,11 @@ Answer<FetchedFile> answerOf(const std::optional<fs::path>& url,
 
 }  // namespace
 
-PartFetching partFetchingOf(platform::NSFileProviderReplicatedExtension& extension) {
-  if (dynamic_cast<platform::ContentStreaming*>(&extension) != nullptr)
+PartFetching partFetchingOf(platform::NSFileProviderReplicatedExtension* extension) {
+  if (dynamic_cast<platform::ContentStreaming*>(extension) != nullptr)
     return PartFetching::asStreams;
   const bool asFiles =
-      dynamic_cast<platform::NSFileProviderPartialContentFetching*>(&extension) != nullptr;
+      dynamic_cast<platform::NSFileProviderPartialContentFetching*>(extension) != nullptr;
   return asFiles ? PartFetching::asFiles : PartFetching::none;
 }
 
@@ -110,7 +110,7 @@ platform::NSProgressPtr ContentFetch::stream(ByteRange range, Taker taker,
 
 platform::NSProgressPtr ContentFetch::call(std::optional<ByteRange> range, Taker taker,
                                            Reply<FetchedFile> reply) {
-  if (range && partFetchingOf(*extension_) == PartFetching::asStreams)
+  if (range && partFetchingOf(extension_.get()) == PartFetching::asStreams)
     return stream(*range, std::move(taker), std::move(reply));
   const OnceReply<FetchedFile> once(std::move(reply));
   auto* partial = dynamic_cast<platform::NSFileProviderPartialContentFetching*>(extension_.get());

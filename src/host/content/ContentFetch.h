@@ -21,9 +21,9 @@
 
 namespace kestrune::host {
 
-/// How an extension hands over parts of files.
+/// How an extension hands over parts of files; none if there is no extension.
 enum class PartFetching { none, asFiles, asStreams };
-PartFetching partFetchingOf(platform::NSFileProviderReplicatedExtension& extension);
+PartFetching partFetchingOf(platform::NSFileProviderReplicatedExtension* extension);
 
 /// A file that the extension handed over. It is removed with the last copy unless somebody has moved it away. Of a stream
 /// there is no file; the item says what the store has now, if that is not what was asked for.

@@ -33,7 +33,7 @@ ContentReads::ContentReads(std::shared_ptr<const FileObjectServices> services, I
     : services_(std::move(services)),
       item_(item),
       content_(std::move(content)),
-      parts_(partFetchingOf(*services_->extension)),
+      parts_(partFetchingOf(services_->extension.get())),
       toldBytes_(content_->sizeBytes()) {}
 
 // Null where bytes are missing, or the kernel would cut them off at an old length.
