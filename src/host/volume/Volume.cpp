@@ -117,7 +117,10 @@ std::vector<ItemId> Volume::recoverEdits(std::vector<ItemRow>& edited) const {
   for (ItemRow& row : edited) {
     try {
       ContentState& known = row.content.value().state;
-      ContentState state = recoveredState(services_.directory, known);
+      ContentState wanted = known;
+      // They took another file's place: of their own old version nothing can be fetched, and holes are zeros.
+      if (row.content.value().base != wanted.version) wanted.fetchableBytes = 0;
+      ContentState state = recoveredState(services_.directory, std::move(wanted));
       if (state == known && row.sizeBytes == state.sizeBytes) continue;
       row.sizeBytes = state.sizeBytes;
       known = std::move(state);
