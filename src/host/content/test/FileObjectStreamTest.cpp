@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <csignal>
 
-#include "host/content/test/ContentHarness.h"
+#include "host/content/test/ReadingHarness.h"
 #include "platform/file_provider/NSFileProviderError.h"
 #include "tests/support/Waiting.h"
 
@@ -24,20 +24,10 @@ constexpr std::chrono::milliseconds kShort{50};
 constexpr std::int64_t kKiB = 1 << 10;
 constexpr std::int64_t kUnit = ContentReads::kStreamUnit;
 
-class FileObjectStreamTest : public testing::Test, public ContentHarness {
+class FileObjectStreamTest : public testing::Test, public ReadingHarness {
  protected:
-  FileObjectStreamTest() : ContentHarness(Parts::asStreams) {}
+  FileObjectStreamTest() : ReadingHarness(Parts::asStreams) {}
 
-  FileObjectPtr large(std::int64_t mebibytes = 40) {
-    contents_ = pattern(static_cast<std::size_t>(mebibytes * kMiB), 1);
-    store().put(contents_, "1");
-    auto object = fresh();
-    object->opened(false);
-    return object;
-  }
-  std::string expected(std::int64_t offset, std::size_t length) {
-    return contents_.substr(static_cast<std::size_t>(offset), length);
-  }
   void settle() {
     ASSERT_TRUE(waitUntil([&] { return remembered().fetching() == 0; }));
   }
@@ -47,8 +37,6 @@ class FileObjectStreamTest : public testing::Test, public ContentHarness {
     for (std::int64_t at = from; at < to; at += kRead)
       ASSERT_TRUE(read(object, at, kRead) == expected(at, kRead));
   }
-
-  std::string contents_;  // of the store
 };
 
 TEST_F(FileObjectStreamTest, AReadHereOrThereBringsTheUnitsAroundItAlone) {
