@@ -148,5 +148,22 @@ TEST_F(RestartTest, AfterAKillAFileIsAsLongAsItWasBeforeAnybodyOpensIt) {
   EXPECT_EQ(find("/b").attributes.sizeBytes, 18);
 }
 
+TEST_F(RestartTest, TheHolesOfAFileThatTookAnothersPlaceAreZerosAfterAKill) {
+  constexpr std::int64_t kHole = 1 << 20;
+  remote().putFile("/a", "old");
+  readPath("/a");
+  OpenFilePtr sparse = create("/temporary");
+  write(sparse, "end", kHole);
+  close(sparse);
+  sparse.reset();
+  ASSERT_TRUE(waitUntilSent());
+  EXPECT_EQ(rename("/temporary", "/a"), 0);
+  restartFromCopy([] {});
+  const std::string expected = std::string(kHole, '\0') + "end";
+  EXPECT_TRUE(readPath("/a") == expected);
+  ASSERT_TRUE(waitUntilSent());
+  EXPECT_TRUE(remote().contents("/a") == expected);
+}
+
 }  // namespace
 }  // namespace kestrune::host::test
