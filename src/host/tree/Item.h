@@ -11,8 +11,11 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
 #include <optional>
+#include <string>
 #include <utility>
 
 #include "host/basics/Place.h"
@@ -22,6 +25,13 @@
 #include "host/tree/There.h"
 
 namespace kestrune::host {
+
+/// What a change sent from here made of an item of a folder there.
+struct UntoldChange {
+  bool isInFolder = false;
+  /// When it ended, as Tree::moment tells.
+  std::uint64_t endedAt = 0;
+};
 
 /// The part of a folder.
 struct FolderPart {
@@ -36,6 +46,9 @@ struct FolderPart {
   /// When something was last known to have left it there. Who was asked earlier may show that still, though nobody knows
   /// any more what it was.
   std::uint64_t leftAt = 0;
+  /// By identifier: what was sent from here and the store has not told since. Stores that compare two listings never tell
+  /// of what others have undone meanwhile; then only a whole listing can.
+  std::map<std::string, UntoldChange, std::less<>> untold;
 };
 
 /// A FileTime in twelve bytes.

@@ -63,6 +63,8 @@ ItemRow Tree::row(const Item& item) const {
   if (item.awaited() != nullptr) row.awaited = *item.awaited();
   if (item.content() != nullptr) row.content = *item.content();
   if (item.part()) row.listing = item.part()->listing;
+  // After a restart nobody knows any more what is to be told: a whole listing tells it.
+  if (item.part() && !item.part()->untold.empty()) row.listing->anchor = std::nullopt;
   return row;
 }
 

@@ -254,6 +254,10 @@ class Tree {
   static void contentsAreThere(ContentRow& row, std::uint64_t edits, const std::string& version);
   void markStale(Item& folder);
   void left(ItemId place, std::uint64_t asOf);
+  void expectToldOf(ItemId folder, const std::string& identifier, bool isInFolder);
+  static void hearOf(Item& folder, const std::vector<const ReportedChange*>& changes);
+  static void forgetUntold(Item& folder, std::uint64_t asOf);
+  static bool hasUntold(const Item& folder, std::uint64_t asOf);
   bool isReplacedThere(const Item& item, const std::string& identifier) const;
   void displace(const Place& place, const std::string& identifier, const Item& by);
   std::vector<Item*> childrenThere(const Item& folder) const;

@@ -173,6 +173,7 @@ void Tree::applyListing(Item& folder, const std::vector<ItemRecord>& items,
   }
   bringIn(folder, sightings, gone, batch);
   listing.anchor = batch.isDoubtful ? std::nullopt : std::move(anchor);
+  forgetUntold(folder, batch.asOf);
   note(folder);
   // Of a folder that is listed for the first time nobody has been told anything, and nothing came or went.
   if (!isFirst) return;
@@ -211,12 +212,16 @@ void Tree::applyChanges(Item& folder, const std::vector<ReportedChange>& changes
     if (!batch.kept.contains(item)) gone.push_back(item);
   }
   bringIn(folder, sightings, gone, batch);
+  hearOf(folder, last);
+  const bool isNews = anchor != listing.anchor;
   // Meanwhile it may have turned out that only a whole listing can tell more: then that is still so.
   if (batch.hasLostSight || !listing.anchor) {
     doubt(folder, batch);
     listing.anchor = std::nullopt;
   } else if (!batch.isDoubtful) {
     listing.anchor = std::move(anchor);
+    // What it passes over may have been undone by others: it is as the listing before was, and nothing is to be told.
+    if (isNews && hasUntold(folder, batch.asOf)) askAgain(folder);
   }
   note(folder);
 }

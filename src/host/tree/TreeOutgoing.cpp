@@ -36,6 +36,10 @@ class View final : public OutgoingView {
   mutable std::unordered_map<ItemId, OutgoingItem> known_;
 };
 
+auto isEndedBy(std::uint64_t moment) {
+  return [moment](const auto& change) { return change.second.endedAt <= moment; };
+}
+
 }  // namespace
 
 ThereState thereStateOf(const ItemRecord& record, ItemId folder) {
@@ -158,6 +162,8 @@ void Tree::endChange(Item& item) {
       await(item, std::nullopt);
     }
   }
+  // Removed while the change was on its way, by who knew nothing of what others had made of it.
+  if (!item.isLinked() && hasUnseen(item)) bringBack(leaveOwnThere(item));
   if (!item.isLinked() && !item.there) effects_.gone.insert(item.id);
 }
 
@@ -180,6 +186,7 @@ void Tree::created(Item& item, const Place& place, const ItemRecord& answer, std
     there.modified = began;
   }
   setThere(item, std::move(there));
+  expectToldOf(place.folder, answer.identifier, true);
   if (item.content()) sent(item, answer, edits, began);
   item.setSentAt(moment());
 }
@@ -227,6 +234,7 @@ void Tree::sent(Item& item, const ItemRecord& answer, std::uint64_t edits, platf
   item.setUploadedSeconds(
       std::chrono::floor<std::chrono::seconds>(setting_.now()).time_since_epoch().count());
   item.setSentAt(moment());
+  expectToldOf(item.there->folder, item.there->identifier, true);
   note(item);
 }
 
@@ -249,6 +257,8 @@ void Tree::moved(Item& item, const Place& place, const ItemRecord& answer) {
   displace(place, answer.identifier, item);
   doubtWhatWasMissed(item, place, answer.identifier);
   left(item.there->folder, moment());
+  expectToldOf(item.there->folder, item.there->identifier, false);
+  expectToldOf(place.folder, answer.identifier, true);
   ThereState there = *item.there;
   const bool isSameIdentifier = there.identifier == answer.identifier;
   there.identifier = answer.identifier;
@@ -287,8 +297,36 @@ void Tree::left(ItemId place, std::uint64_t asOf) {
     folder->part()->leftAt = std::max(folder->part()->leftAt, asOf);
 }
 
+void Tree::expectToldOf(ItemId place, const std::string& identifier, bool isInFolder) {
+  Item* folder = find(place);
+  if (folder == nullptr || !folder->isFolder || !folder->part()->listing.anchor) return;
+  auto& untold = folder->part()->untold;
+  untold.insert_or_assign(identifier, UntoldChange{isInFolder, moment()});
+  if (untold.size() == 1) note(*folder);
+}
+
+void Tree::hearOf(Item& folder, const std::vector<const ReportedChange*>& changes) {
+  auto& untold = folder.part()->untold;
+  if (untold.empty()) return;
+  for (const ReportedChange* change : changes) {
+    const auto found = untold.find(change->item.identifier);
+    const bool isInFolder = change->kind == ReportedChange::Kind::update;
+    if (found != untold.end() && found->second.isInFolder == isInFolder) untold.erase(found);
+  }
+}
+
+void Tree::forgetUntold(Item& folder, std::uint64_t asOf) {
+  std::erase_if(folder.part()->untold, isEndedBy(asOf));
+}
+
+bool Tree::hasUntold(const Item& folder, std::uint64_t asOf) {
+  const auto& untold = folder.part()->untold;
+  return std::any_of(untold.begin(), untold.end(), isEndedBy(asOf));
+}
+
 void Tree::removedThere(Item& item) {
   left(item.there->folder, moment());
+  expectToldOf(item.there->folder, item.there->identifier, false);
   if (item.isFolder) {
     for (Item* child : childrenThere(item)) removedThere(*child);
   }

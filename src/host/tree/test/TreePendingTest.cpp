@@ -57,6 +57,21 @@ TEST_F(TreePendingTest, WhoRemovesWhatBothChangedRemovesOnlyWhatIsHere) {
   EXPECT_THAT(ready(), IsEmpty());
 }
 
+TEST_F(TreePendingTest, SoDoesWhoRemovesItWhileAChangeOfItIsOnItsWay) {
+  list({file("1", "a", 3)});
+  Item& item = *at("a");
+  fill(item, 5, 1);
+  list({file("1", "a", 4)});
+  tree().beginChange(item);
+  tree().remove(item);
+  tree().endChange(item);
+  check();
+  ASSERT_NE(at("a"), nullptr);
+  EXPECT_EQ(at("a")->sizeBytes, 4);
+  EXPECT_EQ(at("a")->there->identifier, "1");
+  EXPECT_THAT(ready(), IsEmpty());
+}
+
 TEST_F(TreePendingTest, SoDoesWhoReplacesIt) {
   list({file("1", "a", 3), folder("2", "b")});
   Item& item = *at("a");

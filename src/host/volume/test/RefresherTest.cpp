@@ -128,6 +128,21 @@ TEST_F(RefresherTest, ChangesThatComeInPiecesAreAllApplied) {
   EXPECT_EQ(remote().asked(Ask::changes, "/"), 3);
 }
 
+TEST_F(RefresherTest, WhatWasMovedHereAndMovedBackByOthersIsFoundAgain) {
+  remote().usePathsAsIdentifiers();
+  remote().putFolder("/docs");
+  remote().putFile("/docs/a", "x");
+  names();
+  const NodeId docs = find("/docs").node;
+  names(docs);
+  ASSERT_EQ(rename("/docs/a", "/a"), 0);
+  ASSERT_TRUE(waitUntilSent());
+  ASSERT_TRUE(remote().tryRename("/a", "/docs/a"));
+  announce("/docs");
+  EXPECT_TRUE(waitForNames({"a"}, docs));
+  EXPECT_TRUE(waitForNames({"docs"}));
+}
+
 TEST_F(RefresherTest, ASignalDuringAQuestionAsksOnceMore) {
   names();
   remote().hold(Ask::changes, "/");
