@@ -118,8 +118,9 @@ std::vector<ItemId> Volume::recoverEdits(std::vector<ItemRow>& edited) const {
     try {
       ContentState& known = row.content.value().state;
       ContentState wanted = known;
-      // They took another file's place: of their own old version nothing can be fetched, and holes are zeros.
-      if (row.content.value().base != wanted.version) wanted.fetchableBytes = 0;
+      // Whole and now of another version, as where they took another file's place: nothing of their own old one is missing,
+      // and holes are zeros.
+      if (row.content.value().base != wanted.version && wanted.isWhole()) wanted.fetchableBytes = 0;
       ContentState state = recoveredState(services_.directory, std::move(wanted));
       if (state == known && row.sizeBytes == state.sizeBytes) continue;
       row.sizeBytes = state.sizeBytes;

@@ -133,6 +133,7 @@ class ModelFileSystem {
   void finishReadings();
   std::string readWhole(const std::string& path);
   std::optional<std::string> contentsOf(const ContentState& state);
+  bool hasLostOld(const Local& local, const ContentState& state, std::int64_t firstOld);
   void loseOld(Local& local);
   void checkAgreement(const HandlePtr& handle);
   void keep(const HandlePtr& handle);

@@ -41,15 +41,21 @@ std::optional<std::string> ModelFileSystem::contentsOf(const ContentState& state
   const auto written = state.number == 0 ? local_.end() : local_.find(state.number);
   if (written == local_.end()) return host_.remote().contentsOfVersion(state.version);
   Local& local = written->second;
-  const std::size_t kept = local.bytes.size();
   const auto firstOld = local.isOld.find(1);
-  const bool hasLostOld =
-      firstOld != std::string::npos && firstOld < kept &&
-      (state.isEdited
-           ? static_cast<std::int64_t>(firstOld) >= state.fetchableBytes
-           : host_.remote().contentsOfVersion(state.version) == withoutOld_[local.bytes]);
-  if (hasLostOld) loseOld(local);
+  const bool hasOld = firstOld != std::string::npos && firstOld < local.bytes.size();
+  if (hasOld && hasLostOld(local, state, static_cast<std::int64_t>(firstOld))) loseOld(local);
   return local.bytes;
+}
+
+// Of a changed file of which nothing can be fetched any more its own bytes tell whether all had been.
+bool ModelFileSystem::hasLostOld(const Local& local, const ContentState& state,
+                                 std::int64_t firstOld) {
+  const std::string& without = withoutOld_[local.bytes];
+  if (!state.isEdited) return host_.remote().contentsOfVersion(state.version) == without;
+  if (firstOld < state.fetchableBytes) return false;
+  if (!state.isWhole()) return true;
+  const LocalFilePtr here = host_.fileSystem().volume()->services().directory->open(state.number);
+  return here && local.bytes != without && readLocal(*here, 0, local.bytes.size()) == without;
 }
 
 void ModelFileSystem::loseOld(Local& local) {

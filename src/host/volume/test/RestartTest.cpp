@@ -165,5 +165,28 @@ TEST_F(RestartTest, TheHolesOfAFileThatTookAnothersPlaceAreZerosAfterAKill) {
   EXPECT_TRUE(remote().contents("/a") == expected);
 }
 
+TEST_F(RestartTest, WhatWasMissingOfAVersionThatWentIsZerosAfterARestartToo) {
+  remote().putFile("/a", "0123456789");
+  names();
+  remote().hold(Ask::contents, "/a");  // only what is written is here
+  OpenFilePtr file = openForWriting("/a");
+  write(file, "end", 7);
+  remote().remove("/a");
+  announce();
+  ASSERT_TRUE(support::waitUntil([this] {
+    return fileSystem().volume()->look(
+        [](Tree& tree, Nodes&) { return !tree.child(tree.root(), "a")->there.has_value(); });
+  }));
+  close(file);
+  file.reset();
+  remote().setUnreachable(true);
+  remote().stopHolding(Ask::contents, "/a");
+  restart();
+  remote().setUnreachable(false);
+  sender().retry("/");
+  ASSERT_TRUE(waitUntilSent());
+  EXPECT_EQ(remote().contents("/a"), std::string(7, '\0') + "end");
+}
+
 }  // namespace
 }  // namespace kestrune::host::test
