@@ -14,6 +14,12 @@ bool Item::isEdited() const {
   return row != nullptr && row->state.edits != row->sentEdits;
 }
 
+bool Item::isAtPlaceThere() const {
+  if (folder == nullptr) return false;
+  const ThereView view = *there;
+  return folder->id == view.folder && name() == view.name;
+}
+
 bool Item::isWhole() const {
   return content() != nullptr && content()->state.isWhole() && !isBeingEvicted;
 }

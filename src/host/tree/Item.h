@@ -114,6 +114,8 @@ struct Item {
   bool isRoot() const { return id == kRootItem; }
   bool isLinked() const { return folder != nullptr || isRoot(); }
   bool isEdited() const;
+  /// Its place here is the one that it has there. REQUIRES: there is set.
+  bool isAtPlaceThere() const;
   /// All of its bytes are on the local disk, and stay there.
   bool isWhole() const;
 

@@ -17,12 +17,6 @@ using Kind = CacheUpdate::Kind;
 
 Place placeThere(const Item& item) { return {item.there->folder, item.there->name}; }
 
-bool isAtPlaceThere(const Item& item) {
-  if (item.folder == nullptr) return false;
-  const ThereView there = *item.there;
-  return item.folder->id == there.folder && item.name() == there.name;
-}
-
 }  // namespace
 
 bool TreeEffects::isEmpty() const {
@@ -144,7 +138,7 @@ bool Tree::isMoving(const Item& item) const {
 Item* Tree::occupant(const Place& there) const {
   if (const Item* folder = find(there.folder); folder != nullptr && folder->isFolder) {
     Item* named = child(*folder, there.name);
-    if (named != nullptr && named->there && isAtPlaceThere(*named)) return named;
+    if (named != nullptr && named->there && named->isAtPlaceThere()) return named;
   }
   const auto found = astray_.lower_bound({there, 0});
   return found == astray_.end() || found->first != there ? nullptr
@@ -192,7 +186,7 @@ void Tree::forEach(const std::function<void(Item&)>& visit) {
 std::vector<Item*> Tree::childrenThere(const Item& folder) const {
   std::vector<Item*> children;
   for (Item* item : folder.part()->children) {
-    if (item->there && isAtPlaceThere(*item)) children.push_back(item);
+    if (item->there && item->isAtPlaceThere()) children.push_back(item);
   }
   for (auto at = astray_.lower_bound({{folder.id, ""}, 0});
        at != astray_.end() && at->first.folder == folder.id; ++at) {
@@ -208,7 +202,7 @@ void Tree::leavePlaceThere(const Item& item) {
 }
 
 void Tree::enterPlaceThere(const Item& item) {
-  if (item.there && !item.isRoot() && !isAtPlaceThere(item))
+  if (item.there && !item.isRoot() && !item.isAtPlaceThere())
     astray_.insert({placeThere(item), item.id});
 }
 
@@ -458,7 +452,7 @@ std::string Tree::nameIn(const Item& folder, const std::string& name) const {
 bool Tree::differs(const Item& item) {
   if (item.staysHere || item.isRoot()) return false;
   if (!item.isLinked()) return item.there || item.awaited() != nullptr;
-  return !item.there || item.isEdited() || !isAtPlaceThere(item);
+  return !item.there || item.isEdited() || !item.isAtPlaceThere();
 }
 
 }  // namespace kestrune::host

@@ -263,6 +263,8 @@ class Tree {
   std::vector<Item*> childrenThere(const Item& folder) const;
 
   // What the store says.
+  static bool mayHavePassedOver(const Item& folder, const std::vector<Item*>& before,
+                                const Batch& batch);
   bool isChangedSince(const Item& item, const Batch& batch) const;
   bool isOld(const Item& item, const Batch& batch) const;
   bool isThereWithin(ItemId place, const Item& folder) const;

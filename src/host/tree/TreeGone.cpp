@@ -111,8 +111,7 @@ void Tree::believeGone(Item& item, bool rescue, const Kept& kept) {
       if (!kept.contains(child)) believeGone(*child, rescue, kept);
     }
   }
-  const bool isMovedHere = item.folder != nullptr && (item.folder->id != item.there->folder ||
-                                                      item.name() != item.there->name);
+  const bool isMovedHere = item.folder != nullptr && !item.isAtPlaceThere();
   const bool isToBeSeen = isUnseen(item);
   forgetThere(item);
   if (item.folder == nullptr) {

@@ -140,6 +140,15 @@ void Tree::foundThere(Item& item, const Item& folder, const ItemRecord& record) 
   askAgain(item);
 }
 
+// When something left the folder between two pages of the listing, what came after it may be on neither of them.
+bool Tree::mayHavePassedOver(const Item& folder, const std::vector<Item*>& before,
+                             const Batch& batch) {
+  return folder.part()->leftAt > batch.asOf ||
+         std::any_of(before.begin(), before.end(), [](const Item* child) {
+           return child->isUnderWay && !child->isAtPlaceThere();
+         });
+}
+
 void Tree::applyListing(Item& folder, const std::vector<ItemRecord>& items,
                         std::optional<platform::NSFileProviderSyncAnchor> anchor,
                         std::uint64_t asOf) {
@@ -170,6 +179,10 @@ void Tree::applyListing(Item& folder, const std::vector<ItemRecord>& items,
   std::vector<Item*> gone;
   for (Item* item : before) {
     if (!batch.kept.contains(item)) gone.push_back(item);
+  }
+  if (!gone.empty() && mayHavePassedOver(folder, before, batch)) {
+    doubt(folder, batch);
+    gone.clear();
   }
   bringIn(folder, sightings, gone, batch);
   listing.anchor = batch.isDoubtful ? std::nullopt : std::move(anchor);
@@ -262,8 +275,7 @@ void Tree::leaveOldPlace(Item& item, const Item& folder, const ItemRecord& recor
   if (isOld(item, batch) || item.folder == nullptr) return;
   const bool hasMoved = (item.there->folder != folder.id || item.there->name != record.name) &&
                         !isAwaitedAt(item, folder, record);
-  const bool isHere = item.folder->id == item.there->folder && item.name() == item.there->name;
-  if (!hasMoved || !isHere || isWithin(folder, item)) return;
+  if (!hasMoved || !item.isAtPlaceThere() || isWithin(folder, item)) return;
   unlink(item, true);
   batch.leaving.insert(&item);
 }
@@ -391,8 +403,7 @@ void Tree::makeRoom(Item& folder, const std::string& name) {
 void Tree::applyToKnown(Item& item, Item& folder, const ItemRecord& record, Batch& batch) {
   const Item* named = child(folder, record.name);
   const bool isSamePlace = item.there->folder == folder.id && item.there->name == record.name;
-  const bool wasHere = item.folder != nullptr && item.folder->id == item.there->folder &&
-                       item.name() == item.there->name;
+  const bool wasHere = item.isAtPlaceThere();
   // Moved by others: here too, unless it was moved here as well, or is removed.
   const bool follows = !isSamePlace && !isAwaitedAt(item, folder, record) &&
                        (wasHere || batch.leaving.contains(&item)) &&

@@ -153,6 +153,7 @@ void Tree::beginSending(Item& item, std::int64_t bytes, std::uint64_t edits,
 
 void Tree::endChange(Item& item) {
   if (std::exchange(item.isUnderWay, false) && --underWay_ == 0) goneMeanwhile_.clear();
+  if (item.there && !item.isAtPlaceThere()) left(item.there->folder, moment());  // perhaps it has
   note(item);
   if (item.awaited()) {
     item.setSentAt(moment());  // what was asked before may have been told too early
@@ -346,7 +347,7 @@ void Tree::refused(Item& item) {
 }
 
 Item& Tree::keepBoth(Item& item) {
-  const bool wasAtPlace = item.folder->id == item.there->folder && item.name() == item.there->name;
+  const bool wasAtPlace = item.isAtPlaceThere();
   Item& stored = leaveOwnThere(item);
   item.content()->base.clear();
   item.content()->sendingSince = 0;

@@ -256,6 +256,41 @@ TEST_F(TreeIncomingTest, WhatIsUnderWayIsNotBelievedGone) {
   EXPECT_THAT(names(), IsEmpty());
 }
 
+TEST_F(TreeIncomingTest, WhatAListingMissesIsNotGoneWhenSomethingLeftTheFolderMeanwhile) {
+  list({file("1", "a"), file("2", "b")});
+  Item& a = *at("a");
+  tree().remove(a);
+  tree().beginChange(a);
+  const std::uint64_t asOf = tree().moment();
+  tree().removedThere(a);
+  tree().endChange(a);
+  check();
+  // Its pages are counted by items: "b" was on the second one until "a" went.
+  tree().applyListing(root(), {}, "anchor", asOf);
+  EXPECT_TRUE(check().doubtful.contains(kRootItem));
+  EXPECT_FALSE(root().part()->listing.anchor);
+  EXPECT_THAT(names(), ElementsAre("b"));
+  list({});
+  EXPECT_THAT(names(), IsEmpty());
+}
+
+TEST_F(TreeIncomingTest, NorWhenItMayHaveLeftAtAnyTime) {
+  list({file("1", "a"), file("2", "b"), file("3", "c")});
+  Item& a = *at("a");
+  tree().move(a, root(), "d");
+  tree().beginChange(a, Place{kRootItem, "d"});
+  list({file("1", "a"), file("3", "c")});
+  EXPECT_THAT(names(), ElementsAre("b", "c", "d"));
+  const std::uint64_t asOf = tree().moment();
+  tree().endChange(a);  // without an answer
+  check();
+  tree().applyListing(root(), {file("1", "a"), file("3", "c")}, "anchor", asOf);
+  check();
+  EXPECT_THAT(names(), ElementsAre("b", "c", "d"));
+  list({file("1", "a"), file("3", "c")});
+  EXPECT_THAT(names(), ElementsAre("c", "d"));
+}
+
 TEST_F(TreeIncomingTest, AListingFromBeforeItsFolderMovedChangesNothing) {
   list({folder("/d", "d"), folder("/e", "e")});
   Item& d = *at("d");
