@@ -46,10 +46,15 @@ ContentState notForgettingEdits(const Item& item, ContentState told) {
   return told;
 }
 
+// Whether what an object says of itself is said by the item's own. One that the item has left may still be telling, or
+// beginning an edit, while its file goes.
+bool isOwn(const Item& item, const ContentState& told) {
+  return item.object() && item.object()->state().number == told.number;
+}
+
 // What was fetched is of a version that the store has no longer; who waited for it has it, and the name stands for the
 // new one. Returns the object that is to go when the lock is free again.
-FileObjectPtr leaveOldVersion(Tree& tree, Item& item, const ContentState& state) {
-  if (item.object()->state().number != state.number) return nullptr;  // it was left before
+FileObjectPtr leaveOldVersion(Tree& tree, Item& item) {
   FileObjectPtr left = item.object();
   tree.succeed(item);
   left->abandon();
@@ -63,12 +68,12 @@ void takeChange(Volume& volume, ItemId id, const ContentState& told) {
   FileObjectPtr left;
   volume.change([&](Tree& tree, Nodes&) {
     Item* item = tree.find(id);
-    if (item == nullptr || !item->object()) return;
+    if (item == nullptr || !isOwn(*item, told)) return;
     const ContentState state = notForgettingEdits(*item, told);
     const bool isOld =
         !state.isEdited && item->there && state.version != item->there->version.contentVersion;
     if (state.number != 0 && isOld) {
-      left = leaveOldVersion(tree, *item, state);
+      left = leaveOldVersion(tree, *item);
     } else if (state.number == 0) {
       if (!item->isEdited()) tree.dropContent(*item);  // else written to since it was evicted
     } else {
@@ -157,7 +162,9 @@ std::shared_ptr<const FileObjectServices> servicesFor(const std::shared_ptr<Volu
     if (!volume) return reply(NSPOSIXError(ENOTCONN, "write after the mount ended").share());
     const auto work = [&](Tree& tree, Nodes&) -> platform::NSErrorPtr {
       Item* item = tree.find(id);
-      if (item != nullptr) tree.setContent(*item, state);
+      if (item == nullptr || !isOwn(*item, state))
+        return NSPOSIXError(ESTALE, "change a version that is no longer there").share();
+      tree.setContent(*item, state);
       return nullptr;
     };
     volume->change(work, Volume::Survives::processEnd, reply);
