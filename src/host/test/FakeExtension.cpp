@@ -281,7 +281,7 @@ class FakeExtension : public platform::NSFileProviderReplicatedExtension {
     auto answer = [found, item, handler](const NSErrorPtr& error) {
       if (error) {
         handler(nullptr, nullptr, error);
-      } else if (!found || found->version == "lost") {
+      } else if (!found || !item || found->version == "lost") {
         handler(nullptr, nullptr, NSFileProviderError(NSFileProviderError::noSuchItem).share());
       } else {
         handler(&*found, item, nullptr);

@@ -30,13 +30,16 @@ void takeState(Tree& tree, Item& item, const ContentState& state) {
   if (!state.isEdited) item.sizeBytes = known;
 }
 
-// What a fetch brought, or that contents were sent, may be told late, and know nothing of an edit that was committed
-// meanwhile, or of another file whose place these contents have taken since. An edit that was forgotten so would be taken for
-// damage after a kill; contents that are to be sent, for an old version that may go.
-ContentState notForgettingEdits(const Item& item, ContentState told) {
+// What a fetch brought, or that contents were sent, may be told late, and know nothing of what the store made of them, of an
+// edit that was committed meanwhile, or of another file whose place these contents have taken since. An edit that was
+// forgotten so would be taken for damage after a kill; contents that are to be sent, or were just sent, for an old version
+// that may go.
+ContentState withWhatIsKnown(const Item& item, ContentState told) {
   if (!item.content()) return told;
   const ContentState& known = item.content()->state;
-  if (known.number != told.number || known.edits < told.edits) return told;
+  if (known.number != told.number) return told;
+  told.version = known.version;  // which is learnt here first
+  if (known.edits < told.edits) return told;
   if (known.edits > told.edits) {
     told.edits = known.edits;
     told.isEdited = known.isEdited;
@@ -69,7 +72,7 @@ void takeChange(Volume& volume, ItemId id, const ContentState& told) {
   volume.change([&](Tree& tree, Nodes&) {
     Item* item = tree.find(id);
     if (item == nullptr || !isOwn(*item, told)) return;
-    const ContentState state = notForgettingEdits(*item, told);
+    const ContentState state = withWhatIsKnown(*item, told);
     const bool isOld =
         !state.isEdited && item->there && state.version != item->there->version.contentVersion;
     if (state.number != 0 && isOld) {

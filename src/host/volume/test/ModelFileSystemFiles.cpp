@@ -131,7 +131,7 @@ std::vector<std::string> ModelFileSystem::shown(InodeNumber inode) {
 // What is gone may have lost the old bytes in it before, unseen.
 void ModelFileSystem::forgetContents(const std::vector<std::string>& contents) {
   for (const std::string& each : contents) {
-    precious_.erase(each);
+    if (precious_.erase(each) > 0) tell("  " + shortened(each) + " may go");
     if (each.find_first_not_of('\0') == std::string::npos) continue;
     std::erase_if(precious_, [&](const std::string& kept) {
       const auto left = withoutOld_.find(kept);
