@@ -269,6 +269,14 @@ void Tree::setThere(Item& item, const std::optional<ThereState>& there) {
   note(item);
 }
 
+// Its contents are here alone from now on: nothing of them can be fetched again, and their holes are zeros.
+void Tree::forgetThere(Item& item) {
+  setThere(item, std::nullopt);
+  if (!item.content() || !item.content()->state.isWhole()) return;
+  contentsAreChanged(*item.content());
+  item.content()->base.clear();
+}
+
 // What is to come to `place` at the store is not known to be there yet; none: whether it came is known.
 void Tree::await(Item& item, std::optional<Place> place) {
   if (item.awaited() != nullptr) awaited_.erase({*item.awaited(), item.id});

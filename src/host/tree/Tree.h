@@ -232,7 +232,7 @@ class Tree {
   void setThere(Item& item, const std::optional<ThereState>& there);
   void setSideThere(Item& item, const ThereState& there);
   void setSideThere(Item& item, const ThereState& there, std::string_view nameHere);
-  void forgetThere(Item& item) { setThere(item, std::nullopt); }
+  void forgetThere(Item& item);
   void await(Item& item, std::optional<Place> place);
   void askAgain(Item& folder);
   void leavePlaceThere(const Item& item);
@@ -251,6 +251,7 @@ class Tree {
   std::string nameIn(const Item& folder, const std::string& name) const;
   void detachVersion(Item& item);
   void releaseContent(Item& item, bool rescue);
+  static void contentsAreChanged(ContentRow& row);
   static void contentsAreThere(ContentRow& row, std::uint64_t edits, const std::string& version);
   void markStale(Item& folder);
   void left(ItemId place, std::uint64_t asOf);

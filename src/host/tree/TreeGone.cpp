@@ -113,15 +113,15 @@ void Tree::believeGone(Item& item, bool rescue, const Kept& kept) {
   }
   const bool isMovedHere = item.folder != nullptr && !item.isAtPlaceThere();
   const bool isToBeSeen = isUnseen(item);
+  const bool isChanged = item.isEdited();
   forgetThere(item);
   if (item.folder == nullptr) {
     effects_.gone.insert(item.id);
     return;
   }
   // A deletion loses against what was changed here, or sent and not seen since: it will be made again.
-  const bool survives = item.isFolder
-                            ? !item.part()->children.empty()
-                            : item.isEdited() || isToBeSeen || (isMovedHere && item.isWhole());
+  const bool survives = item.isFolder ? !item.part()->children.empty()
+                                      : isChanged || isToBeSeen || (isMovedHere && item.isWhole());
   if (survives) {
     if (isToBeSeen && item.timesLost < std::numeric_limits<std::uint8_t>::max()) ++item.timesLost;
     if (item.content()) item.content()->base.clear();

@@ -102,9 +102,7 @@ void Tree::takeOver(Item& item) {
   ThereState there = *before->there;
   ContentRow& row = *item.content();
   row.base = before->isEdited() ? before->content()->base : there.version.contentVersion;
-  if (!item.isEdited())
-    row.sentEdits = row.state.edits - 1;  // before the first it wraps: any other number will do
-  row.state.isEdited = true;
+  contentsAreChanged(row);
   row.sendingSince = 0;
   if (before->content() && before->content()->sendingSince != 0) {
     row.sendingSince = before->content()->sendingSince;
@@ -237,6 +235,12 @@ void Tree::sent(Item& item, const ItemRecord& answer, std::uint64_t edits, platf
   item.setSentAt(moment());
   expectToldOf(item.there->folder, item.there->identifier, true);
   note(item);
+}
+
+void Tree::contentsAreChanged(ContentRow& row) {
+  if (row.state.edits == row.sentEdits)
+    row.sentEdits = row.state.edits - 1;  // before the first it wraps: any other number will do
+  row.state.isEdited = true;
 }
 
 // The store has the contents up to `edits`, as `version`; what hangs on an object is told it by others.

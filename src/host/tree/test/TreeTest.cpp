@@ -130,6 +130,16 @@ TEST_F(TreeSaveTest, ANewFileRenamedOverTheOldOneIsNewContents) {
   EXPECT_EQ(tree().find(old), nullptr);
 }
 
+TEST_F(TreeSaveTest, TheBackupIsHereAloneFromThenOn) {
+  fill(*old_, 3);
+  tree().move(*old_, root(), "a~");
+  make("a");
+  const ContentRow& row = *old_->content();
+  EXPECT_TRUE(row.state.isEdited);  // a restart takes nothing of it for what can be fetched
+  EXPECT_NE(row.sentEdits, row.state.edits);
+  EXPECT_TRUE(row.base.empty());
+}
+
 TEST_F(TreeSaveTest, ABackupInTheSameFolderGoesOutAsANewFile) {
   fill(*old_, 3);
   tree().move(*old_, root(), "a~");

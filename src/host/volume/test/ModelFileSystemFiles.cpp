@@ -132,7 +132,7 @@ std::vector<std::string> ModelFileSystem::shown(InodeNumber inode) {
 void ModelFileSystem::forgetContents(const std::vector<std::string>& contents) {
   for (const std::string& each : contents) {
     if (precious_.erase(each) > 0) tell("  " + shortened(each) + " may go");
-    if (each.find_first_not_of('\0') == std::string::npos) continue;
+    if (each.empty()) continue;
     std::erase_if(precious_, [&](const std::string& kept) {
       const auto left = withoutOld_.find(kept);
       return left != withoutOld_.end() && left->second == each;

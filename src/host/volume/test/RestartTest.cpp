@@ -165,6 +165,26 @@ TEST_F(RestartTest, TheHolesOfAFileThatTookAnothersPlaceAreZerosAfterAKill) {
   EXPECT_TRUE(remote().contents("/a") == expected);
 }
 
+TEST_F(RestartTest, ABackupWithHolesIsHereAfterARestart) {
+  constexpr std::int64_t kHole = 1 << 20;
+  OpenFilePtr sparse = create("/a");
+  write(sparse, "end", kHole);
+  close(sparse);
+  sparse.reset();
+  ASSERT_TRUE(waitUntilSent());
+  remote().setUnreachable(true);
+  ASSERT_EQ(rename("/a", "/a~"), 0);
+  save("/a", "new");  // it is the new contents of what the store has
+  restart();
+  const std::string expected = std::string(kHole, '\0') + "end";
+  EXPECT_TRUE(readPath("/a~") == expected);
+  remote().setUnreachable(false);
+  sender().retry("/");
+  ASSERT_TRUE(waitUntilSent());
+  EXPECT_TRUE(remote().contents("/a~") == expected);
+  EXPECT_EQ(remote().contents("/a"), "new");
+}
+
 TEST_F(RestartTest, WhatWasMissingOfAVersionThatWentIsZerosAfterARestartToo) {
   remote().putFile("/a", "0123456789");
   names();
