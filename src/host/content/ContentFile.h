@@ -78,7 +78,11 @@ class ContentFile {
   bool take(const std::filesystem::path& path, std::optional<ByteRange> range,
             const std::string& version, ContentNumber fresh);
 
-  /// The same for bytes that came by themselves: takes those that are missing. The first ones make the file, as contents
+  /// The same where nothing is here at that moment, else false: a whole file is one version, whichever that is.
+  bool takeAlone(const std::filesystem::path& path, std::optional<ByteRange> range,
+                 const std::string& version, ContentNumber fresh);
+
+  /// The same as `take` for bytes that came by themselves: takes those that are missing. The first ones make the file, as contents
   /// `fresh`.
   bool take(std::int64_t offset, std::span<const std::byte> bytes, const std::string& version,
             ContentNumber fresh);

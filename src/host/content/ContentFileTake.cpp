@@ -49,6 +49,16 @@ bool ContentFile::take(const std::filesystem::path& path, std::optional<ByteRang
   return true;
 }
 
+bool ContentFile::takeAlone(const std::filesystem::path& path, std::optional<ByteRange> range,
+                            const std::string& version, ContentNumber fresh) {
+  MutexLock changing(changing_);
+  if (!hasNothing() || isEdited() || fresh == 0) {
+    directory_->takeUnnamed(path);  // nobody wants it
+    return false;
+  }
+  return takeWhole(path, range, version, fresh);
+}
+
 bool ContentFile::take(std::int64_t offset, std::span<const std::byte> bytes,
                        const std::string& version, ContentNumber fresh) {
   const ByteRange piece{offset, offset + static_cast<std::int64_t>(bytes.size())};

@@ -339,7 +339,10 @@ NSErrorPtr ContentReads::take(const RunningPtr& running, const FetchedFile& file
   try {
     const ContentNumber fresh = content_->hasNothing() ? services_->newNumber() : 0;
     const std::string& version = running->source.version.contentVersion;
-    if (!content_->take(*file.path, file.range, version, fresh)) return nullptr;
+    const bool isTaken = file.contentVersion() == version
+                             ? content_->take(*file.path, file.range, version, fresh)
+                             : content_->takeAlone(*file.path, file.range, version, fresh);
+    if (!isTaken) return nullptr;
   } catch (const platform::NSError& error) {
     return error.share();
   }

@@ -119,6 +119,11 @@ void RememberedState::whenGone(std::function<void()> work) {
   whenGone_ = std::move(work);
 }
 
+void RememberedState::whenNumbering(std::function<void()> work) {
+  MutexLock lock(mutex_);
+  whenNumbering_ = std::move(work);
+}
+
 void RememberedState::whenFetching(std::function<void()> work) {
   MutexLock lock(mutex_);
   whenFetching_ = std::move(work);
@@ -127,6 +132,12 @@ void RememberedState::whenFetching(std::function<void()> work) {
 void RememberedState::serve(FileObjectServices& services,
                             const std::shared_ptr<RememberedState>& self) {
   services.newNumber = [self] {
+    std::function<void()> work;
+    {
+      MutexLock lock(self->mutex_);
+      work.swap(self->whenNumbering_);
+    }
+    if (work) work();
     MutexLock lock(self->mutex_);
     return ++self->lastNumber_;
   };

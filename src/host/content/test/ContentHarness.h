@@ -56,6 +56,8 @@ class RememberedState {
   void releaseResizes();
   /// Is run when `versionGone` is told.
   void whenGone(std::function<void()> work);
+  /// Is run, once, when a number for new contents is asked for.
+  void whenNumbering(std::function<void()> work);
   /// Is run, once, when a fetch is about to begin.
   void whenFetching(std::function<void()> work);
 
@@ -76,6 +78,7 @@ class RememberedState {
   bool holdsResizes_ GUARDED_BY(mutex_) = false;
   std::vector<std::function<void()>> heldResizes_ GUARDED_BY(mutex_);
   std::function<void()> whenGone_ GUARDED_BY(mutex_);
+  std::function<void()> whenNumbering_ GUARDED_BY(mutex_);
   std::function<void()> whenFetching_ GUARDED_BY(mutex_);
 };
 

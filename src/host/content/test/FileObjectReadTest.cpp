@@ -303,6 +303,16 @@ TEST_F(FileObjectReadTest, AWholeFileIsOneVersionWhateverItsItemSays) {
   EXPECT_EQ(remembered().gone(), 0);
 }
 
+TEST_F(FileObjectReadTest, ButNoneIsMixedIntoAnEditThatBeginsWhenItComes) {
+  const auto object = small();
+  object->opened(true);
+  store().misbehave({.version = "2"});
+  remembered().whenNumbering([&object] { EXPECT_EQ(write(object, 0, "J"), 0); });
+  EXPECT_EQ(errnoOf(startRead(object, 0, 5).get()), ESTALE);
+  EXPECT_EQ(object->state().present.text(), "0-1");
+  EXPECT_EQ(temporaryFiles(), 0U);
+}
+
 TEST_F(FileObjectReadTest, WhereSomethingIsHereAlreadyOnlyThatVersionIsAdded) {
   const auto object = small();
   object->opened(true);
