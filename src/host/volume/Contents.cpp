@@ -30,25 +30,6 @@ void takeState(Tree& tree, Item& item, const ContentState& state) {
   if (!state.isEdited) item.sizeBytes = known;
 }
 
-// What a fetch brought, or that contents were sent, may be told late, and know nothing of what the store made of them, of an
-// edit that was committed meanwhile, or of another file whose place these contents have taken since. An edit that was
-// forgotten so would be taken for damage after a kill; contents that are to be sent, or were just sent, for an old version
-// that may go.
-ContentState withWhatIsKnown(const Item& item, ContentState told) {
-  if (!item.content()) return told;
-  const ContentState& known = item.content()->state;
-  if (known.number != told.number) return told;
-  told.version = known.version;  // which is learnt here first
-  if (known.edits < told.edits) return told;
-  if (known.edits > told.edits) {
-    told.edits = known.edits;
-    told.isEdited = known.isEdited;
-  } else if (item.isEdited()) {
-    told.isEdited = true;
-  }
-  return told;
-}
-
 // Whether what an object says of itself is said by the item's own. One that the item has left may still be telling, or
 // beginning an edit, while its file goes.
 bool isOwn(const Item& item, const ContentState& told) {
@@ -194,6 +175,21 @@ std::shared_ptr<const FileObjectServices> servicesFor(const std::shared_ptr<Volu
 }
 
 }  // namespace
+
+ContentState withWhatIsKnown(const Item& item, ContentState told) {
+  if (!item.content()) return told;
+  const ContentState& known = item.content()->state;
+  if (known.number != told.number) return told;
+  told.version = known.version;  // which is learnt here first
+  if (known.edits < told.edits) return told;
+  if (known.edits > told.edits) {
+    told.edits = known.edits;
+    told.isEdited = known.isEdited;
+  } else if (item.isEdited()) {
+    told.isEdited = true;
+  }
+  return told;
+}
 
 ContentState absentState(const Item& item) {
   ContentState state;

@@ -36,6 +36,8 @@ class Contents {
   const std::shared_ptr<const FileObjectServices> services_;
 };
 
+/// What an object tells of itself, with what is known better of the item. REQUIRES: told by the item's own object.
+ContentState withWhatIsKnown(const Item& item, ContentState told);
 /// The state of contents of which nothing is here.
 ContentState absentState(const Item& item);
 

@@ -200,10 +200,10 @@ void FileSystem::flush(OpenFilePtr file, Reply<Done> reply) {
     reply(Done());
     return;
   }
-  const ContentState state = opened.object->state();
   auto work = [&](Tree& tree, Nodes&) -> NSErrorPtr {
     Item* item = tree.find(opened.item);
     if (item == nullptr || item->object() != opened.object) return nullptr;
+    const ContentState state = withWhatIsKnown(*item, opened.object->state());
     if (state.number != 0) tree.setContent(*item, state);
     tree.changedHere(*item);
     return nullptr;

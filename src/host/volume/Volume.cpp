@@ -140,6 +140,8 @@ ContentNumber Volume::newContentNumber() {
 }
 
 void Volume::change(const Work& work, Survives survives, const Reply<Done>& reply) {
+  // Who is answered may end the mount before this is through.
+  const std::shared_ptr<Volume> alive = shared_from_this();
   Aftermath aftermath;
   NSErrorPtr error;
   {

@@ -28,7 +28,7 @@
 
 namespace kestrune::host {
 
-class Volume {
+class Volume : public std::enable_shared_from_this<Volume> {
  public:
   struct Services {
     ExtensionPtr extension;
