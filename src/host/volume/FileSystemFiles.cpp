@@ -5,6 +5,7 @@
 
 #include "host/volume/FileSystem.h"
 #include "host/volume/OpenVolumeFile.h"
+#include "host/volume/ReadCall.h"
 
 namespace kestrune::host {
 
@@ -99,29 +100,8 @@ LocalFilePtr FileSystem::present(const OpenFile& file, std::int64_t offset, std:
 
 void FileSystem::read(OpenFilePtr file, std::int64_t offset, std::size_t length,
                       Reply<LocalFilePtr> reply) {
-  const OpenVolumeFile& opened = volumeFile(*file);
-  // Identifiers in a folder that just moved are not known yet: its listing, which is under way, tells them.
-  const ItemId stale = volume_->look([&](Tree& tree, Nodes&) -> ItemId {
-    const Item* item = tree.find(opened.item);
-    if (item == nullptr || !item->there || tree.isSure(*item)) return 0;
-    // The highest folder that is in doubt comes first.
-    ItemId stale = item->there->folder;
-    for (const Item* at = tree.find(stale); at != nullptr && !at->isRoot() && at->there;
-         at = tree.find(at->there->folder)) {
-      if (at->part()->listing.hasStaleIdentifiers) stale = at->id;
-    }
-    return stale;
-  });
-  if (stale == 0) {
-    opened.object->read(offset, length, opened.mayFetch, reply);
-    return;
-  }
-  lister_->list(stale, [file, offset, length, reply = std::move(reply)](const Answer<Done>& done) {
-    if (!done.ok()) return reply(done.error());
-    const OpenVolumeFile& again = volumeFile(*file);
-    again.object->read(offset, length, again.mayFetch,
-                       reply);  // EAGAIN if a folder below is still in doubt
-  });
+  const ReadCall::Range range{offset, length};
+  std::make_shared<ReadCall>(volume_, lister_, std::move(file), range, std::move(reply))->begin();
 }
 
 void FileSystem::release(OpenFilePtr file) {

@@ -400,7 +400,7 @@ bool ModelFileSystem::finish(Reading& reading) {
     const bool isGone = !isLinked(handle->inode) && (error == ENOENT || error == ESTALE);
     const bool isDoubtful = !isExact_ && (error == ENOENT || error == ESTALE);
     tell(what, error);
-    EXPECT_TRUE(isGone || isDoubtful || error == EAGAIN || (isFaulty_ && isOfWeather(error)))
+    EXPECT_TRUE(isGone || isDoubtful || (isFaulty_ && isOfWeather(error)))
         << what << ": " << std::strerror(error);
     if (error == ESTALE) counts_.add("stale reads");
     return false;

@@ -175,6 +175,28 @@ TEST_P(MovedFolderTest, WhoVisitsItFirstWhileItMovesFindsWhatIsInIt) {
   EXPECT_EQ(found.get(), "one");
 }
 
+TEST_P(MovedFolderTest, AFileThatIsReadWhileItMovesIsFound) {
+  remote().putFile("/a", "one");
+  names();
+  // The move happens; its answer comes when it is released.
+  using Treatment = FakeRemote::Treatment;
+  remote().setWeather([](Ask ask) {
+    return ask == Ask::modify ? Treatment{Treatment::Kind::late, nullptr} : Treatment();
+  });
+  EXPECT_EQ(rename("/a", "/b"), 0);
+  ASSERT_TRUE(passUntil([&] { return remote().names() == std::vector<std::string>{"b"}; }));
+  auto found = std::async(std::launch::async, [this] { return readPath("/b"); });
+  const auto isFound = [&] {
+    return found.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+  };
+  pass(std::chrono::milliseconds(200));
+  EXPECT_EQ(isFound(), !GetParam());
+  remote().setWeather(nullptr);
+  remote().releaseAll();
+  EXPECT_TRUE(passUntil(isFound));
+  EXPECT_EQ(found.get(), "one");
+}
+
 TEST_P(MovedFolderTest, AFolderWithOnlyNewThingsMovesBeforeItIsSent) {
   makeFolder("/new");
   save("/new/a", "x");
