@@ -151,9 +151,10 @@ void ModelFileSystem::saveByRename() {
   const std::string beside = path + "~";
   if (known().find(beside)) return;
   const std::size_t way = below(3);
-  if (way == 1)
-    judge("rename " + path + " -> " + beside, renamePath(path, beside, RenameMode::replace), 0);
-  if (way == 2) judge("unlink " + path, removePath(path, false), 0);
+  if (way == 1 &&
+      !judge("rename " + path + " -> " + beside, renamePath(path, beside, RenameMode::replace), 0))
+    return;
+  if (way == 2 && !judge("unlink " + path, removePath(path, false), 0)) return;
   const std::string written = way == 0 ? beside : path;
   HandlePtr handle;
   if (!judge("create " + written, create(written, false, &handle), 0)) return;
