@@ -104,6 +104,7 @@ class ModelFileSystem {
   void setTime();
   void saveByRename();
   int lookUp(const std::string& path);
+  InodeNumber childOf(const Walked& folder, const std::string& name);
   int create(const std::string& path, bool isFolder, HandlePtr* opened);
   int removePath(const std::string& path, bool isFolder);
   int renamePath(const std::string& from, const std::string& to, RenameMode mode);

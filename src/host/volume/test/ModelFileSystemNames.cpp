@@ -73,13 +73,20 @@ void ModelFileSystem::make() {
   if (percent(80)) close(handle);
 }
 
+// By the folder's number: others may just be moving it.
+InodeNumber ModelFileSystem::childOf(const Walked& folder, const std::string& name) {
+  return host_.fileSystem().volume()->look([&](Tree& tree, Nodes&) -> InodeNumber {
+    const Item* above = tree.find(folder.attributes.inode);
+    const Item* item = above == nullptr ? nullptr : tree.child(*above, name);
+    return item == nullptr ? 0 : item->id;
+  });
+}
+
 int ModelFileSystem::removePath(const std::string& path, bool isFolder) {
   const Walked parent = walk(parentOf(path));
   if (parent.error != 0) return parent.error;
   if (const int error = lookUp(path); error != 0) return error;
-  const auto seen = view();
-  const auto item = seen.find(path);
-  const InodeNumber inode = item == seen.end() ? 0 : item->second.inode;
+  const InodeNumber inode = childOf(parent, nameOf(path));
   auto contents = shown(inode);
   const Awaited<Done> removed;
   if (isFolder) {
@@ -113,10 +120,8 @@ int ModelFileSystem::renamePath(const std::string& from, const std::string& to, 
   for (const std::string& path : {from, to}) {
     if (const int error = lookUp(path); error != 0) return error;
   }
-  const auto seen = view();
-  const auto item = seen.find(to);
-  const bool replaces = mode == RenameMode::replace && item != seen.end() && from != to;
-  const InodeNumber inode = replaces ? item->second.inode : 0;
+  const bool replaces = mode == RenameMode::replace && from != to;
+  const InodeNumber inode = replaces ? childOf(newFolder, nameOf(to)) : 0;
   const auto contents = shown(inode);
   const Awaited<Done> renamed;
   host_.fileSystem().rename(oldFolder.node, nameOf(from), newFolder.node, nameOf(to), mode,
