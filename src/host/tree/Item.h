@@ -26,10 +26,11 @@
 
 namespace kestrune::host {
 
-/// What a change sent from here made of an item of a folder there.
+/// What is known of an item of a folder there otherwise than by what is told of the folder: because it was sent from here, or the
+/// item itself was asked for.
 struct UntoldChange {
   bool isInFolder = false;
-  /// When it ended, as Tree::moment tells.
+  /// Since when, as Tree::moment tells.
   std::uint64_t endedAt = 0;
 };
 
@@ -46,8 +47,8 @@ struct FolderPart {
   /// When something was last known to have left it there. Who was asked earlier may show that still, though nobody knows
   /// any more what it was.
   std::uint64_t leftAt = 0;
-  /// By identifier: what was sent from here and the store has not told since. Stores that compare two listings never tell
-  /// of what others have undone meanwhile; then only a whole listing can.
+  /// By identifier, until it is told. Stores that compare two listings never tell of what others have undone between them;
+  /// then only a whole listing can.
   std::map<std::string, UntoldChange, std::less<>> untold;
 };
 

@@ -233,7 +233,7 @@ void Tree::applyChanges(Item& folder, const std::vector<ReportedChange>& changes
     listing.anchor = std::nullopt;
   } else if (!batch.isDoubtful) {
     listing.anchor = std::move(anchor);
-    // What it passes over may have been undone by others: it is as the listing before was, and nothing is to be told.
+    // What it passes over may have been undone by others: it is as in the listing before, and nothing is to be told.
     if (isNews && hasUntold(folder, batch.asOf)) askAgain(folder);
   }
   note(folder);
@@ -324,6 +324,7 @@ void Tree::applyItem(Item& item, const std::optional<ItemRecord>& record, std::u
   // Something of the other kind in its place is not it.
   if (!record || record->isFolder != item.isFolder) {
     if (record) effects_.doubtful.insert(folder.id);
+    expectToldOf(folder.id, item.there->identifier, false);
     // What is held is asked for as long as nothing is to be done with it.
     if (!item.there->isHeldDeletion) {
       holdOrBelieve(folder, {&item}, batch);
@@ -340,7 +341,10 @@ void Tree::applyItem(Item& item, const std::optional<ItemRecord>& record, std::u
   } else {
     item.placedAt = std::max(item.placedAt, asOf);
   }
+  const std::string version = item.there->version.contentVersion;
   applyContents(item, *record);
+  if (item.there->version.contentVersion != version)
+    expectToldOf(folder.id, item.there->identifier, true);
 }
 
 // Whether what nobody knows may be what is on its way there, though here another item has the name by now, or none; or what

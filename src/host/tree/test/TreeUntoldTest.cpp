@@ -91,6 +91,25 @@ TEST_F(TreeUntoldTest, OfAMoveBothFoldersTell) {
   EXPECT_THAT(names(), ElementsAre("a", "d"));
 }
 
+TEST_F(TreeUntoldTest, WhatWasFoundGoneMayBeThereAgain) {
+  tree().applyItem(*at("a"), std::nullopt, tree().moment());
+  check();
+  EXPECT_THAT(names(), ElementsAre("d"));
+  tell({});
+  EXPECT_TRUE(isToBeListed());
+}
+
+TEST_F(TreeUntoldTest, WhatWasFoundChangedMayBeAsBefore) {
+  tree().applyItem(*at("a"), file("1", "a", 3), tree().moment());
+  tell({});
+  EXPECT_FALSE(isToBeListed());
+  tree().applyItem(*at("a"), file("1", "a", 4), tree().moment());
+  tell({}, "later");
+  EXPECT_TRUE(isToBeListed());
+  list({folder("d", "d"), file("1", "a", 3)});
+  EXPECT_EQ(at("a")->sizeBytes, 3);
+}
+
 TEST_F(TreeUntoldTest, AListingFromAfterItTellsEverything) {
   send(make("b"), file("2", "b", 5));
   list({folder("d", "d"), file("1", "a", 3), file("2", "b", 5)});
