@@ -138,7 +138,7 @@ void ModelHost::mayGo(const Item& item) {
   mayGo_.insert(visible(item));
   if (!item.there) return;
   const std::string& version = item.there->version.contentVersion;
-  const bool isUnseen = item.isEdited() && item.content()->base != version;
+  const bool isUnseen = item.isEdited() && !item.isUnderWay && item.content()->base != version;
   if (!isUnseen) mayGo_.insert(store_.tokenOf(version));
 }
 

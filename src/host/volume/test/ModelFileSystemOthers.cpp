@@ -232,6 +232,18 @@ void ModelFileSystem::tellWhatIsLeft() {
   tell("unanswered: " + std::to_string(host_.remote().countUnderWay()) +
        ", calls: " + std::to_string(fileSystem.calls()->count()) +
        ", listings: " + std::to_string(fileSystem.lister()->running().size()));
+  fileSystem.volume()->look([this](Tree& tree, Nodes&) {
+    const auto tellFolder = [&](const Item& item) {
+      if (!item.isFolder || !item.there) return;
+      const FolderRow& listing = item.part()->listing;
+      tell("folder " + tree.path(item) + ": " + (listing.isEnumerated ? "listed" : "not listed") +
+           (listing.hasStaleIdentifiers ? ", identifiers in doubt" : "") + ", anchor " +
+           listing.anchor.value_or("none") + ", " + std::to_string(item.part()->untold.size()) +
+           " untold");
+    };
+    tellFolder(tree.root());
+    tree.forEach(tellFolder);
+  });
   for (const UnsentChange& change : host_.unsent()) {
     const ContentState state = fileSystem.volume()->look([&](Tree& tree, Nodes&) {
       const Item* item = tree.find(change.item);
