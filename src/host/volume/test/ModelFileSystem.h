@@ -58,6 +58,8 @@ class ModelFileSystem {
     Awaited<std::string> answer;
     /// What the whole file may have been since it began.
     std::vector<std::string> acceptable;
+    /// Which version the file was of then.
+    std::string version;
   };
   /// What a program may have to wait for.
   enum class Waits { disk, listing };

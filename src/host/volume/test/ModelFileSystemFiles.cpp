@@ -377,6 +377,7 @@ void ModelFileSystem::startReading(const HandlePtr& handle, std::int64_t offset,
   reading.length = length;
   checkAgreement(handle);
   reading.acceptable = mayBe(handle);
+  reading.version = volumeFile(*handle->file).object->state().version;
   const Reply<std::string> reply = reading.answer.reply();
   if (const LocalFilePtr here = host_.fileSystem().present(*handle->file, offset, length)) {
     reply(readLocal(*here, offset, length));
@@ -414,6 +415,11 @@ bool ModelFileSystem::finish(Reading& reading) {
   }
   checkAgreement(handle);
   for (const std::string& bytes : mayBe(handle)) reading.acceptable.push_back(bytes);
+  // It may have been answered with what others had made of it before it was changed here.
+  if (!isExact_) {
+    for (const std::string& bytes : host_.remote().contentsSince(reading.version))
+      reading.acceptable.push_back(bytes);
+  }
   tell(what + ": " + shortened(answer.value()));
   counts_.add("reads");
   const bool isRight = std::any_of(
