@@ -191,6 +191,8 @@ class FakeRemote : public std::enable_shared_from_this<FakeRemote> {
   Folder& folderAt(const std::string& path) REQUIRES_LOCK(mutex_);
   Folder* folderOf(const std::string& identifier, std::string& parent) REQUIRES_LOCK(mutex_);
   static RemoteItem* findIn(Folder& folder, const std::string& identifier);
+  /// Whether `folder` is the item `identifier`, or lies in it.
+  bool isWithin(std::string folder, const std::string& identifier) REQUIRES_LOCK(mutex_);
   void changed() REQUIRES_LOCK(mutex_);
   std::string versionOf(const char* kind, const RemoteItem& item) REQUIRES_LOCK(mutex_);
   void removeFrom(Folder& folder, const std::string& identifier, std::vector<std::string>& gone)

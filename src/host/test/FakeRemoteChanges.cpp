@@ -94,6 +94,13 @@ NSFileProviderItemPtr FakeRemote::create(const platform::NSFileProviderItem& wan
   return answerFor(folders_[parent].items.back(), parent, contents.has_value());
 }
 
+bool FakeRemote::isWithin(std::string folder, const std::string& identifier) {
+  while (folder != identifier) {
+    if (folderOf(std::string(folder), folder) == nullptr) return false;
+  }
+  return true;
+}
+
 NSFileProviderItemPtr FakeRemote::modify(const platform::NSFileProviderItem& wanted,
                                          NSFileProviderItemFields fields,
                                          const std::optional<std::filesystem::path>& contents) {
@@ -111,6 +118,10 @@ NSFileProviderItemPtr FakeRemote::modify(const platform::NSFileProviderItem& wan
     for (const RemoteItem& other : to->second.items) {
       if (other.name == wanted.filename() && other.identifier != identifier)
         throw NSFileProviderError(NSFileProviderError::filenameCollision);
+    }
+    if (isWithin(parent, identifier)) {
+      throw NSFileProviderError(NSFileProviderError::cannotSynchronize,
+                                "A folder cannot be moved into itself.");
     }
     identifier = place(identifier, parent, wanted.filename());
   }
