@@ -10,10 +10,10 @@
 
 #include <filesystem>
 #include <functional>
-#include <memory>
+#include <string>
 #include <thread>
 
-#include "host/basics/LocalFile.h"
+#include "platform/files/FileEvents.h"
 
 namespace kestrune::host {
 
@@ -30,13 +30,12 @@ class FileWatcher {
   void run();
   bool beginWatch();
   bool drainEvents();
-  bool waitForEvents(int timeoutMilliseconds);
-  bool pause();
+  bool isChange(const platform::FileEvents::Event& event);
 
   const std::filesystem::path file_;
+  const std::string name_;
   const std::function<void()> changed_;
-  const std::unique_ptr<Descriptor> stop_;
-  const std::unique_ptr<Descriptor> inotify_;
+  platform::FileEvents events_;
   int watch_ = -1;  // used by the constructor, then by the thread alone
   std::thread thread_;
 };
