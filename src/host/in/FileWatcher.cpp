@@ -23,6 +23,7 @@ constexpr std::uint32_t kEvents = IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM |
 
 FileWatcher::FileWatcher(std::filesystem::path file, std::function<void()> changed)
     : file_(std::move(file)), name_(file_.filename()), changed_(std::move(changed)) {
+  events_.begin();
   beginWatch();  // before the caller goes on: what changes afterwards is not missed
   thread_ = std::thread([this] { run(); });
 }

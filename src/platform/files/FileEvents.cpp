@@ -17,19 +17,10 @@ namespace kestrune::platform {
 
 namespace {
 
-// The kernel keeps 16,384 events unless told otherwise, most of them of 32 bytes: a call of `take` can hold more than
-// all of them.
-constexpr int kReadsInOneTake = 32;
+// The kernel keeps 16,384 events unless told otherwise. One call of `take` can hand over all of them, with names of 100
+// bytes.
+constexpr int kReadsInOneTake = 128;
 constexpr std::size_t kReadBytes = 16384;
-
-// Takes `stop` along where it fails.
-int newQueue(int stop) {
-  const int queue = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-  if (queue >= 0) return queue;
-  const int error = errno;
-  ::close(stop);
-  throw NSPOSIXError(error, "watch for changes of files");
-}
 
 int newCounter() {
   const int counter = ::eventfd(0, EFD_CLOEXEC);
@@ -46,11 +37,22 @@ void pollFor(std::span<pollfd> polled, std::chrono::milliseconds limit) {
 
 }  // namespace
 
-FileEvents::FileEvents() : stop_(newCounter()), queue_(newQueue(stop_)) {}
+FileEvents::FileEvents() : stop_(newCounter()) {}
 
 FileEvents::~FileEvents() {
-  ::close(queue_);
+  closeQueue();
   ::close(stop_);
+}
+
+void FileEvents::closeQueue() noexcept {
+  if (queue_ >= 0) ::close(queue_);
+  queue_ = -1;
+}
+
+void FileEvents::begin() {
+  closeQueue();
+  queue_ = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+  if (queue_ < 0) throw NSPOSIXError(errno, "watch for changes of files");
 }
 
 int FileEvents::watch(const char* path, std::uint32_t kinds) noexcept {

@@ -27,11 +27,15 @@ class FileEvents {
     std::string_view name;
   };
 
-  /// Throws NSPOSIXError if the kernel gives no means: a user has 128 queues unless more are allowed.
+  /// Watches nothing yet; `begin` comes first. Throws NSPOSIXError where descriptors are short.
   FileEvents();
   ~FileEvents();
   FileEvents(const FileEvents&) = delete;
   FileEvents& operator=(const FileEvents&) = delete;
+
+  /// Begins with an empty queue and without watches, also in the place of those that there were. Throws NSPOSIXError if the
+  /// kernel gives no means (a user has 128 queues unless more are allowed); nothing is ever queued then.
+  void begin();
 
   /// Watches what is at `path` for `kinds` (IN_CREATE …), from now on. The same number again where it is watched already;
   /// -1 with errno where it cannot be.
@@ -50,8 +54,10 @@ class FileEvents {
   void stop() noexcept;
 
  private:
+  void closeQueue() noexcept;
+
   const int stop_;
-  const int queue_;
+  int queue_ = -1;
 };
 
 }  // namespace kestrune::platform

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
 
+#include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -18,6 +20,10 @@ using std::chrono::milliseconds;
 
 class FileEventsTest : public testing::Test {
  protected:
+  FileEventsTest() {
+    events_.begin();
+    watch_ = events_.watch(directory_.path().c_str(), IN_CLOSE_WRITE);
+  }
   // The names of what is queued.
   std::vector<std::string> taken() {
     std::vector<std::string> names;
@@ -30,7 +36,7 @@ class FileEventsTest : public testing::Test {
 
   support::TemporaryDirectory directory_;
   FileEvents events_;
-  const int watch_ = events_.watch(directory_.path().c_str(), IN_CLOSE_WRITE);
+  int watch_ = -1;
 };
 
 TEST_F(FileEventsTest, EventsComeInOrderWithTheirNames) {
@@ -53,6 +59,16 @@ TEST_F(FileEventsTest, AWatchThatIsForgottenTellsOnlyThat) {
   std::vector<std::uint32_t> kinds;
   events_.take([&](const FileEvents::Event& event) { kinds.push_back(event.kinds); });
   EXPECT_EQ(kinds, std::vector<std::uint32_t>{IN_IGNORED});
+}
+
+TEST_F(FileEventsTest, ANewBeginningForgetsWatchesAndEvents) {
+  directory_.write("a", "");
+  events_.begin();
+  directory_.write("b", "");
+  EXPECT_TRUE(taken().empty());
+  watch_ = events_.watch(directory_.path().c_str(), IN_CLOSE_WRITE);
+  directory_.write("c", "");
+  EXPECT_EQ(taken(), std::vector<std::string>{"c"});
 }
 
 TEST_F(FileEventsTest, WhatCannotBeWatchedIsToldWithItsReason) {
