@@ -1,31 +1,28 @@
 #include "service/Folders.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <memory>
+#include <utility>
 
-#include "service/FileDescriptor.h"
 #include "service/ServiceError.h"
 #include "service/Staging.h"
 
 namespace kestrune::service {
 namespace {
 
-struct CloseDirectory {
-  void operator()(DIR* directory) const { ::closedir(directory); }
-};
-using Directory = std::unique_ptr<DIR, CloseDirectory>;
-
-/// A reader of its own for `folder`, from the first entry on.
-Directory openDirectory(int parent, const char* name) {
-  FileDescriptor opened(::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+Directory readerOf(FileDescriptor opened) {
   if (!opened) return nullptr;
   DIR* directory = ::fdopendir(opened.get());
   if (directory != nullptr) opened.release();
   return Directory(directory);
+}
+
+/// A reader of its own for `folder`, from the first entry on.
+Directory openDirectory(int parent, const char* name) {
+  return readerOf(
+      FileDescriptor(::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
 }
 
 bool isDotOrDotDot(const std::string& name) { return name == "." || name == ".."; }
@@ -61,6 +58,23 @@ std::vector<std::string> namesIn(int folder) {
     if (!isDotOrDotDot(entry->d_name)) names.emplace_back(entry->d_name);
   }
   return names;
+}
+
+SubfolderReader::SubfolderReader(FileDescriptor folder) : directory_(readerOf(std::move(folder))) {
+  if (!directory_) throw fileError(errno, "read a folder");
+}
+
+const char* SubfolderReader::next() {
+  for (;;) {
+    errno = 0;
+    const dirent* entry = ::readdir(directory_.get());
+    if (entry == nullptr) break;
+    const bool mayBeFolder = entry->d_type == DT_DIR || entry->d_type == DT_UNKNOWN;
+    if (mayBeFolder && !isDotOrDotDot(entry->d_name)) return entry->d_name;
+  }
+  // A folder that is deleted while it is read answers ENOENT; it has no entries any more.
+  if (errno != 0 && errno != ENOENT) throw fileError(errno, "read a folder");
+  return nullptr;
 }
 
 std::size_t removeContents(int folder, const std::function<bool()>& goOn) {

@@ -41,6 +41,8 @@ struct Options {
   std::chrono::seconds urlLifetime = std::chrono::hours(1);
   /// Whether a change is on the disk before it is confirmed.
   platform::Durability durability = platform::Durability::durable;
+  /// Whether changes that other programs make in the tree are announced.
+  bool watchTree = true;
   Timeouts timeouts;
 };
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "service/BearerToken.h"
@@ -15,6 +16,7 @@
 #include "service/Signing.h"
 #include "service/Staging.h"
 #include "service/Tree.h"
+#include "service/TreeWatch.h"
 
 namespace kestrune::service {
 
@@ -31,6 +33,7 @@ struct Parts {
   MimeTypes types;
   Changes changes;
   Housekeeper housekeeper;
+  std::optional<TreeWatch> treeWatch;
   /// Last, so that it is joined before anything that its work uses goes.
   FileThreads fileThreads;
 };

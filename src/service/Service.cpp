@@ -23,7 +23,9 @@ Parts::Parts(const Options& allOptions, const platform::Secret& bearerToken)
       signer(staging.signingKey(), options.urlLifetime),
       token(bearerToken),
       housekeeper(staging, uploads),
-      fileThreads(kFileThreads) {}
+      fileThreads(kFileThreads) {
+  if (options.watchTree) treeWatch.emplace(tree, changes);
+}
 
 Service::Service(Options options, const platform::Secret& token)
     : options_(std::move(options)),

@@ -156,6 +156,12 @@ FileDescriptor Tree::openFolder(const RemotePath& path) const {
   throw notFound();
 }
 
+FileDescriptor Tree::openFolderIn(int folder, const char* name) {
+  FileDescriptor opened(openBeneath(folder, name, O_RDONLY | O_DIRECTORY));
+  if (!opened) throw fileError(errno, "open folder");
+  return opened;
+}
+
 bool Tree::holds(const FileDescriptor& folder) const {
   const FolderStatus root = statusOf(root_);
   FolderStatus here = statusOf(folder);

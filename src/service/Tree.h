@@ -63,6 +63,9 @@ class Tree {
   /// Opens a folder for listing. 409 for a file.
   FileDescriptor openFolder(const RemotePath& path) const;
 
+  /// Opens the folder `name` in a folder of the tree for reading. 404 if that is no folder.
+  static FileDescriptor openFolderIn(int folder, const char* name);
+
   /// Whether `folder`, opened here before, is still in the tree, wherever it was moved to since.
   bool holds(const FileDescriptor& folder) const;
 

@@ -67,6 +67,29 @@ TEST_F(LiveServiceTest, ChangesMadeThroughTheServiceShowSoon) {
   EXPECT_TRUE(waitUntil([&] { return !fs::exists(mount() / "docs/there.txt"); }, kShown));
 }
 
+TEST_F(LiveServiceTest, ChangesMadeBesideTheServiceShowSoon) {
+  const fs::path store = service().root();
+  EXPECT_EQ(contentsOf(mount() / "docs/here.txt"), "here");
+  // The host listens for events once a first change came through.
+  std::ofstream(store / "first") << "first";
+  EXPECT_TRUE(waitUntil([&] { return fs::exists(mount() / "first"); }));
+  std::ofstream(store / "docs/new.txt") << "new";
+  EXPECT_TRUE(waitUntil([&] { return fs::exists(mount() / "docs/new.txt"); }, kShown));
+  std::ofstream(store / "docs/here.txt", std::ios::app) << " and now";
+  EXPECT_TRUE(
+      waitUntil([&] { return contentsOf(mount() / "docs/here.txt") == "here and now"; }, kShown));
+  fs::create_directories(store / "docs/deep/deeper");
+  EXPECT_TRUE(waitUntil([&] { return fs::exists(mount() / "docs/deep/deeper"); }, kShown));
+  fs::rename(store / "docs/there.txt", store / "docs/deep/deeper/moved.txt");
+  const auto isMoved = [&] {
+    return fs::exists(mount() / "docs/deep/deeper/moved.txt") &&
+           !fs::exists(mount() / "docs/there.txt");
+  };
+  EXPECT_TRUE(waitUntil(isMoved, kShown));
+  fs::remove_all(store / "docs/deep");
+  EXPECT_TRUE(waitUntil([&] { return !fs::exists(mount() / "docs/deep"); }, kShown));
+}
+
 TEST_F(LiveServiceTest, WhatOneMachineWritesAnotherShows) {
   LiveMount other(service());
   EXPECT_EQ(snapshotOf(other.mountPoint()).size(), 3U);

@@ -19,7 +19,8 @@ class Events : public ::testing::Test {
     listener.send(kRequest);
     head = listener.readUntil(": hello\n\n");
   }
-  RunningService service;
+  /// Announces what goes through it, and not once more what it notices in the tree.
+  RunningService service{[](Options& options) { options.watchTree = false; }};
   Client listener;
   std::string head;
 };

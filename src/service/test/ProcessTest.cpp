@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -121,6 +122,23 @@ TEST_F(Process, KilledInAnUploadTheTreeIsWholeAndTheNextStartClearsUp) {
   start(arguments());
   EXPECT_TRUE(fs::is_empty(drafts));
   EXPECT_EQ(support::contentsOf(root() / "up.bin"), "old");
+}
+
+TEST_F(Process, WhatOtherProgramsChangeInTheTreeIsAnnounced) {
+  start(arguments());
+  Client listener(port);
+  listener.send("GET /events HTTP/1.1\r\nAuthorization: Bearer process-token\r\n\r\n");
+  listener.readUntil(": hello\n\n");
+  for (int i = 0; i < 5; ++i) {
+    files.write("tree/folder/in folder/" + std::to_string(i), "text");
+    const auto written = std::chrono::steady_clock::now();
+    listener.readUntil("event: change\ndata: {}\n\n");
+    EXPECT_LT(std::chrono::steady_clock::now() - written, std::chrono::seconds(2)) << i;
+  }
+  // Listening does not hold up the end.
+  program->signal(SIGTERM);
+  EXPECT_EQ(program->finish(), 0);
+  EXPECT_EQ(program->errors(), "");
 }
 
 TEST_F(Process, URLsSurviveARestart) {
