@@ -58,6 +58,19 @@ class TreeTest : public ::testing::Test {
   FileDescriptor trash;
 };
 
+TEST_F(TreeTest, AFolderIsOpenedInAnotherWithoutLeadingElsewhere) {
+  const FileDescriptor docs = tree->openFolder(at("/Docs"));
+  EXPECT_EQ(attributesOf(Tree::openFolderIn(docs.get(), "Sub")).inode,
+            tree->attributes(at("/Docs/Sub")).inode);
+  const auto refusal = [&](const char* name) {
+    return refusalOf([&] { Tree::openFolderIn(docs.get(), name); });
+  };
+  EXPECT_EQ(refusal("out"), 400U);
+  EXPECT_EQ(refusal(".."), 400U);
+  EXPECT_EQ(refusal("missing"), 404U);
+  EXPECT_EQ(refusal("a.txt"), 404U);
+}
+
 TEST_F(TreeTest, OpensFilesAndFolders) {
   const FileDescriptor file = tree->openFile(at("/Docs/a.txt"));
   EXPECT_EQ(attributesOf(file).sizeBytes, 5U);

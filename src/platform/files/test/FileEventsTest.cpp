@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -62,6 +63,10 @@ TEST_F(FileEventsTest, AWatchThatIsForgottenTellsOnlyThat) {
 }
 
 TEST_F(FileEventsTest, ANewBeginningForgetsWatchesAndEvents) {
+  const auto openFiles = [] {
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+  };
+  const auto before = openFiles();
   directory_.write("a", "");
   events_.begin();
   directory_.write("b", "");
@@ -69,6 +74,7 @@ TEST_F(FileEventsTest, ANewBeginningForgetsWatchesAndEvents) {
   watch_ = events_.watch(directory_.path().c_str(), IN_CLOSE_WRITE);
   directory_.write("c", "");
   EXPECT_EQ(taken(), std::vector<std::string>{"c"});
+  EXPECT_EQ(openFiles(), before);
 }
 
 TEST_F(FileEventsTest, WhatCannotBeWatchedIsToldWithItsReason) {
