@@ -48,6 +48,15 @@ bool isOnNetwork(const FileDescriptor& folder) {
   return std::find(kRemote.begin(), kRemote.end(), type) != kRemote.end();
 }
 
+/// Whether `name` in `folder` is `found`.
+bool isIn(int folder, const std::string& name, const FileDescriptor& found) {
+  try {
+    return attributesAt(folder, name.c_str()).inode == attributesOf(found).inode;
+  } catch (const ServiceError&) {
+    return false;
+  }
+}
+
 }  // namespace
 
 TreeWatch::TreeWatch(const Tree& tree, Changes& changes, WatchPace pace)
@@ -229,9 +238,11 @@ int TreeWatch::attach(int folder, int above, const std::string& name) {
   const int watch = addWatch(found);
   if (watch == WatchedFolders::kNone) return watch;
   const bool isNew = !folders_.has(watch);
-  if (isNew && folders_.count() >= pace_.folders) {
+  const bool isTooMany = isNew && folders_.count() >= pace_.folders;
+  if (isTooMany) becomePartial("there are too many folders");
+  // Of a move before it had its watch the folder itself tells nothing; whoever holds it now does, if that is in the tree.
+  if (isTooMany || (isNew && !isIn(folder, name, found))) {
     events_.forget(watch);
-    becomePartial("there are too many folders");
     return WatchedFolders::kNone;
   }
   if (!folders_.put(watch, above, name)) becomePartial("a folder lies in itself");

@@ -282,7 +282,9 @@ TEST_F(TreeWatchTest, WhateverHappensTheFoldersOfTheTreeAreWatched) {
       }
     }
     settle();
-    ASSERT_TRUE(watchesItsFolders()) << "round " << round;
+    // The last folders may still be waiting for their watch; but nothing else is going to happen.
+    ASSERT_TRUE(support::waitUntil([&] { return watchesItsFolders(); }, kSoon))
+        << "round " << round;
   }
 }
 
