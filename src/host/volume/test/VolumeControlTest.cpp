@@ -126,6 +126,7 @@ TEST_F(VolumeControlTest, TellsWhatTheLastRequestCameTo) {
   EXPECT_EQ(status().isStoreReachable, true);
 
   host_.remote().failWith(Ask::create, "/docs/new.txt", refused);
+  host_.remote().failWith(Ask::items, "/docs", refused);  // asked for when it failed
   host_.save("/docs/new.txt", "new");
   ASSERT_TRUE(host_.passUntil([this] { return status().failingChanges == 1; }));
   EXPECT_EQ(status().isStoreReachable, false);
