@@ -94,6 +94,15 @@ bool Tree::endWaits(const Item& folder, std::uint64_t asOf, const Kept& seen) {
   return isAll;
 }
 
+// When something left the folder between two pages of the listing, what came after it may be on neither of them.
+bool Tree::mayHavePassedOver(const Item& folder, const std::vector<Item*>& before,
+                             const Batch& batch) {
+  return folder.part()->leftAt > batch.asOf ||
+         std::any_of(before.begin(), before.end(), [](const Item* child) {
+           return child->isUnderWay && !child->isAtPlaceThere();
+         });
+}
+
 // False: it can not be believed yet.
 bool Tree::goneThere(Item& item, Batch& batch) {
   if (holdsOld(item, batch)) {

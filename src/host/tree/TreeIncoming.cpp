@@ -140,15 +140,6 @@ void Tree::foundThere(Item& item, const Item& folder, const ItemRecord& record) 
   askAgain(item);
 }
 
-// When something left the folder between two pages of the listing, what came after it may be on neither of them.
-bool Tree::mayHavePassedOver(const Item& folder, const std::vector<Item*>& before,
-                             const Batch& batch) {
-  return folder.part()->leftAt > batch.asOf ||
-         std::any_of(before.begin(), before.end(), [](const Item* child) {
-           return child->isUnderWay && !child->isAtPlaceThere();
-         });
-}
-
 void Tree::applyListing(Item& folder, const std::vector<ItemRecord>& items,
                         std::optional<platform::NSFileProviderSyncAnchor> anchor,
                         std::uint64_t asOf) {
