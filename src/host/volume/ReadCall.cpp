@@ -35,12 +35,11 @@ ReadCall::Whereabouts ReadCall::whereabouts() const {
 
 void ReadCall::begin() {
   first_ = whereabouts();
-  find();
+  readAfterListing(first_.staleFolder);
 }
 
 // Identifiers in a folder that just moved are not known yet: its listing tells them.
-void ReadCall::find() {
-  const ItemId stale = whereabouts().staleFolder;
+void ReadCall::readAfterListing(ItemId stale) {
   if (stale == 0) {
     read();
     return;
@@ -57,7 +56,9 @@ void ReadCall::read() {
                       [self = shared_from_this()](Answer<LocalFilePtr> answer) {
                         if (answer.ok() || !self->hasMoved(*answer.error()))
                           return self->reply_(std::move(answer));
-                        self->volume_->services().timers->after(kMoves, [self] { self->find(); });
+                        self->volume_->services().timers->after(kMoves, [self] {
+                          self->readAfterListing(self->whereabouts().staleFolder);
+                        });
                       });
 }
 

@@ -40,7 +40,8 @@ class ReadCall : public std::enable_shared_from_this<ReadCall> {
     ItemId staleFolder = 0;
   };
   Whereabouts whereabouts() const;
-  void find();
+  /// Of the folder, if it is not 0.
+  void readAfterListing(ItemId folder);
   void read();
   bool hasMoved(const platform::NSError& error);
 
