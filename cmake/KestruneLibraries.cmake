@@ -17,6 +17,8 @@ if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
   find_package(fmt REQUIRED)
   find_package(SQLiteCpp REQUIRED)
   pkg_check_modules(FUSE3 REQUIRED IMPORTED_TARGET fuse3)
+  find_package(CapnProto 0.9 REQUIRED)
+  pkg_check_modules(SECCOMP REQUIRED IMPORTED_TARGET libseccomp)
   pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 endif()
 
