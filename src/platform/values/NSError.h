@@ -83,6 +83,8 @@ class NSCocoaError : public NSErrorOf<NSCocoaError> {
     fileWriteUnknown = 512,
     userCancelled = 3072,
     featureUnsupported = 3328,
+    xpcConnectionInterrupted = 4097,   // the other process is gone
+    xpcConnectionReplyInvalid = 4101,  // it answered what cannot be understood
     coderInvalidValue = 4866,
   };
   NSCocoaError(Code code, std::string localizedDescription);

@@ -1,0 +1,141 @@
+@0xb7f3a1c65d2e9048;
+# What the host and the extension's program say to each other. The interfaces mirror platform/file_provider; whoever changes them
+# changes kProtocolVersion (Protocol.h) too.
+#
+# Bytes of names and identifiers are Data, because a remote side's names need not be text. A pointer that is not there stands for an
+# optional value that is none.
+
+using Cxx = import "/capnp/c++.capnp";
+$Cxx.namespace("kestrune::boundary::wire");
+
+struct Entry {
+  key @0 :Data;
+  value @1 :Data;
+}
+
+struct Error {
+  domain @0 :Data;
+  code @1 :Int64;
+  description @2 :Data;
+  userInfo @3 :List(Entry);
+}
+
+struct Version {
+  content @0 :Data;
+  metadata @1 :Data;
+}
+
+struct Range {
+  location @0 :Int64;
+  length @1 :Int64;
+}
+
+struct Request {
+  isSystemRequest @0 :Bool;
+  isFileViewerRequest @1 :Bool;
+  requestingExecutable @2 :Data;
+}
+
+# An item as it was when it was handed over: properties are not asked for one by one.
+struct Item {
+  identifier @0 :Data;
+  parentIdentifier @1 :Data;
+  filename @2 :Data;
+  contentType @3 :Data;
+  capabilities @4 :UInt32;
+  hasCapabilities @5 :Bool;
+  hasSize @6 :Bool;
+  hasModified @7 :Bool;
+  hasCreated @8 :Bool;
+  size @9 :Int64;
+  modified @10 :Int64;  # microseconds since 1970
+  created @11 :Int64;
+  contentPolicy @12 :Int64;
+  version @13 :Version;
+}
+
+# What an operation's completion handler is called with; each operation fills in what its handler takes.
+struct Answer {
+  error @0 :Error;
+  item @1 :Item;
+  url @2 :Data;
+  range @3 :Range;
+  flags @4 :UInt32;
+  pendingFields @5 :UInt32;
+  shouldFetchContent @6 :Bool;
+}
+
+# The progress of one operation, with whoever carries it out. Letting it go cancels nothing.
+interface Operation {
+  cancel @0 ();
+}
+
+# Whoever made one operation.
+interface Caller {
+  changed @0 (total :Int64, completed :Int64);  # of the progress
+  complete @1 (answer :Answer);  # once, the last call
+  dropped @2 ();  # in its place: the completion handler is gone and will never be called
+}
+
+# Takes a stream's bytes. They stand in `memory` from `position` on, which is counted from the stream's begin and wraps around at
+# the memory's end; they may be overwritten when the call has been answered.
+interface Taker {
+  take @0 (offset :Int64, position :UInt64, length :UInt32) -> (wanted :Bool);
+}
+
+# Memory that both sides have mapped: a capability with a descriptor.
+interface Memory {
+}
+
+interface ItemObserver {
+  items @0 (items :List(Item)) -> stream;
+  finish @1 (nextPage :Data);
+  fail @2 (error :Error);
+  dropped @3 ();
+}
+
+interface ChangeObserver {
+  updated @0 (items :List(Item)) -> stream;
+  deleted @1 (identifiers :List(Data)) -> stream;
+  finish @2 (anchor :Data, moreComing :Bool);
+  fail @3 (error :Error);
+  dropped @4 ();
+}
+
+interface Enumerator {
+  enumerateItems @0 (page :Data, observer :ItemObserver);
+  enumerateChanges @1 (anchor :Data, observer :ChangeObserver);
+  currentSyncAnchor @2 () -> (anchor :Data);
+  invalidate @3 ();
+}
+
+# The host, as the extension sees it: its manager, and the session's pasteboard. No error: it was done.
+interface Host {
+  evictItem @0 (identifier :Data) -> (error :Error);
+  requestDownload @1 (identifier :Data, range :Range) -> (error :Error);
+  signalEnumerator @2 (container :Data) -> (error :Error);
+  copyText @3 (text :Data) -> (error :Error);
+}
+
+interface Extension {
+  # Before all else, once.
+  greet @0 (version :UInt32, domainIdentifier :Data, domainName :Data, host :Host)
+      -> (version :UInt32, partialContents :Bool, streams :Bool, actions :Bool);
+
+  item @1 (caller :Caller, identifier :Data, request :Request) -> (operation :Operation);
+  fetchContents @2 (caller :Caller, identifier :Data, version :Version, request :Request) -> (operation :Operation);
+  fetchPartialContents @3 (caller :Caller, identifier :Data, version :Version, request :Request, range :Range, alignment :Int64,
+      options :UInt32) -> (operation :Operation);
+  streamContents @4 (caller :Caller, identifier :Data, version :Version, request :Request, range :Range, memory :Memory,
+      taker :Taker) -> (operation :Operation);
+  createItem @5 (caller :Caller, item :Item, fields :UInt32, url :Data, options :UInt32, request :Request)
+      -> (operation :Operation);
+  modifyItem @6 (caller :Caller, item :Item, version :Version, fields :UInt32, url :Data, options :UInt32, request :Request)
+      -> (operation :Operation);
+  deleteItem @7 (caller :Caller, identifier :Data, version :Version, options :UInt32, request :Request)
+      -> (operation :Operation);
+  performAction @8 (caller :Caller, action :Data, identifiers :List(Data)) -> (operation :Operation);
+
+  enumerator @9 (container :Data, request :Request) -> (enumerator :Enumerator, error :Error);
+  invalidate @10 ();
+}

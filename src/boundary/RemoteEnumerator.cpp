@@ -1,0 +1,244 @@
+#include "boundary/RemoteEnumerator.h"
+
+#include <boost/asio/post.hpp>
+#include <utility>
+#include <variant>
+
+#include "boundary/BoundaryError.h"
+#include "boundary/Messages.h"
+#include "platform/tasks/Task.h"
+
+namespace kestrune::boundary {
+
+namespace {
+
+using platform::NSErrorPtr;
+using platform::NSFileProviderItemPtr;
+using platform::NSFileProviderSyncAnchor;
+using Items = std::vector<NSFileProviderItemPtr>;
+using Identifiers = std::vector<platform::NSFileProviderItemIdentifier>;
+
+template <class Work>
+void onExecutor(Work work) {
+  boost::asio::post(platform::sharedExecutor(), std::move(work));
+}
+
+void append(Items& items, capnp::List<wire::Item>::Reader messages) {
+  items.reserve(items.size() + messages.size());
+  for (const auto message : messages) items.push_back(read(message));
+}
+
+// Gathers one enumeration. Let go without a last call it means that the program is gone.
+class ItemObserverServer final : public wire::ItemObserver::Server {
+ public:
+  using Observer = std::shared_ptr<platform::NSFileProviderEnumerationObserver>;
+  explicit ItemObserverServer(Observer observer) : observer_(std::move(observer)) {}
+  ~ItemObserverServer() { end(interrupted()); }
+  KJ_DISALLOW_COPY(ItemObserverServer);
+
+  void end(NSErrorPtr error) {
+    if (!observer_) return;
+    onExecutor([observer = std::exchange(observer_, nullptr), error = std::move(error)] {
+      observer->finishEnumeratingWithError(error);
+    });
+  }
+
+ protected:
+  kj::Promise<void> items(ItemsContext context) override {
+    append(items_, context.getParams().getItems());
+    return kj::READY_NOW;
+  }
+  kj::Promise<void> finish(FinishContext context) override {
+    if (!observer_) return kj::READY_NOW;
+    std::optional<platform::NSFileProviderPage> page;
+    if (context.getParams().hasNextPage()) page = text(context.getParams().getNextPage());
+    onExecutor([observer = std::exchange(observer_, nullptr), items = std::move(items_),
+                page = std::move(page)]() mutable {
+      if (!items.empty()) observer->didEnumerateItems(std::move(items));
+      observer->finishEnumeratingUpToPage(std::move(page));
+    });
+    return kj::READY_NOW;
+  }
+  kj::Promise<void> fail(FailContext context) override {
+    end(read(context.getParams().getError()));
+    return kj::READY_NOW;
+  }
+  kj::Promise<void> dropped(DroppedContext) override {
+    onExecutor([observer = std::exchange(observer_, nullptr)]() mutable { observer = nullptr; });
+    return kj::READY_NOW;
+  }
+
+ private:
+  Observer observer_;  // none after the end
+  Items items_;
+};
+
+class ChangeObserverServer final : public wire::ChangeObserver::Server {
+ public:
+  using Observer = std::shared_ptr<platform::NSFileProviderChangeObserver>;
+  explicit ChangeObserverServer(Observer observer) : observer_(std::move(observer)) {}
+  ~ChangeObserverServer() { end(interrupted()); }
+  KJ_DISALLOW_COPY(ChangeObserverServer);
+
+  void end(NSErrorPtr error) {
+    if (!observer_) return;
+    onExecutor([observer = std::exchange(observer_, nullptr), error = std::move(error)] {
+      observer->finishEnumeratingWithError(error);
+    });
+  }
+
+ protected:
+  kj::Promise<void> updated(UpdatedContext context) override {
+    append(last<Items>(), context.getParams().getItems());
+    return kj::READY_NOW;
+  }
+  kj::Promise<void> deleted(DeletedContext context) override {
+    auto& all = last<Identifiers>();
+    auto more = read(context.getParams().getIdentifiers());
+    all.insert(all.end(), std::make_move_iterator(more.begin()),
+               std::make_move_iterator(more.end()));
+    return kj::READY_NOW;
+  }
+  kj::Promise<void> finish(FinishContext context) override {
+    if (!observer_) return kj::READY_NOW;
+    onExecutor([observer = std::exchange(observer_, nullptr), reports = std::move(reports_),
+                anchor = text(context.getParams().getAnchor()),
+                more = context.getParams().getMoreComing()]() mutable {
+      for (auto& report : reports) {
+        if (auto* items = std::get_if<Items>(&report)) {
+          observer->didUpdateItems(std::move(*items));
+        } else {
+          observer->didDeleteItemsWithIdentifiers(std::move(std::get<Identifiers>(report)));
+        }
+      }
+      observer->finishEnumeratingChangesUpToSyncAnchor(std::move(anchor), more);
+    });
+    return kj::READY_NOW;
+  }
+  kj::Promise<void> fail(FailContext context) override {
+    end(read(context.getParams().getError()));
+    return kj::READY_NOW;
+  }
+  kj::Promise<void> dropped(DroppedContext) override {
+    onExecutor([observer = std::exchange(observer_, nullptr)]() mutable { observer = nullptr; });
+    return kj::READY_NOW;
+  }
+
+ private:
+  // The last report where it is of this kind, else a new one: their order is part of what is said.
+  template <class Kind>
+  Kind& last() {
+    if (reports_.empty() || !std::holds_alternative<Kind>(reports_.back()))
+      reports_.push_back(Kind());
+    return std::get<Kind>(reports_.back());
+  }
+
+  Observer observer_;  // none after the end
+  std::vector<std::variant<Items, Identifiers>> reports_;
+};
+
+// Asks an enumerator for something that `Server` hears of, or tells that there is no enumerator.
+template <class Server, class Ask>
+auto asking(kj::Own<Server> server, Ask ask) {
+  return [server = kj::mv(server), ask = kj::mv(ask)](wire::Enumerator::Client* enumerator,
+                                                      const NSErrorPtr& error) mutable {
+    if (enumerator != nullptr) {
+      Server& told = *server;
+      auto client = typename Server::Serves::Client(kj::mv(server));
+      ask(*enumerator, client).detach([client, &told](kj::Exception&& exception) mutable {
+        told.end(errorFrom(exception));
+      });
+    } else {
+      server->end(error);
+    }
+  };
+}
+
+}  // namespace
+
+void RemoteEnumerator::Coming::with(Use use) {
+  if (enumerator_ == nullptr && !error_) {
+    waiting_.push_back(kj::mv(use));
+  } else {
+    answer(use);
+  }
+}
+
+void RemoteEnumerator::Coming::came(wire::Enumerator::Client enumerator) {
+  enumerator_ = kj::mv(enumerator);
+  for (auto& use : std::exchange(waiting_, {})) answer(use);
+}
+
+void RemoteEnumerator::Coming::failed(NSErrorPtr error) {
+  error_ = std::move(error);
+  for (auto& use : std::exchange(waiting_, {})) answer(use);
+}
+
+void RemoteEnumerator::Coming::answer(Use& use) {
+  KJ_IF_MAYBE (there, enumerator_) {
+    use(there, nullptr);
+  } else {
+    use(nullptr, error_);
+  }
+}
+
+void RemoteEnumerator::invalidate() {
+  auto use = [](wire::Enumerator::Client* enumerator, const NSErrorPtr&) {
+    if (enumerator == nullptr) return;
+    enumerator->invalidateRequest().send().detach([](kj::Exception&&) {
+      // Whoever is gone holds nothing any more.
+    });
+  };
+  loop_->post([coming = coming_, use] { coming->with(use); });
+}
+
+void RemoteEnumerator::enumerateItems(
+    std::shared_ptr<platform::NSFileProviderEnumerationObserver> observer,
+    platform::NSFileProviderPage page) {
+  loop_->post([coming = coming_, observer = std::move(observer), page = std::move(page)]() mutable {
+    coming->with(asking(kj::heap<ItemObserverServer>(std::move(observer)),
+                        [page = std::move(page)](wire::Enumerator::Client& enumerator,
+                                                 wire::ItemObserver::Client& told) {
+                          auto request = enumerator.enumerateItemsRequest();
+                          request.setPage(bytesOf(page));
+                          request.setObserver(told);
+                          return request.send().ignoreResult();
+                        }));
+  });
+}
+
+void RemoteEnumerator::enumerateChanges(
+    std::shared_ptr<platform::NSFileProviderChangeObserver> observer,
+    NSFileProviderSyncAnchor anchor) {
+  loop_->post(
+      [coming = coming_, observer = std::move(observer), anchor = std::move(anchor)]() mutable {
+        coming->with(asking(kj::heap<ChangeObserverServer>(std::move(observer)),
+                            [anchor = std::move(anchor)](wire::Enumerator::Client& enumerator,
+                                                         wire::ChangeObserver::Client& told) {
+                              auto request = enumerator.enumerateChangesRequest();
+                              request.setAnchor(bytesOf(anchor));
+                              request.setObserver(told);
+                              return request.send().ignoreResult();
+                            }));
+      });
+}
+
+void RemoteEnumerator::currentSyncAnchor(
+    std::function<void(std::optional<NSFileProviderSyncAnchor>)> completionHandler) {
+  const auto answer =
+      [handler = std::move(completionHandler)](std::optional<NSFileProviderSyncAnchor> anchor) {
+        onExecutor([handler, anchor = std::move(anchor)] { handler(anchor); });
+      };
+  auto use = [answer](wire::Enumerator::Client* enumerator, const NSErrorPtr&) {
+    if (enumerator == nullptr) return answer(std::nullopt);
+    enumerator->currentSyncAnchorRequest()
+        .send()
+        .then([answer](auto&& told) {
+          answer(told.hasAnchor() ? std::optional(text(told.getAnchor())) : std::nullopt);
+        })
+        .detach([answer](kj::Exception&&) { answer(std::nullopt); });
+  };
+  loop_->post([coming = coming_, use]() mutable { coming->with(use); });
+}
+
+}  // namespace kestrune::boundary

@@ -1,0 +1,329 @@
+#include "boundary/RemoteExtension.h"
+
+#include <atomic>
+#include <boost/asio/post.hpp>
+#include <boost/asio/strand.hpp>
+#include <cstdint>
+#include <utility>
+
+#include "boundary/BoundaryError.h"
+#include "boundary/HostServer.h"
+#include "boundary/Messages.h"
+#include "boundary/Protocol.h"
+#include "boundary/RemoteCall.h"
+#include "boundary/RemoteEnumerator.h"
+#include "boundary/StreamReader.h"
+#include "boundary/Wire.h"
+#include "platform/tasks/Task.h"
+
+namespace kestrune::boundary {
+
+namespace {
+
+using platform::NSErrorPtr;
+using platform::NSFileProviderItemIdentifier;
+using platform::NSFileProviderItemPtr;
+using platform::NSFileProviderItemVersion;
+using platform::NSFileProviderRequest;
+using platform::NSProgressPtr;
+
+// What a stream may be ahead of the host's disk.
+constexpr std::size_t kStreamBytes = 4U << 20U;
+
+// One side of a two-party connection.
+struct Wire {
+  Wire(kj::AsyncIoContext& io, int socket)
+      : stream(io.lowLevelProvider->wrapUnixSocketFd(kj::AutoCloseFd(socket))),
+        network(*stream, 1, capnp::rpc::twoparty::Side::CLIENT),  // 1: lest none is sent either
+        system(capnp::makeRpcClient(network)),
+        extension(bootstrap(system)) {}
+
+  static wire::Extension::Client bootstrap(capnp::RpcSystem<capnp::rpc::twoparty::VatId>& system) {
+    capnp::MallocMessageBuilder message;
+    auto server = message.initRoot<capnp::rpc::twoparty::VatId>();
+    server.setSide(capnp::rpc::twoparty::Side::SERVER);
+    return system.bootstrap(server).castAs<wire::Extension>();
+  }
+
+  kj::Own<kj::AsyncCapabilityStream> stream;
+  capnp::TwoPartyVatNetwork network;
+  capnp::RpcSystem<capnp::rpc::twoparty::VatId> system;
+  wire::Extension::Client extension;
+};
+
+}  // namespace
+
+struct RemoteExtension::Link : std::enable_shared_from_this<Link> {
+  std::shared_ptr<Loop> loop;
+  HostServices services;
+  std::unique_ptr<Wire> wire;  // the loop's; none after the end
+  std::atomic<bool> isGone = false;
+
+  // Sends a request with the fields that `fill` sets, and gives its caller to the handler.
+  template <class Request>
+  using Method = Request (wire::Extension::Client::*)(kj::Maybe<capnp::MessageSize>);
+
+  template <class Request, class Fill>
+  NSProgressPtr begin(Method<Request> method, Fill fill, RemoteCall::Handler handler,
+                      boost::asio::any_io_executor where = platform::sharedExecutor()) {
+    auto noting = [link = weak_from_this(), handler = std::move(handler)](Completed completed) {
+      const auto live = link.lock();
+      if (live && completed.error && isInterruption(*completed.error)) live->isGone = true;
+      handler(std::move(completed));
+    };
+    auto call = std::make_shared<RemoteCall>(loop, std::move(where), std::move(noting));
+    auto progress = call->makeProgress();
+    loop->post([link = shared_from_this(), call, method, fill = std::move(fill)]() mutable {
+      auto caller = call->caller();
+      if (!link->wire) return;  // the caller's end is the answer
+      auto request = (link->wire->extension.*method)(nullptr);
+      request.setCaller(caller);
+      fill(request);
+      request.send()
+          .then([call](auto&& response) { call->began(response.getOperation()); })
+          .detach([call](kj::Exception&& exception) { call->failed(exception); });
+    });
+    return progress;
+  }
+};
+
+std::shared_ptr<RemoteExtension> RemoteExtension::connect(int socket, HostServices services) {
+  kj::AutoCloseFd owned(socket);
+  auto link = std::make_shared<Link>();
+  link->loop = Loop::make("kes-boundary");
+  link->services = std::move(services);
+  link->loop->post([link, owned = kj::mv(owned)]() mutable {
+    link->wire = std::make_unique<Wire>(link->loop->io(), owned.release());
+  });
+  return std::shared_ptr<RemoteExtension>(new RemoteExtension(std::move(link)));
+}
+
+RemoteExtension::~RemoteExtension() {
+  link_->loop->run([this] { link_->wire = nullptr; });
+}
+
+bool RemoteExtension::isGone() const { return link_->isGone; }
+
+void RemoteExtension::greet(const platform::NSFileProviderDomain& domain, Greeted greeted) {
+  const auto answer = [greeted = std::move(greeted)](Offers offers, NSErrorPtr error) {
+    boost::asio::post(platform::sharedExecutor(),
+                      [greeted, offers, error = std::move(error)] { greeted(offers, error); });
+  };
+  link_->loop->post([link = link_, domain, answer] {
+    if (!link->wire) return answer({}, interrupted());
+    auto request = link->wire->extension.greetRequest();
+    request.setVersion(kProtocolVersion);
+    request.setDomainIdentifier(bytesOf(domain.identifier()));
+    request.setDomainName(bytesOf(domain.displayName()));
+    request.setHost(serveHost(link->loop, link->services));
+    request.send()
+        .then([answer](auto&& response) {
+          if (response.getVersion() != kProtocolVersion)
+            return answer({}, versionMismatch(kProtocolVersion, response.getVersion()));
+          answer({response.getPartialContents(), response.getStreams(), response.getActions()},
+                 nullptr);
+        })
+        .detach([answer](kj::Exception&& exception) { answer({}, errorFrom(exception)); });
+  });
+}
+
+void RemoteExtension::invalidate() {
+  link_->loop->post([link = link_] {
+    if (!link->wire) return;
+    link->wire->extension.invalidateRequest().send().detach([](kj::Exception&&) {
+      // Whoever is gone holds nothing any more.
+    });
+  });
+}
+
+NSProgressPtr RemoteExtension::item(NSFileProviderItemIdentifier identifier,
+                                    NSFileProviderRequest request, ItemHandler completionHandler) {
+  return link_->begin(
+      &wire::Extension::Client::itemRequest,
+      [=](auto& message) {
+        message.setIdentifier(bytesOf(identifier));
+        write(message.initRequest(), request);
+      },
+      [handler = std::move(completionHandler)](const Completed& completed) {
+        handler(completed.item, completed.error);
+      });
+}
+
+NSProgressPtr RemoteExtension::fetchContents(
+    NSFileProviderItemIdentifier itemIdentifier,
+    std::optional<NSFileProviderItemVersion> requestedVersion, NSFileProviderRequest request,
+    ContentsHandler completionHandler) {
+  return link_->begin(
+      &wire::Extension::Client::fetchContentsRequest,
+      [=](auto& message) {
+        message.setIdentifier(bytesOf(itemIdentifier));
+        if (requestedVersion) write(message.initVersion(), *requestedVersion);
+        write(message.initRequest(), request);
+      },
+      [handler = std::move(completionHandler)](const Completed& completed) {
+        handler(completed.url, completed.item, completed.error);
+      });
+}
+
+NSProgressPtr RemoteExtension::fetchPartialContents(
+    NSFileProviderItemIdentifier itemIdentifier, NSFileProviderItemVersion requestedVersion,
+    NSFileProviderRequest request, platform::NSRange minimalRange, std::int64_t alignment,
+    platform::NSFileProviderFetchContentsOptions options,
+    PartialContentsHandler completionHandler) {
+  return link_->begin(
+      &wire::Extension::Client::fetchPartialContentsRequest,
+      [=](auto& message) {
+        message.setIdentifier(bytesOf(itemIdentifier));
+        write(message.initVersion(), requestedVersion);
+        write(message.initRequest(), request);
+        write(message.initRange(), minimalRange);
+        message.setAlignment(alignment);
+        message.setOptions(static_cast<std::uint32_t>(options));
+      },
+      [handler = std::move(completionHandler)](const Completed& completed) {
+        handler(completed.url, completed.item, completed.range, completed.flags, completed.error);
+      });
+}
+
+NSProgressPtr RemoteExtension::streamContents(NSFileProviderItemIdentifier itemIdentifier,
+                                              NSFileProviderItemVersion requestedVersion,
+                                              NSFileProviderRequest request,
+                                              platform::NSRange range, BytesHandler bytes,
+                                              EndHandler completionHandler) {
+  // Bytes and their end come one after the other.
+  const boost::asio::any_io_executor inOrder = boost::asio::make_strand(platform::sharedExecutor());
+  std::shared_ptr<SharedMemory> memory;
+  try {
+    memory = SharedMemory::make(kStreamBytes);
+  } catch (const platform::NSError& error) {
+    boost::asio::post(inOrder, [handler = std::move(completionHandler), error = error.share()] {
+      handler(nullptr, error);
+    });
+    return std::make_shared<platform::NSProgress>(0);
+  }
+  return link_->begin(
+      &wire::Extension::Client::streamContentsRequest,
+      [=, loop = link_->loop](auto& message) {
+        message.setIdentifier(bytesOf(itemIdentifier));
+        write(message.initVersion(), requestedVersion);
+        write(message.initRequest(), request);
+        write(message.initRange(), range);
+        message.setMemory(kj::heap<MemoryServer>(memory));
+        message.setTaker(kj::heap<StreamReader>(loop, inOrder, memory, bytes));
+      },
+      [handler = std::move(completionHandler)](const Completed& completed) {
+        handler(completed.item, completed.error);
+      },
+      inOrder);
+}
+
+namespace {
+
+RemoteCall::Handler changeHandler(
+    platform::NSFileProviderReplicatedExtension::ChangeHandler handler) {
+  return [handler = std::move(handler)](const Completed& completed) {
+    handler(completed.item, completed.pendingFields, completed.shouldFetchContent, completed.error);
+  };
+}
+
+RemoteCall::Handler doneHandler(platform::NSFileProviderReplicatedExtension::DoneHandler handler) {
+  return [handler = std::move(handler)](const Completed& completed) { handler(completed.error); };
+}
+
+}  // namespace
+
+NSProgressPtr RemoteExtension::createItem(NSFileProviderItemPtr itemTemplate,
+                                          platform::NSFileProviderItemFields fields,
+                                          std::optional<std::filesystem::path> url,
+                                          platform::NSFileProviderCreateItemOptions options,
+                                          NSFileProviderRequest request,
+                                          ChangeHandler completionHandler) {
+  return link_->begin(
+      &wire::Extension::Client::createItemRequest,
+      [=](auto& message) {
+        write(message.initItem(), *itemTemplate);
+        message.setFields(static_cast<std::uint32_t>(fields));
+        if (url) message.setUrl(bytesOf(url->native()));
+        message.setOptions(static_cast<std::uint32_t>(options));
+        write(message.initRequest(), request);
+      },
+      changeHandler(std::move(completionHandler)));
+}
+
+NSProgressPtr RemoteExtension::modifyItem(NSFileProviderItemPtr item,
+                                          NSFileProviderItemVersion baseVersion,
+                                          platform::NSFileProviderItemFields changedFields,
+                                          std::optional<std::filesystem::path> newContents,
+                                          platform::NSFileProviderModifyItemOptions options,
+                                          NSFileProviderRequest request,
+                                          ChangeHandler completionHandler) {
+  return link_->begin(
+      &wire::Extension::Client::modifyItemRequest,
+      [=](auto& message) {
+        write(message.initItem(), *item);
+        write(message.initVersion(), baseVersion);
+        message.setFields(static_cast<std::uint32_t>(changedFields));
+        if (newContents) message.setUrl(bytesOf(newContents->native()));
+        message.setOptions(static_cast<std::uint32_t>(options));
+        write(message.initRequest(), request);
+      },
+      changeHandler(std::move(completionHandler)));
+}
+
+NSProgressPtr RemoteExtension::deleteItem(NSFileProviderItemIdentifier identifier,
+                                          NSFileProviderItemVersion baseVersion,
+                                          platform::NSFileProviderDeleteItemOptions options,
+                                          NSFileProviderRequest request,
+                                          DoneHandler completionHandler) {
+  return link_->begin(
+      &wire::Extension::Client::deleteItemRequest,
+      [=](auto& message) {
+        message.setIdentifier(bytesOf(identifier));
+        write(message.initVersion(), baseVersion);
+        message.setOptions(static_cast<std::uint32_t>(options));
+        write(message.initRequest(), request);
+      },
+      doneHandler(std::move(completionHandler)));
+}
+
+NSProgressPtr RemoteExtension::performAction(
+    std::string actionIdentifier, std::vector<NSFileProviderItemIdentifier> itemIdentifiers,
+    DoneHandler completionHandler) {
+  return link_->begin(
+      &wire::Extension::Client::performActionRequest,
+      [=](auto& message) {
+        message.setAction(bytesOf(actionIdentifier));
+        auto identifiers = message.initIdentifiers(static_cast<unsigned>(itemIdentifiers.size()));
+        for (unsigned i = 0; i < itemIdentifiers.size(); ++i)
+          identifiers.set(i, bytesOf(itemIdentifiers[i]));
+      },
+      doneHandler(std::move(completionHandler)));
+}
+
+std::shared_ptr<platform::NSFileProviderEnumerator> RemoteExtension::enumerator(
+    NSFileProviderItemIdentifier containerItemIdentifier, NSFileProviderRequest request) {
+  auto coming = link_->loop->held(RemoteEnumerator::Coming());
+  link_->loop->post(
+      [link = link_, coming, container = std::move(containerItemIdentifier), request] {
+        if (!link->wire) return coming->failed(interrupted());
+        auto message = link->wire->extension.enumeratorRequest();
+        message.setContainer(bytesOf(container));
+        write(message.initRequest(), request);
+        message.send()
+            .then([coming](auto&& response) {
+              if (response.hasError()) {
+                coming->failed(read(response.getError()));
+              } else {
+                coming->came(response.getEnumerator());
+              }
+            })
+            .detach([link, coming](kj::Exception&& exception) {
+              const auto error = errorFrom(exception);
+              if (isInterruption(*error)) link->isGone = true;
+              coming->failed(error);
+            });
+      });
+  return std::make_shared<RemoteEnumerator>(link_->loop, std::move(coming));
+}
+
+}  // namespace kestrune::boundary

@@ -1,0 +1,14 @@
+// The host's manager and pasteboard, as the extension sees them in its own program.
+//
+// Threads: `make` on the loop's thread, once it is connected; the objects on any.
+#pragma once
+
+#include "boundary/ExtensionServer.h"
+#include "boundary/Loop.h"
+#include "boundary/Wire.h"
+
+namespace kestrune::boundary {
+
+RemoteHost makeRemoteHost(const std::shared_ptr<Loop>& loop, wire::Host::Client host);
+
+}  // namespace kestrune::boundary

@@ -1,0 +1,16 @@
+// The schema's types, and Cap'n Proto's headers as C++20 takes them.
+#pragma once
+
+#include <kj/string.h>
+
+// Cap'n Proto 0.9 leaves these out for compilers with three-way comparison, and its own next header uses them.
+namespace kj {
+inline bool operator==(const char* a, const StringPtr& b) { return b.operator==(a); }
+inline bool operator!=(const char* a, const StringPtr& b) { return !b.operator==(a); }
+}  // namespace kj
+
+#include <capnp/message.h>
+#include <capnp/rpc-twoparty.h>
+#include <kj/debug.h>
+
+#include "boundary/Boundary.capnp.h"

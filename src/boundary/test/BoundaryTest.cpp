@@ -1,0 +1,182 @@
+// What there is only across the boundary: the greeting, what the extension asks of its host, and the death of either side.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <any>
+
+#include "boundary/BoundaryError.h"
+#include "boundary/Protocol.h"
+#include "boundary/test/ProtocolHarness.h"
+#include "platform/file_provider/NSFileProviderError.h"
+
+namespace kestrune::boundary::test {
+namespace {
+
+using testing::_;
+using testing::Invoke;
+
+class BoundaryTest : public testing::Test {
+ protected:
+  ~BoundaryTest() override {
+    boundary.reset();
+    waitUntilAlone(extension);
+  }
+  const std::shared_ptr<MockExtension> extension =
+      std::make_shared<testing::NiceMock<MockExtension>>();
+  std::optional<Boundary> boundary{std::in_place, extension};
+};
+
+TEST_F(BoundaryTest, TheGreetingTellsTheDomainAndWhatIsOffered) {
+  EXPECT_EQ(boundary->greeting, nullptr);
+  EXPECT_EQ(boundary->offers, (Offers{true, true, true}));
+  EXPECT_EQ(boundary->domainIdentifier, "home");
+  EXPECT_EQ(boundary->domainName, "My \"files\"");
+}
+
+TEST_F(BoundaryTest, TheManagerIsTheHostsOwn) {
+  EXPECT_CALL(*boundary->manager, evictItem("one", _)).WillOnce(Invoke([](auto&&, auto&& handler) {
+    handler(someError());
+  }));
+  EXPECT_CALL(*boundary->manager, requestDownloadForItem("two", std::optional(NSRange{1, 2}), _))
+      .WillOnce(Invoke([](auto&&, auto&&, auto&& handler) { handler(nullptr); }));
+  EXPECT_CALL(*boundary->manager, requestDownloadForItem("three", std::optional<NSRange>(), _))
+      .WillOnce(Invoke([](auto&&, auto&&, auto&& handler) { handler(nullptr); }));
+  EXPECT_CALL(*boundary->manager, signalEnumerator("four", _))
+      .WillOnce(Invoke([](auto&&, auto&& handler) { handler(nullptr); }));
+  Told<NSErrorPtr> evicted;
+  boundary->host.manager->evictItem("one", evicted.handler());
+  EXPECT_TRUE(same(std::get<0>(evicted.wait()), someError()));
+  Told<NSErrorPtr> part;
+  boundary->host.manager->requestDownloadForItem("two", NSRange{1, 2}, part.handler());
+  EXPECT_EQ(std::get<0>(part.wait()), nullptr);
+  Told<NSErrorPtr> whole;
+  boundary->host.manager->requestDownloadForItem("three", std::nullopt, whole.handler());
+  EXPECT_EQ(std::get<0>(whole.wait()), nullptr);
+  Told<NSErrorPtr> signalled;
+  boundary->host.manager->signalEnumerator("four", signalled.handler());
+  EXPECT_EQ(std::get<0>(signalled.wait()), nullptr);
+}
+
+TEST_F(BoundaryTest, AnActionMayAskTheHostBeforeItEnds) {
+  EXPECT_CALL(*boundary->manager, evictItem).WillOnce(Invoke([](auto&&, auto&& handler) {
+    handler(nullptr);
+  }));
+  EXPECT_CALL(*extension, performAction).WillOnce(Invoke([&](auto&&, auto&&, const auto& done) {
+    boundary->host.manager->evictItem("x", done);
+    return std::make_shared<NSProgress>(1);
+  }));
+  Told<NSErrorPtr> told;
+  boundary->remote->performAction("free", {"x"}, told.handler());
+  EXPECT_EQ(std::get<0>(told.wait()), nullptr);
+}
+
+TEST_F(BoundaryTest, APastedTextArrivesAndARefusalIsThrown) {
+  boundary->host.pasteboard->replaceContents("link \xff");
+  EXPECT_EQ(*boundary->pasted, "link \xff");
+  EXPECT_THROW(boundary->host.pasteboard->replaceContents("refused"), NSError);
+}
+
+TEST_F(BoundaryTest, WhatIsOpenWhenTheProgramDiesFailsAsInterrupted) {
+  std::promise<void> all;
+  std::atomic<int> begun = 0;
+  const auto begin = [&](auto&&... arguments) -> NSProgressPtr {
+    // Kept: an extension that dies forgets nothing before.
+    static std::vector<std::any> kept;
+    (kept.emplace_back(arguments), ...);
+    if (++begun == 3) all.set_value();
+    return std::make_shared<NSProgress>(1);
+  };
+  EXPECT_CALL(*extension, item).WillOnce(Invoke(begin));
+  EXPECT_CALL(*extension, createItem).WillOnce(Invoke(begin));
+  EXPECT_CALL(*extension, streamContents).WillOnce(Invoke(begin));
+  Told<NSFileProviderItemPtr, NSErrorPtr> item;
+  Told<NSFileProviderItemPtr, NSFileProviderItemFields, bool, NSErrorPtr> created;
+  Told<NSFileProviderItemPtr, NSErrorPtr> streamed;
+  boundary->remote->item("x", {}, item.handler());
+  boundary->remote->createItem(TestItem::make({}), {}, std::nullopt, {}, {}, created.handler());
+  boundary->remote->streamContents(
+      "x", {}, {}, {0, 1}, [](auto&&...) { return true; }, streamed.handler());
+  all.get_future().wait();
+  EXPECT_FALSE(boundary->remote->isGone());
+  boundary->killProgram();
+  EXPECT_TRUE(isInterruption(*std::get<1>(item.wait())));
+  EXPECT_TRUE(isInterruption(*std::get<3>(created.wait())));
+  EXPECT_TRUE(isInterruption(*std::get<1>(streamed.wait())));
+  EXPECT_TRUE(boundary->remote->isGone());
+}
+
+TEST_F(BoundaryTest, WhatBeginsAfterTheDeathFailsAsInterrupted) {
+  boundary->killProgram();
+  Told<NSFileProviderItemPtr, NSErrorPtr> item;
+  boundary->remote->item("x", {}, item.handler());
+  EXPECT_TRUE(isInterruption(*std::get<1>(item.wait())));
+  Told<std::optional<std::string>> anchor;
+  boundary->remote->enumerator("x", {})->currentSyncAnchor(anchor.handler());
+  EXPECT_EQ(std::get<0>(anchor.wait()), std::nullopt);
+  EXPECT_TRUE(boundary->remote->isGone());
+}
+
+TEST_F(BoundaryTest, TheProgramHearsThatTheHostIsGone) {
+  boundary->remote = nullptr;
+  EXPECT_EQ(boundary->hostWent.get_future().wait_for(kSoon), std::future_status::ready);
+  Told<NSErrorPtr> told;
+  boundary->host.manager->evictItem("x", told.handler());
+  EXPECT_TRUE(isInterruption(*std::get<0>(told.wait())));
+  EXPECT_THROW(boundary->host.pasteboard->replaceContents("x"), NSError);
+}
+
+TEST_F(BoundaryTest, AStreamThatFillsTheMemoryIsLetGoWhenTheHostIsGone) {
+  std::promise<void> returned;
+  EXPECT_CALL(*extension, streamContents)
+      .WillOnce(Invoke([&](auto&&, auto&&, auto&&, auto&&, const auto& bytes, auto&&) {
+        std::thread([&returned, bytes] {
+          const std::string piece(1 << 20, 'x');
+          while (bytes(0, piece)) {
+          }
+          returned.set_value();
+        }).detach();
+        return std::make_shared<NSProgress>(1);
+      }));
+  std::promise<void> blocked;
+  std::promise<void> goOn;
+  std::shared_future<void> may = goOn.get_future().share();
+  std::atomic<bool> isFirst = true;
+  boundary->remote->streamContents(
+      "x", {}, {}, {0, INT64_MAX},
+      [&, may](auto&&...) {
+        if (isFirst.exchange(false)) blocked.set_value();
+        may.wait();  // a disk that takes nothing
+        return true;
+      },
+      [](auto&&...) {});
+  blocked.get_future().wait();
+  boundary->remote = nullptr;
+  auto end = returned.get_future();
+  EXPECT_EQ(end.wait_for(kSoon), std::future_status::ready);
+  goOn.set_value();
+}
+
+TEST(Greeting, BytesThatAreNoMessagesAreAnInterruption) {
+  const auto [hostEnd, otherEnd] = socketPair();
+  const auto remote = RemoteExtension::connect(hostEnd, {});
+  Told<Offers, NSErrorPtr> told;
+  remote->greet({"d", "d"}, told.handler());
+  const std::string noise(4096, '\x7f');
+  EXPECT_EQ(::write(otherEnd, noise.data(), noise.size()), static_cast<ssize_t>(noise.size()));
+  ::close(otherEnd);
+  EXPECT_NE(std::get<1>(told.wait()), nullptr);
+}
+
+TEST(Greeting, AnotherVersionIsRefusedByTheSideThatIsOlderAndTheOneThatIsNewer) {
+  const auto older = versionMismatch(3, 2);
+  EXPECT_EQ(older->code(), NSFileProviderError::olderExtensionVersionRunning);
+  EXPECT_EQ(older->localizedDescription(),
+            "the extension's program speaks version 2 of the protocol and the host version 3: the "
+            "extension is older; install both from one release");
+  const auto newer = versionMismatch(2, 3);
+  EXPECT_EQ(newer->code(), NSFileProviderError::newerExtensionVersionFound);
+  EXPECT_NE(newer->localizedDescription().find("the host is older"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace kestrune::boundary::test
