@@ -189,7 +189,7 @@ void RemoteEnumerator::invalidate() {
       // Whoever is gone holds nothing any more.
     });
   };
-  loop_->post([coming = coming_, use] { coming->with(use); });
+  loop_->post([coming = coming_, use]() mutable { coming->with(kj::mv(use)); });
 }
 
 void RemoteEnumerator::enumerateItems(
@@ -238,7 +238,7 @@ void RemoteEnumerator::currentSyncAnchor(
         })
         .detach([answer](kj::Exception&&) { answer(std::nullopt); });
   };
-  loop_->post([coming = coming_, use]() mutable { coming->with(use); });
+  loop_->post([coming = coming_, use]() mutable { coming->with(kj::mv(use)); });
 }
 
 }  // namespace kestrune::boundary

@@ -43,7 +43,7 @@ class RemoteEnumerator::Coming {
   /// Exactly one of both is there.
   using Use =
       kj::Function<void(wire::Enumerator::Client* enumerator, const platform::NSErrorPtr& error)>;
-  /// Calls `use` as soon as it is known, at once if it is.
+  /// Calls `use` as soon as it is known, at once if it is. Pass it as an rvalue: a kj::Function of an lvalue refers to it.
   void with(Use use);
   void came(wire::Enumerator::Client enumerator);
   void failed(platform::NSErrorPtr error);
