@@ -98,7 +98,10 @@ std::shared_ptr<RemoteExtension> RemoteExtension::connect(int socket, HostServic
   return std::shared_ptr<RemoteExtension>(new RemoteExtension(std::move(link)));
 }
 
-RemoteExtension::~RemoteExtension() {
+RemoteExtension::~RemoteExtension() { disconnect(); }
+
+void RemoteExtension::disconnect() {
+  link_->isGone = true;
   link_->loop->run([this] { link_->wire = nullptr; });
 }
 

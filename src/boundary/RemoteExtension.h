@@ -49,7 +49,9 @@ class RemoteExtension final : public platform::NSFileProviderReplicatedExtension
   /// or of another version.
   using Greeted = std::function<void(Offers offers, platform::NSErrorPtr error)>;
   void greet(const platform::NSFileProviderDomain& domain, Greeted greeted);
-  /// Whether an operation found that the program is gone.
+  /// Ends the connection: what is open fails as interrupted, and the program hears that its host is gone.
+  void disconnect();
+  /// Whether the connection was ended, or an operation found that the program is gone.
   bool isGone() const;
 
   void invalidate() override;

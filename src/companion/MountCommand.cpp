@@ -14,9 +14,13 @@
 #include "config/StorageLocations.h"
 #include "extension/FileProviderExtension.h"
 #include "host/MountHost.h"
+#include "host/launch/LaunchedExtension.h"
+#include "host/launch/Launcher.h"
+#include "host/launch/PlatformServices.h"
 #include "namespace/FileProviderItem.h"
 #include "namespace/PinStore.h"
 #include "platform/files/AtomicFile.h"
+#include "platform/files/Directories.h"
 #include "platform/values/NSError.h"
 
 namespace kestrune {
@@ -42,6 +46,33 @@ void requireFuse() {
   throw CommandError(
       "Nothing can be mounted on this machine: there is no /dev/fuse (load the kernel's module "
       "fuse, or give the container the device). kestrune ls and kestrune cat work without it.");
+}
+
+// The program with the extension lies beside this one.
+std::filesystem::path extensionProgram() {
+  const auto program =
+      std::filesystem::read_symlink("/proc/self/exe").replace_filename("kestrune-fileprovider");
+  if (!std::filesystem::exists(program))
+    throw CommandError("The program '" + program.string() +
+                       "' is missing; it belongs beside kestrune. Install both from one release.");
+  return program;
+}
+
+std::shared_ptr<platform::NSFileProviderReplicatedExtension> launchedExtension(
+    const platform::NSFileProviderDomain& domain, const std::filesystem::path& replicaDirectory) {
+  host::LaunchOptions launch;
+  launch.command = [program = extensionProgram()] {
+    return host::ProgramCommand{{program, "--temporary", platform::temporaryDirectory()},
+                                {{"XDG_DATA_HOME", storage::sharedDirectory().parent_path()}}};
+  };
+  launch.domain = domain;
+  launch.offers = {true, true, true};
+  launch.services = host::platformServices(domain);
+  launch.log = std::make_shared<host::HostLog>();
+  launch.timers = host::systemTimers();
+  launch.reports = replicaDirectory / "crashes";
+  const auto launcher = std::make_shared<host::Launcher>(std::move(launch));
+  return host::makeLaunchedExtension(launcher, {true, true, true});
 }
 
 }  // namespace
@@ -74,8 +105,9 @@ void runMount(const MountOptions& options) {
     std::fflush(stdout);
   };
   try {
-    host::runMountHost(host, [](platform::NSFileProviderDomainPtr domain) {
-      return FileProviderExtension::make(std::move(domain));
+    host::runMountHost(host, [&options, &host](const platform::NSFileProviderDomainPtr& domain) {
+      return options.inOneProcess ? FileProviderExtension::make(domain)
+                                  : launchedExtension(*domain, host.replicaDirectory);
     });
   } catch (const platform::NSError& error) {
     throw CommandError("Cannot mount at '" + options.mountPoint.string() +

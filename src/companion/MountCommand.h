@@ -24,6 +24,8 @@ struct MountOptions {
   std::optional<std::uint64_t> cacheBytes;
   /// How much of the disk is to stay free; none: a twentieth, 10 GiB at most.
   std::optional<std::uint64_t> keepFreeBytes;
+  /// Whether the extension runs within the host instead of in a confined process of its own.
+  bool inOneProcess = false;
 };
 
 /// Prints where the folder is once it can be used, and returns after SIGINT, SIGTERM, SIGHUP or an

@@ -112,6 +112,8 @@ void addMount(CLI::App& app, Command& chosen) {
       ->add_option("--keep-free", options->keepFreeBytes,
                    "how much of the disk is to stay free; default: a twentieth, 10G at most")
       ->transform(CLI::AsSizeValue(false));
+  command->add_flag("--in-one-process", options->inOneProcess,
+                    "run the extension within the host, without a sandbox (to look for faults)");
   command->add_flag("--allow-other", options->allowOtherUsers,
                     "let other users look inside (needs user_allow_other in /etc/fuse.conf)");
   command->callback([&chosen, options] { chosen = [options] { runMount(*options); }; });

@@ -97,6 +97,8 @@ int fromCocoa(std::int64_t code) {
       return ECANCELED;
     case NSCocoaError::featureUnsupported:
       return EROFS;
+    case NSCocoaError::xpcConnectionInterrupted:
+      return EHOSTUNREACH;  // the extension died, again and again
     default:
       return EIO;
   }

@@ -1,0 +1,301 @@
+#include "host/launch/Launcher.h"
+
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <boost/asio/post.hpp>
+#include <cerrno>
+#include <utility>
+
+#include "boundary/BoundaryError.h"
+#include "host/launch/CrashReports.h"
+#include "platform/file_provider/NSFileProviderError.h"
+#include "platform/tasks/Task.h"
+
+namespace kestrune::host {
+
+using platform::MutexLock;
+using platform::NSErrorPtr;
+using platform::NSFileProviderError;
+
+namespace {
+
+NSErrorPtr unavailable(const std::string& why) {
+  return NSFileProviderError(NSFileProviderError::providerDomainTemporarilyUnavailable, why)
+      .share();
+}
+
+}  // namespace
+
+// One program and the connection to it. What it has is set before anybody else knows it.
+struct Launcher::Generation {
+  std::shared_ptr<boundary::RemoteExtension> remote;
+  std::shared_ptr<platform::NSFileProviderReplicatedExtension> extension;
+  std::unique_ptr<Descriptor> report;
+  std::unique_ptr<Program> program;
+  std::atomic<bool> isNotNeeded = false;  // its end is no death
+
+  // Guarded by the launcher's lock.
+  std::size_t uses = 0;
+  std::chrono::nanoseconds idleSince{0};
+  bool isWatched = false;
+};
+
+// What a caller holds of the program.
+class Launcher::Use final : public RunningExtension {
+ public:
+  Use(std::weak_ptr<Launcher> launcher, GenerationPtr generation)
+      : launcher_(std::move(launcher)), generation_(std::move(generation)) {}
+  ~Use() override {
+    const std::weak_ptr<Generation> generation = std::exchange(generation_, nullptr);
+    if (const auto launcher = launcher_.lock()) launcher->released(generation);
+  }
+  Use(const Use&) = delete;
+  Use& operator=(const Use&) = delete;
+  const std::shared_ptr<platform::NSFileProviderReplicatedExtension>& extension() const override {
+    return generation_->extension;
+  }
+  bool isGone() const override { return generation_->remote->isGone(); }
+
+ private:
+  const std::weak_ptr<Launcher> launcher_;
+  GenerationPtr generation_;
+};
+
+Launcher::Launcher(LaunchOptions options) : options_(std::move(options)) {}
+
+Launcher::~Launcher() { end(); }
+
+void Launcher::get(Reply<RunningExtensionPtr> reply) {
+  NSErrorPtr refusal;
+  RunningExtensionPtr use;
+  bool starts = false;
+  {
+    MutexLock lock(mutex_);
+    if (running_ && !running_->remote->isGone()) {
+      use = useLocked();
+    } else if (!isStarting_ && (refusal = refusalLocked())) {
+      status_.refusal = refusal->localizedDescription();
+    } else {
+      waiting_.push_back(std::move(reply));
+      starts = !std::exchange(isStarting_, true);
+    }
+  }
+  if (use) return reply(std::move(use));
+  if (refusal) return reply(std::move(refusal));
+  if (starts)
+    boost::asio::post(platform::sharedExecutor(), [self = shared_from_this()] { self->start(); });
+}
+
+NSErrorPtr Launcher::refusalLocked() {
+  if (isEnded_) return unavailable("the host ends");
+  const auto now = options_.timers->now();
+  while (!starts_.empty() && now - starts_.front() > std::chrono::minutes(1)) starts_.pop_front();
+  if (starts_.size() < options_.mostStarts) return nullptr;
+  return unavailable("the extension ended " + std::to_string(starts_.size()) +
+                     " times within a minute, the last time by " + status_.lastDeath +
+                     "; it is started again when that minute is over");
+}
+
+RunningExtensionPtr Launcher::useLocked() {
+  ++running_->uses;
+  return std::make_shared<const Use>(weak_from_this(), running_);
+}
+
+void Launcher::start() {
+  GenerationPtr generation;
+  GenerationPtr old;
+  NSErrorPtr error;
+  {
+    MutexLock lock(mutex_);
+    old = std::exchange(running_, nullptr);
+    starts_.push_back(options_.timers->now());
+    ++status_.starts;
+    status_.refusal.clear();
+  }
+  old = nullptr;  // gone: whoever still waits for it hears so
+  try {
+    generation = startProgram();
+  } catch (const platform::NSError& thrown) {
+    error = thrown.share();
+  }
+  if (error) return fail(error);
+  const std::weak_ptr<Generation> weak = generation;
+  options_.timers->after(options_.patience, [weak, self = weak_from_this()] {
+    const auto late = weak.lock();
+    const auto launcher = self.lock();
+    if (!late || !launcher) return;
+    bool isGreeted = false;
+    {
+      MutexLock lock(launcher->mutex_);
+      isGreeted = launcher->running_ == late;
+    }
+    if (!isGreeted && !late->isNotNeeded) late->program->kill(SIGKILL);
+  });
+  generation->remote->greet(options_.domain, [self = shared_from_this(), generation](
+                                                 boundary::Offers offers, NSErrorPtr greeting) {
+    self->greeted(generation, offers, std::move(greeting));
+  });
+}
+
+Launcher::GenerationPtr Launcher::startProgram() {
+  int ends[2] = {-1, -1};
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
+    throw platform::NSPOSIXError(errno, "make a pair of sockets");
+  const Descriptor theirs(ends[1]);
+  auto generation = std::make_shared<Generation>();
+  generation->remote = boundary::RemoteExtension::connect(ends[0], options_.services);
+  generation->extension = generation->remote;
+  const CrashReports reports(options_.reports, options_.log);
+  generation->report = std::unique_ptr<Descriptor>(new Descriptor(reports.open()));
+  const auto ended = [self = weak_from_this(),
+                      weak = std::weak_ptr(generation)](const ProgramEnd& end) {
+    if (const auto launcher = self.lock()) launcher->ended(weak, end);
+  };
+  generation->program =
+      Program::start(options_.command(), theirs.number(), generation->report->number(), ended);
+  return generation;
+}
+
+void Launcher::greeted(const GenerationPtr& generation, boundary::Offers offers, NSErrorPtr error) {
+  const auto& wanted = options_.offers;
+  if (!error && ((wanted.partialContents && !offers.partialContents) ||
+                 (wanted.streams && !offers.streams) || (wanted.actions && !offers.actions)))
+    error = unavailable("the extension's program offers less than this host needs of it");
+  if (error) {
+    if (!isInterruption(*error)) generation->isNotNeeded = true;
+    fail(error);
+    return letGo(generation);
+  }
+  std::vector<Reply<RunningExtensionPtr>> waiting;
+  std::vector<RunningExtensionPtr> uses;
+  bool isTooLate = false;
+  {
+    MutexLock lock(mutex_);
+    isTooLate = isEnded_;
+    isStarting_ = false;
+    waiting.swap(waiting_);
+    if (!isTooLate) {
+      running_ = generation;
+      status_.pid = generation->program->pid();
+      for (std::size_t i = 0; i < waiting.size(); ++i) uses.push_back(useLocked());
+    }
+  }
+  for (std::size_t i = 0; i < waiting.size(); ++i) {
+    if (isTooLate) {
+      waiting[i](unavailable("the host ends"));
+    } else {
+      waiting[i](std::exchange(uses[i], nullptr));
+    }
+  }
+  if (isTooLate) letGo(generation);
+}
+
+void Launcher::fail(const NSErrorPtr& error) {
+  options_.log->failure("launch", "start the extension", error->localizedDescription());
+  std::vector<Reply<RunningExtensionPtr>> waiting;
+  {
+    MutexLock lock(mutex_);
+    isStarting_ = false;
+    status_.refusal = error->localizedDescription();
+    waiting.swap(waiting_);
+  }
+  for (const auto& reply : waiting) reply(error);
+}
+
+void Launcher::released(const std::weak_ptr<Generation>& generation) {
+  bool watches = false;
+  {
+    MutexLock lock(mutex_);
+    const auto live = generation.lock();
+    if (!live || --live->uses > 0 || live != running_) return;
+    live->idleSince = options_.timers->now();
+    watches = !std::exchange(live->isWatched, true);
+  }
+  if (watches) watchIdleness(generation, options_.idle);
+}
+
+void Launcher::watchIdleness(const std::weak_ptr<Generation>& generation,
+                             std::chrono::nanoseconds delay) {
+  options_.timers->after(delay, [self = weak_from_this(), generation] {
+    if (const auto launcher = self.lock()) launcher->endIfIdle(generation);
+  });
+}
+
+void Launcher::endIfIdle(const std::weak_ptr<Generation>& generation) {
+  GenerationPtr idle;
+  std::chrono::nanoseconds again{0};
+  {
+    MutexLock lock(mutex_);
+    const auto live = generation.lock();
+    if (!live || live != running_) return;
+    live->isWatched = false;
+    if (live->uses > 0) return;  // watched again when they are released
+    const auto left = live->idleSince + options_.idle - options_.timers->now();
+    if (left > std::chrono::nanoseconds(0)) {
+      live->isWatched = true;
+      again = left;
+    } else {
+      idle = std::exchange(running_, nullptr);
+      idle->isNotNeeded = true;
+      status_.pid = 0;
+    }
+  }
+  if (idle) {
+    letGo(std::move(idle));
+  } else {
+    watchIdleness(generation, again);
+  }
+}
+
+// The program ends by itself when its socket closes; if it does not, it is killed.
+void Launcher::letGo(GenerationPtr generation) {
+  generation->remote->disconnect();
+  options_.timers->after(options_.patience, [generation] {});
+}
+
+void Launcher::end() {
+  GenerationPtr running;
+  {
+    MutexLock lock(mutex_);
+    isEnded_ = true;
+    running = std::exchange(running_, nullptr);
+    status_.pid = 0;
+  }
+  if (!running) return;
+  running->isNotNeeded = true;
+  running->remote->disconnect();
+  running->program->waitUntilEnded(options_.patience);
+}
+
+void Launcher::ended(const std::weak_ptr<Generation>& generation, const ProgramEnd& end) {
+  auto dead = generation.lock();
+  if (!dead) return;
+  if (!dead->isNotNeeded) died(dead, end);
+  // Let go elsewhere: this is the program's own thread, for which its destructor waits.
+  boost::asio::post(platform::sharedExecutor(), [owned = std::move(dead)] {});
+}
+
+void Launcher::died(const GenerationPtr& generation, const ProgramEnd& end) {
+  {
+    MutexLock lock(mutex_);
+    if (running_ == generation) {
+      running_ = nullptr;
+      status_.pid = 0;
+    }
+    ++status_.deaths;
+    status_.lastDeath = end.text();
+  }
+  CrashReports(options_.reports, options_.log)
+      .keep(*generation->report, "the extension ended by " + end.text());
+  options_.log->failure("extension-death", "the extension ended", end.text());
+}
+
+LaunchStatus Launcher::status() {
+  MutexLock lock(mutex_);
+  return status_;
+}
+
+}  // namespace kestrune::host

@@ -1,0 +1,95 @@
+// Starts the extension's program when it is needed, ends it when it has not been needed for a while, and starts it again when it
+// died.
+//
+//     none ──get──▶ starting ──greeted──▶ running ──60 s without a call──▶ none
+//                      └──failed──▶ none      └──died──▶ none
+//
+// Every program is a generation of its own: what is heard of an earlier one changes nothing any more.
+//
+// Threads: every operation on any thread.
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "boundary/RemoteExtension.h"
+#include "host/basics/HostLog.h"
+#include "host/basics/Timers.h"
+#include "host/launch/ExtensionSource.h"
+#include "host/launch/Program.h"
+#include "platform/values/Mutex.h"
+
+namespace kestrune::host {
+
+struct LaunchOptions {
+  /// How the program is started now; asked before each start. May block for file work. Throws NSError if it cannot be.
+  std::function<ProgramCommand()> command;
+  platform::NSFileProviderDomain domain{"main", "Kestrune"};
+  /// What the program's extension must offer.
+  boundary::Offers offers;
+  boundary::HostServices services;
+  std::shared_ptr<HostLog> log;
+  std::shared_ptr<Timers> timers;
+  /// Where reports of crashes are kept, the last ten. Made if missing.
+  std::filesystem::path reports;
+  std::chrono::milliseconds idle = std::chrono::seconds(60);
+  /// How long a program may take until it answers the greeting, and until it has ended when it is not needed any more.
+  std::chrono::milliseconds patience = std::chrono::seconds(10);
+  /// More starts a minute are refused.
+  std::size_t mostStarts = 60;
+};
+
+struct LaunchStatus {
+  /// 0: it does not run.
+  int pid = 0;
+  std::uint64_t starts = 0;
+  std::uint64_t deaths = 0;  // that were not asked for
+  /// How it died the last time; empty: never.
+  std::string lastDeath;
+  /// Why it is not started at present; empty: it is, when it is needed.
+  std::string refusal;
+};
+
+class Launcher final : public ExtensionSource, public std::enable_shared_from_this<Launcher> {
+ public:
+  explicit Launcher(LaunchOptions options);
+  ~Launcher() override;
+
+  void get(Reply<RunningExtensionPtr> reply) override;
+  void end() override;
+  LaunchStatus status();
+
+ private:
+  class Use;
+  struct Generation;
+  using GenerationPtr = std::shared_ptr<Generation>;
+
+  platform::NSErrorPtr refusalLocked() REQUIRES_LOCK(mutex_);
+  RunningExtensionPtr useLocked() REQUIRES_LOCK(mutex_);
+  void start();
+  GenerationPtr startProgram();
+  void greeted(const GenerationPtr& generation, boundary::Offers offers,
+               platform::NSErrorPtr error);
+  void fail(const platform::NSErrorPtr& error);
+  void released(const std::weak_ptr<Generation>& generation);
+  void watchIdleness(const std::weak_ptr<Generation>& generation, std::chrono::nanoseconds delay);
+  void endIfIdle(const std::weak_ptr<Generation>& generation);
+  void letGo(GenerationPtr generation);
+  void ended(const std::weak_ptr<Generation>& generation, const ProgramEnd& end);
+  void died(const GenerationPtr& generation, const ProgramEnd& end);
+
+  const LaunchOptions options_;
+  platform::Mutex mutex_;
+  bool isEnded_ GUARDED_BY(mutex_) = false;
+  bool isStarting_ GUARDED_BY(mutex_) = false;
+  GenerationPtr running_ GUARDED_BY(mutex_);
+  std::vector<Reply<RunningExtensionPtr>> waiting_ GUARDED_BY(mutex_);
+  std::deque<std::chrono::nanoseconds> starts_ GUARDED_BY(mutex_);  // of the last minute
+  LaunchStatus status_ GUARDED_BY(mutex_);
+};
+
+}  // namespace kestrune::host
