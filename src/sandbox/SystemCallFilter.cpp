@@ -66,12 +66,6 @@ constexpr std::array kAllowed = {
     SCMP_SYS(sendmmsg), SCMP_SYS(sendmsg), SCMP_SYS(sendto), SCMP_SYS(setsockopt),
     SCMP_SYS(shutdown)};
 
-#ifdef KESTRUNE_SANITIZED
-// Their reports and their background thread.
-constexpr std::array kAllowedForSanitizers = {SCMP_SYS(getrlimit), SCMP_SYS(sched_getparam),
-                                              SCMP_SYS(sched_getscheduler)};
-#endif
-
 // fcntl: descriptors, locks of files, and the lease by which FileReplacer finds out whether it is alone. No F_SETOWN: it
 // sends signals to others.
 constexpr std::array kDescriptorCommands = {
@@ -180,9 +174,6 @@ void allowDescriptorsAndSettings(Filter& filter) {
 void applySystemCallFilter() {
   Filter filter;
   for (const int call : kAllowed) filter.allow(call);
-#ifdef KESTRUNE_SANITIZED
-  for (const int call : kAllowedForSanitizers) filter.allow(call);
-#endif
   allowThreads(filter);
   allowSignalsToItself(filter);
   allowSockets(filter);

@@ -8,17 +8,18 @@
 #include <linux/perf_event.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/ipc.h>
 #include <sys/mount.h>
 #include <sys/personality.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
+#include <sys/resource.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -69,20 +70,21 @@ int receiveConnections(const Surrounds&) {
   return failure;
 }
 
-int ended(pid_t child) {
-  if (child < 0) return errno;
+/// The child ends at once. It is not waited for: a refusal of that would pass for one of the child.
+int madeProcess(pid_t child) {
   if (child == 0) ::_exit(0);
-  return answer(::waitpid(child, nullptr, 0));
+  return answer(child);
 }
 
 int forkByClone(const Surrounds&) {
-  return ended(static_cast<pid_t>(::syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, 0)));
+  return madeProcess(
+      static_cast<pid_t>(::syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, 0)));
 }
 
 int forkByClone3(const Surrounds&) {
   std::array<std::uint64_t, 8> arguments{};
   arguments[4] = SIGCHLD;  // exit_signal
-  return ended(static_cast<pid_t>(::syscall(SYS_clone3, arguments.data(), sizeof arguments)));
+  return madeProcess(static_cast<pid_t>(::syscall(SYS_clone3, arguments.data(), sizeof arguments)));
 }
 
 /// The shell answers in the probe's stead.
@@ -102,6 +104,13 @@ int ownSignals(const Surrounds& at) {
   const int descriptor = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
   if (descriptor < 0) return 0;  // needed
   return answer(::fcntl(descriptor, F_SETOWN, at.host));
+}
+
+int ownSignalsOfSocket(const Surrounds& at) {
+  const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (descriptor < 0) return 0;  // needed
+  const int owner = at.host;
+  return answer(::ioctl(descriptor, FIOSETOWN, &owner));
 }
 
 int seeHostProcess(const Surrounds& at) {
@@ -124,6 +133,14 @@ int readEnvironmentOf(const std::string& process) {
   if (size < 0) return errno;
   const std::string_view all(variables.data(), static_cast<std::size_t>(size));
   return all.find(std::string(kHostVariable) + "=") != std::string_view::npos ? 0 : ENOENT;
+}
+
+int allowCoreDumps(const Surrounds&) {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_CORE, &limit) != 0) return 0;  // needed
+  if (limit.rlim_max == 0) limit.rlim_max = 1;
+  limit.rlim_cur = limit.rlim_max;
+  return answer(::setrlimit(RLIMIT_CORE, &limit));
 }
 
 int renameMachine(const Surrounds&) {
@@ -183,7 +200,7 @@ const std::vector<Attempt>& forbiddenWithOthers() {
       {"MakeAuditSocket", [](const Surrounds&) { return makeSocket(AF_NETLINK, SOCK_RAW, 9); }},
       {"ReceiveConnections", &receiveConnections},
       {"ExecuteShell", &executeShell},
-      {"Fork", [](const Surrounds&) { return ended(::fork()); }},
+      {"Fork", [](const Surrounds&) { return madeProcess(::fork()); }},
       {"ForkByClone", &forkByClone},
       {"ForkByClone3", &forkByClone3},
       {"TraceHost",
@@ -196,6 +213,7 @@ const std::vector<Attempt>& forbiddenWithOthers() {
       {"SignalThreadOfHost",
        [](const Surrounds& at) { return answer(::syscall(SYS_tgkill, at.host, at.host, SIGURG)); }},
       {"SignalHostByDescriptor", &ownSignals},
+      {"SignalHostBySocket", &ownSignalsOfSocket},
       {"OpenHostProcess",
        [](const Surrounds& at) { return answer(::syscall(SYS_pidfd_open, at.host, 0)); }},
       {"SeeHostProcess", &seeHostProcess},
@@ -220,6 +238,7 @@ const std::vector<Attempt>& forbiddenWithOthers() {
 const std::vector<Attempt>& forbiddenWithKernel() {
   static const std::vector<Attempt> all = {
       {"BecomeTraceable", [](const Surrounds&) { return answer(::prctl(PR_SET_DUMPABLE, 1)); }},
+      {"LeaveCoreDump", &allowCoreDumps},
       {"RenameMachine", &renameMachine},
       {"Mount", &mountSomething},
       {"ChangeRoot", [](const Surrounds& at) { return answer(::chroot(at.shared.c_str())); }},

@@ -41,6 +41,12 @@ const char* textOf(Confined confined) {
       return "Alone";
     case Confined::late:
       return "Late";
+    case Confined::inBubblewrap:
+      return "InBubblewrap";
+    case Confined::byLandlock:
+      return "ByLandlock";
+    case Confined::byFilter:
+      return "ByFilter";
     case Confined::not_:
       return "Not";
   }
@@ -48,8 +54,11 @@ const char* textOf(Confined confined) {
 
 /// Why this machine cannot confine so; nothing if it can.
 std::optional<std::string> whyNot(Confined confined, const Stage& stage) {
-  if (landlockVersion() == 0) return "this kernel has no Landlock";
-  if (confined == Confined::bubblewrapped) return whyNoBubblewrap(rulesFor(stage.paths()));
+  const bool needsLandlock = confined != Confined::byFilter && confined != Confined::inBubblewrap;
+  if (needsLandlock && landlockVersion() == 0) return "this kernel has no Landlock";
+  if (confined == Confined::bubblewrapped || confined == Confined::inBubblewrap) {
+    return whyNoBubblewrap(rulesFor(stage.paths()));
+  }
   return std::nullopt;
 }
 
@@ -124,6 +133,127 @@ INSTANTIATE_TEST_SUITE_P(Sandbox, UnconfinedTest,
                                                     &forbiddenWithKernel()})),
                          [](const auto& info) { return info.param; });
 
+// --- What one layer refuses by itself, so that none leans on another without our knowing
+
+struct Layer {
+  Confined confined;
+  std::vector<const char*> refused;
+};
+
+const std::vector<Layer>& layers() {
+  static const std::vector<Layer> all = {{Confined::inBubblewrap,
+                                          {"ReadKeyInHome",
+                                           "ListHomes",
+                                           "ListRootsHome",
+                                           "ReadPasswords",
+                                           "ReadContentsOfReplica",
+                                           "WriteTmp",
+                                           "WriteVarTmp",
+                                           "WriteDevices",
+                                           "WriteBesideShared",
+                                           "WriteBesideOutgoing",
+                                           "WriteIntoOutgoing",
+                                           "ChangeOutgoing",
+                                           "RemoveOutgoing",
+                                           "MoveOutOfShared",
+                                           "MoveIntoShared",
+                                           "OverwriteOutside",
+                                           "TruncateOutside",
+                                           "ReadThroughLinkInShared",
+                                           "ReadWithoutPermission",
+                                           "ChangeModeOutside",
+                                           "ChangeModeOfOpenFile",
+                                           "ChangeOwnerOutside",
+                                           "ChangeTimesOutside",
+                                           "SetAttributeOutside",
+                                           "ConnectToControlSocket",
+                                           "MakeRawSocket",
+                                           "MakePacketSocket",
+                                           "TraceHost",
+                                           "ReadHostMemory",
+                                           "SignalHost",
+                                           "SignalThreadOfHost",
+                                           "OpenHostProcess",
+                                           "SeeHostProcess",
+                                           "ReadHostEnvironment",
+                                           "ReadHostVariable",
+                                           "RenameMachine",
+                                           "Mount",
+                                           "ChangeRoot",
+                                           "MakeMountNamespace"}},
+                                         {Confined::byLandlock,
+                                          {"ReadKeyInHome",
+                                           "ListHome",
+                                           "ListHomes",
+                                           "ListRootsHome",
+                                           "ReadPasswords",
+                                           "ListSystemSettings",
+                                           "ReadContentsOfReplica",
+                                           "WriteTmp",
+                                           "WriteVarTmp",
+                                           "WriteDevices",
+                                           "WriteBesideShared",
+                                           "WriteBesideOutgoing",
+                                           "WriteIntoOutgoing",
+                                           "ChangeOutgoing",
+                                           "RemoveOutgoing",
+                                           "MoveOutOfShared",
+                                           "MoveIntoShared",
+                                           "OverwriteOutside",
+                                           "ReadThroughLinkInShared",
+                                           "MakeSymbolicLink",
+                                           "MakeHardLink",
+                                           "MakeFifo",
+                                           "ExecuteShell",
+                                           "TraceHost",
+                                           "ReadHostMemory",
+                                           "Mount"}},
+                                         {Confined::byFilter,
+                                          {"TruncateOutside",
+                                           "MakeSymbolicLink",
+                                           "MakeHardLink",
+                                           "ChangeModeOutside",
+                                           "ChangeModeOfOpenFile",
+                                           "ChangeOwnerOutside",
+                                           "ChangeTimesOutside",
+                                           "SetAttributeOutside",
+                                           "MakeFifo",
+                                           "WatchHome",
+                                           "ConnectToControlSocket",
+                                           "ConnectToAbstractSocket",
+                                           "ExecuteShell",
+                                           "TraceHost",
+                                           "ReadHostMemory",
+                                           "SignalHost",
+                                           "SignalParent",
+                                           "SignalThreadOfHost",
+                                           "SignalHostByDescriptor",
+                                           "SignalHostBySocket",
+                                           "OpenHostProcess",
+                                           "RenameMachine",
+                                           "Mount",
+                                           "ChangeRoot",
+                                           "MakeUserNamespace",
+                                           "MakeMountNamespace"}}};
+  return all;
+}
+
+class LayerTest : public testing::TestWithParam<Layer> {};
+
+TEST_P(LayerTest, RefusesByItself) {
+  Stage stage;
+  if (const auto reason = whyNot(GetParam().confined, stage)) GTEST_SKIP() << *reason;
+  static const std::set<int> kRefusals = {EPERM, EACCES, ENOENT, EROFS, EXDEV, ESRCH, EINVAL};
+  for (const char* attempt : GetParam().refused) {
+    const auto outcome = stage.run(attempt, GetParam().confined);
+    EXPECT_TRUE(kRefusals.contains(outcome.failure.value_or(0)))
+        << attempt << ": " << reported(outcome);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Sandbox, LayerTest, testing::ValuesIn(layers()),
+                         [](const auto& info) { return textOf(info.param.confined); });
+
 // --- Needed
 
 class NeededTest : public SandboxTest {};
@@ -182,16 +312,22 @@ TEST(LateConfinementTest, BindsEarlierThreadsByTheFilterAloneAndSaysSo) {
 
 // --- A replica in the shared directory
 
-class CoveredReplicaTest : public testing::Test {
+class CoveredReplicaTest : public testing::TestWithParam<Layout> {
  protected:
   void SetUp() override {
     const auto reason = whyNot(Confined::bubblewrapped, stage_);
     if (reason) GTEST_SKIP() << *reason;
   }
-  Stage stage_{Layout::inShared};
+  Stage stage_{GetParam()};
 };
 
-TEST_F(CoveredReplicaTest, BubblewrapKeepsItOutOfReach) {
+INSTANTIATE_TEST_SUITE_P(Sandbox, CoveredReplicaTest,
+                         testing::Values(Layout::inShared, Layout::inSharedThroughLink),
+                         [](const auto& info) {
+                           return info.param == Layout::inShared ? "Plain" : "ThroughLink";
+                         });
+
+TEST_P(CoveredReplicaTest, BubblewrapKeepsItOutOfReach) {
   for (const char* attempt : {"ReadContentsOfReplica", "WriteBesideOutgoing", "WriteIntoOutgoing",
                               "ChangeOutgoing", "RemoveOutgoing"}) {
     const auto outcome = stage_.run(attempt, Confined::bubblewrapped);
@@ -201,7 +337,7 @@ TEST_F(CoveredReplicaTest, BubblewrapKeepsItOutOfReach) {
   }
 }
 
-TEST_F(CoveredReplicaTest, WhatIsNeededWorks) {
+TEST_P(CoveredReplicaTest, WhatIsNeededWorks) {
   for (const char* attempt :
        {"ReadOutgoing", "ReplaceInShared", "ReplaceInTemporary", "MakeFoldersInTemporary"}) {
     const auto outcome = stage_.run(attempt, Confined::bubblewrapped);
@@ -209,7 +345,7 @@ TEST_F(CoveredReplicaTest, WhatIsNeededWorks) {
   }
 }
 
-TEST_F(CoveredReplicaTest, WithoutBubblewrapTheReportSaysWhatIsOpen) {
+TEST_P(CoveredReplicaTest, WithoutBubblewrapTheReportSaysWhatIsOpen) {
   const auto outcome = stage_.run("ReadContentsOfReplica", Confined::alone);
   EXPECT_EQ(outcome.failure, 0) << "the report would be wrong";
   EXPECT_NE(outcome.errors.find("not enforced: the replica lies in the shared directory"),

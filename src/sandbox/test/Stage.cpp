@@ -73,14 +73,12 @@ std::unique_ptr<Descriptor> listenTCP(int& port) {
   constexpr int kOutOfTheWay = 64;
   for (auto& [from, to] : descriptors) from = ::fcntl(from, F_DUPFD_CLOEXEC, kOutOfTheWay);
   for (const auto& [from, to] : descriptors) ::dup2(from, to);
-  if (isConfined) {
-    // Without the leak check of the sanitizers, which forks.
-    std::string options = "ASAN_OPTIONS=detect_leaks=0";
-    std::array<char*, 2> environment{options.data(), nullptr};
-    ::execve(arguments[0], arguments.data(), environment.data());
-  } else {
-    ::execv(arguments[0], arguments.data());
-  }
+  // Without the leak check of the sanitizers, which forks and reads /proc.
+  std::string options = "ASAN_OPTIONS=detect_leaks=0";
+  std::array<char*, 2> environment{options.data(), nullptr};
+  if (isConfined) ::execve(arguments[0], arguments.data(), environment.data());
+  ::putenv(options.data());
+  ::execv(arguments[0], arguments.data());
   ::_exit(127);
 }
 
@@ -92,6 +90,11 @@ const char* wordFor(Confined confined) {
       return "system";
     case Confined::late:
       return "late";
+    case Confined::byLandlock:
+      return "landlock";
+    case Confined::byFilter:
+      return "filter";
+    case Confined::inBubblewrap:
     case Confined::not_:
       return "not";
   }
@@ -109,18 +112,22 @@ std::string contentsOfOpen(int file) {
 Stage::Stage(Layout layout) {
   const auto& root = root_.path();
   at_.root = root;
-  at_.shared = root / "home/.local/share/Kestrune";
-  const auto replica = layout == Layout::inShared ? at_.shared / "replica/main" : root / "replica";
+  std::filesystem::create_directory(root / "home");
+  std::filesystem::create_directory_symlink("home", root / "link");
+  const auto home = root / (layout == Layout::inSharedThroughLink ? "link" : "home");
+  at_.shared = home / ".local/share/Kestrune";
+  const auto replica =
+      layout == Layout::besideShared ? root / "replica" : at_.shared / "replica/main";
   at_.temporary = replica / "tmp";
   at_.outgoing = replica / "outgoing";
   for (const auto& directory : {at_.shared, at_.temporary, at_.outgoing, root / "outside"})
     std::filesystem::create_directories(directory);
   root_.write("home/.ssh/id_ed25519", "a key");
   root_.write("outside/file", "of somebody else");
-  root_.write(std::filesystem::relative(replica / "contents/1", root), "contents");
-  root_.write(std::filesystem::relative(at_.outgoing / "7", root), "to be sent");
-  root_.write(std::filesystem::relative(at_.shared / "config.json", root), "{}");
-  const auto closed = root_.write(std::filesystem::relative(at_.shared / "closed", root), "closed");
+  root_.write((replica / "contents/1").lexically_relative(root), "contents");
+  root_.write((at_.outgoing / "7").lexically_relative(root), "to be sent");
+  root_.write((at_.shared / "config.json").lexically_relative(root), "{}");
+  const auto closed = root_.write((at_.shared / "closed").lexically_relative(root), "closed");
   std::filesystem::permissions(closed, std::filesystem::perms::none);
   std::filesystem::create_symlink(root / "home/.ssh/id_ed25519", at_.shared / "leads-to-key");
 
@@ -143,7 +150,7 @@ SandboxPaths Stage::paths() const { return {at_.shared, at_.temporary, at_.outgo
 std::vector<std::string> Stage::command(const std::string& attempt, Confined confined) const {
   std::vector<std::string> arguments = at_.asArguments();
   arguments.insert(arguments.begin(), {wordFor(confined), attempt});
-  if (confined == Confined::bubblewrapped) {
+  if (confined == Confined::bubblewrapped || confined == Confined::inBubblewrap) {
     return bubblewrapCommand(rulesFor(paths()), {{"ASAN_OPTIONS", "detect_leaks=0"}}, arguments);
   }
   arguments.insert(arguments.begin(), kProbe);

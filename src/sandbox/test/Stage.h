@@ -21,6 +21,10 @@ enum class Confined {
   bubblewrapped,  // in bubblewrap, and by itself
   alone,          // by itself
   late,           // by itself, the attempt being made by a thread that ran before
+  // by one layer alone
+  inBubblewrap,
+  byLandlock,
+  byFilter,
   not_,
 };
 
@@ -28,6 +32,7 @@ enum class Confined {
 enum class Layout {
   besideShared,
   inShared,
+  inSharedThroughLink,  // the home is a symbolic link
 };
 
 class Stage {
