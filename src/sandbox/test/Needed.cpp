@@ -215,8 +215,8 @@ int useDevices(const Surrounds&) {
 int loadLibraries(const Surrounds&) {
   if (::dlopen("libresolv.so.2", RTLD_NOW) == nullptr) return ELIBACC;
   const iconv_t converter = ::iconv_open("ISO-8859-15", "UTF-8");  // loads a library of its own
-  if (converter == reinterpret_cast<iconv_t>(-1))
-    return errno;  // NOLINT(performance-no-int-to-ptr)
+  // NOLINTNEXTLINE(performance-no-int-to-ptr)
+  if (converter == reinterpret_cast<iconv_t>(-1)) return errno;
   return answer(::iconv_close(converter));
 }
 
