@@ -15,7 +15,8 @@
 namespace kestrune::sandbox {
 
 /// Why bubblewrapCommand's sandbox cannot be made here, in words for the user; nothing if it can. Makes it around a
-/// program of the system that does nothing, with the bubblewrap at `bubblewrap`.
+/// program of the system that does nothing, with the bubblewrap at `bubblewrap`. Throws NSPOSIXError where this process
+/// has no descriptor left, or ignores the ends of its children (SIGCHLD).
 std::optional<std::string> whyNoBubblewrap(
     const SandboxRules& rules, const std::filesystem::path& bubblewrap = kBubblewrap,
     std::chrono::milliseconds deadline = std::chrono::seconds(5));
