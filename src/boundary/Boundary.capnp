@@ -118,9 +118,9 @@ interface Host {
 }
 
 interface Extension {
-  # Before all else, once.
+  # Before all else, once. `notEnforced`: what of its confinement the program could not have, in words for people.
   greet @0 (version :UInt32, domainIdentifier :Data, domainName :Data, host :Host)
-      -> (version :UInt32, partialContents :Bool, streams :Bool, actions :Bool);
+      -> (version :UInt32, partialContents :Bool, streams :Bool, actions :Bool, notEnforced :List(Data));
 
   item @1 (caller :Caller, identifier :Data, request :Request) -> (operation :Operation);
   fetchContents @2 (caller :Caller, identifier :Data, version :Version, request :Request) -> (operation :Operation);

@@ -58,8 +58,11 @@ std::optional<std::filesystem::path> urlOf(Message message) {
 // Each operation is read here, on the loop's thread, and made on the executor.
 class Served final : public wire::Extension::Server {
  public:
-  Served(std::shared_ptr<Loop> loop, ExtensionMaker makeExtension)
-      : loop_(std::move(loop)), makeExtension_(std::move(makeExtension)) {}
+  Served(std::shared_ptr<Loop> loop, ExtensionMaker makeExtension,
+         std::vector<std::string> notEnforced)
+      : loop_(std::move(loop)),
+        makeExtension_(std::move(makeExtension)),
+        notEnforced_(std::move(notEnforced)) {}
 
  protected:
   kj::Promise<void> greet(GreetContext context) override {
@@ -83,6 +86,8 @@ class Served final : public wire::Extension::Server {
       results.setPartialContents(as<platform::NSFileProviderPartialContentFetching>() != nullptr);
       results.setStreams(as<platform::ContentStreaming>() != nullptr);
       results.setActions(as<platform::NSFileProviderCustomAction>() != nullptr);
+      auto told = results.initNotEnforced(static_cast<unsigned>(notEnforced_.size()));
+      for (unsigned i = 0; i < notEnforced_.size(); ++i) told.set(i, bytesOf(notEnforced_[i]));
     });
   }
 
@@ -277,6 +282,7 @@ class Served final : public wire::Extension::Server {
 
   const std::shared_ptr<Loop> loop_;
   ExtensionMaker makeExtension_;
+  const std::vector<std::string> notEnforced_;
   ExtensionPtr extension_;
 };
 
@@ -307,7 +313,7 @@ struct ExtensionServer::Serving {
 };
 
 ExtensionServer::ExtensionServer(int socket, ExtensionMaker makeExtension,
-                                 std::function<void()> ended)
+                                 std::function<void()> ended, std::vector<std::string> notEnforced)
     : serving_(std::make_shared<Serving>()) {
   kj::AutoCloseFd owned(socket);
   serving_->loop = Loop::make("kes-boundary");
@@ -315,14 +321,15 @@ ExtensionServer::ExtensionServer(int socket, ExtensionMaker makeExtension,
     platform::MutexLock lock(serving_->mutex);
     serving_->ended = std::move(ended);
   }
-  serving_->loop->post(
-      [serving = serving_, owned = kj::mv(owned), make = std::move(makeExtension)]() mutable {
-        serving->wire = std::make_unique<Wire>(serving->loop->io(), owned.release(),
-                                               kj::heap<Served>(serving->loop, std::move(make)));
-        serving->wire->network.onDisconnect()
-            .then([serving] { serving->end(); })
-            .detach([serving](kj::Exception&&) { serving->end(); });
-      });
+  serving_->loop->post([serving = serving_, owned = kj::mv(owned), make = std::move(makeExtension),
+                        limits = std::move(notEnforced)]() mutable {
+    serving->wire =
+        std::make_unique<Wire>(serving->loop->io(), owned.release(),
+                               kj::heap<Served>(serving->loop, std::move(make), std::move(limits)));
+    serving->wire->network.onDisconnect()
+        .then([serving] { serving->end(); })
+        .detach([serving](kj::Exception&&) { serving->end(); });
+  });
 }
 
 ExtensionServer::~ExtensionServer() {

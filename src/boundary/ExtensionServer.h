@@ -5,6 +5,8 @@
 
 #include <functional>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "platform/file_provider/NSFileProviderManager.h"
 #include "platform/file_provider/NSFileProviderReplicatedExtension.h"
@@ -25,8 +27,9 @@ using ExtensionMaker = std::function<std::shared_ptr<platform::NSFileProviderRep
 class ExtensionServer {
  public:
   /// Serves from now on. `socket` is this object's. `ended` is called once, on a thread of its own, when the host has gone; not
-  /// after the destructor has begun. Throws NSPOSIXError.
-  ExtensionServer(int socket, ExtensionMaker makeExtension, std::function<void()> ended);
+  /// after the destructor has begun. `notEnforced`: what of its confinement the program could not have. Throws NSPOSIXError.
+  ExtensionServer(int socket, ExtensionMaker makeExtension, std::function<void()> ended,
+                  std::vector<std::string> notEnforced = {});
   ~ExtensionServer();
   ExtensionServer(const ExtensionServer&) = delete;
   ExtensionServer& operator=(const ExtensionServer&) = delete;

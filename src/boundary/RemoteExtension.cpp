@@ -108,9 +108,11 @@ void RemoteExtension::disconnect() {
 bool RemoteExtension::isGone() const { return link_->isGone; }
 
 void RemoteExtension::greet(const platform::NSFileProviderDomain& domain, Greeted greeted) {
-  const auto answer = [greeted = std::move(greeted)](Offers offers, NSErrorPtr error) {
+  const auto answer = [greeted = std::move(greeted)](Greeting greeting, NSErrorPtr error) {
     boost::asio::post(platform::sharedExecutor(),
-                      [greeted, offers, error = std::move(error)] { greeted(offers, error); });
+                      [greeted, greeting = std::move(greeting), error = std::move(error)] {
+                        greeted(greeting, error);
+                      });
   };
   link_->loop->post([link = link_, domain, answer] {
     if (!link->wire) return answer({}, interrupted());
@@ -123,7 +125,8 @@ void RemoteExtension::greet(const platform::NSFileProviderDomain& domain, Greete
         .then([answer](auto&& response) {
           if (response.getVersion() != kProtocolVersion)
             return answer({}, versionMismatch(kProtocolVersion, response.getVersion()));
-          answer({response.getPartialContents(), response.getStreams(), response.getActions()},
+          answer({{response.getPartialContents(), response.getStreams(), response.getActions()},
+                  read(response.getNotEnforced())},
                  nullptr);
         })
         .detach([answer](kj::Exception&& exception) { answer({}, errorFrom(exception)); });

@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/file_provider/ContentStreaming.h"
 #include "platform/file_provider/NSFileProviderManager.h"
@@ -34,6 +35,13 @@ struct Offers {
   bool operator==(const Offers&) const = default;
 };
 
+/// What a program tells of itself.
+struct Greeting {
+  Offers offers;
+  /// What of its confinement it could not have, in words for people.
+  std::vector<std::string> notEnforced;
+};
+
 class RemoteExtension final : public platform::NSFileProviderReplicatedExtension,
                               public platform::NSFileProviderPartialContentFetching,
                               public platform::NSFileProviderCustomAction,
@@ -47,7 +55,7 @@ class RemoteExtension final : public platform::NSFileProviderReplicatedExtension
 
   /// Called once, before all else; the program makes the domain's extension then. The error if it cannot be talked to: it is gone,
   /// or of another version.
-  using Greeted = std::function<void(Offers offers, platform::NSErrorPtr error)>;
+  using Greeted = std::function<void(Greeting greeting, platform::NSErrorPtr error)>;
   void greet(const platform::NSFileProviderDomain& domain, Greeted greeted);
   /// Ends the connection: what is open fails as interrupted, and the program hears that its host is gone.
   void disconnect();

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <optional>
 #include <utility>
 
@@ -17,6 +18,7 @@
 #include "host/launch/LaunchedExtension.h"
 #include "host/launch/Launcher.h"
 #include "host/launch/PlatformServices.h"
+#include "host/launch/SandboxedCommand.h"
 #include "namespace/FileProviderItem.h"
 #include "namespace/PinStore.h"
 #include "platform/files/AtomicFile.h"
@@ -61,10 +63,14 @@ std::filesystem::path extensionProgram() {
 std::shared_ptr<platform::NSFileProviderReplicatedExtension> launchedExtension(
     const platform::NSFileProviderDomain& domain, const std::filesystem::path& replicaDirectory) {
   host::LaunchOptions launch;
-  launch.command = [program = extensionProgram()] {
-    return host::ProgramCommand{{program, "--temporary", platform::temporaryDirectory()},
-                                {{"XDG_DATA_HOME", storage::sharedDirectory().parent_path()}}};
-  };
+  sandbox::SandboxPaths paths;
+  paths.shared = storage::sharedDirectory();
+  paths.temporary = platform::temporaryDirectory();
+  paths.outgoing = replicaDirectory / "outgoing";
+  paths.program = extensionProgram();
+  if (const char* certificates = std::getenv("SSL_CERT_FILE")) paths.certificates = certificates;
+  const auto command = std::make_shared<host::SandboxedCommand>(std::move(paths));
+  launch.command = [command] { return command->next(); };
   launch.domain = domain;
   launch.offers = {true, true, true};
   launch.services = host::platformServices(domain);

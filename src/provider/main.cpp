@@ -1,11 +1,9 @@
 // kestrune-fileprovider: the extension as a program of its own, which the host starts and talks to. It is nothing to be started by
 // hand.
-#include <sys/prctl.h>
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
-#include <cerrno>
-#include <csignal>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -16,6 +14,7 @@
 #include "platform/tasks/MainQueue.h"
 #include "platform/values/NSError.h"
 #include "provider/CrashNote.h"
+#include "sandbox/Confinement.h"
 
 namespace {
 
@@ -44,24 +43,35 @@ std::shared_ptr<platform::NSFileProviderReplicatedExtension> makeExtension(
 }  // namespace
 
 int main(int argc, char** argv) {
+  sandbox::closeDescriptorsExcept(std::array{kSocket, kReport});
   CLI::App app("The extension of a mounted Kestrune folder; kestrune mount starts it.");
-  std::filesystem::path temporary;
-  app.add_option("--temporary", temporary, "where contents are put that the host takes over")
+  sandbox::SandboxPaths paths;
+  paths.program = argv[0];
+  bool isInBubblewrap = false;
+  app.add_option("--shared", paths.shared, "what the extension and kestrune share")->required();
+  app.add_option("--temporary", paths.temporary, "where contents are put that the host takes over")
       ->required();
+  app.add_option("--outgoing", paths.outgoing, "where contents are that are to be sent")
+      ->required();
+  app.add_option("--certificates", paths.certificates, "a store of certificates");
+  app.add_flag("--in-bubblewrap", isInBubblewrap, "it was started by bubblewrap");
   CLI11_PARSE(app, argc, argv);
   if (!isSocket(kSocket)) {
     std::fputs("kestrune-fileprovider: there is no host; kestrune mount starts this program.\n",
                stderr);
     return 2;
   }
-  // The host's end ends it, also where the host is killed. The token passes through its memory: no core dumps.
-  ::prctl(PR_SET_DUMPABLE, 0);
-  provider::noteCrashesIn(kReport);
-  platform::setTemporaryDirectory(temporary);
-  auto& mainQueue = platform::MainQueue::shared();
-  mainQueue.open();
   try {
-    const boundary::ExtensionServer server(kSocket, &makeExtension, [&] { mainQueue.stop(); });
+    provider::noteCrashesIn(kReport);
+    // Before there are other threads, and before the first message.
+    auto report = sandbox::confine(sandbox::rulesFor(paths), isInBubblewrap
+                                                                 ? sandbox::Surroundings::bubblewrap
+                                                                 : sandbox::Surroundings::system);
+    platform::setTemporaryDirectory(paths.temporary);
+    auto& mainQueue = platform::MainQueue::shared();
+    mainQueue.open();
+    const boundary::ExtensionServer server(
+        kSocket, &makeExtension, [&mainQueue] { mainQueue.stop(); }, std::move(report.notEnforced));
     mainQueue.serve();
   } catch (const platform::NSError& error) {
     std::fprintf(stderr, "kestrune-fileprovider: %s\n", error.localizedDescription().c_str());

@@ -27,8 +27,9 @@ class BoundaryTest : public testing::Test {
 };
 
 TEST_F(BoundaryTest, TheGreetingTellsTheDomainAndWhatIsOffered) {
-  EXPECT_EQ(boundary->greeting, nullptr);
-  EXPECT_EQ(boundary->offers, (Offers{true, true, true}));
+  EXPECT_EQ(boundary->greetingError, nullptr);
+  EXPECT_EQ(boundary->greeting.offers, (Offers{true, true, true}));
+  EXPECT_EQ(boundary->greeting.notEnforced, std::vector<std::string>{"no walls"});
   EXPECT_EQ(boundary->domainIdentifier, "home");
   EXPECT_EQ(boundary->domainName, "My \"files\"");
 }
@@ -159,7 +160,7 @@ TEST_F(BoundaryTest, AStreamThatFillsTheMemoryIsLetGoWhenTheHostIsGone) {
 TEST(Greeting, BytesThatAreNoMessagesAreAnInterruption) {
   const auto [hostEnd, otherEnd] = socketPair();
   const auto remote = RemoteExtension::connect(hostEnd, {});
-  Told<Offers, NSErrorPtr> told;
+  Told<Greeting, NSErrorPtr> told;
   remote->greet({"d", "d"}, told.handler());
   const std::string noise(4096, '\x7f');
   EXPECT_EQ(::write(otherEnd, noise.data(), noise.size()), static_cast<ssize_t>(noise.size()));

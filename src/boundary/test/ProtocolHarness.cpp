@@ -58,16 +58,17 @@ Boundary::Boundary(std::shared_ptr<MockExtension> extension) {
     host = std::move(remoteHost);
     return extension;
   };
-  server_ = std::make_unique<ExtensionServer>(programEnd, make, [this] { hostWent.set_value(); });
+  server_ = std::make_unique<ExtensionServer>(
+      programEnd, make, [this] { hostWent.set_value(); }, std::vector<std::string>{"no walls"});
   remote = RemoteExtension::connect(
       hostEnd, {[manager = manager] { return manager; },
                 [pasted = pasted](std::string text, const NSFileProviderManager::Handler& done) {
                   *pasted = std::move(text);
                   done(*pasted == "refused" ? someError() : nullptr);
                 }});
-  Told<Offers, NSErrorPtr> greeted;
+  Told<Greeting, NSErrorPtr> greeted;
   remote->greet({"home", "My \"files\""}, greeted.handler());
-  std::tie(offers, greeting) = greeted.wait();
+  std::tie(greeting, greetingError) = greeted.wait();
 }
 
 }  // namespace kestrune::boundary::test

@@ -170,8 +170,8 @@ class Boundary {
   /// What the extension was made with.
   std::string domainIdentifier, domainName;
   RemoteHost host;
-  Offers offers;
-  NSErrorPtr greeting;
+  Greeting greeting;
+  NSErrorPtr greetingError;
   std::promise<void> hostWent;
 
   /// As if the program had been killed.

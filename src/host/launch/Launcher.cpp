@@ -134,10 +134,11 @@ void Launcher::start() {
     }
     if (!isGreeted && !late->isNotNeeded) late->program->kill(SIGKILL);
   });
-  generation->remote->greet(options_.domain, [self = shared_from_this(), generation](
-                                                 boundary::Offers offers, NSErrorPtr greeting) {
-    self->greeted(generation, offers, std::move(greeting));
-  });
+  generation->remote->greet(
+      options_.domain, [self = shared_from_this(), generation](const boundary::Greeting& greeting,
+                                                               NSErrorPtr error) {
+        self->greeted(generation, greeting, std::move(error));
+      });
 }
 
 Launcher::GenerationPtr Launcher::startProgram() {
@@ -159,8 +160,10 @@ Launcher::GenerationPtr Launcher::startProgram() {
   return generation;
 }
 
-void Launcher::greeted(const GenerationPtr& generation, boundary::Offers offers, NSErrorPtr error) {
+void Launcher::greeted(const GenerationPtr& generation, const boundary::Greeting& greeting,
+                       NSErrorPtr error) {
   const auto& wanted = options_.offers;
+  const auto& offers = greeting.offers;
   if (!error && ((wanted.partialContents && !offers.partialContents) ||
                  (wanted.streams && !offers.streams) || (wanted.actions && !offers.actions)))
     error = unavailable("the extension's program offers less than this host needs of it");
@@ -180,6 +183,7 @@ void Launcher::greeted(const GenerationPtr& generation, boundary::Offers offers,
     if (!isTooLate) {
       running_ = generation;
       status_.pid = generation->program->pid();
+      status_.notEnforced = greeting.notEnforced;
       for (std::size_t i = 0; i < waiting.size(); ++i) uses.push_back(useLocked());
     }
   }

@@ -50,6 +50,8 @@ struct LaunchStatus {
   std::uint64_t deaths = 0;  // that were not asked for
   /// How it died the last time; empty: never.
   std::string lastDeath;
+  /// What of its confinement the last one could not have, in words for people.
+  std::vector<std::string> notEnforced;
   /// Why it is not started at present; empty: it is, when it is needed.
   std::string refusal;
 };
@@ -72,7 +74,7 @@ class Launcher final : public ExtensionSource, public std::enable_shared_from_th
   RunningExtensionPtr useLocked() REQUIRES_LOCK(mutex_);
   void start();
   GenerationPtr startProgram();
-  void greeted(const GenerationPtr& generation, boundary::Offers offers,
+  void greeted(const GenerationPtr& generation, const boundary::Greeting& greeting,
                platform::NSErrorPtr error);
   void fail(const platform::NSErrorPtr& error);
   void released(const std::weak_ptr<Generation>& generation);
