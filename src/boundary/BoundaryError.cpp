@@ -14,11 +14,6 @@ NSErrorPtr interrupted() {
       .share();
 }
 
-bool isInterruption(const platform::NSError& error) {
-  return error.domain() == platform::kNSCocoaErrorDomain &&
-         error.code() == NSCocoaError::xpcConnectionInterrupted;
-}
-
 NSErrorPtr errorFrom(const kj::Exception& exception) {
   if (exception.getType() == kj::Exception::Type::DISCONNECTED) return interrupted();
   return NSCocoaError(

@@ -13,7 +13,6 @@ namespace kestrune::boundary {
 
 /// The other program is gone, and whether it did what it was asked to nobody knows.
 platform::NSErrorPtr interrupted();
-bool isInterruption(const platform::NSError& error);
 
 /// An exception of a call: an interruption where the connection is gone, else an answer that makes no sense.
 platform::NSErrorPtr errorFrom(const kj::Exception& exception);

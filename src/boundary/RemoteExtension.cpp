@@ -68,7 +68,7 @@ struct RemoteExtension::Link : std::enable_shared_from_this<Link> {
                       boost::asio::any_io_executor where = platform::sharedExecutor()) {
     auto noting = [link = weak_from_this(), handler = std::move(handler)](Completed completed) {
       const auto live = link.lock();
-      if (live && completed.error && isInterruption(*completed.error)) live->isGone = true;
+      if (live && completed.error && platform::isInterruption(*completed.error)) live->isGone = true;
       handler(std::move(completed));
     };
     auto call = std::make_shared<RemoteCall>(loop, std::move(where), std::move(noting));
@@ -325,7 +325,7 @@ std::shared_ptr<platform::NSFileProviderEnumerator> RemoteExtension::enumerator(
             })
             .detach([link, coming](kj::Exception&& exception) {
               const auto error = errorFrom(exception);
-              if (isInterruption(*error)) link->isGone = true;
+              if (platform::isInterruption(*error)) link->isGone = true;
               coming->failed(error);
             });
       });

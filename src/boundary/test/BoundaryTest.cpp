@@ -100,9 +100,9 @@ TEST_F(BoundaryTest, WhatIsOpenWhenTheProgramDiesFailsAsInterrupted) {
   all.get_future().wait();
   EXPECT_FALSE(boundary->remote->isGone());
   boundary->killProgram();
-  EXPECT_TRUE(isInterruption(*std::get<1>(item.wait())));
-  EXPECT_TRUE(isInterruption(*std::get<3>(created.wait())));
-  EXPECT_TRUE(isInterruption(*std::get<1>(streamed.wait())));
+  EXPECT_TRUE(platform::isInterruption(*std::get<1>(item.wait())));
+  EXPECT_TRUE(platform::isInterruption(*std::get<3>(created.wait())));
+  EXPECT_TRUE(platform::isInterruption(*std::get<1>(streamed.wait())));
   EXPECT_TRUE(boundary->remote->isGone());
 }
 
@@ -110,7 +110,7 @@ TEST_F(BoundaryTest, WhatBeginsAfterTheDeathFailsAsInterrupted) {
   boundary->killProgram();
   Told<NSFileProviderItemPtr, NSErrorPtr> item;
   boundary->remote->item("x", {}, item.handler());
-  EXPECT_TRUE(isInterruption(*std::get<1>(item.wait())));
+  EXPECT_TRUE(platform::isInterruption(*std::get<1>(item.wait())));
   Told<std::optional<std::string>> anchor;
   boundary->remote->enumerator("x", {})->currentSyncAnchor(anchor.handler());
   EXPECT_EQ(std::get<0>(anchor.wait()), std::nullopt);
@@ -122,7 +122,7 @@ TEST_F(BoundaryTest, TheProgramHearsThatTheHostIsGone) {
   EXPECT_EQ(boundary->hostWent.get_future().wait_for(kSoon), std::future_status::ready);
   Told<NSErrorPtr> told;
   boundary->host.manager->evictItem("x", told.handler());
-  EXPECT_TRUE(isInterruption(*std::get<0>(told.wait())));
+  EXPECT_TRUE(platform::isInterruption(*std::get<0>(told.wait())));
   EXPECT_THROW(boundary->host.pasteboard->replaceContents("x"), NSError);
 }
 

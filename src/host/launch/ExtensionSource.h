@@ -30,7 +30,4 @@ class ExtensionSource {
   virtual void end() = 0;
 };
 
-/// What a call is answered with when its extension was gone before it answered: nobody knows whether it did what it was asked.
-bool isInterruption(const platform::NSError& error);
-
 }  // namespace kestrune::host

@@ -29,7 +29,7 @@ class ItemObserver final : public platform::NSFileProviderEnumerationObserver {
     observer_->finishEnumeratingUpToPage(std::move(nextPage));
   }
   void finishEnumeratingWithError(NSErrorPtr error) override {
-    if (!isInterruption(*error) || !askAgain_())
+    if (!platform::isInterruption(*error) || !askAgain_())
       observer_->finishEnumeratingWithError(std::move(error));
   }
 
@@ -58,7 +58,7 @@ class ChangeObserver final : public platform::NSFileProviderChangeObserver {
     observer_->finishEnumeratingChangesUpToSyncAnchor(std::move(anchor), moreComing);
   }
   void finishEnumeratingWithError(NSErrorPtr error) override {
-    if (!isInterruption(*error) || !askAgain_())
+    if (!platform::isInterruption(*error) || !askAgain_())
       observer_->finishEnumeratingWithError(std::move(error));
   }
 

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <utility>
 
-#include "boundary/BoundaryError.h"
 #include "host/launch/CrashReports.h"
 #include "platform/file_provider/NSFileProviderError.h"
 #include "platform/tasks/Task.h"
@@ -168,7 +167,7 @@ void Launcher::greeted(const GenerationPtr& generation, const boundary::Greeting
                  (wanted.streams && !offers.streams) || (wanted.actions && !offers.actions)))
     error = unavailable("the extension's program offers less than this host needs of it");
   if (error) {
-    if (!isInterruption(*error)) generation->isNotNeeded = true;
+    if (!platform::isInterruption(*error)) generation->isNotNeeded = true;
     fail(error);
     return letGo(generation);
   }

@@ -2,14 +2,10 @@
 
 #include <utility>
 
-#include "boundary/BoundaryError.h"
-
 namespace kestrune::host {
 
 using platform::MutexLock;
 using platform::NSProgressPtr;
-
-bool isInterruption(const platform::NSError& error) { return boundary::isInterruption(error); }
 
 NSProgressPtr RepeatedCall::make(std::shared_ptr<ExtensionSource> source, Kind kind, Start start,
                                  Done handler) {
@@ -60,7 +56,7 @@ void RepeatedCall::follow(const NSProgressPtr& inner) {
 }
 
 void RepeatedCall::completed(const boundary::Completed& completed) {
-  const bool isInterrupted = completed.error && isInterruption(*completed.error);
+  const bool isInterrupted = completed.error && platform::isInterruption(*completed.error);
   bool repeats = false;
   if (isInterrupted && kind_ == Kind::question) {
     MutexLock lock(mutex_);

@@ -20,7 +20,11 @@ using platform::Task;
 constexpr std::chrono::milliseconds kTogether{1};
 
 // Nothing gets through, whatever it is.
+// So often the next extension is given at once what the last one died with; then there is a pause, as after other failures.
+constexpr int kInterruptionsAtOnce = 3;
+
 bool isOffline(const NSError& error) {
+  if (platform::isInterruption(error)) return false;
   const int number = errnoFor(error);
   return number == EHOSTUNREACH || number == ETIMEDOUT || number == ENETDOWN;
 }
@@ -273,23 +277,28 @@ void Sender::finished(const Change& change, const Outcome& outcome) {
                                      outcome.error->localizedDescription());
   }
   const auto failed = outcome.error ? outgoing(change.id) : std::nullopt;
+  // The store was reached or not: the extension's death says nothing of it. What became of the change is looked up first.
+  const bool isInterrupted = outcome.error && platform::isInterruption(*outcome.error);
   {
     MutexLock lock(mutex_);
     std::erase_if(underWay_, [&](const Change& other) { return other.id == change.id; });
     Waits::Wait* wait = waits_.find(change.id);
-    if (wait != nullptr && outcome.error) {
+    if (wait != nullptr && isInterrupted && ++wait->interruptions <= kInterruptionsAtOnce) {
+      wait->notBefore = now() + kQuiet;
+    } else if (wait != nullptr && outcome.error) {
       wait->failed = failed;
       waitAfter(*wait, *outcome.error);
     } else if (wait != nullptr && outcome.lookAgain) {
       wait->notBefore = now() + kQuiet;
     } else if (wait != nullptr) {
       wait->attempts = 0;
+      wait->interruptions = 0;
       wait->failed.reset();
       wait->reason.clear();
       waits_.renew(change.id, now());
     }
   }
-  const bool failedBelow = outcome.error && !isUnreachable(*outcome.error);
+  const bool failedBelow = outcome.error && (isInterrupted || !isUnreachable(*outcome.error));
   if (told_ && !outcome.lookAgain && !failedBelow) told_(outcome.error);
   pumpSoon(kTogether);
 }

@@ -23,6 +23,8 @@ class Waits {
   struct Wait {
     Clock notBefore{0};
     int attempts = 0;
+    /// How often the extension died of it, or with it, since it last went through.
+    int interruptions = 0;
     bool unreachable = false;
     std::string reason;
     /// What was to be done when it failed last.

@@ -25,6 +25,11 @@ NSPOSIXError::NSPOSIXError(int errorNumber, const std::string& context)
 NSCocoaError::NSCocoaError(Code code, std::string localizedDescription)
     : NSErrorOf(kNSCocoaErrorDomain, code, std::move(localizedDescription)) {}
 
+bool isInterruption(const NSError& error) {
+  return error.domain() == kNSCocoaErrorDomain &&
+         error.code() == NSCocoaError::xpcConnectionInterrupted;
+}
+
 CancellationError::CancellationError()
     : NSErrorOf(kNSCocoaErrorDomain, NSCocoaError::userCancelled, "The operation was cancelled.") {}
 

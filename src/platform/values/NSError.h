@@ -90,6 +90,9 @@ class NSCocoaError : public NSErrorOf<NSCocoaError> {
   NSCocoaError(Code code, std::string localizedDescription);
 };
 
+/// Whether the process that was asked was gone before it answered: nobody knows what it did.
+bool isInterruption(const NSError& error);
+
 /// A task was cancelled while it slept or waited.
 class CancellationError : public NSErrorOf<CancellationError> {
  public:
