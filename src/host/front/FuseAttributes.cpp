@@ -101,7 +101,7 @@ void setAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, int
     return;
   }
   front.dispatcher().setAttributes(
-      node, info != nullptr ? handleOf(*info).file : nullptr, *changes,
+      node, info != nullptr ? handleOf(request, *info).file : nullptr, *changes,
       [&front, request, node, call, isChangeByName](const Answer<Attributes>& answer) {
         if (isChangeByName) front.passthrough().end(node, Passthrough::Way::requests);
         if (call->claim()) {

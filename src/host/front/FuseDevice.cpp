@@ -65,19 +65,47 @@ ssize_t sendFor(int, iovec* parts, int count, void* userData) {
 
 }  // namespace
 
+thread_local std::span<const char> FuseDevice::current_;
+
 void FuseDevice::attach(fuse_session* session, std::function<void()> agreed) {
-  descriptor_ = fuse_session_fd(session);
   agreed_ = std::move(agreed);
+  setSession(session, fuse_session_fd(session));
+}
+
+void FuseDevice::setSession(fuse_session* session, int descriptor) {
   fuse_custom_io io = {};
   io.read = &receiveFor;
   io.writev = &sendFor;
-  const int result = fuse_session_custom_io(session, &io, descriptor_);
+  const int result = fuse_session_custom_io(session, &io, descriptor);
   if (result != 0) throw platform::NSPOSIXError(-result, "set up a FUSE session");
+  descriptor_ = descriptor;
+}
+
+void FuseDevice::attachTo(fuse_session* session, int descriptor, const Agreement& agreement) {
+  agreed_ = [] {};
+  setSession(session, descriptor);
+  isRepeated_ = true;
+  process(session, agreement.init);
+  isRepeated_ = false;
+  if (agreement_.init != agreement.init || agreement_.answer != agreement.answer)
+    throw platform::NSPOSIXError(EPROTO, "serve a mount whose host agreed on other terms");
+}
+
+void FuseDevice::process(fuse_session* session, std::string request) {
+  noteInit(request.data(), request.size());
+  current_ = request;
+  fuse_buf buffer = {};
+  buffer.mem = request.data();
+  buffer.size = request.size();
+  fuse_session_process_buf(session, &buffer);
+  current_ = {};
 }
 
 ssize_t FuseDevice::receive(void* buffer, std::size_t size) {
   const ssize_t length = ::read(descriptor_, buffer, size);
-  if (length > 0) noteInit(buffer, static_cast<std::size_t>(length));
+  if (length <= 0) return length;
+  current_ = {static_cast<const char*>(buffer), static_cast<std::size_t>(length)};
+  noteInit(buffer, current_.size());
   return length;
 }
 
@@ -86,13 +114,34 @@ void FuseDevice::noteInit(const void* request, std::size_t size) {
   const auto* header = static_cast<const fuse_in_header*>(request);
   if (size < sizeof(fuse_in_header) + sizeof(fuse_init_in) || header->opcode != FUSE_INIT) return;
   const auto* offer = reinterpret_cast<const fuse_init_in*>(header + 1);
-  const bool isOffered =
+  isPassthroughOffered_ =
       (offer->flags & FUSE_INIT_EXT) != 0 && (offer->flags2 & kPassthroughInFlags2) != 0;
-  if (isOffered) init_ = header->unique;
+  agreement_.init.assign(static_cast<const char*>(request), size);
+  init_ = header->unique;
+}
+
+bool FuseDevice::isInitAnswer(const iovec* parts) const {
+  return init_ != 0 && static_cast<const fuse_out_header*>(parts[0].iov_base)->unique == init_;
 }
 
 ssize_t FuseDevice::send(const iovec* parts, int count) {
-  if (init_ != 0) amendInit(parts, count);
+  if (isInitAnswer(parts)) {
+    amendInit(parts, count);
+    if (isRepeated_) return static_cast<const fuse_out_header*>(parts[0].iov_base)->len;
+  }
+  const std::uint64_t unique = static_cast<const fuse_out_header*>(parts[0].iov_base)->unique;
+  if (!unanswered_.beginAnswer(unique)) {
+    errno = ENOENT;  // as if it had been given up
+    return -1;
+  }
+  const ssize_t result = give(parts, count);
+  const int error = errno;
+  unanswered_.endAnswer(unique);
+  errno = error;
+  return result;
+}
+
+ssize_t FuseDevice::give(const iovec* parts, int count) const {
   if (answeredFrom != nullptr && count == 2) return sendFromFile(parts);
   return ::writev(descriptor_, parts, count);
 }
@@ -132,15 +181,17 @@ ssize_t FuseDevice::sendFromFile(const iovec* parts) const {
 
 void FuseDevice::amendInit(const iovec* parts, int count) {
   const auto* header = static_cast<const fuse_out_header*>(parts[0].iov_base);
-  if (header->unique != init_) return;
   init_ = 0;
-  if (header->error != 0 || count != 2 || parts[1].iov_len != sizeof(fuse_init_out)) return;
+  if (header->error != 0 || count != 2) return;
   auto* answer = static_cast<fuse_init_out*>(parts[1].iov_base);
-  answer->flags |= FUSE_INIT_EXT;
-  answer->flags2 |= kPassthroughInFlags2;
-  std::memcpy(reinterpret_cast<char*>(answer) + kStackDepthOffset, &kStackDepth,
-              sizeof(kStackDepth));
-  agreed_();
+  if (isPassthroughOffered_ && parts[1].iov_len == sizeof(fuse_init_out)) {
+    answer->flags |= FUSE_INIT_EXT;
+    answer->flags2 |= kPassthroughInFlags2;
+    std::memcpy(reinterpret_cast<char*>(answer) + kStackDepthOffset, &kStackDepth,
+                sizeof(kStackDepth));
+    agreed_();
+  }
+  agreement_.answer.assign(static_cast<const char*>(parts[1].iov_base), parts[1].iov_len);
 }
 
 std::optional<std::int32_t> FuseDevice::open(int descriptor) {

@@ -39,12 +39,10 @@ OpenMode modeOf(const fuse_file_info& info) {
 // Has the kernel look the name up again.
 void replyStale(fuse_req_t request) { fuse_reply_err(request, ESTALE); }
 
-std::unique_ptr<OpenHandle> fillIn(fuse_file_info& info, const OpenFilePtr& file, Way way) {
-  auto handle = std::make_unique<OpenHandle>(OpenHandle{file, way});
-  info.fh = reinterpret_cast<std::uintptr_t>(handle.get());
+void fillIn(FuseFront& front, fuse_file_info& info, const OpenFilePtr& file, Way way) {
+  info.fh = front.handles().add({file, way});
   info.keep_cache = 1;  // a node's bytes change only through the kernel
   info.direct_io = file->listedEmpty ? 1 : 0;
-  return handle;
 }
 
 int replyPassthrough(fuse_req_t request, const fuse_file_info& info, std::int32_t backing) {
@@ -56,15 +54,13 @@ int replyPassthrough(fuse_req_t request, const fuse_file_info& info, std::int32_
 // Answers an open. `opened` is counted already.
 void replyOpen(FuseFront& front, fuse_req_t request, fuse_ino_t node, fuse_file_info info,
                const OpenFilePtr& file, Passthrough::Opened opened) {
-  auto handle = fillIn(info, file, opened.way);
+  fillIn(front, info, file, opened.way);
   const int result = opened.way == Way::kernel ? replyPassthrough(request, info, opened.backing)
                                                : fuse_reply_open(request, &info);
-  if (result == 0) {
-    static_cast<void>(handle.release());  // the kernel holds it until it is released
-  } else {
-    front.passthrough().end(node, opened.way);
-    front.dispatcher().release(file);
-  }
+  if (result == 0) return;  // the kernel holds it until it is released
+  front.handles().remove(info.fh);
+  front.passthrough().end(node, opened.way);
+  front.dispatcher().release(file);
 }
 
 // The file that the kernel may read by itself: it would also read what lies behind the end, which does not belong to the file.
@@ -147,18 +143,16 @@ void replyCreated(FuseFront& front, fuse_req_t request, fuse_file_info info,
     replyStale(request);
     return;
   }
-  auto handle = fillIn(info, created.file, Way::requests);
+  fillIn(front, info, created.file, Way::requests);
   // Nobody reads through this handle: what the kernel kept of the bytes would be copied and thrown away. Kernels that can leave
   // files to themselves also drop what other handles have read of what is written so.
   const bool onlyWrites = (info.flags & O_ACCMODE) == O_WRONLY;
   if (onlyWrites && front.passthrough().isOffered()) info.direct_io = 1;
   const fuse_entry_param parameters = parametersOf(created.entry);
-  if (fuse_reply_create(request, &parameters, &info) == 0) {
-    static_cast<void>(handle.release());
-  } else {
-    front.passthrough().end(node, Way::requests);
-    undo(front, created);
-  }
+  if (fuse_reply_create(request, &parameters, &info) == 0) return;
+  front.handles().remove(info.fh);
+  front.passthrough().end(node, Way::requests);
+  undo(front, created);
 }
 
 void replyBytes(fuse_req_t request, const LocalFile& file, std::size_t size, off_t offset) {
@@ -168,7 +162,7 @@ void replyBytes(fuse_req_t request, const LocalFile& file, std::size_t size, off
 
 void readFile(fuse_req_t request, fuse_ino_t, std::size_t size, off_t offset,
               fuse_file_info* info) {
-  const OpenFilePtr& file = handleOf(*info).file;
+  const OpenFilePtr file = handleOf(request, *info).file;
   Dispatcher& dispatcher = dispatcherOf(request);
   if (const auto present = dispatcher.present(*file, offset, size)) {
     replyBytes(request, *present, size, offset);
@@ -192,7 +186,7 @@ void writeFile(fuse_req_t request, fuse_ino_t node, const char* bytes, std::size
   FuseFront& front = frontOf(request);
   auto call = beginCall(request, Effect::changes);
   if (!call) return;
-  front.dispatcher().write(handleOf(*info).file, offset,
+  front.dispatcher().write(handleOf(request, *info).file, offset,
                            std::as_bytes(std::span<const char>(bytes, size)),
                            [&front, call, request, node, size](const Answer<Done>& answer) {
                              const bool mine = call->claim();
@@ -208,12 +202,12 @@ void writeFile(fuse_req_t request, fuse_ino_t node, const char* bytes, std::size
 
 void flushFile(fuse_req_t request, fuse_ino_t, fuse_file_info* info) {
   auto call = beginCall(request, Effect::changes);
-  if (call) dispatcherOf(request).flush(handleOf(*info).file, replyingDone(request, call));
+  if (call) dispatcherOf(request).flush(handleOf(request, *info).file, replyingDone(request, call));
 }
 
 void syncFile(fuse_req_t request, fuse_ino_t, int, fuse_file_info* info) {
   auto call = beginCall(request, Effect::changes);
-  if (call) dispatcherOf(request).sync(handleOf(*info).file, replyingDone(request, call));
+  if (call) dispatcherOf(request).sync(handleOf(request, *info).file, replyingDone(request, call));
 }
 
 void reserve(fuse_req_t request, fuse_ino_t node, int mode, off_t offset, off_t length,
@@ -225,16 +219,16 @@ void reserve(fuse_req_t request, fuse_ino_t node, int mode, off_t offset, off_t 
   auto call = beginCall(request, Effect::changes);
   if (!call) return;
   const bool keepsSize = (mode & FALLOC_FL_KEEP_SIZE) != 0;
-  dispatcherOf(request).reserve(handleOf(*info).file, offset, length, keepsSize,
+  dispatcherOf(request).reserve(handleOf(request, *info).file, offset, length, keepsSize,
                                 replyingDone(request, call, bytesChanged(node)));
 }
 
 void releaseFile(fuse_req_t request, fuse_ino_t node, fuse_file_info* info) {
-  const std::unique_ptr<OpenHandle> handle(&handleOf(*info));
   FuseFront& front = frontOf(request);
+  const OpenHandle handle = front.handles().remove(info->fh);
   // First, so that no open finds the node in use for the sake of one that is over.
-  front.passthrough().end(node, handle->way);
-  front.dispatcher().release(handle->file);
+  front.passthrough().end(node, handle.way);
+  front.dispatcher().release(handle.file);
   fuse_reply_err(request, 0);
 }
 

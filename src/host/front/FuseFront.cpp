@@ -45,6 +45,44 @@ void FuseFront::mounted(fuse_session* session) {
   device_.attach(session, [this] { passthrough_.allow(); });
 }
 
+void FuseFront::takeOver(fuse_session* session, const Handover& handover,
+                         const std::vector<OpenFilePtr>& files) {
+  device_.attachTo(session, handover.head.device, {handover.init, handover.initAnswer});
+  passthrough_.restore({handover.passthroughOffered, handover.passthroughInUse});
+  handles_.beginAt(handover.nextHandle);
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    const Handover::File& file = handover.files.at(i);
+    const auto way = file.backing != 0 ? Passthrough::Way::kernel : Passthrough::Way::requests;
+    handles_.restore(file.handle, {files[i], way});
+    passthrough_.restoreOpen(file.node, file.backing);
+  }
+}
+
+bool FuseFront::handOver(Handover& handover, std::vector<OpenFilePtr>& files) {
+  auto requests = device_.unanswered().handOver();
+  if (!requests) return false;
+  handover.head.device = device_.descriptor();
+  handover.othersMayEnter = options_.othersMayEnter;
+  handover.extendedAttributes = options_.extendedAttributes;
+  handover.init = device_.agreement().init;
+  handover.initAnswer = device_.agreement().answer;
+  handover.passthroughOffered = passthrough_.standing().isOffered;
+  handover.passthroughInUse = passthrough_.standing().isInUse;
+  handover.nextHandle = handles_.next();
+  for (auto& [number, handle] : handles_.all()) {
+    Handover::File file;
+    file.handle = number;
+    file.node = handle.file->node;
+    if (handle.way == Passthrough::Way::kernel) file.backing = passthrough_.backingOf(file.node);
+    handover.files.push_back(file);
+    files.push_back(std::move(handle.file));
+  }
+  handover.requests = std::move(*requests);
+  return true;
+}
+
+void FuseFront::takeBack() { device_.unanswered().takeBack(); }
+
 void FuseFront::interrupt(std::uint64_t number, std::chrono::milliseconds patience) {
   timers_->after(patience, [calls = calls_, number] { calls->interrupt(number); });
 }

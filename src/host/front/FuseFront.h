@@ -36,7 +36,9 @@
 #include "host/basics/Timers.h"
 #include "host/front/Dispatcher.h"
 #include "host/front/FuseDevice.h"
+#include "host/front/Handover.h"
 #include "host/front/OpenCalls.h"
+#include "host/front/OpenHandles.h"
 #include "host/front/Passthrough.h"
 
 struct fuse_args;
@@ -62,6 +64,17 @@ class FuseFront {
   /// The session has been mounted; its requests may be received when this returns. Fails: throws NSPOSIXError.
   void mounted(fuse_session* session);
 
+  /// In its place: `session` serves a mount that was handed over. `files`: what its open files are here, in their order.
+  void takeOver(fuse_session* session, const Handover& handover,
+                const std::vector<OpenFilePtr>& files);
+
+  /// Writes down what the kernel knows of this front, from which moment on nothing that waits is answered; false, and nothing is
+  /// done, if something waits that changes something. Which files they are is the dispatcher's to add, in the same
+  /// order: `files`. REQUIRES: no request is received.
+  bool handOver(Handover& handover, std::vector<OpenFilePtr>& files);
+  /// That came to nothing: answers are given again. The requests that were handed over must be processed again.
+  void takeBack();
+
   /// Answers everything that still waits with ENOTCONN, now and from now on.
   void endAll();
 
@@ -74,6 +87,7 @@ class FuseFront {
   OpenCalls& calls() { return *calls_; }
   Passthrough& passthrough() { return passthrough_; }
   FuseDevice& device() { return device_; }
+  OpenHandles& handles() { return handles_; }
   /// A signal came for the call with this number: it is answered if it takes longer than `patience`.
   void interrupt(std::uint64_t number, std::chrono::milliseconds patience);
   /// A change came about whose call had been answered with an error.
@@ -85,6 +99,7 @@ class FuseFront {
   Options options_;
   FuseDevice device_;
   Passthrough passthrough_{device_};
+  OpenHandles handles_;
   const std::shared_ptr<OpenCalls> calls_ = std::make_shared<OpenCalls>();
   const std::shared_ptr<Timers> timers_ = systemTimers();
 };

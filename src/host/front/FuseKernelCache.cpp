@@ -20,10 +20,57 @@ void FuseKernelCache::detach() {
 }
 
 void FuseKernelCache::tell(std::vector<CacheUpdate> updates, std::function<void()> then) {
-  queue_.async([this, updates = std::move(updates), then = std::move(then)] {
-    for (const CacheUpdate& update : updates) pass(update);
-    if (then) then();
-  });
+  {
+    MutexLock lock(waitingMutex_);
+    for (CacheUpdate& update : updates) waiting_.push_back({std::move(update), nullptr});
+    if (then) waiting_.push_back({std::nullopt, std::move(then)});
+  }
+  queue_.async([this] { work(); });
+}
+
+void FuseKernelCache::work() {
+  for (;;) {
+    Step step;
+    {
+      MutexLock lock(waitingMutex_);
+      if (isHeld_ || waiting_.empty()) return;
+      step = std::move(waiting_.front());
+      waiting_.pop_front();
+      isTelling_ = true;
+    }
+    if (step.update) pass(*step.update);
+    if (step.then) step.then();
+    MutexLock lock(waitingMutex_);
+    isTelling_ = false;
+    idle_.notify_all();
+  }
+}
+
+bool FuseKernelCache::hold(std::chrono::milliseconds patience) {
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  MutexLock lock(waitingMutex_);
+  isHeld_ = true;
+  while (isTelling_) {
+    if (!lock.waitUntil(idle_, deadline) && isTelling_) return false;
+  }
+  return true;
+}
+
+std::vector<CacheUpdate> FuseKernelCache::untold() const {
+  std::vector<CacheUpdate> updates;
+  MutexLock lock(waitingMutex_);
+  for (const Step& step : waiting_) {
+    if (step.update) updates.push_back(*step.update);
+  }
+  return updates;
+}
+
+void FuseKernelCache::goOn() {
+  {
+    MutexLock lock(waitingMutex_);
+    isHeld_ = false;
+  }
+  queue_.async([this] { work(); });
 }
 
 void FuseKernelCache::pass(const CacheUpdate& update) {

@@ -64,6 +64,7 @@ Dispatcher& dispatcherOf(fuse_req_t request) { return frontOf(request).dispatche
 
 OpenCalls::CallPtr beginCall(fuse_req_t request, Effect effect) {
   FuseFront& front = frontOf(request);
+  front.device().answersLater();
   bool interrupted = false;
   auto arm = [request, effect, &interrupted](std::uint64_t number) {
     interruptedWhileArming = &interrupted;
@@ -153,9 +154,8 @@ bool isNamePossible(fuse_req_t request, const char* name) {
   return false;
 }
 
-OpenHandle& handleOf(const fuse_file_info& info) {
-  // NOLINTNEXTLINE(performance-no-int-to-ptr): the kernel gives back the number that it was given
-  return *reinterpret_cast<OpenHandle*>(info.fh);
+OpenHandle handleOf(fuse_req_t request, const fuse_file_info& info) {
+  return frontOf(request).handles().at(info.fh);
 }
 
 }  // namespace kestrune::host

@@ -63,12 +63,7 @@ void replyEntry(FuseFront& front, OpenCalls::Call& call, fuse_req_t request,
 /// False if no file can have this name; it has been answered then.
 bool isNamePossible(fuse_req_t request, const char* name);
 
-/// What the kernel holds of an open file.
-struct OpenHandle {
-  OpenFilePtr file;
-  Passthrough::Way way;
-};
-OpenHandle& handleOf(const fuse_file_info& info);
+OpenHandle handleOf(fuse_req_t request, const fuse_file_info& info);
 
 /// What has become of a new file that was created and opened.
 void createFile(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode,

@@ -70,15 +70,6 @@ std::optional<MountEntry> mountAt(const fs::path& directory) {
   return found;
 }
 
-// Without touching the last component, which may be a mount without a host.
-fs::path absolutePlace(const fs::path& directory) {
-  fs::path plain = fs::absolute(directory).lexically_normal();
-  if (!plain.has_filename()) plain = plain.parent_path();
-  std::error_code error;
-  const fs::path parent = fs::canonical(plain.parent_path(), error);
-  return error ? plain : parent / plain.filename();
-}
-
 // Asked in the one way that the kernel never answers from its own memory.
 bool lostItsHost(const fs::path& directory) {
   struct statvfs status = {};
@@ -98,6 +89,14 @@ bool contains(const fs::path& outer, const fs::path& inner) {
 }
 
 }  // namespace
+
+fs::path absolutePlace(const fs::path& directory) {
+  fs::path plain = fs::absolute(directory).lexically_normal();
+  if (!plain.has_filename()) plain = plain.parent_path();
+  std::error_code error;
+  const fs::path parent = fs::canonical(plain.parent_path(), error);
+  return error ? plain : parent / plain.filename();
+}
 
 void prepareMountPoint(const fs::path& directory) {
   const fs::path place = absolutePlace(directory);

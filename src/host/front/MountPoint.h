@@ -9,6 +9,9 @@
 
 namespace kestrune::host {
 
+/// Absolute and without links but in its last part, which is not touched: it may be a mount without a host.
+std::filesystem::path absolutePlace(const std::filesystem::path& directory);
+
 /// Makes sure that `directory` is an empty folder on which nothing of ours is mounted. A mount of ours that has lost its
 /// host (every access answers ENOTCONN) is taken away first.
 void prepareMountPoint(const std::filesystem::path& directory);

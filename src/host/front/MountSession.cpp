@@ -1,5 +1,6 @@
 #include "host/front/MountSession.h"
 
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/eventfd.h>
@@ -30,11 +31,7 @@ void add(fuse_args& arguments, const std::string& text) {
   if (fuse_opt_add_arg(&arguments, text.c_str()) != 0) throw std::bad_alloc();
 }
 
-}  // namespace
-
-MountSession::MountSession(FuseFront& front, const MountSettings& settings)
-    : ended_(std::make_unique<Descriptor>(::eventfd(0, EFD_CLOEXEC))) {
-  if (ended_->number() < 0) throw NSPOSIXError(errno, "create an event counter");
+fuse_session* newSession(FuseFront& front, const MountSettings& settings) {
   fuse_args arguments = FUSE_ARGS_INIT(0, nullptr);
   add(arguments, "kestrune");
   add(arguments, "-o");
@@ -45,9 +42,22 @@ MountSession::MountSession(FuseFront& front, const MountSettings& settings)
   FuseFront::Options options;
   options.othersMayEnter = settings.allowOtherUsers;
   options.extendedAttributes = settings.extendedAttributes;
-  session_ = front.newSession(arguments, options);
+  fuse_session* session = front.newSession(arguments, options);
   fuse_opt_free_args(&arguments);
-  if (session_ == nullptr) throw NSPOSIXError(EINVAL, "set up a FUSE session");
+  if (session == nullptr) throw NSPOSIXError(EINVAL, "set up a FUSE session");
+  return session;
+}
+
+std::unique_ptr<Descriptor> eventCounter() {
+  auto counter = std::make_unique<Descriptor>(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (counter->number() < 0) throw NSPOSIXError(errno, "create an event counter");
+  return counter;
+}
+
+}  // namespace
+
+MountSession::MountSession(FuseFront& front, const MountSettings& settings)
+    : front_(front), session_(newSession(front, settings)), ended_(eventCounter()) {
   errno = 0;
   if (fuse_session_mount(session_, settings.mountPoint.c_str()) != 0) {
     const int error = errno != 0 ? errno : EPERM;
@@ -64,13 +74,43 @@ MountSession::MountSession(FuseFront& front, const MountSettings& settings)
   raiseReadAhead(settings.mountPoint, kReadAhead);
 }
 
+MountSession::MountSession(FuseFront& front, const MountSettings& settings,
+                           const Handover& handover, const std::vector<OpenFilePtr>& files)
+    : front_(front),
+      session_(newSession(front, settings)),
+      inherited_(handover.head.mountPoint),
+      ended_(eventCounter()) {
+  try {
+    front.takeOver(session_, handover, files);
+  } catch (...) {
+    fuse_session_destroy(session_);
+    throw;
+  }
+}
+
 MountSession::~MountSession() {
   stop();
-  fuse_session_unmount(session_);
+  if (inherited_.empty()) {
+    fuse_session_unmount(session_);
+  } else {
+    unmountInherited();
+  }
   fuse_session_destroy(session_);
 }
 
+// Somebody else may have unmounted it, and mounted something else there: the device knows.
+void MountSession::unmountInherited() {
+  pollfd device = {front_.device().descriptor(), 0, 0};
+  if (::poll(&device, 1, 0) == 1 && (device.revents & POLLERR) != 0) return;
+  try {
+    detachMount(inherited_);
+  } catch (const NSPOSIXError&) {
+    // It has gone meanwhile, or goes with the device.
+  }
+}
+
 void MountSession::start() {
+  stopping_ = false;
   struct sigaction wake = {};
   wake.sa_handler = [](int) {};  // without SA_RESTART: it ends a read of the device
   ::sigaction(kWakeSignal, &wake, nullptr);
@@ -93,6 +133,18 @@ void MountSession::serve(Server& server) {
   server.done = true;
   const std::uint64_t one = 1;
   [[maybe_unused]] const auto written = ::write(ended_->number(), &one, sizeof(one));
+}
+
+bool MountSession::pause() {
+  stop();
+  if (fuse_session_exited(session_) != 0) return false;
+  std::uint64_t ended = 0;
+  [[maybe_unused]] const auto got = ::read(ended_->number(), &ended, sizeof(ended));
+  return true;
+}
+
+void MountSession::process(const std::vector<std::string>& requests) {
+  for (const std::string& request : requests) front_.device().process(session_, request);
 }
 
 void MountSession::stop() {

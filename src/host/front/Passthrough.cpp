@@ -96,6 +96,34 @@ void Passthrough::end(NodeId id, Way way) {
   dropIfUnused(place);
 }
 
+Passthrough::Standing Passthrough::standing() const {
+  MutexLock lock(mutex_);
+  return {allowed_, succeeded_};
+}
+
+void Passthrough::restore(Standing standing) {
+  MutexLock lock(mutex_);
+  allowed_ = standing.isOffered;
+  succeeded_ = standing.isInUse;
+}
+
+std::int32_t Passthrough::backingOf(NodeId id) const {
+  MutexLock lock(mutex_);
+  const auto place = nodes_.find(id);
+  return place == nodes_.end() || place->second.byKernel == 0 ? 0 : place->second.backing;
+}
+
+void Passthrough::restoreOpen(NodeId id, std::int32_t backing) {
+  MutexLock lock(mutex_);
+  Node& node = nodes_[id];
+  if (backing == 0) {
+    ++node.throughRequests;
+  } else {
+    ++node.byKernel;
+    node.backing = backing;
+  }
+}
+
 void Passthrough::dropIfUnused(Nodes::iterator place) {
   const Node& node = place->second;
   if (node.opening + node.throughRequests + node.byKernel == 0) nodes_.erase(place);

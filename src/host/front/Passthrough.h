@@ -83,6 +83,21 @@ class Passthrough {
 
   void end(NodeId node, Way way);
 
+  // For a host that takes over what another has opened.
+
+  /// How it stands in general.
+  struct Standing {
+    bool isOffered = false;
+    bool isInUse = false;
+  };
+  Standing standing() const;
+  void restore(Standing standing);
+  /// By which number the kernel reads the node; 0 if it does not.
+  std::int32_t backingOf(NodeId node) const;
+  /// An open file of the node: read by the kernel by this number, or, where it is 0, through requests. REQUIRES: the files of a node are
+  /// all open in the same way.
+  void restoreOpen(NodeId node, std::int32_t backing);
+
  private:
   struct Node {
     std::uint32_t opening = 0;

@@ -135,5 +135,33 @@ TEST(PassthroughWithoutTheKernelTest, NothingIsLeftToIt) {
   EXPECT_EQ(files.asked, 0);
 }
 
+TEST_F(PassthroughTest, WhatAnotherOpenedEndsHere) {
+  const auto opened = read(whole_);
+  EXPECT_EQ(read(whole_).backing, opened.backing);
+  EXPECT_EQ(table_.backingOf(kNode), opened.backing);
+  EXPECT_EQ(table_.backingOf(kNode + 1), 0);
+  Passthrough next(files_, [this] { return now_; });
+  next.restore(table_.standing());
+  EXPECT_TRUE(next.inUse());
+  next.restoreOpen(kNode, opened.backing);
+  next.restoreOpen(kNode, opened.backing);
+  next.restoreOpen(kNode + 1, 0);
+  EXPECT_FALSE(next.beginChange(kNode));
+  EXPECT_TRUE(next.beginChange(kNode + 1));
+  next.end(kNode, Way::kernel);
+  EXPECT_EQ(files_.taken.size(), 1U);
+  next.end(kNode, Way::kernel);
+  EXPECT_TRUE(files_.taken.empty());
+}
+
+TEST_F(PassthroughTest, ARefusalHoldsForTheNextToo) {
+  files_.refuses = true;
+  EXPECT_EQ(read(whole_).way, Way::requests);
+  Passthrough next(files_, [this] { return now_; });
+  next.allow();  // as the agreement has it
+  next.restore(table_.standing());
+  EXPECT_FALSE(next.isOffered());
+}
+
 }  // namespace
 }  // namespace kestrune::host
