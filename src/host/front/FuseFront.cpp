@@ -59,6 +59,7 @@ void FuseFront::takeOver(fuse_session* session, const Handover& handover,
 }
 
 bool FuseFront::handOver(Handover& handover, std::vector<OpenFilePtr>& files) {
+  if (calls_->awaitsInterrupt()) return false;  // the kernel tells of a signal once
   auto requests = device_.unanswered().handOver();
   if (!requests) return false;
   handover.head.device = device_.descriptor();
@@ -84,6 +85,7 @@ bool FuseFront::handOver(Handover& handover, std::vector<OpenFilePtr>& files) {
 void FuseFront::takeBack() { device_.unanswered().takeBack(); }
 
 void FuseFront::interrupt(std::uint64_t number, std::chrono::milliseconds patience) {
+  calls_->willInterrupt(number);
   timers_->after(patience, [calls = calls_, number] { calls->interrupt(number); });
 }
 

@@ -69,7 +69,7 @@ class FuseFront {
                 const std::vector<OpenFilePtr>& files);
 
   /// Writes down what the kernel knows of this front, from which moment on nothing that waits is answered; false, and nothing is
-  /// done, if something waits that changes something. Which files they are is the dispatcher's to add, in the same
+  /// done, if something waits that changes something, or that is interrupted in a moment. Which files they are is the dispatcher's to add, in the same
   /// order: `files`. REQUIRES: no request is received.
   bool handOver(Handover& handover, std::vector<OpenFilePtr>& files);
   /// That came to nothing: answers are given again. The requests that were handed over must be processed again.

@@ -23,15 +23,26 @@ OpenCalls::CallPtr OpenCalls::begin(const std::function<void(std::uint64_t)>& ar
   return call;
 }
 
+void OpenCalls::willInterrupt(std::uint64_t number) {
+  MutexLock lock(mutex_);
+  toInterrupt_.insert(number);
+}
+
+bool OpenCalls::awaitsInterrupt() const {
+  MutexLock lock(mutex_);
+  return !toInterrupt_.empty();
+}
+
 void OpenCalls::interrupt(std::uint64_t number) {
   CallPtr call;
   {
     MutexLock lock(mutex_);
     const auto found = calls_.find(number);
-    if (found == calls_.end()) return;
-    call = found->second;
+    if (found != calls_.end()) call = found->second;
   }
-  fail(call, EINTR);
+  if (call) fail(call, EINTR);
+  MutexLock lock(mutex_);
+  toInterrupt_.erase(number);
 }
 
 void OpenCalls::endAll(int error) {

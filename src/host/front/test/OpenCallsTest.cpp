@@ -29,6 +29,19 @@ TEST_F(OpenCallsTest, AnInterruptAnswersAtOnceAndTheWorkNoMore) {
   EXPECT_EQ(errors_.size(), 1U);
 }
 
+TEST_F(OpenCallsTest, AnInterruptIsAwaitedUntilItHasEnded) {
+  const auto call = begin();
+  const auto answered = begin();
+  EXPECT_FALSE(calls_.awaitsInterrupt());
+  calls_.willInterrupt(call->number());
+  calls_.willInterrupt(answered->number());
+  EXPECT_TRUE(answered->claim());
+  calls_.interrupt(answered->number());
+  EXPECT_TRUE(calls_.awaitsInterrupt());
+  calls_.interrupt(call->number());
+  EXPECT_FALSE(calls_.awaitsInterrupt());
+}
+
 TEST_F(OpenCallsTest, AnAnsweredCallCannotBeInterrupted) {
   const auto call = begin();
   EXPECT_TRUE(call->claim());
