@@ -65,6 +65,13 @@ LocalFilePtr openRegular(int base, const char* name, int access, const std::stri
   return file;
 }
 
+bool isSameFile(int one, int other) {
+  struct stat first = {};
+  struct stat second = {};
+  return ::fstat(one, &first) == 0 && ::fstat(other, &second) == 0 &&
+         first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
 // Removes a name when the scope is left.
 class Unlinker {
  public:
@@ -134,7 +141,7 @@ std::string nameBeside(const std::string& name, int count) {
 
 }  // namespace
 
-ContentDirectory::ContentDirectory(const fs::path& directory)
+ContentDirectory::ContentDirectory(const fs::path& directory, int heldLock)
     : path_(directory), temporary_(directory / "tmp") {
   if (directory.has_parent_path()) {
     std::error_code error;
@@ -144,10 +151,16 @@ ContentDirectory::ContentDirectory(const fs::path& directory)
   }
   directory_ = ownFolder(AT_FDCWD, directory.c_str(), directory);
   const int base = directory_->number();
+  if (heldLock >= 0) lock_ = std::make_unique<Descriptor>(heldLock);
   const int lock = ::openat(base, "lock", O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (lock < 0) fail("open '" + (directory / "lock").string() + "'");
-  lock_ = std::make_unique<Descriptor>(lock);
-  if (::flock(lock, LOCK_EX | LOCK_NB) != 0) {
+  if (heldLock >= 0) {
+    const Descriptor closing(lock);
+    if (!isSameFile(heldLock, lock)) throw NSPOSIXError(ESTALE, "use '" + directory.string() + "'");
+  } else {
+    lock_ = std::make_unique<Descriptor>(lock);
+  }
+  if (::flock(lock_->number(), LOCK_EX | LOCK_NB) != 0) {
     if (errno == EWOULDBLOCK) errno = EBUSY;
     fail("lock '" + directory.string() + "', which another mount uses");
   }

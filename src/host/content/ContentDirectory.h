@@ -32,7 +32,12 @@ class ContentDirectory {
  public:
   /// Makes the directory with mode 0700, or takes it over: it must belong to this user and be no symbolic link. Throws
   /// EBUSY if another host uses it.
-  explicit ContentDirectory(const std::filesystem::path& directory);
+  /// `heldLock`: the descriptor with which the process already holds the lock, taken over from the program that was executed
+  /// before; -1 for none.
+  explicit ContentDirectory(const std::filesystem::path& directory, int heldLock = -1);
+
+  /// Holds the lock.
+  int lockDescriptor() const { return lock_->number(); }
 
   const std::filesystem::path& path() const { return path_; }
   const std::filesystem::path& temporaryDirectory() const { return temporary_; }

@@ -88,6 +88,9 @@ class FileObject {
   /// Flushes the bytes to the disk, on a thread of its own; state is the caller's business.
   void flushToDisk(Reply<Done> reply);
 
+  /// Has what is here remembered now, not some time soon.
+  void tellState() { services_->changed(item_, content_->state()); }
+
   /// Fetches all that is missing, open or not.
   void fill(Reply<Done> reply);
 

@@ -60,9 +60,16 @@ void CommitQueue::commit(Work work, Survives survives, Reply reply) {
   changed_.notify_one();
 }
 
+bool CommitQueue::isIdle() {
+  MutexLock lock(mutex_);
+  return waiting_.empty() && !isWorking_;
+}
+
 CommitQueue::Group CommitQueue::nextGroup() {
   MutexLock lock(mutex_);
+  isWorking_ = false;
   while (waiting_.empty() && !ending_) lock.wait(changed_);
+  isWorking_ = true;
   return std::exchange(waiting_, {});
 }
 

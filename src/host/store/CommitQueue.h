@@ -35,6 +35,9 @@ class CommitQueue {
   /// commit survives what is asked.
   void commit(Work work, Survives survives, Reply reply);
 
+  /// All that was accepted is committed, or has failed, and its replies have been given.
+  bool isIdle();
+
  private:
   struct Entry {
     Work work;
@@ -54,6 +57,7 @@ class CommitQueue {
   std::condition_variable changed_;
   Group waiting_ GUARDED_BY(mutex_);
   bool ending_ GUARDED_BY(mutex_) = false;
+  bool isWorking_ GUARDED_BY(mutex_) = false;  // with a group, or its replies
   std::thread thread_;
 };
 

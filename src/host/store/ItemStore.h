@@ -45,6 +45,9 @@ class ItemStore {
               std::vector<std::pair<std::string, std::uint64_t>> counters, Survives survives,
               Reply<Done> reply);
 
+  /// Everything so far is committed, and its replies have been given.
+  bool isIdle() { return queue_.isIdle(); }
+
   /// `value`: none removes it.
   void putAttribute(ItemId id, std::string name, std::optional<std::string> value,
                     Survives survives, Reply<Done> reply);

@@ -92,7 +92,8 @@ class Tree {
   /// Where rows contradict each other the effects tell what was mended: an item without a right place here is put
   /// where the store has it, or, if only this host has its contents, into the root; of what is not right about the store
   /// nothing is believed, and its folder is doubtful.
-  void endRestore(ItemId nextItem);
+  /// `open`: items that programs have open, which are not forgotten though they are neither here nor there.
+  void endRestore(ItemId nextItem, const std::set<ItemId>& open = {});
   /// A changed file whose row is lost is at `path` again ("/a/b"), or beside what has that name; folders are made for it as
   /// if they were new: the store's of the same names become the same. Its changes began from the version `base` at the
   /// store, none if it is empty. REQUIRES: nothing was asked of the store yet.
@@ -224,7 +225,7 @@ class Tree {
   void restoreLinks(const std::vector<RestoredItem>& items);
   void restoreThere(const std::vector<RestoredItem>& items);
   void restoreAwaited(const std::map<ItemId, Place>& places);
-  void mend(const RestoredItem& restored);
+  void mend(const RestoredItem& restored, const std::set<ItemId>& open);
 
   // Both sides' places of every item go through these.
   void attach(Item& item, Item& folder, const std::string& name);

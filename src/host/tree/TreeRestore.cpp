@@ -33,7 +33,7 @@ void Tree::takeRow(ItemRow row) {
   if (row.awaited) restoringAwaited_.emplace(row.id, std::move(*row.awaited));
 }
 
-void Tree::endRestore(ItemId nextItem) {
+void Tree::endRestore(ItemId nextItem, const std::set<ItemId>& open) {
   nextItem_ = std::max(nextItem_, nextItem);
   std::vector<RestoredItem> items = std::exchange(restoring_, {});
   std::sort(items.begin(), items.end(),
@@ -48,7 +48,7 @@ void Tree::endRestore(ItemId nextItem) {
   isRestoring_ = false;
   effects_ = {};
   for (const RestoredItem& restored : items) {
-    if (find(restored.id) != nullptr) mend(restored);
+    if (find(restored.id) != nullptr) mend(restored, open);
   }
 }
 
@@ -125,7 +125,7 @@ void Tree::restoreAwaited(const std::map<ItemId, Place>& places) {
 }
 
 // Of one item whose row may say more than could be true.
-void Tree::mend(const RestoredItem& restored) {
+void Tree::mend(const RestoredItem& restored, const std::set<ItemId>& open) {
   Item& item = *find(restored.id);
   const bool lacksThere = restored.thereFolder != 0 && !item.there;
   if (restored.isLinked && item.folder == nullptr) {
@@ -146,7 +146,8 @@ void Tree::mend(const RestoredItem& restored) {
     note(item);
   }
   const bool isLearntAgain = lacksThere && !item.isFolder && !item.isEdited();
-  const bool isNowhere = item.folder == nullptr && !item.there && !item.awaited();
+  const bool isNowhere =
+      item.folder == nullptr && !item.there && !item.awaited() && !open.contains(item.id);
   if (isNowhere || isLearntAgain) {
     forget(item);
   } else if (item.awaited()) {

@@ -210,6 +210,10 @@ FileObjectPtr Contents::objectOf(Item& item) const {
   return item.object();
 }
 
+FileObjectPtr Contents::objectOfGone(ItemId item, ContentState state) const {
+  return std::make_shared<FileObject>(services_, item, std::move(state));
+}
+
 FileObjectPtr Contents::makeEmpty(Tree& tree, Item& item, ContentNumber number) const {
   ContentState state;
   state.number = number;

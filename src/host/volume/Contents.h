@@ -26,6 +26,8 @@ class Contents {
 
   /// The item's object. REQUIRES: called with the volume's lock; a file.
   FileObjectPtr objectOf(Item& item) const;
+  /// An object for contents that are no item's any more, and were open when the host was replaced. Looks at the disk; throws NSPOSIXError.
+  FileObjectPtr objectOfGone(ItemId item, ContentState state) const;
   /// An object for a file that was just made here. REQUIRES: as above.
   FileObjectPtr makeEmpty(Tree& tree, Item& item, ContentNumber number) const;
   /// Which edit that file begins with.

@@ -20,6 +20,18 @@ Node& Nodes::of(Item& item) {
   return make(item.node, item.id);
 }
 
+void Nodes::restore(Node node, Tree& tree) {
+  if (const auto old = nodes_.find(node.id); old != nodes_.end()) nodes_.erase(old);  // the root
+  Item* item = tree.find(node.item);
+  if (item == nullptr && !node.detached) {
+    node.detached = std::make_unique<DetachedVersion>();
+    node.detached->node = node.id;
+    node.detached->item = node.item;
+  }
+  if (!node.detached && node.id != kRootNode) item->node = node.id;
+  nodes_.insert(std::make_unique<Node>(std::move(node)));
+}
+
 Node* Nodes::find(NodeId id) {
   const auto found = nodes_.find(id);
   return found == nodes_.end() ? nullptr : found->get();

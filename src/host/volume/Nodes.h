@@ -37,6 +37,19 @@ class Nodes {
   void opened(NodeId id);
   void released(NodeId id, Tree& tree);
 
+  // For a host that takes over from another.
+  std::size_t count() const { return nodes_.size(); }
+  template <class Visit>
+  void forEach(Visit&& visit) const {
+    for (const auto& node : nodes_) visit(*node);
+  }
+  /// The number that the next new node gets.
+  NodeId next() const { return next_; }
+  void beginAt(NodeId next) { next_ = next; }
+  /// A node that the kernel knows from there; its open files are counted one by one afterwards. It is detached from an item that is
+  /// gone.
+  void restore(Node node, Tree& tree);
+
  private:
   using NodePtr = std::unique_ptr<Node>;
   struct Hash {

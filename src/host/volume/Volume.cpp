@@ -69,6 +69,7 @@ void Volume::load() {
     unsent.insert(edit.number);
     highest = std::max(highest, edit.number);
   }
+  known.insert(services_.openContents.begin(), services_.openContents.end());
   for (const ContentNumber number : services_.directory->numbers()) {
     if (!known.contains(number)) services_.directory->remove(number);
   }
@@ -79,7 +80,7 @@ void Volume::load() {
   for (ItemRow& row : edited) tree_.takeRow(std::move(row));
   nextContent_ = std::max(highest + 1, services_.store->counter(kNextContent));
   reservedContents_ = nextContent_;
-  tree_.endRestore(services_.store->counter(kNextItem));
+  tree_.endRestore(services_.store->counter(kNextItem), services_.openItems);
   for (const ItemId id : recovered) {
     if (Item* item = tree_.find(id)) tree_.changedHere(*item);
   }
@@ -166,6 +167,17 @@ void Volume::change(const std::function<void(Tree& tree, Nodes& nodes)>& work) {
 void Volume::commitAll(Survives survives, Reply<Done> reply) {
   MutexLock lock(mutex_);
   commitRows(TreeEffects(), survives, std::move(reply));
+}
+
+bool Volume::lookIfCommitted(const std::function<void(Tree& tree, Nodes& nodes)>& work) {
+  MutexLock lock(mutex_);
+  {
+    MutexLock uncommitted(uncommitted_->mutex);
+    if (!uncommitted_->items.empty() || uncommitted_->counters) return false;
+  }
+  if (!services_.store->isIdle()) return false;
+  work(tree_, nodes_);
+  return true;
 }
 
 // Takes away the files of contents that nothing has any more; null if there are none. What is not remembered, because the disk

@@ -41,6 +41,10 @@ class Volume : public std::enable_shared_from_this<Volume> {
     std::string machine;
     /// Changed files whose rows are lost; their contents are in the directory.
     std::vector<LostEdit> lostEdits;
+    /// Of a host that takes over from another: items that are open, which are kept also where they are neither here nor
+    /// there; contents that are open and no item's any more.
+    std::set<ItemId> openItems;
+    std::set<ContentNumber> openContents;
   };
   using Survives = ItemStore::Survives;
 
@@ -72,6 +76,9 @@ class Volume : public std::enable_shared_from_this<Volume> {
   void change(const std::function<void(Tree& tree, Nodes& nodes)>& work);
   /// Answers when everything so far survives `survives`.
   void commitAll(Survives survives, Reply<Done> reply);
+  /// Looks if everything so far is committed, and whoever waited for that was answered; else false. Nothing is committed while
+  /// `work` runs, which here may take its time.
+  bool lookIfCommitted(const std::function<void(Tree& tree, Nodes& nodes)>& work);
 
   ContentNumber newContentNumber();
 

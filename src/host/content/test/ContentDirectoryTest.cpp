@@ -62,6 +62,23 @@ TEST_F(ContentDirectoryTest, TwoHostsCannotShareIt) {
   EXPECT_EQ(thrownErrno([&] { const auto other = make(); }), EBUSY);
 }
 
+TEST_F(ContentDirectoryTest, ALockThatTheProcessHoldsGoesOn) {
+  std::optional<ContentDirectory> first(std::in_place, replica_);
+  const int held =
+      ::fcntl(first->lockDescriptor(), F_DUPFD_CLOEXEC, 0);  // as an execution keeps it
+  first.reset();
+  EXPECT_EQ(thrownErrno([&] { const auto other = make(); }), EBUSY);
+  const ContentDirectory next(replica_, held);
+  EXPECT_EQ(next.lockDescriptor(), held);
+  EXPECT_EQ(thrownErrno([&] { const auto other = make(); }), EBUSY);
+}
+
+TEST_F(ContentDirectoryTest, ALockOfAnotherDirectoryIsRefused) {
+  const auto other = std::make_unique<ContentDirectory>(directory_.path() / "other");
+  const int held = ::fcntl(other->lockDescriptor(), F_DUPFD_CLOEXEC, 0);
+  EXPECT_EQ(thrownErrno([&] { const ContentDirectory wrong(replica_, held); }), ESTALE);
+}
+
 TEST_F(ContentDirectoryTest, ALinkInTheWayIsRefused) {
   fs::create_directories(directory_.path() / "deep");
   fs::create_directory_symlink(directory_.path(), replica_);

@@ -95,6 +95,23 @@ TEST_F(CommitQueueTest, WhatComesDuringACommitGoesIntoTheNextTogether) {
   EXPECT_EQ(stored().size(), 51U);
 }
 
+TEST_F(CommitQueueTest, IsIdleWhenAllIsCommittedAndAnswered) {
+  const support::Gate gate;
+  const auto database = open();
+  CommitQueue queue(*database);
+  EXPECT_TRUE(support::waitUntil([&] { return queue.isIdle(); }));
+  std::atomic<bool> isAnswering = false;
+  queue.commit(insert(1), Survives::processEnd, [&](const platform::NSErrorPtr&) {
+    isAnswering = true;
+    EXPECT_GT(gate.take(1, std::chrono::seconds(30)), 0U);
+  });
+  EXPECT_FALSE(queue.isIdle());
+  ASSERT_TRUE(support::waitUntil([&] { return isAnswering.load(); }));
+  EXPECT_FALSE(queue.isIdle());
+  gate.open();
+  EXPECT_TRUE(support::waitUntil([&] { return queue.isIdle(); }));
+}
+
 TEST_F(CommitQueueTest, WhoFailsIsUndoneAlone) {
   platform::NSErrorPtr ofTheRule, ofTheWork;
   const support::Gate gate;

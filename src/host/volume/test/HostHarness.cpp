@@ -162,7 +162,10 @@ void HostHarness::mount() {
   services.directory = std::move(directory);
   services.store = std::make_shared<ItemStore>(openItems(replica_ / "items.sqlite").database);
   services.machine = "test";
+  const auto succession = std::exchange(succession_, std::nullopt);
+  if (succession) succession->prepare(services);
   fileSystem_ = std::make_unique<FileSystem>(std::move(services), FileSystemOptions());
+  if (succession) succession->takeOver(*fileSystem_);
 }
 
 void HostHarness::unmount(const std::function<void()>& whileEnding) {

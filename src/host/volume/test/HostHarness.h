@@ -86,6 +86,13 @@ class HostHarness {
   /// store answers nothing until `whileEnding`, which is run as above, and nothing is done there from then on.
   void restartFromCopy(const std::function<void()>& whileEnding);
 
+  /// What else is done by the next that is mounted: before it is made, and before it is started.
+  struct Succession {
+    std::function<void(Volume::Services& services)> prepare;
+    std::function<void(FileSystem& fileSystem)> takeOver;
+  };
+  void setSuccession(Succession succession) { succession_ = std::move(succession); }
+
   // What programs do; waits for the answer. What fails throws, unless an errno is returned.
   Answer<Entry> lookup(NodeId folder, const std::string& name);
   /// From the root; each name must be there.
@@ -142,6 +149,7 @@ class HostHarness {
   std::shared_ptr<ManualTimers> timers_;
   std::shared_ptr<RecordingKernelCache> kernel_;
   std::unique_ptr<FileSystem> fileSystem_;
+  std::optional<Succession> succession_;
   std::weak_ptr<ContentDirectory> contents_;
 };
 
