@@ -96,6 +96,9 @@ void runMount(const MountOptions& options) {
   host.domainIdentifier = options.domainIdentifier;
   host.allowOtherUsers = options.allowOtherUsers;
   host.lookersOn = MountConfiguration::read().lookersOn(host::defaultLookersOn());
+  host.version = options.version;
+  host.program = options.program;
+  host.inherited = options.inherited;
   host.limits = {options.cacheBytes, options.keepFreeBytes};
   host.controlSocket = controlSocketFile(options.domainIdentifier);
   host.unpin = [](const platform::NSFileProviderItemIdentifier& identifier) {
@@ -103,10 +106,12 @@ void runMount(const MountOptions& options) {
   };
   // From when the folder can be used: no thread may run before.
   std::optional<EventListener> listener;
-  host.mounted = [&options, &listener] {
+  const bool isNew = options.inherited == nullptr || !options.inherited->exists();
+  host.mounted = [&options, &listener, isNew] {
     EventListenerOptions events;
     events.refresh = std::chrono::seconds(options.refreshSeconds);
     listener.emplace(events, [] { writeInvalidationToken(); });
+    if (!isNew) return;
     std::printf("Mounted at %s; Ctrl-C or fusermount3 -u ends it.\n", options.mountPoint.c_str());
     std::fflush(stdout);
   };

@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "host/front/InheritedMount.h"
+
 namespace kestrune {
 
 struct MountOptions {
@@ -26,6 +28,10 @@ struct MountOptions {
   std::optional<std::uint64_t> keepFreeBytes;
   /// Whether the extension runs within the host instead of in a confined process of its own.
   bool inOneProcess = false;
+  /// As HostOptions has them.
+  std::string version;
+  host::ProgramStart program;
+  host::InheritedMount* inherited = nullptr;
 };
 
 /// Prints where the folder is once it can be used, and returns after SIGINT, SIGTERM, SIGHUP or an

@@ -24,6 +24,8 @@
 #include "companion/configuration/ConfigureCommand.h"
 #include "companion/configuration/InvalidateCommand.h"
 #include "companion/control/ControlCommands.h"
+#include "companion/control/RestartCommand.h"
+#include "host/front/InheritedMount.h"
 #include "platform/values/Allocator.h"
 #include "status/SyncStatusStore.h"
 
@@ -44,6 +46,7 @@ constexpr const char* kFooter =
     "  kestrune sync --wait ~/Kestrune/Docs\n"
     "  kestrune pin ~/Kestrune/Docs/a.pdf\n"
     "  kestrune invalidate\n"
+    "  kestrune restart\n"
     "  echo '{\"id\":1,\"op\":\"enumerateItems\",\"container\":\"/Docs\"}' | kestrune console\n"
     "\n"
     "Files lie below $XDG_DATA_HOME/Kestrune (or ~/.local/share/Kestrune).\n"
@@ -90,7 +93,13 @@ void addInvalidate(CLI::App& app, Command& chosen) {
   command->callback([&chosen] { chosen = [] { std::cout << writeInvalidationToken() << "\n"; }; });
 }
 
-void addMount(CLI::App& app, Command& chosen) {
+/// What `kestrune mount` needs to know of the process.
+struct Process {
+  host::ProgramStart program;
+  host::InheritedMount& inherited;
+};
+
+void addMount(CLI::App& app, Command& chosen, const Process& process) {
   auto* command = app.add_subcommand("mount", "Show the store as a folder, until Ctrl-C");
   auto options = std::make_shared<MountOptions>();
   command->add_option("MOUNTPOINT", options->mountPoint, "an empty folder")->required();
@@ -116,6 +125,9 @@ void addMount(CLI::App& app, Command& chosen) {
                     "run the extension within the host, without a sandbox (to look for faults)");
   command->add_flag("--allow-other", options->allowOtherUsers,
                     "let other users look inside (needs user_allow_other in /etc/fuse.conf)");
+  options->version = KESTRUNE_VERSION;
+  options->program = process.program;
+  options->inherited = &process.inherited;
   command->callback([&chosen, options] { chosen = [options] { runMount(*options); }; });
 }
 
@@ -209,6 +221,18 @@ void addSync(CLI::App& app, Command& chosen) {
   });
 }
 
+void addRestart(CLI::App& app, Command& chosen) {
+  auto* command = app.add_subcommand(
+      "restart", "Replace a running mount's program by the one that is installed now");
+  auto options = std::make_shared<RestartOptions>();
+  command->add_option("PATH", options->path, "in the mounted folder; default: the domain's");
+  command->add_option("--domain", options->domainIdentifier, "the domain, where there is no PATH")
+      ->capture_default_str();
+  command->callback([&chosen, options] {
+    chosen = [options] { restartHost(HostFinder::here(), *options, std::cout); };
+  });
+}
+
 void addControls(CLI::App& app, Command& chosen) {
   addDomainControl(app, chosen, Op::status, "status", "Show how a mounted folder is doing");
   addPending(app, chosen);
@@ -225,7 +249,7 @@ void addControls(CLI::App& app, Command& chosen) {
                    "Keep what the host has not deleted yet, and send it to the store again");
 }
 
-int run(int argc, char** argv) {
+int run(int argc, char** argv, host::InheritedMount& inherited) {
   CLI::App app("Kestrune: a remote file store as a folder.", "kestrune");
   app.footer(kFooter);
   app.set_version_flag("--version", "kestrune " KESTRUNE_VERSION);
@@ -233,11 +257,12 @@ int run(int argc, char** argv) {
   Command chosen;
   addConfigure(app, chosen);
   addInvalidate(app, chosen);
-  addMount(app, chosen);
+  addMount(app, chosen, {host::presentProgram({argv, argv + argc}), inherited});
   addList(app, chosen);
   addCat(app, chosen);
   addConsole(app, chosen);
   addControls(app, chosen);
+  addRestart(app, chosen);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -267,10 +292,13 @@ int main(int argc, char** argv) {
   platform::keepFreedMemory();
   protectMemory();
   occupyStandardDescriptors();
+  host::InheritedMount inherited;
+  int code = kFailure;
   try {
-    return end(run(argc, argv));
+    code = run(argc, argv, inherited);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "kestrune: %s\n", error.what());
-    return end(kFailure);
   }
+  inherited.abandon();
+  return end(code);
 }

@@ -8,8 +8,11 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <optional>
 #include <system_error>
 
+#include "host/HostReplacement.h"
 #include "host/control/ControlServer.h"
 #include "host/front/FuseFront.h"
 #include "host/front/FuseKernelCache.h"
@@ -18,6 +21,7 @@
 #include "host/in/FileWatcher.h"
 #include "host/volume/Manager.h"
 #include "host/volume/VolumeControl.h"
+#include "host/volume/VolumeHandover.h"
 #include "platform/files/Directories.h"
 #include "platform/pasteboard/NSPasteboard.h"
 #include "platform/tasks/MainQueue.h"
@@ -27,6 +31,7 @@ namespace kestrune::host {
 
 namespace {
 
+using platform::NSErrorPtr;
 using platform::NSPOSIXError;
 
 // The signals that end the host, readable from a descriptor instead of delivered to some thread.
@@ -56,10 +61,19 @@ void raiseDescriptorLimit() {
   ::setrlimit(RLIMIT_NOFILE, &limit);  // without success the old limit holds
 }
 
-void waitForEnd(int signals, int ended) {
-  std::array<pollfd, 2> polled = {pollfd{signals, POLLIN, 0}, pollfd{ended, POLLIN, 0}};
-  while (::poll(polled.data(), polled.size(), -1) < 0) {
-    if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "poll");
+// Until the end; where somebody asks for a replacement before, this does not return unless that fails.
+void waitForEnd(int signals, int ended, RestartWish& wish, HostReplacement& replacement) {
+  std::array<pollfd, 3> polled = {pollfd{signals, POLLIN, 0}, pollfd{ended, POLLIN, 0},
+                                  pollfd{wish.descriptor(), POLLIN, 0}};
+  for (;;) {
+    if (::poll(polled.data(), polled.size(), -1) < 0) {
+      if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "poll");
+      continue;
+    }
+    if (polled[0].revents != 0 || polled[1].revents != 0) return;
+    const auto replies = wish.take();
+    const NSErrorPtr error = replacement.run();
+    for (const auto& reply : replies) reply(error);
   }
 }
 
@@ -69,10 +83,12 @@ struct Remembered {
   std::shared_ptr<ContentDirectory> directory;
   std::filesystem::path file;
   std::shared_ptr<HostLog> log;
+  bool wasLost = false;
 
-  void begin(OpenedItems opened, Volume::Services& services) const {
+  void begin(OpenedItems opened, Volume::Services& services) {
     services.lostEdits.clear();
     if (!opened.setAside.empty()) {
+      wasLost = true;
       std::size_t kept = 0;
       for (const ContentNumber number : directory->numbers()) {
         if (auto edit = EditDescription::parse(directory->notedEdit(number))) {
@@ -93,7 +109,7 @@ struct Remembered {
   }
 };
 
-std::unique_ptr<FileSystem> openFileSystem(const Remembered& remembered, Volume::Services services,
+std::unique_ptr<FileSystem> openFileSystem(Remembered& remembered, Volume::Services services,
                                            const FileSystemOptions& options) {
   remembered.begin(openItems(remembered.file), services);
   try {
@@ -180,25 +196,85 @@ class MainWork {
       std::make_shared<platform::SerialQueue>("kes-main");
 };
 
+// The host in whose place this one was executed, if there was one.
+class Predecessor {
+ public:
+  explicit Predecessor(const HostOptions& options) {
+    if (options.inherited == nullptr || !options.inherited->exists()) return;
+    handover_ = options.inherited->read();
+    const bool isSame = handover_->othersMayEnter == options.allowOtherUsers &&
+                        handover_->extendedAttributes == options.extendedAttributes &&
+                        handover_->head.mountPoint == absolutePlace(options.mountPoint);
+    if (!isSame) throw NSPOSIXError(EINVAL, "go on with a mount of other options");
+  }
+  /// Null if there was none.
+  const Handover* handover() const { return handover_ ? &*handover_ : nullptr; }
+  int heldLock() const { return handover_ ? handover_->replicaLock : -1; }
+  std::uint64_t restarts() const { return handover_ ? handover_->restarts : 0; }
+  void served() {
+    if (!handover_) return;
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    standstill_ = std::chrono::ceil<std::chrono::milliseconds>(
+        now - std::chrono::nanoseconds(handover_->begun));
+  }
+  std::chrono::milliseconds standstill() const { return standstill_; }
+
+ private:
+  std::optional<Handover> handover_;
+  std::chrono::milliseconds standstill_{0};
+};
+
+std::string machineName() {
+  std::array<char, 256> name{};
+  return ::gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "here";
+}
+
+// All but who speaks for the store and for the kernel.
+Volume::Services servicesFor(const Remembered& remembered, const Predecessor& before) {
+  Volume::Services services;
+  services.timers = systemTimers();
+  services.clock = std::make_shared<const platform::SystemClock>();
+  services.log = remembered.log;
+  services.directory = remembered.directory;
+  services.machine = machineName();
+  if (before.handover() != nullptr) keepWhatIsOpen(*before.handover(), services);
+  return services;
+}
+
+std::unique_ptr<MountSession> sessionFor(const HostOptions& options, const Predecessor& before,
+                                         FuseFront& front, FileSystem& fileSystem) {
+  const MountSettings settings = {options.mountPoint, options.allowOtherUsers, true,
+                                  options.extendedAttributes};
+  if (before.handover() == nullptr) return std::make_unique<MountSession>(front, settings);
+  const Handover& handover = *before.handover();
+  const auto files = takeOverVolume(fileSystem, handover);
+  auto session = std::make_unique<MountSession>(front, settings, handover, files);
+  options.inherited->taken();
+  return session;
+}
+
+// What the one before had received, and not told the kernel yet.
+void goOnAfter(const Predecessor& before, MountSession& session, FuseKernelCache& kernel) {
+  if (before.handover() == nullptr) return;
+  kernel.tell(before.handover()->updates, nullptr);
+  session.process(before.handover()->requests);
+}
+
 // Takes requests, if it can.
-std::unique_ptr<ControlServer> listenFor(const HostOptions& options, VolumeControl& control,
-                                         HostLog& log) {
+std::unique_ptr<ControlServer> listenFor(const HostOptions& options, const Predecessor& before,
+                                         VolumeControl& control, HostLog& log) {
   if (options.controlSocket.empty()) return nullptr;
   try {
     return std::make_unique<ControlServer>(
         ControlOptions{options.controlSocket, std::filesystem::canonical(options.mountPoint),
-                       options.domainIdentifier},
+                       options.domainIdentifier, options.version, before.restarts(),
+                       before.standstill()},
         control);
   } catch (const platform::NSError& error) {
     log.failure("control", "take requests at '" + options.controlSocket.string() + "'",
                 error.localizedDescription());
     return nullptr;
   }
-}
-
-std::string machineName() {
-  std::array<char, 256> name{};
-  return ::gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "here";
 }
 
 }  // namespace
@@ -208,9 +284,11 @@ void runMountHost(const HostOptions& options, const ExtensionFactory& makeExtens
   raiseDescriptorLimit();
   requireApart(options.mountPoint, options.replicaDirectory);
   requireApart(options.mountPoint, options.signalFile.parent_path());
-  prepareMountPoint(options.mountPoint);
+  Predecessor before(options);
+  if (before.handover() == nullptr) prepareMountPoint(options.mountPoint);
   Remembered remembered;
-  remembered.directory = std::make_shared<ContentDirectory>(options.replicaDirectory);
+  remembered.directory =
+      std::make_shared<ContentDirectory>(options.replicaDirectory, before.heldLock());
   remembered.file = options.replicaDirectory / "items.sqlite";
   remembered.log = std::make_shared<HostLog>();
   platform::setTemporaryDirectory(remembered.directory->temporaryDirectory());
@@ -218,40 +296,44 @@ void runMountHost(const HostOptions& options, const ExtensionFactory& makeExtens
   const MainWork mainWork(remembered.log);
   ManagerProvision provision(options.domainIdentifier);
   auto kernelCache = std::make_shared<FuseKernelCache>();
-  Volume::Services services;
+  auto services = servicesFor(remembered, before);
   services.extension = makeExtension(std::make_shared<const platform::NSFileProviderDomain>(
       options.domainIdentifier, options.domainDisplayName));
-  services.timers = systemTimers();
   services.kernel = kernelCache;
-  services.clock = std::make_shared<const platform::SystemClock>();
-  services.log = remembered.log;
-  services.directory = remembered.directory;
-  services.machine = machineName();
   const auto fileSystem = openFileSystem(
       remembered, services, {options.lookersOn, options.extendedAttributes, options.limits});
+  // Numbers mean other items now than what the kernel knows by them.
+  if (remembered.wasLost && before.handover() != nullptr)
+    throw NSPOSIXError(EIO, "go on with a replica whose database was damaged");
   provision.attach(*fileSystem);
   FuseFront front(*fileSystem, kernelCache);
-  MountSession session(
-      front, {options.mountPoint, options.allowOtherUsers, true, options.extendedAttributes});
-  kernelCache->attach(session.kernelSession());
+  const auto session = sessionFor(options, before, front, *fileSystem);
+  kernelCache->attach(session->kernelSession());
   {
     const FileWatcher watcher(options.signalFile,
                               [&fileSystem] { fileSystem->changesSignalled(); });
-    session.start();
+    goOnAfter(before, *session, *kernelCache);
+    session->start();
+    before.served();
     fileSystem->start();
+    RestartWish wish;
+    HostReplacement replacement({*fileSystem, front, *session, *kernelCache, *remembered.directory},
+                                options.program, absolutePlace(options.mountPoint),
+                                before.restarts());
     VolumeControl control(*fileSystem,
                           {[&front] { return front.passthroughInUse(); }, options.unpin,
-                           [pasteboard = mainWork.pasteboard()] { return pasteboard->take(); }});
-    const auto server = listenFor(options, control, *remembered.log);
+                           [pasteboard = mainWork.pasteboard()] { return pasteboard->take(); },
+                           [&wish](Reply<Done> reply) { wish.ask(std::move(reply)); }});
+    const auto server = listenFor(options, before, control, *remembered.log);
     if (options.mounted) options.mounted();
-    waitForEnd(endSignals.number(), session.endedDescriptor());
+    waitForEnd(endSignals.number(), session->endedDescriptor(), wish, replacement);
   }
   // Everybody who waits is answered before the threads end: a notification may wait for a folder's lock that one of them
   // holds, and the kernel library must not be left while that lasts.
   front.endAll();
   fileSystem->stop();
   kernelCache->detach();
-  session.stop();
+  session->stop();
 }
 
 }  // namespace kestrune::host

@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 
+#include "host/front/InheritedMount.h"
 #include "host/volume/FileSystem.h"
 #include "platform/file_provider/NSFileProviderManager.h"
 #include "platform/file_provider/NSFileProviderReplicatedExtension.h"
@@ -39,6 +40,12 @@ struct HostOptions {
   std::function<void(const platform::NSFileProviderItemIdentifier& identifier)> unpin;
   /// Called when the folder can be used.
   std::function<void()> mounted;
+  /// Told to who asks.
+  std::string version = {};
+  /// How to execute the program that takes this one's place when somebody asks for that; unknown: nobody can.
+  ProgramStart program = {};
+  /// If it exists, that mount is served instead of a new one. Null: there is none.
+  InheritedMount* inherited = nullptr;
 };
 
 /// Mounts, serves until SIGINT, SIGTERM, SIGHUP or an unmount from outside, unmounts, and returns. Programs that wait in
@@ -46,6 +53,7 @@ struct HostOptions {
 ///
 /// REQUIRES: called on the main thread before any other thread runs, since it blocks those signals for all threads to
 /// come. Sets the process's temporary directory to one in the replica. Throws NSError if the mount cannot be made.
+/// May execute another program in the place of this one; `mounted` is called there then.
 void runMountHost(const HostOptions& options, const ExtensionFactory& makeExtension);
 
 }  // namespace kestrune::host

@@ -125,7 +125,8 @@ CommandResult LiveService::call(const std::string& method, const std::string& ta
                    (body.empty() ? "" : "-d '" + body + "' ") + "'" + address_ + target + "'");
 }
 
-LiveMount::LiveMount(const LiveService& service) : mountPoint_(directory_.path() / "mount point") {
+LiveMount::LiveMount(const LiveService& service)
+    : mountPoint_(directory_.path() / "mount point"), programFile_(program("kestrune")) {
   fs::create_directory(mountPoint_);
   fs::create_directory(directory_.path() / "data");
   fs::create_directory(directory_.path() / "tmp");
@@ -153,7 +154,7 @@ std::vector<std::string> LiveMount::withEnvironment(const std::string& command) 
           "log=$1; shift; exec \"$@\" 2>>\"$log\"",
           "bash",
           logFile(),
-          program("kestrune"),
+          programFile_,
           command};
 }
 

@@ -71,15 +71,19 @@ class LiveMount {
   void start();
   /// Ends it by `signal` and waits for its end.
   void end(int signal);
+  Child& host() { return *program_; }
+  /// Which file is executed by the next `start`, instead of the `kestrune` that was built.
+  void setProgram(const std::filesystem::path& file) { programFile_ = file; }
+  bool isServed() const;
   /// Runs `kestrune` with these words, as in a shell, in the mounted folder.
   CommandResult control(const std::string& words) const;
 
  private:
   std::vector<std::string> withEnvironment(const std::string& command) const;
-  bool isServed() const;
 
   support::TemporaryDirectory directory_;
   std::filesystem::path mountPoint_;
+  std::filesystem::path programFile_;
   std::unique_ptr<Child> program_;
 };
 

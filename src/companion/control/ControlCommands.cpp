@@ -253,6 +253,7 @@ void runControl(const HostFinder& finder, const ControlCommand& command,
     case Op::status:
     case Op::allowDeletions:
     case Op::keepDeleted:
+    case Op::restart:  // whose host is another afterwards: RestartCommand.h
       return runForDomain(finder, command, output);
     case Op::pending:
     case Op::sync:

@@ -80,6 +80,8 @@ void ControlCall::begin() {
       return control.allowDeletions(toMailbox<std::uint64_t>());
     case Op::keepDeleted:
       return control.keepDeleted(toMailbox<std::uint64_t>());
+    case Op::restart:
+      return control.restart(toMailbox<Done>());
   }
 }
 

@@ -24,7 +24,7 @@ struct NamedOp {
   bool takesPaths = false;
 };
 
-constexpr std::array<NamedOp, 12> kOps = {{
+constexpr std::array<NamedOp, 13> kOps = {{
     {"about", Op::about},
     {"status", Op::status},
     {"pending", Op::pending},
@@ -37,6 +37,7 @@ constexpr std::array<NamedOp, 12> kOps = {{
     {"state", Op::state, true},
     {"allow-deletions", Op::allowDeletions},
     {"keep-deleted", Op::keepDeleted},
+    {"restart", Op::restart},
 }};
 
 const NamedOp& named(Op op) {

@@ -1,11 +1,13 @@
 // What a client of the control socket asks, as one line of JSON:
 //
-//     {"op":"about"}                               who answers: the mount point, the domain, the process
+//     {"op":"about"}                               who answers: the mount point, the domain, the process, its version
 //     {"op":"status"}
 //     {"op":"pending","path":"/","most":100}       both may be left out
 //     {"op":"sync","path":"/a","wait":true,"timeout":60}   seconds; without "wait": try now and say what is left
 //     {"op":"pin","paths":["/a","/b"]}             also unpin, evict, download, link, state
 //     {"op":"allow-deletions"}, {"op":"keep-deleted"}
+//     {"op":"restart"}                             answered with why it failed; else the connection ends, and the new host
+//                                                  tells by "about" that it is another ("restarts")
 //
 // Paths begin with "/" at the mount point. A path that is no UTF-8 is written as {"hex":"2fff"}, its bytes in
 // hexadecimal digits, here and in answers.
@@ -44,6 +46,7 @@ struct ControlRequest {
     state,
     allowDeletions,
     keepDeleted,
+    restart,
   };
   static constexpr std::size_t kDefaultChanges = 100;
   static constexpr std::size_t kMostChanges = 1000;

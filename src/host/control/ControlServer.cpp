@@ -50,7 +50,10 @@ class ControlServer::Loop {
                       std::move(mailbox),
                       {{"mountPoint", pathToJson(options_.mountPoint.string())},
                        {"domain", pathToJson(options_.domainIdentifier)},
-                       {"process", ::getpid()}}},
+                       {"process", ::getpid()},
+                       {"version", options_.version},
+                       {"restarts", options_.restarts},
+                       {"standstillMilliseconds", options_.standstill.count()}}},
         socket_(options_.socketFile) {}
 
   void run() {

@@ -32,6 +32,11 @@ struct ControlOptions {
   /// mounts has it: that is how programs find the host of a path.
   std::filesystem::path mountPoint;
   std::string domainIdentifier;
+  /// Of the program, and how often it was replaced without the folder going away.
+  std::string version = {};
+  std::uint64_t restarts = 0;
+  /// How long programs waited for the last replacement; 0 without one.
+  std::chrono::milliseconds standstill{0};
   std::size_t mostClients = 32;
   std::chrono::milliseconds patience = std::chrono::seconds(30);
 };

@@ -135,6 +135,10 @@ class HostControl {
 
   virtual void states(std::vector<std::string> paths, Reply<Each<ItemState>> reply) = 0;
 
+  /// The program that lies where this one was started from takes its place, without the folder going away. Answers only if that
+  /// fails, in which case this one goes on.
+  virtual void restart(Reply<Done> reply) = 0;
+
   /// The held deletions are carried out here. Answers how many.
   virtual void allowDeletions(Reply<std::uint64_t> reply) = 0;
 

@@ -1,6 +1,7 @@
 #include "host/volume/VolumeControl.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 
 #include "host/volume/VolumeControlWork.h"
@@ -33,6 +34,11 @@ void VolumeControl::links(std::vector<std::string> paths, Reply<Each<std::string
 
 void VolumeControl::states(std::vector<std::string> paths, Reply<Each<ItemState>> reply) {
   platform::spawnDetached("tell states", Work::states(work_, std::move(paths), std::move(reply)));
+}
+
+void VolumeControl::restart(Reply<Done> reply) {
+  if (work_->outside.restart) return work_->outside.restart(std::move(reply));
+  reply(platform::NSPOSIXError(ENOTSUP, "replace this host").share());
 }
 
 void VolumeControl::allowDeletions(Reply<std::uint64_t> reply) { settleHeld(true, reply); }

@@ -27,6 +27,8 @@ class VolumeControl final : public HostControl {
     std::function<void(const platform::NSFileProviderItemIdentifier& identifier)> unpin;
     /// What the extension copied last, taken away.
     std::function<std::string()> takeCopied;
+    /// As HostControl::restart; null where there is no program to take the place.
+    std::function<void(Reply<Done> reply)> restart = nullptr;
   };
   VolumeControl(const FileSystem& fileSystem, Outside outside);
 
@@ -36,6 +38,7 @@ class VolumeControl final : public HostControl {
   void act(ItemAction action, std::vector<std::string> paths, Reply<Each<Done>> reply) override;
   void links(std::vector<std::string> paths, Reply<Each<std::string>> reply) override;
   void states(std::vector<std::string> paths, Reply<Each<ItemState>> reply) override;
+  void restart(Reply<Done> reply) override;
   void allowDeletions(Reply<std::uint64_t> reply) override;
   void keepDeleted(Reply<std::uint64_t> reply) override;
 

@@ -60,6 +60,21 @@ TEST_F(ControlProgram, AsksTheHostOfTheDomain) {
   EXPECT_EQ(run({"status", "--domain", "other"}), 1);
 }
 
+TEST_F(ControlProgram, ARestartThatFailsSaysWhy) {
+  host::ControlOptions options;
+  options.socketFile = controlSocketFile("main");
+  options.domainIdentifier = "main";
+  options.mountPoint = "/mnt/k";
+  const host::ControlServer server(options, control);
+  EXPECT_EQ(run({"restart"}), 1);
+  EXPECT_THAT(errors, HasSubstr("The host was not replaced and goes on: "));
+  EXPECT_THAT(errors, HasSubstr("Exec format error"));
+  EXPECT_EQ(run({"restart", "--domain", "other"}), 1);
+  EXPECT_THAT(errors, HasSubstr("No host of the domain 'other' is running"));
+  EXPECT_EQ(run({"restart", "/usr"}), 1);
+  EXPECT_THAT(errors, HasSubstr("does not lie in a folder"));
+}
+
 TEST_F(ControlProgram, AHostOfAnotherEnvironmentIsFoundToo) {
   host::ControlOptions options;
   options.socketFile = storage.shared() / "control" / "main.sock";

@@ -34,8 +34,9 @@ TEST(ControlRequest, IsReadWithItsArguments) {
 }
 
 TEST(ControlRequest, SurvivesItsOwnEncoding) {
-  for (const Op op : {Op::about, Op::status, Op::pending, Op::sync, Op::pin, Op::unpin, Op::evict,
-                      Op::download, Op::link, Op::state, Op::allowDeletions, Op::keepDeleted}) {
+  for (const Op op :
+       {Op::about, Op::status, Op::pending, Op::sync, Op::pin, Op::unpin, Op::evict, Op::download,
+        Op::link, Op::state, Op::allowDeletions, Op::keepDeleted, Op::restart}) {
     ControlRequest request;
     request.op = op;
     if (op == Op::pending || op == Op::sync) request.path = "/x\xff";

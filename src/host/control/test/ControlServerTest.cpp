@@ -38,6 +38,7 @@ TEST(ControlServer, TellsWhoAnswers) {
   EXPECT_EQ(about["mountPoint"], "/mnt/k");
   EXPECT_EQ(about["domain"], "main");
   EXPECT_EQ(about["process"], ::getpid());
+  EXPECT_EQ(about["version"], "");
 }
 
 TEST(ControlServer, PassesEveryCommandOn) {
@@ -70,6 +71,19 @@ TEST(ControlServer, PassesEveryCommandOn) {
       host.control.calls(),
       ElementsAre("status", "pending /a 3", "pin /a /b", "unpin /a /b", "evict /a /b",
                   "download /a /b", "links /a", "states /a", "allowDeletions", "keepDeleted"));
+}
+
+TEST(ControlServer, ARestartThatFailsIsAnErrorWithAReason) {
+  ControlledHost host;
+  ControlClient client(host.file());
+  try {
+    client.ask(request(Op::restart));
+    ADD_FAILURE() << "answered";
+  } catch (const ControlRefusal& error) {
+    EXPECT_THAT(error.what(), HasSubstr("Exec format error"));
+  }
+  EXPECT_EQ(client.ask(request(Op::about))["restarts"], 0);
+  EXPECT_THAT(host.control.calls(), ElementsAre("restart"));
 }
 
 TEST(ControlServer, AnUnknownPathIsAnErrorWithAReason) {

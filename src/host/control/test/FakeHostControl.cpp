@@ -120,6 +120,10 @@ void FakeHostControl::states(std::vector<std::string> paths, Reply<Each<ItemStat
          })));
 }
 
+void FakeHostControl::restart(Reply<Done> reply) {
+  answer("restart", reply, Answer<Done>(platform::NSPOSIXError(ENOEXEC, "execute").share()));
+}
+
 void FakeHostControl::allowDeletions(Reply<std::uint64_t> reply) {
   answer("allowDeletions", reply, Answer<std::uint64_t>(std::uint64_t{7}));
 }

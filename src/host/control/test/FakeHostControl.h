@@ -31,6 +31,7 @@ class FakeHostControl final : public HostControl {
   void act(ItemAction action, std::vector<std::string> paths, Reply<Each<Done>> reply) override;
   void links(std::vector<std::string> paths, Reply<Each<std::string>> reply) override;
   void states(std::vector<std::string> paths, Reply<Each<ItemState>> reply) override;
+  void restart(Reply<Done> reply) override;
   void allowDeletions(Reply<std::uint64_t> reply) override;
   void keepDeleted(Reply<std::uint64_t> reply) override;
 
