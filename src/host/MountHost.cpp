@@ -211,11 +211,16 @@ class Predecessor {
   const Handover* handover() const { return handover_ ? &*handover_ : nullptr; }
   int heldLock() const { return handover_ ? handover_->replicaLock : -1; }
   std::uint64_t restarts() const { return handover_ ? handover_->restarts : 0; }
-  void served() {
+  void served(HostLog& log) {
     if (!handover_) return;
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     standstill_ = std::chrono::ceil<std::chrono::milliseconds>(
         now - std::chrono::nanoseconds(handover_->begun));
+    log.note("restart", "Goes on with the mount of the program before: " +
+                            std::to_string(handover_->files.size()) + " open files, " +
+                            std::to_string(handover_->requests.size()) +
+                            " unanswered requests; programs waited " +
+                            std::to_string(standstill_.count()) + " ms.");
   }
   std::chrono::milliseconds standstill() const { return standstill_; }
 
@@ -314,7 +319,7 @@ void runMountHost(const HostOptions& options, const ExtensionFactory& makeExtens
                               [&fileSystem] { fileSystem->changesSignalled(); });
     goOnAfter(before, *session, *kernelCache);
     session->start();
-    before.served();
+    before.served(*remembered.log);
     fileSystem->start();
     RestartWish wish;
     HostReplacement replacement({*fileSystem, front, *session, *kernelCache, *remembered.directory},

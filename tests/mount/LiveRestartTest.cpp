@@ -115,6 +115,15 @@ class LiveRestartTest : public testing::Test {
     EXPECT_THAT(result.output, HasSubstr("serves"));
   }
   fs::path outside() const { return outside_.path(); }
+  /// Others put a whole file into the store, and it shows.
+  void putAtStore(const std::string& name, const std::string& bytes) {
+    std::ofstream(outside() / "made") << bytes;
+    fs::rename(outside() / "made", service().root() / name);
+    ASSERT_TRUE(waitUntil([&] {
+      std::error_code error;
+      return fs::file_size(mount() / name, error) == bytes.size();
+    })) << name;
+  }
   /// Has the mount run from a file that a test can replace.
   fs::path moveProgram() {
     const fs::path program = outside() / "kestrune";
@@ -252,12 +261,11 @@ TEST_F(LiveRestartTest, ARemovedFilesContentsGoWithItsLastUser) {
 
 TEST_F(LiveRestartTest, WhoReadsAnOldVersionFinishesOnIt) {
   const std::string old = randomBytes(300'000);
-  std::ofstream(service().root() / "docs/large.bin") << old;
-  ASSERT_TRUE(waitUntil([this] { return fs::exists(mount() / "docs/large.bin"); }));
+  putAtStore("docs/large.bin", old);
   const OpenFile reader(mount() / "docs/large.bin", O_RDWR);  // not left to the kernel
   EXPECT_EQ(reader.read(0, 1'000'000), old);
-  std::ofstream(service().root() / "docs/large.bin") << "changed";
-  EXPECT_TRUE(waitUntil([this] { return contentsOf(mount() / "docs/large.bin") == "changed"; }));
+  putAtStore("docs/large.bin", "changed");
+  EXPECT_EQ(contentsOf(mount() / "docs/large.bin"), "changed");
   for (int i = 0; i < 2; ++i) {
     restart();
     ASSERT_EQ(::posix_fadvise(reader.number(), 0, 0, POSIX_FADV_DONTNEED), 0);
@@ -311,8 +319,7 @@ TEST_F(LiveRestartTest, AMappedFileIsReadAndWrittenOn) {
 
 TEST_F(LiveRestartTest, AFileThatTheKernelReadsIsReadOn) {
   const std::string bytes = randomBytes(1'000'000);
-  std::ofstream(service().root() / "docs/whole.bin") << bytes;
-  ASSERT_TRUE(waitUntil([this] { return fs::exists(mount() / "docs/whole.bin"); }));
+  putAtStore("docs/whole.bin", bytes);
   EXPECT_EQ(contentsOf(mount() / "docs/whole.bin"), bytes);
   auto reader = std::make_unique<OpenFile>(mount() / "docs/whole.bin", O_RDONLY);
   EXPECT_EQ(reader->read(0, 100), bytes.substr(0, 100));
@@ -336,9 +343,8 @@ TEST_F(LiveRestartTest, AFileThatTheKernelReadsIsReadOn) {
 
 TEST_F(LiveRestartTest, CopiesThatRunMeanwhileEndWithTheRightBytes) {
   const std::string bytes = randomBytes(150'000'000);
-  std::ofstream(service().root() / "docs/cold.bin") << bytes;
   std::ofstream(outside() / "local.bin") << bytes;
-  ASSERT_TRUE(waitUntil([this] { return fs::exists(mount() / "docs/cold.bin"); }));
+  putAtStore("docs/cold.bin", bytes);
   Child out({"cp", mount() / "docs/cold.bin", outside() / "copied out"});
   Child in({"cp", outside() / "local.bin", mount() / "copied in"});
   for (int i = 0; i < 8; ++i) {
@@ -353,10 +359,9 @@ TEST_F(LiveRestartTest, CopiesThatRunMeanwhileEndWithTheRightBytes) {
 }
 
 TEST_F(LiveRestartTest, WhoWaitsForTheStoreGoesOnWaiting) {
-  std::ofstream(service().root() / "docs/cold.txt") << "cold";
   fs::create_directory(service().root() / "unseen");
   std::ofstream(service().root() / "unseen/file") << "x";
-  ASSERT_TRUE(waitUntil([this] { return fs::exists(mount() / "docs/cold.txt"); }));
+  putAtStore("docs/cold.txt", "cold");
   ASSERT_TRUE(waitUntil([this] { return fs::exists(mount() / "unseen"); }));
   service().signal(SIGSTOP);
   Child reader({"cat", mount() / "docs/cold.txt"});
@@ -377,8 +382,7 @@ TEST_F(LiveRestartTest, WhoWaitsForTheStoreGoesOnWaiting) {
 }
 
 TEST_F(LiveRestartTest, WhoWaitsForTheStoreCanBeInterruptedAfterwards) {
-  std::ofstream(service().root() / "docs/cold.txt") << "cold";
-  ASSERT_TRUE(waitUntil([this] { return fs::exists(mount() / "docs/cold.txt"); }));
+  putAtStore("docs/cold.txt", "cold");
   service().signal(SIGSTOP);
   Child reader({"cat", mount() / "docs/cold.txt"});
   EXPECT_FALSE(reader.waitForEnd(std::chrono::milliseconds(300)).has_value());

@@ -1,4 +1,5 @@
-// Replaces the host again and again while programs work in its folder: none of their calls fails, and nothing is lost.
+// Replaces the host again and again while programs work in its folder and others at the store: no call of theirs fails, nothing is lost,
+// and what others do is seen.
 //
 // KESTRUNE_RESTARTS says how often, twenty times without it; KESTRUNE_SEED says where the work begins, and a failure names it.
 
@@ -7,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
 #include <memory>
 #include <random>
@@ -49,8 +51,12 @@ TEST(RestartLoadTest, WorkingProgramsNoticeNothing) {
   std::vector<std::thread> threads;
   for (std::size_t i = 0; i < kWorkers; ++i)
     threads.emplace_back([&, i] { ends[i] = workers[i]->work(stop); });
-  unsigned done = 0;
-  for (; done < restarts; ++done) {
+  std::map<std::string, std::string> promised = {{"others/", ""}};
+  fs::create_directory(service.root() / "others");
+  for (unsigned done = 0; done < restarts; ++done) {
+    const std::string name = "others/f" + std::to_string(random() % 10);
+    promised[name] = "written before restart " + std::to_string(done);
+    std::ofstream(service.root() / name) << promised[name];
     std::this_thread::sleep_for(std::chrono::milliseconds(random() % 300));
     const auto result = mount.control("restart");
     EXPECT_EQ(result.status, 0) << result.output;
@@ -58,7 +64,6 @@ TEST(RestartLoadTest, WorkingProgramsNoticeNothing) {
   }
   stop = true;
   for (auto& thread : threads) thread.join();
-  std::map<std::string, std::string> promised;
   for (std::size_t i = 0; i < kWorkers; ++i) {
     const std::string folder = "w" + std::to_string(i) + "/";
     EXPECT_EQ(ends[i].error, 0) << folder << ": " << ends[i].what;

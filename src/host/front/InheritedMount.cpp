@@ -137,8 +137,12 @@ ProgramStart presentProgram(std::vector<std::string> arguments) {
   std::error_code error;
   program.file = arguments.empty() ? fs::path() : findProgram(arguments.front());
   // The first argument may be anything; but links on the way to the program are kept, so that one that points elsewhere later counts.
-  if (!fs::equivalent(program.file, "/proc/self/exe", error))
-    program.file = fs::read_symlink("/proc/self/exe", error);
+  if (!fs::equivalent(program.file, "/proc/self/exe", error)) {
+    std::string file = fs::read_symlink("/proc/self/exe", error);
+    // Replaced since it was executed.
+    if (const auto at = file.rfind(" (deleted)"); at != std::string::npos) file.resize(at);
+    program.file = file;
+  }
   program.arguments = std::move(arguments);
   return program;
 }

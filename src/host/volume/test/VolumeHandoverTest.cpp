@@ -142,5 +142,16 @@ TEST_F(VolumeHandoverTest, ANodeOfAnItemThatIsGoneIsStale) {
   fileSystem().forget(node, 1);
 }
 
+TEST_F(VolumeHandoverTest, ANodeOfAnItemThatTheDatabaseDoesNotHaveIsStale) {
+  Handover handover;
+  handover.nextNode = 51;
+  handover.nodes = {{.id = kRootNode, .item = kRootItem, .references = 1},
+                    {.id = 50, .item = 999, .references = 1}};
+  EXPECT_TRUE(takeOverVolume(fileSystem(), handover).empty());
+  EXPECT_EQ(errnoOf(fileSystem().attributes(50)), ESTALE);
+  EXPECT_EQ(attributesOf(kRootNode).inode, kRootItem);
+  fileSystem().forget(50, 1);
+}
+
 }  // namespace
 }  // namespace kestrune::host::test
