@@ -59,7 +59,8 @@ void FuseFront::takeOver(fuse_session* session, const Handover& handover,
 }
 
 bool FuseFront::handOver(Handover& handover, std::vector<OpenFilePtr>& files) {
-  if (calls_->awaitsInterrupt()) return false;  // the kernel tells of a signal once
+  if (device_.agreement().answer.empty()) return false;  // the kernel has only just mounted it
+  if (calls_->awaitsInterrupt()) return false;           // it tells of a signal once
   auto requests = device_.unanswered().handOver();
   if (!requests) return false;
   handover.head.device = device_.descriptor();

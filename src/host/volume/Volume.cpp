@@ -175,7 +175,7 @@ bool Volume::lookIfCommitted(const std::function<void(Tree& tree, Nodes& nodes)>
     MutexLock uncommitted(uncommitted_->mutex);
     if (!uncommitted_->items.empty() || uncommitted_->counters) return false;
   }
-  if (!services_.store->isIdle()) return false;
+  if (!services_.store->isIdle() || *leaving_ > 0) return false;
   work(tree_, nodes_);
   return true;
 }
@@ -210,8 +210,13 @@ Volume::Aftermath Volume::settle(Survives survives, Reply<Done> reply) {
   for (const FileObjectPtr& object : effects.abandoned) object->abandon();
   // Only when it is remembered: a crash in between must find the name with its contents, or neither.
   if (auto leave = leavingOf(effects)) {
-    reply = [leave = std::move(leave), reply = std::move(reply)](const Answer<Done>& answer) {
-      boost::asio::post(diskExecutor(), leave);
+    reply = [leave = std::move(leave), leaving = leaving_,
+             reply = std::move(reply)](const Answer<Done>& answer) {
+      ++*leaving;
+      boost::asio::post(diskExecutor(), [leave, leaving] {
+        leave();
+        --*leaving;
+      });
       if (reply) reply(answer);
     };
   }

@@ -5,6 +5,7 @@
 // the kernel cache, which queues, and the item store, which queues. Lock order: Volume before FileObject.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <set>
@@ -76,7 +77,7 @@ class Volume : public std::enable_shared_from_this<Volume> {
   void change(const std::function<void(Tree& tree, Nodes& nodes)>& work);
   /// Answers when everything so far survives `survives`.
   void commitAll(Survives survives, Reply<Done> reply);
-  /// Looks if everything so far is committed, and whoever waited for that was answered; else false. Nothing is committed while
+  /// Looks if everything so far is committed, whoever waited for that was answered, and contents that were to go are gone; else false. Nothing is committed while
   /// `work` runs, which here may take its time.
   bool lookIfCommitted(const std::function<void(Tree& tree, Nodes& nodes)>& work);
 
@@ -122,6 +123,8 @@ class Volume : public std::enable_shared_from_this<Volume> {
     bool counters GUARDED_BY(mutex) = false;
   };
   const std::shared_ptr<Uncommitted> uncommitted_ = std::make_shared<Uncommitted>();
+  /// How many times contents are being taken away or rescued at this moment, which is committed already.
+  const std::shared_ptr<std::atomic<int>> leaving_ = std::make_shared<std::atomic<int>>(0);
 };
 
 }  // namespace kestrune::host
