@@ -87,7 +87,7 @@ NSErrorPtr HostReplacement::run() {
   for (;;) {
     error = settle(deadline);
     if (error || execute(handover, error)) break;
-    if (Clock::now() > deadline) {
+    if (Clock::now() > deadline - kCommitPatience) {
       error = busy("a change that a program made waits for the store or the disk");
       break;
     }

@@ -47,6 +47,8 @@ class HostReplacement {
  public:
   /// How long programs may be kept waiting for what must end before.
   static constexpr std::chrono::seconds kPatience{5};
+  /// What of that is left for the last commit.
+  static constexpr std::chrono::seconds kCommitPatience{1};
 
   /// All of them outlive the object.
   struct Parts {

@@ -22,7 +22,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/mount/LiveMount.h"
+#include "tests/mount/LiveRestart.h"
 #include "tests/support/Waiting.h"
 
 namespace kestrune::mounttest {
@@ -92,66 +92,6 @@ std::vector<std::string> someNames(int folder) {
   }
   return names;
 }
-
-class LiveRestartTest : public testing::Test {
- protected:
-  void SetUp() override {
-    if (const char* reason = whyNoMount()) GTEST_SKIP() << reason;
-    service_ = std::make_unique<LiveService>();
-    fs::create_directory(service_->root() / "docs");
-    std::ofstream(service_->root() / "docs/a.txt") << "hello";
-    std::ofstream(service_->root() / "docs/b.txt") << "other";
-    mount_ = std::make_unique<LiveMount>(*service_);
-    ASSERT_TRUE(waitUntil([this] { return mount_->control("status").status == 0; }));
-  }
-  void TearDown() override {
-    if (HasFailure() && mount_) std::cout << "the host's log:\n" << contentsOf(mount_->logFile());
-  }
-  LiveService& service() { return *service_; }
-  LiveMount& mount() { return *mount_; }
-  void restart() {
-    const auto result = mount().control("restart");
-    ASSERT_EQ(result.status, 0) << result.output;
-    EXPECT_THAT(result.output, HasSubstr("serves"));
-  }
-  fs::path outside() const { return outside_.path(); }
-  /// Others put a whole file into the store, and it shows.
-  void putAtStore(const std::string& name, const std::string& bytes) {
-    std::ofstream(outside() / "made") << bytes;
-    fs::rename(outside() / "made", service().root() / name);
-    ASSERT_TRUE(waitUntil([&] {
-      std::error_code error;
-      return fs::file_size(mount() / name, error) == bytes.size();
-    })) << name;
-  }
-  /// Has the mount run from a file that a test can replace.
-  fs::path moveProgram() {
-    const fs::path program = outside() / "kestrune";
-    fs::copy_file(std::string(KESTRUNE_BIN_DIR) + "/kestrune", program);
-    mount().end(SIGTERM);
-    mount().setProgram(program);
-    mount().start();
-    EXPECT_TRUE(waitUntil([this] { return mount().control("status").status == 0; }));
-    return program;
-  }
-  /// In the place of the program comes a script.
-  void putScript(const fs::path& program, const std::string& script) {
-    std::ofstream(outside() / "new") << "#!/bin/sh\n" << script << "\n";
-    fs::permissions(outside() / "new", fs::perms::owner_all);
-    fs::rename(outside() / "new", program);
-  }
-  void expectUnmounted() {
-    const auto status = mount().host().waitForEnd();
-    EXPECT_TRUE(status.has_value());
-    EXPECT_FALSE(mount().isServed());
-    EXPECT_TRUE(fs::is_empty(mount().mountPoint()));
-  }
-
- private:
-  support::TemporaryDirectory outside_;
-  std::unique_ptr<LiveService> service_;
-  std::unique_ptr<LiveMount> mount_;
-};
 
 std::size_t descriptorCount(pid_t process) {
   std::size_t count = 0;
@@ -401,83 +341,6 @@ TEST_F(LiveRestartTest, TheProgramThatLiesThereNowTakesOver) {
   restart();
   EXPECT_TRUE(fs::equivalent("/proc/" + std::to_string(process) + "/exe", program));
   EXPECT_EQ(reader.read(0, 100), "hello");
-}
-
-TEST_F(LiveRestartTest, WhatCannotBeExecutedLeavesTheOldHostServing) {
-  const fs::path program = moveProgram();
-  EXPECT_EQ(contentsOf(mount() / "docs/a.txt"), "hello");
-  service().signal(SIGSTOP);
-  Child waiting({"cat", mount() / "docs/b.txt"});
-  EXPECT_FALSE(waiting.waitForEnd(std::chrono::milliseconds(300)).has_value());
-  fs::rename(program, outside() / "kept");
-  const auto expectRefused = [this](const std::string& why) {
-    const auto result = mount().control("restart");
-    EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.output, HasSubstr("goes on"));
-    EXPECT_THAT(result.output, HasSubstr(why));
-  };
-  expectRefused("No such file");
-  std::ofstream(program) << "no program";
-  expectRefused("Permission denied");
-  fs::permissions(program, fs::perms::owner_all);
-  expectRefused("Exec format error");
-  std::ofstream(mount() / "docs/written.txt") << "written";
-  service().signal(SIGCONT);
-  EXPECT_EQ(waiting.waitForEnd(), 0);
-  EXPECT_EQ(contentsOf(mount() / "docs/a.txt"), "hello");
-  EXPECT_EQ(waitUntilSent(service(), mount()), "");
-  fs::rename(outside() / "kept", program);
-  restart();
-  EXPECT_EQ(contentsOf(mount() / "docs/written.txt"), "written");
-}
-
-TEST_F(LiveRestartTest, AProgramThatDoesNotGoOnLeavesNoDeadFolder) {
-  const fs::path program = moveProgram();
-  fs::copy_file(program, outside() / "kept");
-  putScript(program, "exec '" + (outside() / "kept").string() + "' mount --no-such-option");
-  std::ofstream(mount() / "docs/written.txt") << "written";
-  const auto result = mount().control("restart");
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.output, HasSubstr("not mounted any more"));
-  expectUnmounted();
-  fs::rename(outside() / "kept", program);
-  mount().start();
-  EXPECT_EQ(contentsOf(mount() / "docs/written.txt"), "written");
-}
-
-TEST_F(LiveRestartTest, ADamagedReplicaEndsTheMountInOrder) {
-  const fs::path program = moveProgram();
-  fs::copy_file(program, outside() / "kept");
-  putScript(program, "dd if=/dev/zero of='" + (mount().replica() / "items.sqlite").string() +
-                         "' bs=8192 count=1 conv=notrunc 2>/dev/null\nexec '" +
-                         (outside() / "kept").string() + "' \"$@\"");
-  EXPECT_EQ(contentsOf(mount() / "docs/a.txt"), "hello");
-  service().signal(SIGSTOP);
-  std::ofstream(mount() / "docs/written.txt") << "written";
-  const auto result = mount().control("restart");
-  EXPECT_EQ(result.status, 1) << result.output;
-  expectUnmounted();
-  EXPECT_THAT(contentsOf(mount().logFile()), HasSubstr("damaged"));
-  service().signal(SIGCONT);
-  fs::rename(outside() / "kept", program);
-  mount().start();
-  EXPECT_TRUE(waitUntil([this] {
-    return fs::exists(service().root() / "docs/written.txt") &&
-           contentsOf(service().root() / "docs/written.txt") == "written";
-  }));
-}
-
-TEST_F(LiveRestartTest, AnEndThatWasAskedForMeanwhileIsAnOrderlyOne) {
-  for (int i = 0; i < 5; ++i) {
-    std::thread asking([this] { static_cast<void>(mount().control("restart")); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(30 + 10 * i));
-    mount().host().signal(SIGTERM);
-    const auto status = mount().host().waitForEnd();
-    asking.join();
-    EXPECT_EQ(status, 0);
-    EXPECT_FALSE(mount().isServed());
-    mount().start();
-  }
 }
 
 }  // namespace
