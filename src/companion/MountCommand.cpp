@@ -50,33 +50,35 @@ void requireFuse() {
       "fuse, or give the container the device). kestrune ls and kestrune cat work without it.");
 }
 
-// The program with the extension lies beside this one.
-std::filesystem::path extensionProgram() {
-  const auto program =
-      std::filesystem::read_symlink("/proc/self/exe").replace_filename("kestrune-fileprovider");
-  if (!std::filesystem::exists(program))
-    throw CommandError("The program '" + program.string() +
-                       "' is missing; it belongs beside kestrune. Install both from one release.");
-  return program;
+// The program with the extension lies beside this one, by the path that this one was started by or by what that leads to.
+std::filesystem::path extensionProgram(const host::ProgramStart& own) {
+  const auto beside = own.file.parent_path() / "kestrune-fileprovider";
+  if (std::filesystem::exists(beside)) return beside;
+  const auto behindLinks =
+      std::filesystem::weakly_canonical(own.file).parent_path() / "kestrune-fileprovider";
+  if (std::filesystem::exists(behindLinks)) return behindLinks;
+  throw CommandError("The program '" + beside.string() +
+                     "' is missing; it belongs beside kestrune. Install both from one release.");
 }
 
 std::shared_ptr<platform::NSFileProviderReplicatedExtension> launchedExtension(
-    const platform::NSFileProviderDomain& domain, const std::filesystem::path& replicaDirectory) {
+    const platform::NSFileProviderDomain& domain, const host::HostOptions& host) {
   host::LaunchOptions launch;
   sandbox::SandboxPaths paths;
   paths.shared = storage::sharedDirectory();
   paths.temporary = platform::temporaryDirectory();
-  paths.outgoing = replicaDirectory / "outgoing";
-  paths.program = extensionProgram();
+  paths.outgoing = host.replicaDirectory / "outgoing";
+  paths.program = extensionProgram(host.program);
   if (const char* certificates = std::getenv("SSL_CERT_FILE")) paths.certificates = certificates;
   const auto command = std::make_shared<host::SandboxedCommand>(std::move(paths));
   launch.command = [command] { return command->next(); };
   launch.domain = domain;
+  launch.leftBehind = host::childProcesses();
   launch.offers = {true, true, true};
   launch.services = host::platformServices(domain);
   launch.log = std::make_shared<host::HostLog>();
   launch.timers = host::systemTimers();
-  launch.reports = replicaDirectory / "crashes";
+  launch.reports = host.replicaDirectory / "crashes";
   const auto launcher = std::make_shared<host::Launcher>(std::move(launch));
   return host::makeLaunchedExtension(launcher, {true, true, true});
 }
@@ -118,7 +120,7 @@ void runMount(const MountOptions& options) {
   try {
     host::runMountHost(host, [&options, &host](const platform::NSFileProviderDomainPtr& domain) {
       return options.inOneProcess ? FileProviderExtension::make(domain)
-                                  : launchedExtension(*domain, host.replicaDirectory);
+                                  : launchedExtension(*domain, host);
     });
   } catch (const platform::NSError& error) {
     throw CommandError("Cannot mount at '" + options.mountPoint.string() +

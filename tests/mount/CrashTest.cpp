@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
 #include <memory>
 #include <random>
@@ -17,6 +18,7 @@
 
 #include "tests/mount/CrashWorker.h"
 #include "tests/mount/LiveMount.h"
+#include "tests/support/Waiting.h"
 
 namespace kestrune::mounttest {
 namespace {
@@ -130,6 +132,71 @@ TEST_F(CrashTest, AHostKilledWhileItSendsLeavesNoConflictsAndSendsAll) {
   }
   expectAllAtTheStore();
   EXPECT_GT(callCount(), 3U * kills_);
+}
+
+// Reads a large file again and again while it is not here, and compares.
+class Reader {
+ public:
+  Reader(const LiveMount& mount, std::string name, std::string contents)
+      : mount_(mount), name_(std::move(name)), contents_(std::move(contents)) {}
+
+  void read(const std::atomic<bool>& stop) {
+    while (!stop) {
+      const auto evicted = mount_.control("evict " + name_);
+      evictions_ += evicted.status == 0 ? 1 : 0;
+      std::ifstream file(mount_ / name_, std::ios::binary);
+      std::string got(contents_.size(), '\0');
+      file.read(got.data(), static_cast<std::streamsize>(got.size()));
+      if (!file || got != contents_) ++wrong_;
+      ++reads_;
+    }
+  }
+  unsigned evictions() const { return evictions_; }
+  unsigned reads() const { return reads_; }
+  unsigned wrong() const { return wrong_; }
+
+ private:
+  const LiveMount& mount_;
+  const std::string name_;
+  const std::string contents_;
+  unsigned evictions_ = 0;
+  unsigned reads_ = 0;
+  unsigned wrong_ = 0;
+};
+
+TEST_F(CrashTest, AKilledExtensionIsNoticedByNobody) {
+  std::string contents(24U << 20U, '\0');
+  for (char& byte : contents) byte = static_cast<char>(random_());
+  std::ofstream(service_->root() / "large", std::ios::binary) << contents;
+  Reader reader(*mount_, "large", contents);
+  ASSERT_TRUE(
+      support::waitUntil([&] { return fs::exists(*mount_ / "large"); }, std::chrono::seconds(20)));
+
+  std::atomic<bool> stop = false;
+  std::vector<CrashWorker::End> ends(kWorkers);
+  std::vector<std::thread> threads;
+  for (std::size_t i = 0; i < kWorkers; ++i)
+    threads.emplace_back([&, i] { ends[i] = workers_[i]->work(stop); });
+  threads.emplace_back([&] { reader.read(stop); });
+  unsigned killed = 0;
+  while (killed < kills_) {
+    sleepUpTo(2500);  // seldomer than the host gives up
+    if (const int extension = mount_->extension();
+        extension != 0 && ::kill(extension, SIGKILL) == 0)
+      ++killed;
+  }
+  stop = true;
+  for (auto& thread : threads) thread.join();
+
+  for (const auto& [error, what] : ends) EXPECT_EQ(error, 0) << what;
+  EXPECT_EQ(reader.wrong(), 0U);
+  EXPECT_GT(reader.evictions(), killed / 4);  // it was read from the store
+  expectNothingLost();
+  fs::remove(*mount_ / "large");
+  expectAllAtTheStore();
+  EXPECT_GT(callCount(), 10U * killed);
+  std::cout << reader.reads() << " reads, " << reader.evictions() << " of them cold, "
+            << callCount() << " calls\n";
 }
 
 }  // namespace

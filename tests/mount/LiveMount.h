@@ -75,6 +75,8 @@ class LiveMount {
   /// Which file is executed by the next `start`, instead of the `kestrune` that was built.
   void setProgram(const std::filesystem::path& file) { programFile_ = file; }
   bool isServed() const;
+  /// The process that the host's extension runs in; 0 if it does not run.
+  int extension() const;
   /// Runs `kestrune` with these words, as in a shell, in the mounted folder.
   CommandResult control(const std::string& words) const;
 

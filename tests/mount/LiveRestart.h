@@ -51,7 +51,8 @@ class LiveRestartTest : public testing::Test {
   /// Has the mount run from a file that a test can replace.
   std::filesystem::path moveProgram() {
     const std::filesystem::path program = outside() / "kestrune";
-    std::filesystem::copy_file(std::string(KESTRUNE_BIN_DIR) + "/kestrune", program);
+    for (const char* name : {"kestrune", "kestrune-fileprovider"})
+      std::filesystem::copy_file(std::filesystem::path(KESTRUNE_BIN_DIR) / name, outside() / name);
     mount().end(SIGTERM);
     mount().setProgram(program);
     mount().start();

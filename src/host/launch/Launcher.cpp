@@ -2,11 +2,14 @@
 
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <boost/asio/post.hpp>
 #include <cerrno>
+#include <fstream>
+#include <iterator>
 #include <utility>
 
 #include "host/launch/CrashReports.h"
@@ -63,7 +66,18 @@ class Launcher::Use final : public RunningExtension {
   GenerationPtr generation_;
 };
 
-Launcher::Launcher(LaunchOptions options) : options_(std::move(options)) {}
+std::vector<int> childProcesses() {
+  const std::string self = std::to_string(::getpid());
+  std::ifstream list("/proc/" + self + "/task/" + self + "/children");
+  return {std::istream_iterator<int>(list), std::istream_iterator<int>()};
+}
+
+Launcher::Launcher(LaunchOptions options)
+    : options_(std::move(options)), leftBehind_(options_.leftBehind) {}
+
+void Launcher::takeNoteOfLeftBehind() {
+  std::erase_if(leftBehind_, [](int pid) { return ::waitpid(pid, nullptr, WNOHANG) != 0; });
+}
 
 Launcher::~Launcher() { end(); }
 
@@ -115,6 +129,7 @@ void Launcher::start() {
     status_.refusal.clear();
   }
   old = nullptr;  // gone: whoever still waits for it hears so
+  takeNoteOfLeftBehind();
   try {
     generation = startProgram();
   } catch (const platform::NSError& thrown) {

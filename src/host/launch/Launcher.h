@@ -39,9 +39,14 @@ struct LaunchOptions {
   std::chrono::milliseconds idle = std::chrono::seconds(60);
   /// How long a program may take until it answers the greeting, and until it has ended when it is not needed any more.
   std::chrono::milliseconds patience = std::chrono::seconds(10);
+  /// Children that the program had which this one replaced: they have ended, and nobody else takes note of it.
+  std::vector<int> leftBehind;
   /// More starts a minute are refused.
   std::size_t mostStarts = 60;
 };
+
+/// The children of this process's first thread.
+std::vector<int> childProcesses();
 
 struct LaunchStatus {
   /// 0: it does not run.
@@ -73,6 +78,7 @@ class Launcher final : public ExtensionSource, public std::enable_shared_from_th
   platform::NSErrorPtr refusalLocked() REQUIRES_LOCK(mutex_);
   RunningExtensionPtr useLocked() REQUIRES_LOCK(mutex_);
   void start();
+  void takeNoteOfLeftBehind();
   GenerationPtr startProgram();
   void greeted(const GenerationPtr& generation, const boundary::Greeting& greeting,
                platform::NSErrorPtr error);
@@ -90,6 +96,7 @@ class Launcher final : public ExtensionSource, public std::enable_shared_from_th
   bool isStarting_ GUARDED_BY(mutex_) = false;
   GenerationPtr running_ GUARDED_BY(mutex_);
   std::vector<Reply<RunningExtensionPtr>> waiting_ GUARDED_BY(mutex_);
+  std::vector<int> leftBehind_;                                     // used by one start at a time
   std::deque<std::chrono::nanoseconds> starts_ GUARDED_BY(mutex_);  // of the last minute
   LaunchStatus status_ GUARDED_BY(mutex_);
 };
