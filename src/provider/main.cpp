@@ -12,6 +12,7 @@
 #include "extension/FileProviderExtension.h"
 #include "platform/files/Directories.h"
 #include "platform/tasks/MainQueue.h"
+#include "platform/values/Allocator.h"
 #include "platform/values/NSError.h"
 #include "provider/CrashNote.h"
 #include "sandbox/Confinement.h"
@@ -44,6 +45,7 @@ std::shared_ptr<platform::NSFileProviderReplicatedExtension> makeExtension(
 
 int main(int argc, char** argv) {
   sandbox::closeDescriptorsExcept(std::array{kSocket, kReport});
+  platform::keepFreedMemory();
   CLI::App app("The extension of a mounted Kestrune folder; kestrune mount starts it.");
   sandbox::SandboxPaths paths;
   paths.program = argv[0];
