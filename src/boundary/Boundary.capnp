@@ -36,7 +36,8 @@ struct Request {
   requestingExecutable @2 :Data;
 }
 
-# An item as it was when it was handed over: properties are not asked for one by one.
+# An item as it was when it was handed over: properties are not asked for one by one. But for the policy of items that come in
+# lists, which costs more to read than a listing may wait for.
 struct Item {
   identifier @0 :Data;
   parentIdentifier @1 :Data;
@@ -52,6 +53,15 @@ struct Item {
   created @11 :Int64;
   contentPolicy @12 :Int64;
   version @13 :Version;
+}
+
+struct ItemList {
+  items @0 :List(Item);
+}
+
+# The content policies of a list's items, in their order, read when they are asked for.
+interface Policies {
+  read @0 () -> (policies :List(Int64));
 }
 
 # What an operation's completion handler is called with; each operation fills in what its handler takes.
@@ -87,15 +97,16 @@ interface Taker {
 interface Memory {
 }
 
+# `list` is a message with an ItemList.
 interface ItemObserver {
-  items @0 (items :List(Item)) -> stream;
+  items @0 (list :Data, policies :Policies) -> stream;
   finish @1 (nextPage :Data);
   fail @2 (error :Error);
   dropped @3 ();
 }
 
 interface ChangeObserver {
-  updated @0 (items :List(Item)) -> stream;
+  updated @0 (list :Data, policies :Policies) -> stream;
   deleted @1 (identifiers :List(Data)) -> stream;
   finish @2 (anchor :Data, moreComing :Bool);
   fail @3 (error :Error);

@@ -66,10 +66,14 @@ class DescribedItem final : public platform::NSFileProviderItem {
 }  // namespace
 
 void write(wire::Item::Builder message, const platform::NSFileProviderItem& item) {
+  writeWithoutPolicy(message, item);
+  message.setContentPolicy(static_cast<std::int64_t>(item.contentPolicy()));
+}
+
+void writeWithoutPolicy(wire::Item::Builder message, const platform::NSFileProviderItem& item) {
   message.setIdentifier(bytesOf(item.itemIdentifier()));
   message.setParentIdentifier(bytesOf(item.parentItemIdentifier()));
   message.setFilename(bytesOf(item.filename()));
-  message.setContentPolicy(static_cast<std::int64_t>(item.contentPolicy()));
   if (const auto type = item.contentType()) message.setContentType(bytesOf(type->identifier()));
   if (const auto capabilities = item.capabilities()) {
     message.setHasCapabilities(true);

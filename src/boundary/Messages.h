@@ -27,6 +27,8 @@ inline std::string text(capnp::Data::Reader bytes) {
   return {reinterpret_cast<const char*>(bytes.begin()), bytes.size()};
 }
 
+/// All but its content policy.
+void writeWithoutPolicy(wire::Item::Builder message, const platform::NSFileProviderItem& item);
 void write(wire::Item::Builder message, const platform::NSFileProviderItem& item);
 void write(wire::Error::Builder message, const platform::NSError& error);
 void write(wire::Version::Builder message, const platform::NSFileProviderItemVersion& version);

@@ -1,10 +1,12 @@
 #include "boundary/RemoteEnumerator.h"
 
 #include <boost/asio/post.hpp>
+#include <iterator>
 #include <utility>
 #include <variant>
 
 #include "boundary/BoundaryError.h"
+#include "boundary/ListedItems.h"
 #include "boundary/Messages.h"
 #include "platform/tasks/Task.h"
 
@@ -23,16 +25,17 @@ void onExecutor(Work work) {
   boost::asio::post(platform::sharedExecutor(), std::move(work));
 }
 
-void append(Items& items, capnp::List<wire::Item>::Reader messages) {
-  items.reserve(items.size() + messages.size());
-  for (const auto message : messages) items.push_back(read(message));
+void append(Items& items, Items more) {
+  items.insert(items.end(), std::make_move_iterator(more.begin()),
+               std::make_move_iterator(more.end()));
 }
 
 // Gathers one enumeration. Let go without a last call it means that the program is gone.
 class ItemObserverServer final : public wire::ItemObserver::Server {
  public:
   using Observer = std::shared_ptr<platform::NSFileProviderEnumerationObserver>;
-  explicit ItemObserverServer(Observer observer) : observer_(std::move(observer)) {}
+  ItemObserverServer(std::shared_ptr<Loop> loop, Observer observer)
+      : loop_(std::move(loop)), observer_(std::move(observer)) {}
   ~ItemObserverServer() { end(interrupted()); }
   KJ_DISALLOW_COPY(ItemObserverServer);
 
@@ -45,7 +48,12 @@ class ItemObserverServer final : public wire::ItemObserver::Server {
 
  protected:
   kj::Promise<void> items(ItemsContext context) override {
-    append(items_, context.getParams().getItems());
+    try {
+      const auto told = context.getParams();
+      append(items_, itemsOf(told.getList(), loop_->held(told.getPolicies()), loop_));
+    } catch (const kj::Exception& exception) {
+      end(errorFrom(exception));
+    }
     return kj::READY_NOW;
   }
   kj::Promise<void> finish(FinishContext context) override {
@@ -69,6 +77,7 @@ class ItemObserverServer final : public wire::ItemObserver::Server {
   }
 
  private:
+  const std::shared_ptr<Loop> loop_;
   Observer observer_;  // none after the end
   Items items_;
 };
@@ -76,7 +85,8 @@ class ItemObserverServer final : public wire::ItemObserver::Server {
 class ChangeObserverServer final : public wire::ChangeObserver::Server {
  public:
   using Observer = std::shared_ptr<platform::NSFileProviderChangeObserver>;
-  explicit ChangeObserverServer(Observer observer) : observer_(std::move(observer)) {}
+  ChangeObserverServer(std::shared_ptr<Loop> loop, Observer observer)
+      : loop_(std::move(loop)), observer_(std::move(observer)) {}
   ~ChangeObserverServer() { end(interrupted()); }
   KJ_DISALLOW_COPY(ChangeObserverServer);
 
@@ -89,7 +99,12 @@ class ChangeObserverServer final : public wire::ChangeObserver::Server {
 
  protected:
   kj::Promise<void> updated(UpdatedContext context) override {
-    append(last<Items>(), context.getParams().getItems());
+    try {
+      const auto told = context.getParams();
+      append(last<Items>(), itemsOf(told.getList(), loop_->held(told.getPolicies()), loop_));
+    } catch (const kj::Exception& exception) {
+      end(errorFrom(exception));
+    }
     return kj::READY_NOW;
   }
   kj::Promise<void> deleted(DeletedContext context) override {
@@ -133,6 +148,7 @@ class ChangeObserverServer final : public wire::ChangeObserver::Server {
     return std::get<Kind>(reports_.back());
   }
 
+  const std::shared_ptr<Loop> loop_;
   Observer observer_;  // none after the end
   std::vector<std::variant<Items, Identifiers>> reports_;
 };
@@ -195,8 +211,9 @@ void RemoteEnumerator::invalidate() {
 void RemoteEnumerator::enumerateItems(
     std::shared_ptr<platform::NSFileProviderEnumerationObserver> observer,
     platform::NSFileProviderPage page) {
-  loop_->post([coming = coming_, observer = std::move(observer), page = std::move(page)]() mutable {
-    coming->with(asking(kj::heap<ItemObserverServer>(std::move(observer)),
+  loop_->post([loop = loop_, coming = coming_, observer = std::move(observer),
+               page = std::move(page)]() mutable {
+    coming->with(asking(kj::heap<ItemObserverServer>(loop, std::move(observer)),
                         [page = std::move(page)](wire::Enumerator::Client& enumerator,
                                                  wire::ItemObserver::Client& told) {
                           auto request = enumerator.enumerateItemsRequest();
@@ -210,17 +227,17 @@ void RemoteEnumerator::enumerateItems(
 void RemoteEnumerator::enumerateChanges(
     std::shared_ptr<platform::NSFileProviderChangeObserver> observer,
     NSFileProviderSyncAnchor anchor) {
-  loop_->post(
-      [coming = coming_, observer = std::move(observer), anchor = std::move(anchor)]() mutable {
-        coming->with(asking(kj::heap<ChangeObserverServer>(std::move(observer)),
-                            [anchor = std::move(anchor)](wire::Enumerator::Client& enumerator,
-                                                         wire::ChangeObserver::Client& told) {
-                              auto request = enumerator.enumerateChangesRequest();
-                              request.setAnchor(bytesOf(anchor));
-                              request.setObserver(told);
-                              return request.send().ignoreResult();
-                            }));
-      });
+  loop_->post([loop = loop_, coming = coming_, observer = std::move(observer),
+               anchor = std::move(anchor)]() mutable {
+    coming->with(asking(kj::heap<ChangeObserverServer>(loop, std::move(observer)),
+                        [anchor = std::move(anchor)](wire::Enumerator::Client& enumerator,
+                                                     wire::ChangeObserver::Client& told) {
+                          auto request = enumerator.enumerateChangesRequest();
+                          request.setAnchor(bytesOf(anchor));
+                          request.setObserver(told);
+                          return request.send().ignoreResult();
+                        }));
+  });
 }
 
 void RemoteEnumerator::currentSyncAnchor(

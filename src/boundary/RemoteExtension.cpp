@@ -68,7 +68,8 @@ struct RemoteExtension::Link : std::enable_shared_from_this<Link> {
                       boost::asio::any_io_executor where = platform::sharedExecutor()) {
     auto noting = [link = weak_from_this(), handler = std::move(handler)](Completed completed) {
       const auto live = link.lock();
-      if (live && completed.error && platform::isInterruption(*completed.error)) live->isGone = true;
+      if (live && completed.error && platform::isInterruption(*completed.error))
+        live->isGone = true;
       handler(std::move(completed));
     };
     auto call = std::make_shared<RemoteCall>(loop, std::move(where), std::move(noting));

@@ -17,42 +17,61 @@ using platform::NSErrorPtr;
 using platform::NSFileProviderItemPtr;
 
 constexpr std::size_t kItemsAMessage = 256;
+constexpr unsigned kFirstWords = 16U << 10U;  // so that a usual message is one piece
 
-using Message = std::shared_ptr<capnp::MallocMessageBuilder>;
+// Some of what is reported, and its items, whose policies may be asked for.
+struct Part {
+  std::vector<NSFileProviderItemPtr> items;
+  kj::Array<capnp::word> message;
 
-template <class List>
-Message listMessage(std::size_t count, List fill) {
-  auto message = std::make_shared<capnp::MallocMessageBuilder>();
-  fill(*message, static_cast<unsigned>(count));
-  return message;
-}
+  capnp::Data::Reader bytes() const { return message.asBytes(); }
+};
+using PartPtr = std::shared_ptr<const Part>;
 
-std::vector<Message> messagesOf(const std::vector<NSFileProviderItemPtr>& items) {
-  std::vector<Message> messages;
+std::vector<PartPtr> partsOf(const std::vector<NSFileProviderItemPtr>& items) {
+  std::vector<PartPtr> parts;
   for (std::size_t from = 0; from < items.size(); from += kItemsAMessage) {
-    const auto part = std::span(items).subspan(from, std::min(kItemsAMessage, items.size() - from));
-    messages.push_back(listMessage(part.size(), [&](auto& message, unsigned count) {
-      // The items list of the observers' call: one of both has the same form.
-      auto list = message.template initRoot<wire::ItemObserver::ItemsParams>().initItems(count);
-      for (unsigned i = 0; i < count; ++i) write(list[i], *part[i]);
-    }));
+    const auto some = std::span(items).subspan(from, std::min(kItemsAMessage, items.size() - from));
+    auto part = std::make_shared<Part>();
+    part->items.assign(some.begin(), some.end());
+    capnp::MallocMessageBuilder message(kFirstWords);
+    auto list = message.initRoot<wire::ItemList>().initItems(static_cast<unsigned>(some.size()));
+    for (unsigned i = 0; i < some.size(); ++i) writeWithoutPolicy(list[i], *some[i]);
+    part->message = capnp::messageToFlatArray(message);
+    parts.push_back(std::move(part));
   }
-  return messages;
+  return parts;
 }
 
-std::vector<Message> messagesOf(const std::vector<std::string>& identifiers) {
-  std::vector<Message> messages;
-  for (std::size_t from = 0; from < identifiers.size(); from += kItemsAMessage) {
-    const auto part =
-        std::span(identifiers).subspan(from, std::min(kItemsAMessage, identifiers.size() - from));
-    messages.push_back(listMessage(part.size(), [&](auto& message, unsigned count) {
-      auto list =
-          message.template initRoot<wire::ChangeObserver::DeletedParams>().initIdentifiers(count);
-      for (unsigned i = 0; i < count; ++i) list.set(i, bytesOf(part[i]));
-    }));
+class PoliciesServer final : public wire::Policies::Server {
+ public:
+  PoliciesServer(std::shared_ptr<Loop> loop, PartPtr part)
+      : loop_(std::move(loop)), part_(std::move(part)) {}
+
+ protected:
+  kj::Promise<void> read(ReadContext context) override {
+    using Policies = std::vector<std::int64_t>;
+    auto answered = kj::newPromiseAndFulfiller<Policies>();
+    boost::asio::post(
+        platform::sharedExecutor(),
+        [loop = loop_, part = part_, answer = loop_->held(kj::mv(answered.fulfiller))] {
+          Policies policies;
+          for (const auto& item : part->items)
+            policies.push_back(static_cast<std::int64_t>(item->contentPolicy()));
+          loop->post([answer, policies = std::move(policies)]() mutable {
+            (*answer)->fulfill(kj::mv(policies));
+          });
+        });
+    return answered.promise.then([context](const Policies& policies) mutable {
+      auto list = context.getResults().initPolicies(static_cast<unsigned>(policies.size()));
+      for (unsigned i = 0; i < policies.size(); ++i) list.set(i, policies[i]);
+    });
   }
-  return messages;
-}
+
+ private:
+  const std::shared_ptr<Loop> loop_;
+  const PartPtr part_;
+};
 
 // Calls of one observer, in their order, each when the one before has been taken. What fails is not told: the host that does not
 // take a call is gone.
@@ -122,13 +141,14 @@ class Reporter {
 class ItemReporter final : public platform::NSFileProviderEnumerationObserver {
  public:
   ItemReporter(const std::shared_ptr<Loop>& loop, wire::ItemObserver::Client client)
-      : reporter_(loop, kj::mv(client)) {}
+      : loop_(loop), reporter_(loop, kj::mv(client)) {}
 
   void didEnumerateItems(std::vector<NSFileProviderItemPtr> updatedItems) override {
-    for (const Message& message : messagesOf(updatedItems)) {
-      reporter_.report([message](wire::ItemObserver::Client& client) {
+    for (const PartPtr& part : partsOf(updatedItems)) {
+      reporter_.report([loop = loop_, part](wire::ItemObserver::Client& client) {
         auto request = client.itemsRequest();
-        request.setItems(message->getRoot<wire::ItemObserver::ItemsParams>().asReader().getItems());
+        request.setList(part->bytes());
+        request.setPolicies(kj::heap<PoliciesServer>(loop, part));
         return request.send();
       });
     }
@@ -143,31 +163,36 @@ class ItemReporter final : public platform::NSFileProviderEnumerationObserver {
   void finishEnumeratingWithError(NSErrorPtr error) override { reporter_.fail(error); }
 
  private:
+  const std::shared_ptr<Loop> loop_;
   Reporter<wire::ItemObserver::Client> reporter_;
 };
 
 class ChangeReporter final : public platform::NSFileProviderChangeObserver {
  public:
   ChangeReporter(const std::shared_ptr<Loop>& loop, wire::ChangeObserver::Client client)
-      : reporter_(loop, kj::mv(client)) {}
+      : loop_(loop), reporter_(loop, kj::mv(client)) {}
 
   void didUpdateItems(std::vector<NSFileProviderItemPtr> updatedItems) override {
-    for (const Message& message : messagesOf(updatedItems)) {
-      reporter_.report([message](wire::ChangeObserver::Client& client) {
+    for (const PartPtr& part : partsOf(updatedItems)) {
+      reporter_.report([loop = loop_, part](wire::ChangeObserver::Client& client) {
         auto request = client.updatedRequest();
-        request.setItems(message->getRoot<wire::ItemObserver::ItemsParams>().asReader().getItems());
+        request.setList(part->bytes());
+        request.setPolicies(kj::heap<PoliciesServer>(loop, part));
         return request.send();
       });
     }
   }
   void didDeleteItemsWithIdentifiers(std::vector<std::string> deletedItemIdentifiers) override {
-    for (const Message& message : messagesOf(deletedItemIdentifiers)) {
-      reporter_.report([message](wire::ChangeObserver::Client& client) {
-        auto request = client.deletedRequest();
-        request.setIdentifiers(
-            message->getRoot<wire::ChangeObserver::DeletedParams>().asReader().getIdentifiers());
-        return request.send();
-      });
+    const auto& all = deletedItemIdentifiers;
+    for (std::size_t from = 0; from < all.size(); from += kItemsAMessage) {
+      const auto some = std::span(all).subspan(from, std::min(kItemsAMessage, all.size() - from));
+      reporter_.report(
+          [part = std::vector(some.begin(), some.end())](wire::ChangeObserver::Client& client) {
+            auto request = client.deletedRequest();
+            auto list = request.initIdentifiers(static_cast<unsigned>(part.size()));
+            for (unsigned i = 0; i < part.size(); ++i) list.set(i, bytesOf(part[i]));
+            return request.send();
+          });
     }
   }
   void finishEnumeratingChangesUpToSyncAnchor(platform::NSFileProviderSyncAnchor anchor,
@@ -183,6 +208,7 @@ class ChangeReporter final : public platform::NSFileProviderChangeObserver {
   void finishEnumeratingWithError(NSErrorPtr error) override { reporter_.fail(error); }
 
  private:
+  const std::shared_ptr<Loop> loop_;
   Reporter<wire::ChangeObserver::Client> reporter_;
 };
 

@@ -182,9 +182,11 @@ void Launcher::greeted(const GenerationPtr& generation, const boundary::Greeting
                  (wanted.streams && !offers.streams) || (wanted.actions && !offers.actions)))
     error = unavailable("the extension's program offers less than this host needs of it");
   if (error) {
-    if (!platform::isInterruption(*error)) generation->isNotNeeded = true;
-    fail(error);
-    return letGo(generation);
+    const bool hasDied = platform::isInterruption(*error);
+    if (!hasDied) generation->isNotNeeded = true;
+    letGo(generation);
+    if (hasDied && mayStartAgain()) return start();
+    return fail(hasDied ? unavailable("the extension's program ended before it answered") : error);
   }
   std::vector<Reply<RunningExtensionPtr>> waiting;
   std::vector<RunningExtensionPtr> uses;
@@ -193,6 +195,7 @@ void Launcher::greeted(const GenerationPtr& generation, const boundary::Greeting
     MutexLock lock(mutex_);
     isTooLate = isEnded_;
     isStarting_ = false;
+    diedStarting_ = 0;
     waiting.swap(waiting_);
     if (!isTooLate) {
       running_ = generation;
@@ -211,12 +214,19 @@ void Launcher::greeted(const GenerationPtr& generation, const boundary::Greeting
   if (isTooLate) letGo(generation);
 }
 
+// It may have been killed, as it may be at any other time; whoever waits for it waits a little longer.
+bool Launcher::mayStartAgain() {
+  MutexLock lock(mutex_);
+  return !refusalLocked() && ++diedStarting_ < kMostDeathsStarting;
+}
+
 void Launcher::fail(const NSErrorPtr& error) {
   options_.log->failure("launch", "start the extension", error->localizedDescription());
   std::vector<Reply<RunningExtensionPtr>> waiting;
   {
     MutexLock lock(mutex_);
     isStarting_ = false;
+    diedStarting_ = 0;
     status_.refusal = error->localizedDescription();
     waiting.swap(waiting_);
   }

@@ -71,6 +71,9 @@ class Launcher final : public ExtensionSource, public std::enable_shared_from_th
   LaunchStatus status();
 
  private:
+  /// Programs that die before they answered are started so often for whoever waits.
+  static constexpr int kMostDeathsStarting = 5;
+
   class Use;
   struct Generation;
   using GenerationPtr = std::shared_ptr<Generation>;
@@ -82,6 +85,7 @@ class Launcher final : public ExtensionSource, public std::enable_shared_from_th
   GenerationPtr startProgram();
   void greeted(const GenerationPtr& generation, const boundary::Greeting& greeting,
                platform::NSErrorPtr error);
+  bool mayStartAgain();
   void fail(const platform::NSErrorPtr& error);
   void released(const std::weak_ptr<Generation>& generation);
   void watchIdleness(const std::weak_ptr<Generation>& generation, std::chrono::nanoseconds delay);
@@ -94,6 +98,7 @@ class Launcher final : public ExtensionSource, public std::enable_shared_from_th
   platform::Mutex mutex_;
   bool isEnded_ GUARDED_BY(mutex_) = false;
   bool isStarting_ GUARDED_BY(mutex_) = false;
+  int diedStarting_ GUARDED_BY(mutex_) = 0;  // of those that were started for the same callers
   GenerationPtr running_ GUARDED_BY(mutex_);
   std::vector<Reply<RunningExtensionPtr>> waiting_ GUARDED_BY(mutex_);
   std::vector<int> leftBehind_;                                     // used by one start at a time

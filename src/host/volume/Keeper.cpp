@@ -77,7 +77,15 @@ void Keeper::learn(const std::vector<NSFileProviderItemPtr>& items) {
   };
   std::vector<Told> told;
   told.reserve(items.size());
-  for (const auto& item : items) told.push_back({item->itemIdentifier(), item->contentPolicy()});
+  for (const auto& item : items) {
+    try {
+      told.push_back({item->itemIdentifier(), item->contentPolicy()});
+    } catch (const platform::NSError& error) {
+      // What was known of it holds on.
+      volume_->services().log->failure("policy", "ask how items are to be kept",
+                                       error.localizedDescription());
+    }
+  }
   std::vector<ItemId> missing;
   bool anyDiffers = false;
   volume_->look([&](Tree& tree, Nodes&) {

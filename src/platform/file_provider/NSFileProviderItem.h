@@ -37,6 +37,7 @@ class NSFileProviderItem {
   virtual std::optional<std::int64_t> documentSize() const { return std::nullopt; }
   virtual std::optional<Date> contentModificationDate() const { return std::nullopt; }
   virtual std::optional<Date> creationDate() const { return std::nullopt; }
+  /// Throws NSError where the item was described by an extension that has to be asked and is gone.
   virtual NSFileProviderContentPolicy contentPolicy() const {
     return NSFileProviderContentPolicy::inherited;
   }
