@@ -2,6 +2,7 @@
 
 #include "config/StorageLocations.h"
 #include "platform/files/AtomicFile.h"
+#include "platform/files/DirectoryLock.h"
 #include "platform/tasks/Queue.h"
 #include "platform/values/Json.h"
 #include "platform/values/NSError.h"
@@ -28,6 +29,7 @@ bool PinStore::isPinned(const std::string& path) {
 
 void PinStore::setPinned(bool pinned, const std::string& path) {
   pinQueue().syncBarrier([pinned, &path]() {
+    const platform::DirectoryLock lock(configDir());  // the host unpins, the extension pins
     std::set<std::string> paths = load();
     if (pinned) {
       paths.insert(path);

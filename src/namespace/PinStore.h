@@ -6,8 +6,8 @@
 // next change replaces it.
 //
 // Threads: callable from any thread; each call blocks its caller until done. Reads run side by
-// side, changes alone, so two changes never lose each other (within this process; the extension is
-// the only writer). Fails: never; a change that cannot be written is lost.
+// side, changes alone, so two changes never lose each other, also where another process of ours makes
+// one of them. Fails: never; a change that cannot be written is lost.
 #pragma once
 
 #include <filesystem>

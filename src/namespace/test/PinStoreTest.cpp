@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -174,6 +176,27 @@ TEST_F(PinStoreTest, StrangePathsSurvive) {
   EXPECT_TRUE(PinStore::isPinned(path));
   EXPECT_TRUE(PinStore::isPinned(""));
   EXPECT_FALSE(PinStore::isPinned("/quote\" back\\ line\n null"));
+}
+
+TEST_F(PinStoreTest, ChangesFromTwoProcessesLoseNothing) {
+  constexpr int kPins = 100;
+  const auto pinAll = [](const std::string& prefix) {
+    for (int i = 0; i < kPins; ++i) PinStore::setPinned(true, prefix + std::to_string(i));
+  };
+  const pid_t other = ::fork();
+  if (other == 0) {
+    pinAll("/theirs/");
+    ::_exit(0);
+  }
+  ASSERT_GT(other, 0);
+  pinAll("/ours/");
+  int status = -1;
+  ASSERT_EQ(::waitpid(other, &status, 0), other);
+  ASSERT_EQ(status, 0);
+  for (int i = 0; i < kPins; ++i) {
+    EXPECT_TRUE(PinStore::isPinned("/ours/" + std::to_string(i))) << i;
+    EXPECT_TRUE(PinStore::isPinned("/theirs/" + std::to_string(i))) << i;
+  }
 }
 
 TEST_F(PinStoreTest, ChangesFromManyThreadsLoseNothingWhileOthersRead) {
