@@ -68,9 +68,10 @@ constexpr std::array kAllowed = {
 
 // fcntl: descriptors, locks of files, the lease by which FileReplacer finds out whether it is alone, and whether memory that
 // the host shares can be cut short. No F_SETOWN: it sends signals to others.
-constexpr std::array kDescriptorCommands = {
-    F_DUPFD, F_DUPFD_CLOEXEC, F_GETFD,     F_SETFD,     F_GETFL,      F_SETFL,    F_GETLK,
-    F_SETLK, F_SETLKW,        F_OFD_GETLK, F_OFD_SETLK, F_OFD_SETLKW, F_GETLEASE, F_SETLEASE, F_GET_SEALS};
+constexpr std::array kDescriptorCommands = {F_DUPFD,    F_DUPFD_CLOEXEC, F_GETFD,     F_SETFD,
+                                            F_GETFL,    F_SETFL,         F_GETLK,     F_SETLK,
+                                            F_SETLKW,   F_OFD_GETLK,     F_OFD_SETLK, F_OFD_SETLKW,
+                                            F_GETLEASE, F_SETLEASE,      F_GET_SEALS};
 
 // What the C library asks of any stream, and libraries of sockets. None of devices.
 constexpr std::array<unsigned long, 5> kControls = {TCGETS, FIONBIO, FIONREAD, FIOCLEX, FIONCLEX};
