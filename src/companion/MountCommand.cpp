@@ -1,5 +1,7 @@
 #include "companion/MountCommand.h"
 
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -28,6 +30,8 @@
 namespace kestrune {
 
 namespace {
+
+constexpr boundary::Offers kOffers = {true, true, true};
 
 void requireConfiguration() {
   if (SharedConfig::apiURL() && SharedConfig::token()) return;
@@ -61,8 +65,8 @@ std::filesystem::path extensionProgram(const host::ProgramStart& own) {
                      "' is missing; it belongs beside kestrune. Install both from one release.");
 }
 
-std::shared_ptr<platform::NSFileProviderReplicatedExtension> launchedExtension(
-    const platform::NSFileProviderDomain& domain, const host::HostOptions& host) {
+std::shared_ptr<host::Launcher> makeLauncher(const platform::NSFileProviderDomain& domain,
+                                             const host::HostOptions& host) {
   host::LaunchOptions launch;
   sandbox::SandboxPaths paths;
   paths.shared = storage::sharedDirectory();
@@ -73,17 +77,20 @@ std::shared_ptr<platform::NSFileProviderReplicatedExtension> launchedExtension(
   const auto command = std::make_shared<host::SandboxedCommand>(std::move(paths));
   launch.command = [command] { return command->next(); };
   launch.domain = domain;
-  launch.leftBehind = host::childProcesses();
-  launch.offers = {true, true, true};
+  launch.leftBehind = host::childProcesses(::getpid());
+  launch.offers = kOffers;
   launch.services = host::platformServices(domain);
   launch.log = std::make_shared<host::HostLog>();
   launch.timers = host::systemTimers();
   launch.reports = host.replicaDirectory / "crashes";
-  const auto launcher = std::make_shared<host::Launcher>(std::move(launch));
-  return host::makeLaunchedExtension(launcher, {true, true, true});
+  return std::make_shared<host::Launcher>(std::move(launch));
 }
 
 }  // namespace
+
+std::filesystem::path defaultReplica(const std::string& domainIdentifier) {
+  return storage::sharedDirectory() / "replica" / domainIdentifier;
+}
 
 void runMount(const MountOptions& options) {
   requireFuse();
@@ -92,7 +99,7 @@ void runMount(const MountOptions& options) {
   host::HostOptions host;
   host.mountPoint = options.mountPoint;
   host.replicaDirectory = options.replicaDirectory.empty()
-                              ? storage::sharedDirectory() / "replica" / options.domainIdentifier
+                              ? defaultReplica(options.domainIdentifier)
                               : options.replicaDirectory;
   host.signalFile = storage::invalidationTokenFile();
   host.domainIdentifier = options.domainIdentifier;
@@ -106,6 +113,13 @@ void runMount(const MountOptions& options) {
   host.unpin = [](const platform::NSFileProviderItemIdentifier& identifier) {
     PinStore::setPinned(false, FileProviderItem::path(identifier));
   };
+  const auto launcher = std::make_shared<std::weak_ptr<host::Launcher>>();
+  if (!options.inOneProcess) {
+    host.extensionStatus = [launcher] {
+      const auto running = launcher->lock();
+      return running ? running->status() : host::ExtensionStatus();
+    };
+  }
   // From when the folder can be used: no thread may run before.
   std::optional<EventListener> listener;
   const bool isNew = options.inherited == nullptr || !options.inherited->exists();
@@ -118,10 +132,14 @@ void runMount(const MountOptions& options) {
     std::fflush(stdout);
   };
   try {
-    host::runMountHost(host, [&options, &host](const platform::NSFileProviderDomainPtr& domain) {
-      return options.inOneProcess ? FileProviderExtension::make(domain)
-                                  : launchedExtension(*domain, host);
-    });
+    host::runMountHost(host,
+                       [&](const platform::NSFileProviderDomainPtr& domain)
+                           -> std::shared_ptr<platform::NSFileProviderReplicatedExtension> {
+                         if (options.inOneProcess) return FileProviderExtension::make(domain);
+                         const auto made = makeLauncher(*domain, host);
+                         *launcher = made;  // before anybody can ask
+                         return host::makeLaunchedExtension(made, kOffers);
+                       });
   } catch (const platform::NSError& error) {
     throw CommandError("Cannot mount at '" + options.mountPoint.string() +
                        "': " + error.localizedDescription());

@@ -34,6 +34,9 @@ struct MountOptions {
   host::InheritedMount* inherited = nullptr;
 };
 
+/// Where the replica of a domain lies that nobody chose a place for.
+std::filesystem::path defaultReplica(const std::string& domainIdentifier);
+
 /// Prints where the folder is once it can be used, and returns after SIGINT, SIGTERM, SIGHUP or an
 /// unmount from outside. Throws CommandError if nothing can be mounted.
 /// REQUIRES: called on the main thread before any other thread runs.

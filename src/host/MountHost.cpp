@@ -325,10 +325,11 @@ void runMountHost(const HostOptions& options, const ExtensionFactory& makeExtens
     HostReplacement replacement({*fileSystem, front, *session, *kernelCache, *remembered.directory},
                                 options.program, absolutePlace(options.mountPoint),
                                 before.restarts());
-    VolumeControl control(*fileSystem,
-                          {[&front] { return front.passthroughInUse(); }, options.unpin,
-                           [pasteboard = mainWork.pasteboard()] { return pasteboard->take(); },
-                           [&wish](Reply<Done> reply) { wish.ask(std::move(reply)); }});
+    VolumeControl control(
+        *fileSystem,
+        {[&front] { return front.passthroughInUse(); }, options.unpin,
+         [pasteboard = mainWork.pasteboard()] { return pasteboard->take(); },
+         [&wish](Reply<Done> reply) { wish.ask(std::move(reply)); }, options.extensionStatus});
     const auto server = listenFor(options, before, control, *remembered.log);
     if (options.mounted) options.mounted();
     waitForEnd(endSignals.number(), session->endedDescriptor(), wish, replacement);

@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 
+#include "host/basics/ExtensionStatus.h"
 #include "host/front/InheritedMount.h"
 #include "host/volume/FileSystem.h"
 #include "platform/file_provider/NSFileProviderManager.h"
@@ -38,6 +39,8 @@ struct HostOptions {
   std::filesystem::path controlSocket;
   /// Ends that the extension has an item kept here.
   std::function<void(const platform::NSFileProviderItemIdentifier& identifier)> unpin;
+  /// What the extension's process is doing; null: it has none of its own. Called on any thread, once the extension was made.
+  std::function<ExtensionStatus()> extensionStatus;
   /// Called when the folder can be used.
   std::function<void()> mounted;
   /// Told to who asks.

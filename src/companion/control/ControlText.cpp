@@ -32,6 +32,40 @@ std::string heldText(const Json& held, Escaping escaping) {
   return text;
 }
 
+std::string sentenceEnd(const std::string& text) { return text.ends_with('.') ? "\n" : ".\n"; }
+
+std::string confinementText(const Json& confinement, Escaping escaping) {
+  std::string missing = confinement.value("whyNoBubblewrap", "");
+  for (const Json& what : confinement.at("notEnforced"))
+    missing += (missing.empty() ? "" : "; ") + what.get<std::string>();
+  if (missing.empty()) return ", confined by bubblewrap, Landlock and a filter of system calls.\n";
+  return ".\nIt is not confined as it should be: " + escapedText(missing, escaping) +
+         sentenceEnd(missing);
+}
+
+// One line of an extension that is well.
+std::string extensionText(const Json& extension, Escaping escaping) {
+  if (extension.is_null())
+    return "The extension runs within the host, without a process of its own.\n";
+  const std::uint64_t starts = numberAt(extension, "starts");
+  std::string text =
+      extension.contains("process")
+          ? "The extension runs as process " + std::to_string(numberAt(extension, "process"))
+          : "The extension does not run until it is needed";
+  if (starts > 0) text += " (started " + counted(starts, "time", "times") + ")";
+  text += extension.contains("confinement") ? confinementText(extension["confinement"], escaping)
+                                            : ".\n";
+  if (const std::uint64_t deaths = numberAt(extension, "deaths"); deaths > 0) {
+    const std::string last = extension.value("lastDeath", "");
+    text += "It died " + counted(deaths, "time", "times") + ", the last time by " +
+            escapedText(last, escaping) + "; kestrune report tells more.\n";
+  }
+  if (const std::string refusal = extension.value("refusal", ""); !refusal.empty())
+    text += "It was not started when it was last needed: " + escapedText(refusal, escaping) +
+            sentenceEnd(refusal);
+  return text;
+}
+
 std::string changesText(const Json& status) {
   const std::uint64_t count = numberAt(status, "pendingChanges");
   if (count == 0) return "Everything that was changed here is at the store.\n";
@@ -97,6 +131,7 @@ std::string statusText(const Json& status, Escaping escaping) {
     text += "The last request to the store failed: " +
             escapedText(status.value("storeError", ""), escaping) + "\n";
   }
+  if (status.contains("extension")) text += extensionText(status["extension"], escaping);
   text += changesText(status);
   text += std::to_string(numberAt(status, "uploads")) + " uploads and " +
           std::to_string(numberAt(status, "downloads")) + " downloads under way.\n";

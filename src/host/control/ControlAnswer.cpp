@@ -42,6 +42,23 @@ Json toJson(const PendingChange& change) {
 Json toJson(const std::string& result) { return text(result); }
 Json toJson(const Done&) { return Json::object(); }
 
+Json toJson(const ExtensionStatus& extension) {
+  Json json{{"starts", extension.starts}, {"deaths", extension.deaths}};
+  if (extension.pid != 0) json["process"] = extension.pid;
+  if (!extension.lastDeath.empty()) json["lastDeath"] = text(extension.lastDeath);
+  if (!extension.refusal.empty()) json["refusal"] = text(extension.refusal);
+  if (extension.confinement) {
+    Json notEnforced = Json::array();
+    for (const std::string& what : extension.confinement->notEnforced)
+      notEnforced.push_back(text(what));
+    Json confinement{{"notEnforced", std::move(notEnforced)}};
+    if (const auto& why = extension.confinement->whyNoBubblewrap)
+      confinement["whyNoBubblewrap"] = text(*why);
+    json["confinement"] = std::move(confinement);
+  }
+  return json;
+}
+
 template <class T>
 Json eachToJson(const std::vector<std::string>& paths, const Each<T>& answers) {
   Json all = Json::array();
@@ -88,6 +105,7 @@ Json toJson(const HostStatus& status) {
                          {"comparedInAll", status.lastAudit->comparedInAll},
                          {"differencesInAll", status.lastAudit->differencesInAll}};
   }
+  json["extension"] = status.extension ? toJson(*status.extension) : Json();
   if (status.lastSignal) json["lastSignal"] = platform::formatISO8601(*status.lastSignal);
   return json;
 }

@@ -17,6 +17,13 @@
 
 namespace kestrune::host {
 
+/// Of the extension: null where it runs within the host, else
+///
+///     {"process":7,"starts":3,"deaths":1,"lastDeath":"signal 11 (…)","refusal":"…",
+///      "confinement":{"whyNoBubblewrap":"…","notEnforced":["…"]}}
+///
+/// without what is not so: no process that runs, no death, no start that failed, bubblewrap that is used; without "confinement" before the
+/// first one has started.
 platform::Json toJson(const HostStatus& status);
 /// {"count":2,"changes":[…]}
 platform::Json toJson(const PendingChanges& changes);

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "host/basics/Answer.h"
+#include "host/basics/ExtensionStatus.h"
 #include "platform/values/Date.h"
 
 namespace kestrune::host {
@@ -60,6 +61,8 @@ struct HostStatus {
   std::optional<AuditReport> lastAudit;
   /// When somebody last said that the store may have changed.
   std::optional<platform::Date> lastSignal;
+  /// None: it runs within the host.
+  std::optional<ExtensionStatus> extension;
 };
 
 /// What is still to be done at the store for one item.

@@ -29,6 +29,14 @@ NSErrorPtr unavailable(const std::string& why) {
       .share();
 }
 
+// What bubblewrap has started, which ends with it; the process itself where nothing lies in between. The extension starts nothing.
+int innermost(int process) {
+  for (auto children = childProcesses(process); !children.empty();
+       children = childProcesses(process))
+    process = children.front();
+  return process;
+}
+
 }  // namespace
 
 // One program and the connection to it. What it has is set before anybody else knows it.
@@ -37,6 +45,7 @@ struct Launcher::Generation {
   std::shared_ptr<platform::NSFileProviderReplicatedExtension> extension;
   std::unique_ptr<Descriptor> report;
   std::unique_ptr<Program> program;
+  std::optional<std::string> whyNoBubblewrap;
   std::atomic<bool> isNotNeeded = false;  // its end is no death
 
   // Guarded by the launcher's lock.
@@ -66,9 +75,9 @@ class Launcher::Use final : public RunningExtension {
   GenerationPtr generation_;
 };
 
-std::vector<int> childProcesses() {
-  const std::string self = std::to_string(::getpid());
-  std::ifstream list("/proc/" + self + "/task/" + self + "/children");
+std::vector<int> childProcesses(int process) {
+  const std::string number = std::to_string(process);
+  std::ifstream list("/proc/" + number + "/task/" + number + "/children");
   return {std::istream_iterator<int>(list), std::istream_iterator<int>()};
 }
 
@@ -169,8 +178,10 @@ Launcher::GenerationPtr Launcher::startProgram() {
                       weak = std::weak_ptr(generation)](const ProgramEnd& end) {
     if (const auto launcher = self.lock()) launcher->ended(weak, end);
   };
+  const ProgramCommand command = options_.command();
+  generation->whyNoBubblewrap = command.whyNoBubblewrap;
   generation->program =
-      Program::start(options_.command(), theirs.number(), generation->report->number(), ended);
+      Program::start(command, theirs.number(), generation->report->number(), ended);
   return generation;
 }
 
@@ -188,6 +199,7 @@ void Launcher::greeted(const GenerationPtr& generation, const boundary::Greeting
     if (hasDied && mayStartAgain()) return start();
     return fail(hasDied ? unavailable("the extension's program ended before it answered") : error);
   }
+  const int pid = innermost(generation->program->pid());
   std::vector<Reply<RunningExtensionPtr>> waiting;
   std::vector<RunningExtensionPtr> uses;
   bool isTooLate = false;
@@ -199,8 +211,8 @@ void Launcher::greeted(const GenerationPtr& generation, const boundary::Greeting
     waiting.swap(waiting_);
     if (!isTooLate) {
       running_ = generation;
-      status_.pid = generation->program->pid();
-      status_.notEnforced = greeting.notEnforced;
+      status_.pid = pid;
+      status_.confinement = {generation->whyNoBubblewrap, greeting.notEnforced};
       for (std::size_t i = 0; i < waiting.size(); ++i) uses.push_back(useLocked());
     }
   }
@@ -321,7 +333,7 @@ void Launcher::died(const GenerationPtr& generation, const ProgramEnd& end) {
   options_.log->failure("extension-death", "the extension ended", end.text());
 }
 
-LaunchStatus Launcher::status() {
+ExtensionStatus Launcher::status() {
   MutexLock lock(mutex_);
   return status_;
 }

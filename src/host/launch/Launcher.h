@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "boundary/RemoteExtension.h"
+#include "host/basics/ExtensionStatus.h"
 #include "host/basics/HostLog.h"
 #include "host/basics/Timers.h"
 #include "host/launch/ExtensionSource.h"
@@ -45,21 +46,8 @@ struct LaunchOptions {
   std::size_t mostStarts = 60;
 };
 
-/// The children of this process's first thread.
-std::vector<int> childProcesses();
-
-struct LaunchStatus {
-  /// 0: it does not run.
-  int pid = 0;
-  std::uint64_t starts = 0;
-  std::uint64_t deaths = 0;  // that were not asked for
-  /// How it died the last time; empty: never.
-  std::string lastDeath;
-  /// What of its confinement the last one could not have, in words for people.
-  std::vector<std::string> notEnforced;
-  /// Why it is not started at present; empty: it is, when it is needed.
-  std::string refusal;
-};
+/// The children of a process's first thread; none where it has gone.
+std::vector<int> childProcesses(int process);
 
 class Launcher final : public ExtensionSource, public std::enable_shared_from_this<Launcher> {
  public:
@@ -68,7 +56,7 @@ class Launcher final : public ExtensionSource, public std::enable_shared_from_th
 
   void get(Reply<RunningExtensionPtr> reply) override;
   void end() override;
-  LaunchStatus status();
+  ExtensionStatus status();
 
  private:
   /// Programs that die before they answered are started so often for whoever waits.
@@ -103,7 +91,7 @@ class Launcher final : public ExtensionSource, public std::enable_shared_from_th
   std::vector<Reply<RunningExtensionPtr>> waiting_ GUARDED_BY(mutex_);
   std::vector<int> leftBehind_;                                     // used by one start at a time
   std::deque<std::chrono::nanoseconds> starts_ GUARDED_BY(mutex_);  // of the last minute
-  LaunchStatus status_ GUARDED_BY(mutex_);
+  ExtensionStatus status_ GUARDED_BY(mutex_);
 };
 
 }  // namespace kestrune::host

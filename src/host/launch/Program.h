@@ -9,6 +9,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,6 +25,8 @@ struct ProgramCommand {
   std::vector<std::string> words;
   /// Nothing else is in its environment.
   std::map<std::string, std::string> environment;
+  /// Why it is started without bubblewrap, in words for people; none: it is started by it.
+  std::optional<std::string> whyNoBubblewrap = {};
 };
 
 /// The descriptors that a program finds open beside the standard ones.

@@ -27,7 +27,7 @@ ProgramCommand SandboxedCommand::next() {
     return {sandbox::bubblewrapCommand(rules, environment, arguments), {}};
   }
   arguments.insert(arguments.begin(), paths_.program);
-  return {std::move(arguments), std::move(environment)};
+  return {std::move(arguments), std::move(environment), whyNoBubblewrap_};
 }
 
 }  // namespace kestrune::host

@@ -16,10 +16,8 @@ class SandboxedCommand {
   explicit SandboxedCommand(sandbox::SandboxPaths paths) : paths_(std::move(paths)) {}
 
   /// For the next start: what may be reached is looked up each time, since name servers and programs are replaced. The first call
-  /// tries bubblewrap. Throws NSPOSIXError where a path is not there.
+  /// tries bubblewrap, all say why it is not used. Throws NSPOSIXError where a path is not there.
   ProgramCommand next();
-  /// Why bubblewrap is not used, in words for people; none before the first call, and where it is.
-  const std::optional<std::string>& whyNoBubblewrap() const { return whyNoBubblewrap_; }
 
  private:
   const sandbox::SandboxPaths paths_;

@@ -29,6 +29,8 @@ class VolumeControl final : public HostControl {
     std::function<std::string()> takeCopied;
     /// As HostControl::restart; null where there is no program to take the place.
     std::function<void(Reply<Done> reply)> restart = nullptr;
+    /// What the extension's process is doing; null where it has none of its own. May be called on any thread.
+    std::function<ExtensionStatus()> extensionStatus = nullptr;
   };
   VolumeControl(const FileSystem& fileSystem, Outside outside);
 

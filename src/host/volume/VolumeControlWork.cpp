@@ -129,6 +129,7 @@ HostStatus VolumeControl::Work::status() {
   }
   status.lastSignal = facts.lastSignal;
   status.lastAudit = auditor->last();
+  if (outside.extensionStatus) status.extension = outside.extensionStatus();
   return status;
 }
 

@@ -68,6 +68,46 @@ TEST(ControlText, TroubleIsTold) {
   EXPECT_EQ(text.find('\x1b'), std::string::npos);
 }
 
+TEST(ControlText, AnExtensionThatIsWellTakesOneLine) {
+  HostStatus status;
+  EXPECT_THAT(statusOf(status), HasSubstr("\nThe extension runs within the host, without"));
+  status.extension.emplace();
+  EXPECT_THAT(statusOf(status), HasSubstr("\nThe extension does not run until it is needed.\n"));
+  status.extension->pid = 9;
+  status.extension->starts = 1;
+  status.extension->confinement.emplace();
+  const std::string text = statusOf(status);
+  EXPECT_THAT(text,
+              HasSubstr("\nThe extension runs as process 9 (started 1 time), confined by "
+                        "bubblewrap, Landlock and a filter of system calls.\nEverything that"));
+  EXPECT_THAT(text, Not(HasSubstr("died")));
+}
+
+TEST(ControlText, WhatTheExtensionLacksAndHowItDiedIsTold) {
+  HostStatus status;
+  status.extension.emplace();
+  status.extension->starts = 4;
+  status.extension->deaths = 2;
+  status.extension->lastDeath = "signal 11\x1b";
+  status.extension->refusal = "it ends too often\x1b";
+  status.extension->confinement = {"bubblewrap is not installed\x1b", {"no Landlock\x1b"}};
+  const std::string text = statusOf(status);
+  EXPECT_THAT(text,
+              HasSubstr("The extension does not run until it is needed (started 4 times).\n"));
+  EXPECT_THAT(text, HasSubstr("It is not confined as it should be: bubblewrap is not installed"));
+  EXPECT_THAT(text, HasSubstr("; no Landlock"));
+  EXPECT_THAT(text, HasSubstr("It died 2 times, the last time by signal 11"));
+  EXPECT_THAT(text, HasSubstr("It was not started when it was last needed: it ends too often"));
+  EXPECT_EQ(text.find('\x1b'), std::string::npos);
+}
+
+TEST(ControlText, AHostThatDoesNotTellOfTheExtensionIsUnderstood) {
+  Json json = host::toJson(HostStatus());
+  json.update({{"mountPoint", "/mnt/k"}, {"domain", "main"}, {"process", 5}});
+  json.erase("extension");
+  EXPECT_THAT(statusText(json, Escaping::none), Not(HasSubstr("extension")));
+}
+
 TEST(ControlText, PendingChangesHaveReasons) {
   PendingChanges changes{3, {host::pendingSend("/a\n", "no room"), host::pendingSend("/b")}};
   changes.changes[1].isUnderWay = true;

@@ -56,6 +56,23 @@ TEST(ControlAnswer, LeavesOutWhatIsNotKnown) {
     EXPECT_FALSE(json.contains(name)) << name;
 }
 
+TEST(ControlAnswer, TellsOfTheExtension) {
+  HostStatus status;
+  EXPECT_TRUE(toJson(status)["extension"].is_null());
+  status.extension = ExtensionStatus{
+      5, 3, 2, "signal 11", ExtensionConfinement{"not installed", {"no Landlock"}}, "too often"};
+  EXPECT_EQ(toJson(status)["extension"],
+            (Json{{"process", 5},
+                  {"starts", 3},
+                  {"deaths", 2},
+                  {"lastDeath", "signal 11"},
+                  {"refusal", "too often"},
+                  {"confinement",
+                   {{"whyNoBubblewrap", "not installed"}, {"notEnforced", {"no Landlock"}}}}}));
+  status.extension = ExtensionStatus();
+  EXPECT_EQ(toJson(status)["extension"], (Json{{"starts", 0}, {"deaths", 0}}));
+}
+
 TEST(ControlAnswer, TellsEachPendingChange) {
   PendingChanges changes{2, {pendingSend("/a\xff", "no room there"), pendingSend("/b")}};
   changes.changes[1].kind = PendingChange::Kind::remove;
