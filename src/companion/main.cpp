@@ -20,6 +20,7 @@
 #include "companion/ConsoleCommand.h"
 #include "companion/ListCommands.h"
 #include "companion/MountCommand.h"
+#include "companion/ReportCommand.h"
 #include "companion/configuration/CommandError.h"
 #include "companion/configuration/ConfigureCommand.h"
 #include "companion/configuration/InvalidateCommand.h"
@@ -47,6 +48,7 @@ constexpr const char* kFooter =
     "  kestrune pin ~/Kestrune/Docs/a.pdf\n"
     "  kestrune invalidate\n"
     "  kestrune restart\n"
+    "  kestrune report\n"
     "  echo '{\"id\":1,\"op\":\"enumerateItems\",\"container\":\"/Docs\"}' | kestrune console\n"
     "\n"
     "Files lie below $XDG_DATA_HOME/Kestrune (or ~/.local/share/Kestrune).\n"
@@ -233,6 +235,21 @@ void addRestart(CLI::App& app, Command& chosen) {
   });
 }
 
+void addReport(CLI::App& app, Command& chosen) {
+  auto* command = app.add_subcommand(
+      "report", "Print what helps to find a fault, without names, addresses or the token");
+  auto options = std::make_shared<ReportOptions>();
+  options->version = KESTRUNE_VERSION;
+  command->add_option("PATH", options->path, "in the mounted folder; default: the domain's");
+  command->add_option("--domain", options->domainIdentifier, "the domain, where there is no PATH")
+      ->capture_default_str();
+  command->add_option("--replica", options->replicaDirectory,
+                      "as it was given to mount, where no host runs");
+  command->callback([&chosen, options] {
+    chosen = [options] { printReport(HostFinder::here(), *options, std::cout); };
+  });
+}
+
 void addControls(CLI::App& app, Command& chosen) {
   addDomainControl(app, chosen, Op::status, "status", "Show how a mounted folder is doing");
   addPending(app, chosen);
@@ -263,6 +280,7 @@ int run(int argc, char** argv, host::InheritedMount& inherited) {
   addConsole(app, chosen);
   addControls(app, chosen);
   addRestart(app, chosen);
+  addReport(app, chosen);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

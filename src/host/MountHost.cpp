@@ -273,7 +273,7 @@ std::unique_ptr<ControlServer> listenFor(const HostOptions& options, const Prede
     return std::make_unique<ControlServer>(
         ControlOptions{options.controlSocket, std::filesystem::canonical(options.mountPoint),
                        options.domainIdentifier, options.version, before.restarts(),
-                       before.standstill()},
+                       before.standstill(), std::filesystem::absolute(options.replicaDirectory)},
         control);
   } catch (const platform::NSError& error) {
     log.failure("control", "take requests at '" + options.controlSocket.string() + "'",

@@ -53,7 +53,8 @@ class ControlServer::Loop {
                        {"process", ::getpid()},
                        {"version", options_.version},
                        {"restarts", options_.restarts},
-                       {"standstillMilliseconds", options_.standstill.count()}}},
+                       {"standstillMilliseconds", options_.standstill.count()},
+                       {"replica", pathToJson(options_.replica.string())}}},
         socket_(options_.socketFile) {}
 
   void run() {

@@ -37,6 +37,8 @@ struct ControlOptions {
   std::uint64_t restarts = 0;
   /// How long programs waited for the last replacement; 0 without one.
   std::chrono::milliseconds standstill{0};
+  /// Where the host keeps what it has; empty: not told.
+  std::filesystem::path replica = {};
   std::size_t mostClients = 32;
   std::chrono::milliseconds patience = std::chrono::seconds(30);
 };

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
+#include <system_error>
 #include <vector>
 
 #include "platform/files/AtomicFile.h"
@@ -38,6 +40,18 @@ std::string shown(const std::string& text) {
   return lines;
 }
 
+// The newest first: their names begin with the time.
+std::vector<std::filesystem::path> reportsIn(const std::filesystem::path& directory,
+                                             std::error_code& error) {
+  std::vector<std::filesystem::path> reports;
+  std::filesystem::directory_iterator entry(directory, error);
+  for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+    if (entry->path().filename().string().starts_with(kPrefix)) reports.push_back(entry->path());
+  }
+  std::sort(reports.rbegin(), reports.rend());
+  return reports;
+}
+
 }  // namespace
 
 Descriptor CrashReports::open() const {
@@ -57,18 +71,31 @@ void CrashReports::keep(const Descriptor& file, const std::string& heading) cons
     removeOldest();
   } catch (const platform::NSError& error) {
     log_->failure("crash-report", "keep the report of a crash", error.localizedDescription());
-  } catch (const std::filesystem::filesystem_error& error) {
-    log_->failure("crash-report", "keep the report of a crash", error.what());
   }
 }
 
 void CrashReports::removeOldest() const {
-  std::vector<std::filesystem::path> reports;
-  for (const auto& entry : std::filesystem::directory_iterator(directory_)) {
-    if (entry.path().filename().string().starts_with(kPrefix)) reports.push_back(entry.path());
+  std::error_code error;
+  const auto reports = reportsIn(directory_, error);
+  for (std::size_t i = kMost; i < reports.size() && !error; ++i)
+    std::filesystem::remove(reports[i], error);
+  if (error) log_->failure("crash-report", "remove the report of an old crash", error.message());
+}
+
+std::vector<std::string> CrashReports::keptIn(const std::filesystem::path& directory) {
+  constexpr std::uint64_t kMostShown = 8 * kMostBytes;  // a byte is escaped with a few
+  std::error_code error;                                // there is none to be told, then
+  auto files = reportsIn(directory, error);
+  if (files.size() > kMost) files.resize(kMost);
+  std::vector<std::string> reports;
+  for (const auto& file : files) {
+    try {
+      reports.push_back(platform::readFile(file, kMostShown));
+    } catch (const platform::NSError&) {
+      reports.emplace_back("a report that cannot be read\n");
+    }
   }
-  std::sort(reports.begin(), reports.end());  // their names begin with the time
-  for (std::size_t i = 0; i + kMost < reports.size(); ++i) std::filesystem::remove(reports[i]);
+  return reports;
 }
 
 }  // namespace kestrune::host

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "host/basics/HostLog.h"
 #include "host/basics/LocalFile.h"
@@ -23,6 +24,10 @@ class CrashReports {
   Descriptor open() const;
   /// Keeps what is in the file, under a heading; the oldest of more than ten are removed.
   void keep(const Descriptor& file, const std::string& heading) const;
+
+  /// The reports that are kept in a directory, the newest first, at most kMost; none where there is no such directory. One that cannot
+  /// be read is a line that says so.
+  static std::vector<std::string> keptIn(const std::filesystem::path& directory);
 
   static constexpr std::size_t kMost = 10;
   /// More of one program's words are not kept.

@@ -39,6 +39,7 @@ TEST(ControlServer, TellsWhoAnswers) {
   EXPECT_EQ(about["domain"], "main");
   EXPECT_EQ(about["process"], ::getpid());
   EXPECT_EQ(about["version"], "");
+  EXPECT_EQ(about["replica"], "/var/replica");
 }
 
 TEST(ControlServer, PassesEveryCommandOn) {

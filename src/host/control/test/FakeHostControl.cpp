@@ -224,6 +224,7 @@ ControlOptions ControlledHost::options() const {
   options.socketFile = file();
   options.mountPoint = "/mnt/k";
   options.domainIdentifier = "main";
+  options.replica = "/var/replica";
   return options;
 }
 
