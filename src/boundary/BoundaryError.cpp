@@ -14,12 +14,15 @@ NSErrorPtr interrupted() {
       .share();
 }
 
+NSErrorPtr wrongAnswer(const std::string& what) {
+  return NSCocoaError(NSCocoaError::xpcConnectionReplyInvalid,
+                      "the extension answered wrongly: " + what)
+      .share();
+}
+
 NSErrorPtr errorFrom(const kj::Exception& exception) {
   if (exception.getType() == kj::Exception::Type::DISCONNECTED) return interrupted();
-  return NSCocoaError(
-             NSCocoaError::xpcConnectionReplyInvalid,
-             std::string("the extension answered wrongly: ") + exception.getDescription().cStr())
-      .share();
+  return wrongAnswer(exception.getDescription().cStr());
 }
 
 NSErrorPtr versionMismatch(std::uint32_t ours, std::uint32_t theirs) {

@@ -14,6 +14,9 @@ namespace kestrune::boundary {
 /// The other program is gone, and whether it did what it was asked to nobody knows.
 platform::NSErrorPtr interrupted();
 
+/// The other program said what makes no sense.
+platform::NSErrorPtr wrongAnswer(const std::string& what);
+
 /// An exception of a call: an interruption where the connection is gone, else an answer that makes no sense.
 platform::NSErrorPtr errorFrom(const kj::Exception& exception);
 

@@ -9,6 +9,7 @@
 
 #include "boundary/BoundaryError.h"
 #include "boundary/Messages.h"
+#include "boundary/Protocol.h"
 #include "platform/values/Mutex.h"
 
 namespace kestrune::boundary {
@@ -165,6 +166,8 @@ std::vector<platform::NSFileProviderItemPtr> itemsOf(
   std::memcpy(listed->message.begin(), list.begin(), listed->message.asBytes().size());
   capnp::FlatArrayMessageReader reader(listed->message);
   const auto messages = reader.getRoot<wire::ItemList>().getItems();
+  // A list whose items take no bytes could name any number of them.
+  KJ_REQUIRE(messages.size() <= kMostItemsAMessage, "too many items in one message");
   listed->items.reserve(messages.size());
   for (const auto message : messages)
     listed->items.emplace_back(*listed, listed->items.size(), message);

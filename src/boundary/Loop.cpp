@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <deque>
 #include <future>
+#include <system_error>
 
 #include "platform/values/Mutex.h"
 #include "platform/values/NSError.h"
@@ -41,14 +42,47 @@ struct Loop::State {
   }
 };
 
+namespace {
+
+std::unique_ptr<kj::AsyncIoContext> makeIo() {
+  try {
+    return std::make_unique<kj::AsyncIoContext>(kj::setupAsyncIo());
+  } catch (const kj::Exception& exception) {
+    // It has no error number; "overloaded" is what it calls a lack of descriptors.
+    const bool isLack = exception.getType() == kj::Exception::Type::OVERLOADED;
+    throw NSPOSIXError(isLack ? EMFILE : EIO,
+                       std::string("make an event loop: ") + exception.getDescription().cStr());
+  }
+}
+
+}  // namespace
+
 std::shared_ptr<Loop> Loop::make(std::string name) {
   auto state = std::make_shared<State>();
   std::shared_ptr<Loop> loop(new Loop(state));
-  loop->thread_ = std::thread([state, name = std::move(name)] { serve(state, name); });
+  std::promise<void> ready;
+  try {
+    loop->thread_ = std::thread([state, name = std::move(name), &ready] {
+      ::pthread_setname_np(::pthread_self(), name.substr(0, 15).c_str());
+      std::unique_ptr<kj::AsyncIoContext> io;
+      try {
+        io = makeIo();
+      } catch (const NSPOSIXError&) {
+        return ready.set_exception(std::current_exception());
+      }
+      state->io = io.get();
+      ready.set_value();
+      serve(*state, *io);
+    });
+  } catch (const std::system_error& error) {
+    throw NSPOSIXError(error.code().value(), "start a connection's thread");
+  }
+  ready.get_future().get();
   return loop;
 }
 
 Loop::~Loop() {
+  if (!thread_.joinable()) return;  // it could not be started
   {
     MutexLock lock(state_->mutex);
     state_->isStopping = true;
@@ -83,25 +117,22 @@ void Loop::run(kj::Function<void()> work) const {
 
 kj::AsyncIoContext& Loop::io() const { return *state_->io; }
 
-void Loop::serve(const std::shared_ptr<State>& state, const std::string& name) {
-  ::pthread_setname_np(::pthread_self(), name.substr(0, 15).c_str());
-  kj::AsyncIoContext io = kj::setupAsyncIo();
-  state->io = &io;
-  kj::UnixEventPort::FdObserver observer(io.unixEventPort, state->wake.get(),
+void Loop::serve(State& state, kj::AsyncIoContext& io) {
+  kj::UnixEventPort::FdObserver observer(io.unixEventPort, state.wake.get(),
                                          kj::UnixEventPort::FdObserver::OBSERVE_READ);
   // Always awaited: the port tells of a ring once, to whoever waits for it then.
   kj::Promise<void> rung = observer.whenBecomesReadable();
   const auto heard = [&] {
     rung.wait(io.waitScope);
-    state->answer();
+    state.answer();
     rung = observer.whenBecomesReadable();
   };
   for (;;) {
     std::deque<kj::Function<void()>> taken;
     {
-      MutexLock lock(state->mutex);
-      if (state->queue.empty() && state->isStopping) return;
-      taken.swap(state->queue);
+      MutexLock lock(state.mutex);
+      if (state.queue.empty() && state.isStopping) return;
+      taken.swap(state.queue);
     }
     if (taken.empty()) {
       heard();

@@ -3,7 +3,7 @@
 // What belongs to a connection (capabilities, promises) may be used and let go on this thread alone; `held` makes a value of it
 // that other threads may keep.
 //
-// Threads: `post` and `held` on any thread; `io` on the loop's own. Fails: the constructor throws NSPOSIXError.
+// Threads: `post` and `held` on any thread; `io` on the loop's own. Fails: `make` throws NSPOSIXError.
 #pragma once
 
 #include <kj/async-io.h>
@@ -19,7 +19,7 @@ namespace kestrune::boundary {
 
 class Loop : public std::enable_shared_from_this<Loop> {
  public:
-  /// `name` of the thread, its first 15 bytes.
+  /// `name` of the thread, its first 15 bytes. Throws where there are no descriptors or threads left.
   static std::shared_ptr<Loop> make(std::string name);
   /// Ends the thread after what was posted. May happen on the thread itself.
   ~Loop();
@@ -45,7 +45,7 @@ class Loop : public std::enable_shared_from_this<Loop> {
  private:
   struct State;
   explicit Loop(std::shared_ptr<State> state) : state_(std::move(state)) {}
-  static void serve(const std::shared_ptr<State>& state, const std::string& name);
+  static void serve(State& state, kj::AsyncIoContext& io);
 
   const std::shared_ptr<State> state_;  // the thread's too
   std::thread thread_;

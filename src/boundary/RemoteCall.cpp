@@ -48,6 +48,17 @@ std::shared_ptr<platform::NSProgress> RemoteCall::makeProgress() {
 
 wire::Caller::Client RemoteCall::caller() { return kj::heap<Server>(shared_from_this()); }
 
+void RemoteCall::endWith(kj::Promise<void> connection) {
+  // Posted: a promise must not be destroyed by what it calls.
+  const auto ended = [loop = loop_, self = weak_from_this()] {
+    loop->post([self] {
+      if (const auto call = self.lock()) call->complete({.error = interrupted()});
+    });
+  };
+  connection_ = connection.then([ended] { ended(); }, [ended](kj::Exception&&) { ended(); })
+                    .eagerlyEvaluate(nullptr);
+}
+
 void RemoteCall::began(wire::Operation::Client operation) {
   if (!handler_) return;
   operation_ = loop_->held(kj::mv(operation));

@@ -1,6 +1,6 @@
 // One operation that was asked of the extension's program: its progress and its completion, as the host knows them.
 //
-// Threads: made on any thread; all else on the loop's thread. The completion handler is called, or let go, on `where`, once.
+// Threads: made on any thread; all else, its end too, on the loop's thread. The completion handler is called, or let go, on `where`, once.
 #pragma once
 
 #include <boost/asio/any_io_executor.hpp>
@@ -26,6 +26,9 @@ class RemoteCall : public std::enable_shared_from_this<RemoteCall> {
   /// The capability by which the program tells of progress and completion. Let go without a completion it means that the
   /// program is gone.
   wire::Caller::Client caller();
+  /// When this ends, so does the call. The capability alone does not tell of the program's death: a program may hand it back to
+  /// the host as something else, which the host then holds itself.
+  void endWith(kj::Promise<void> connection);
   /// The program has begun.
   void began(wire::Operation::Client operation);
   /// There will be no completion from the program.
@@ -44,6 +47,7 @@ class RemoteCall : public std::enable_shared_from_this<RemoteCall> {
   Handler handler_;  // none after the end
   std::shared_ptr<wire::Operation::Client> operation_;
   bool isCancelled_ = false;
+  kj::Promise<void> connection_ = nullptr;
 };
 
 }  // namespace kestrune::boundary

@@ -8,6 +8,7 @@
 #include "boundary/BoundaryError.h"
 #include "boundary/ListedItems.h"
 #include "boundary/Messages.h"
+#include "boundary/Protocol.h"
 #include "platform/tasks/Task.h"
 
 namespace kestrune::boundary {
@@ -19,10 +20,15 @@ using platform::NSFileProviderItemPtr;
 using platform::NSFileProviderSyncAnchor;
 using Items = std::vector<NSFileProviderItemPtr>;
 using Identifiers = std::vector<platform::NSFileProviderItemIdentifier>;
+using Flag = std::shared_ptr<std::atomic<bool>>;
 
 template <class Work>
 void onExecutor(Work work) {
   boost::asio::post(platform::sharedExecutor(), std::move(work));
+}
+
+NSErrorPtr tooMany() {
+  return wrongAnswer("more than " + std::to_string(kMostItemsAMessage) + " items in one message");
 }
 
 void append(Items& items, Items more) {
@@ -34,13 +40,14 @@ void append(Items& items, Items more) {
 class ItemObserverServer final : public wire::ItemObserver::Server {
  public:
   using Observer = std::shared_ptr<platform::NSFileProviderEnumerationObserver>;
-  ItemObserverServer(std::shared_ptr<Loop> loop, Observer observer)
-      : loop_(std::move(loop)), observer_(std::move(observer)) {}
+  ItemObserverServer(std::shared_ptr<Loop> loop, Observer observer, Flag isGone)
+      : loop_(std::move(loop)), observer_(std::move(observer)), isGone_(std::move(isGone)) {}
   ~ItemObserverServer() { end(interrupted()); }
   KJ_DISALLOW_COPY(ItemObserverServer);
 
   void end(NSErrorPtr error) {
     if (!observer_) return;
+    if (platform::isInterruption(*error)) *isGone_ = true;
     onExecutor([observer = std::exchange(observer_, nullptr), error = std::move(error)] {
       observer->finishEnumeratingWithError(error);
     });
@@ -48,6 +55,7 @@ class ItemObserverServer final : public wire::ItemObserver::Server {
 
  protected:
   kj::Promise<void> items(ItemsContext context) override {
+    if (!observer_) return kj::READY_NOW;
     try {
       const auto told = context.getParams();
       append(items_, itemsOf(told.getList(), loop_->held(told.getPolicies()), loop_));
@@ -79,19 +87,21 @@ class ItemObserverServer final : public wire::ItemObserver::Server {
  private:
   const std::shared_ptr<Loop> loop_;
   Observer observer_;  // none after the end
+  const Flag isGone_;
   Items items_;
 };
 
 class ChangeObserverServer final : public wire::ChangeObserver::Server {
  public:
   using Observer = std::shared_ptr<platform::NSFileProviderChangeObserver>;
-  ChangeObserverServer(std::shared_ptr<Loop> loop, Observer observer)
-      : loop_(std::move(loop)), observer_(std::move(observer)) {}
+  ChangeObserverServer(std::shared_ptr<Loop> loop, Observer observer, Flag isGone)
+      : loop_(std::move(loop)), observer_(std::move(observer)), isGone_(std::move(isGone)) {}
   ~ChangeObserverServer() { end(interrupted()); }
   KJ_DISALLOW_COPY(ChangeObserverServer);
 
   void end(NSErrorPtr error) {
     if (!observer_) return;
+    if (platform::isInterruption(*error)) *isGone_ = true;
     onExecutor([observer = std::exchange(observer_, nullptr), error = std::move(error)] {
       observer->finishEnumeratingWithError(error);
     });
@@ -99,6 +109,7 @@ class ChangeObserverServer final : public wire::ChangeObserver::Server {
 
  protected:
   kj::Promise<void> updated(UpdatedContext context) override {
+    if (!observer_) return kj::READY_NOW;
     try {
       const auto told = context.getParams();
       append(last<Items>(), itemsOf(told.getList(), loop_->held(told.getPolicies()), loop_));
@@ -108,8 +119,11 @@ class ChangeObserverServer final : public wire::ChangeObserver::Server {
     return kj::READY_NOW;
   }
   kj::Promise<void> deleted(DeletedContext context) override {
+    const auto identifiers = context.getParams().getIdentifiers();
+    if (identifiers.size() > kMostItemsAMessage) end(tooMany());
+    if (!observer_) return kj::READY_NOW;
     auto& all = last<Identifiers>();
-    auto more = read(context.getParams().getIdentifiers());
+    auto more = read(identifiers);
     all.insert(all.end(), std::make_move_iterator(more.begin()),
                std::make_move_iterator(more.end()));
     return kj::READY_NOW;
@@ -150,6 +164,7 @@ class ChangeObserverServer final : public wire::ChangeObserver::Server {
 
   const std::shared_ptr<Loop> loop_;
   Observer observer_;  // none after the end
+  const Flag isGone_;
   std::vector<std::variant<Items, Identifiers>> reports_;
 };
 
@@ -211,9 +226,9 @@ void RemoteEnumerator::invalidate() {
 void RemoteEnumerator::enumerateItems(
     std::shared_ptr<platform::NSFileProviderEnumerationObserver> observer,
     platform::NSFileProviderPage page) {
-  loop_->post([loop = loop_, coming = coming_, observer = std::move(observer),
+  loop_->post([loop = loop_, coming = coming_, isGone = isGone_, observer = std::move(observer),
                page = std::move(page)]() mutable {
-    coming->with(asking(kj::heap<ItemObserverServer>(loop, std::move(observer)),
+    coming->with(asking(kj::heap<ItemObserverServer>(loop, std::move(observer), isGone),
                         [page = std::move(page)](wire::Enumerator::Client& enumerator,
                                                  wire::ItemObserver::Client& told) {
                           auto request = enumerator.enumerateItemsRequest();
@@ -227,9 +242,9 @@ void RemoteEnumerator::enumerateItems(
 void RemoteEnumerator::enumerateChanges(
     std::shared_ptr<platform::NSFileProviderChangeObserver> observer,
     NSFileProviderSyncAnchor anchor) {
-  loop_->post([loop = loop_, coming = coming_, observer = std::move(observer),
+  loop_->post([loop = loop_, coming = coming_, isGone = isGone_, observer = std::move(observer),
                anchor = std::move(anchor)]() mutable {
-    coming->with(asking(kj::heap<ChangeObserverServer>(loop, std::move(observer)),
+    coming->with(asking(kj::heap<ChangeObserverServer>(loop, std::move(observer), isGone),
                         [anchor = std::move(anchor)](wire::Enumerator::Client& enumerator,
                                                      wire::ChangeObserver::Client& told) {
                           auto request = enumerator.enumerateChangesRequest();
@@ -242,18 +257,24 @@ void RemoteEnumerator::enumerateChanges(
 
 void RemoteEnumerator::currentSyncAnchor(
     std::function<void(std::optional<NSFileProviderSyncAnchor>)> completionHandler) {
-  const auto answer =
-      [handler = std::move(completionHandler)](std::optional<NSFileProviderSyncAnchor> anchor) {
-        onExecutor([handler, anchor = std::move(anchor)] { handler(anchor); });
-      };
-  auto use = [answer](wire::Enumerator::Client* enumerator, const NSErrorPtr&) {
+  // Handed over with the answer: what the handler holds is not for the loop's thread to destroy.
+  const auto answer = [handler = std::make_shared<decltype(completionHandler)>(std::move(
+                           completionHandler))](std::optional<NSFileProviderSyncAnchor> anchor) {
+    onExecutor([handler = std::exchange(*handler, nullptr), anchor = std::move(anchor)]() mutable {
+      handler(std::move(anchor));
+    });
+  };
+  auto use = [answer, isGone = isGone_](wire::Enumerator::Client* enumerator, const NSErrorPtr&) {
     if (enumerator == nullptr) return answer(std::nullopt);
     enumerator->currentSyncAnchorRequest()
         .send()
         .then([answer](auto&& told) {
           answer(told.hasAnchor() ? std::optional(text(told.getAnchor())) : std::nullopt);
         })
-        .detach([answer](kj::Exception&&) { answer(std::nullopt); });
+        .detach([answer, isGone](kj::Exception&& exception) {
+          if (platform::isInterruption(*errorFrom(exception))) *isGone = true;
+          answer(std::nullopt);
+        });
   };
   loop_->post([coming = coming_, use]() mutable { coming->with(kj::mv(use)); });
 }

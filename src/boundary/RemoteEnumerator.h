@@ -3,9 +3,10 @@
 // What an enumeration reports is handed to its observer when all of it has come, in one piece: whoever finds that the program died
 // meanwhile can ask the next one without anybody having seen half an answer.
 //
-// Threads: as the protocol says; observers are called on the shared executor.
+// Threads: as the protocol says; observers and handlers are called, and let go, on the shared executor.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -21,8 +22,10 @@ class RemoteEnumerator final : public platform::NSFileProviderEnumerator {
   /// The answer of the program to the question for an enumerator: filled in on the loop's thread.
   class Coming;
 
-  RemoteEnumerator(std::shared_ptr<Loop> loop, std::shared_ptr<Coming> coming)
-      : loop_(std::move(loop)), coming_(std::move(coming)) {}
+  /// `isGone` is set before anybody is told that the program is gone.
+  RemoteEnumerator(std::shared_ptr<Loop> loop, std::shared_ptr<Coming> coming,
+                   std::shared_ptr<std::atomic<bool>> isGone)
+      : loop_(std::move(loop)), coming_(std::move(coming)), isGone_(std::move(isGone)) {}
 
   void invalidate() override;
   void enumerateItems(std::shared_ptr<platform::NSFileProviderEnumerationObserver> observer,
@@ -35,6 +38,7 @@ class RemoteEnumerator final : public platform::NSFileProviderEnumerator {
  private:
   const std::shared_ptr<Loop> loop_;
   const std::shared_ptr<Coming> coming_;
+  const std::shared_ptr<std::atomic<bool>> isGone_;
 };
 
 /// Threads: the loop's alone.

@@ -30,11 +30,38 @@ using platform::NSProgressPtr;
 // What a stream may be ahead of the host's disk.
 constexpr std::size_t kStreamBytes = 4U << 20U;
 
+// Hands descriptors on and takes none: the program has none to give, and the host's are counted.
+class GivingStream final : public capnp::MessageStream {
+ public:
+  explicit GivingStream(kj::AsyncCapabilityStream& stream) : stream_(stream) {}
+
+  kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> tryReadMessage(
+      kj::ArrayPtr<kj::AutoCloseFd>, capnp::ReaderOptions options,
+      kj::ArrayPtr<capnp::word> scratch) override {
+    return stream_.tryReadMessage(nullptr, options, scratch);
+  }
+  kj::Promise<void> writeMessage(
+      kj::ArrayPtr<const int> descriptors,
+      kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>> segments) override {
+    return stream_.writeMessage(descriptors, segments);
+  }
+  kj::Promise<void> writeMessages(
+      kj::ArrayPtr<kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>>> messages) override {
+    return stream_.writeMessages(messages);
+  }
+  kj::Maybe<int> getSendBufferSize() override { return stream_.getSendBufferSize(); }
+  kj::Promise<void> end() override { return stream_.end(); }
+
+ private:
+  capnp::AsyncCapabilityMessageStream stream_;
+};
+
 // One side of a two-party connection.
 struct Wire {
   Wire(kj::AsyncIoContext& io, int socket)
       : stream(io.lowLevelProvider->wrapUnixSocketFd(kj::AutoCloseFd(socket))),
-        network(*stream, 1, capnp::rpc::twoparty::Side::CLIENT),  // 1: lest none is sent either
+        messages(*stream),
+        network(messages, 1, capnp::rpc::twoparty::Side::CLIENT),  // 1: lest none is sent either
         system(capnp::makeRpcClient(network)),
         extension(bootstrap(system)) {}
 
@@ -46,6 +73,7 @@ struct Wire {
   }
 
   kj::Own<kj::AsyncCapabilityStream> stream;
+  GivingStream messages;
   capnp::TwoPartyVatNetwork network;
   capnp::RpcSystem<capnp::rpc::twoparty::VatId> system;
   wire::Extension::Client extension;
@@ -57,7 +85,7 @@ struct RemoteExtension::Link : std::enable_shared_from_this<Link> {
   std::shared_ptr<Loop> loop;
   HostServices services;
   std::unique_ptr<Wire> wire;  // the loop's; none after the end
-  std::atomic<bool> isGone = false;
+  const std::shared_ptr<std::atomic<bool>> isGone = std::make_shared<std::atomic<bool>>(false);
 
   // Sends a request with the fields that `fill` sets, and gives its caller to the handler.
   template <class Request>
@@ -66,17 +94,17 @@ struct RemoteExtension::Link : std::enable_shared_from_this<Link> {
   template <class Request, class Fill>
   NSProgressPtr begin(Method<Request> method, Fill fill, RemoteCall::Handler handler,
                       boost::asio::any_io_executor where = platform::sharedExecutor()) {
-    auto noting = [link = weak_from_this(), handler = std::move(handler)](Completed completed) {
-      const auto live = link.lock();
-      if (live && completed.error && platform::isInterruption(*completed.error))
-        live->isGone = true;
+    auto noting = [isGone = isGone, handler = std::move(handler)](Completed completed) {
+      if (completed.error && platform::isInterruption(*completed.error)) *isGone = true;
       handler(std::move(completed));
     };
     auto call = std::make_shared<RemoteCall>(loop, std::move(where), std::move(noting));
     auto progress = call->makeProgress();
-    loop->post([link = shared_from_this(), call, method, fill = std::move(fill)]() mutable {
+    loop->post([link = shared_from_this(), call = std::move(call), method,
+                fill = std::move(fill)]() mutable {
       auto caller = call->caller();
       if (!link->wire) return;  // the caller's end is the answer
+      call->endWith(link->wire->network.onDisconnect());
       auto request = (link->wire->extension.*method)(nullptr);
       request.setCaller(caller);
       fill(request);
@@ -95,6 +123,10 @@ std::shared_ptr<RemoteExtension> RemoteExtension::connect(int socket, HostServic
   link->services = std::move(services);
   link->loop->post([link, owned = kj::mv(owned)]() mutable {
     link->wire = std::make_unique<Wire>(link->loop->io(), owned.release());
+    // Each a function of its own: a promise refers to a named one instead of keeping it.
+    link->wire->network.onDisconnect()
+        .then([isGone = link->isGone] { *isGone = true; })
+        .detach([isGone = link->isGone](kj::Exception&&) { *isGone = true; });
   });
   return std::shared_ptr<RemoteExtension>(new RemoteExtension(std::move(link)));
 }
@@ -102,18 +134,19 @@ std::shared_ptr<RemoteExtension> RemoteExtension::connect(int socket, HostServic
 RemoteExtension::~RemoteExtension() { disconnect(); }
 
 void RemoteExtension::disconnect() {
-  link_->isGone = true;
+  *link_->isGone = true;
   link_->loop->run([this] { link_->wire = nullptr; });
 }
 
-bool RemoteExtension::isGone() const { return link_->isGone; }
+bool RemoteExtension::isGone() const { return *link_->isGone; }
 
 void RemoteExtension::greet(const platform::NSFileProviderDomain& domain, Greeted greeted) {
-  const auto answer = [greeted = std::move(greeted)](Greeting greeting, NSErrorPtr error) {
+  // Handed over with the answer: what it holds is not for the loop's thread to destroy.
+  const auto answer = [once = std::make_shared<Greeted>(std::move(greeted))](Greeting greeting,
+                                                                             NSErrorPtr error) {
     boost::asio::post(platform::sharedExecutor(),
-                      [greeted, greeting = std::move(greeting), error = std::move(error)] {
-                        greeted(greeting, error);
-                      });
+                      [greeted = std::exchange(*once, nullptr), greeting = std::move(greeting),
+                       error = std::move(error)] { greeted(greeting, error); });
   };
   link_->loop->post([link = link_, domain, answer] {
     if (!link->wire) return answer({}, interrupted());
@@ -208,6 +241,9 @@ NSProgressPtr RemoteExtension::streamContents(NSFileProviderItemIdentifier itemI
     });
     return std::make_shared<platform::NSProgress>(0);
   }
+  // The end's alone: whatever the program says after it, nobody hears any more of its bytes.
+  auto taking = std::make_shared<const BytesHandler>(std::move(bytes));
+  const std::weak_ptr<const BytesHandler> taken = taking;
   return link_->begin(
       &wire::Extension::Client::streamContentsRequest,
       [=, loop = link_->loop](auto& message) {
@@ -216,9 +252,11 @@ NSProgressPtr RemoteExtension::streamContents(NSFileProviderItemIdentifier itemI
         write(message.initRequest(), request);
         write(message.initRange(), range);
         message.setMemory(kj::heap<MemoryServer>(memory));
-        message.setTaker(kj::heap<StreamReader>(loop, inOrder, memory, bytes));
+        message.setTaker(kj::heap<StreamReader>(loop, inOrder, memory, taken));
       },
-      [handler = std::move(completionHandler)](const Completed& completed) {
+      [handler = std::move(completionHandler),
+       taking = std::move(taking)](const Completed& completed) mutable {
+        taking = nullptr;
         handler(completed.item, completed.error);
       },
       inOrder);
@@ -326,11 +364,11 @@ std::shared_ptr<platform::NSFileProviderEnumerator> RemoteExtension::enumerator(
             })
             .detach([link, coming](kj::Exception&& exception) {
               const auto error = errorFrom(exception);
-              if (platform::isInterruption(*error)) link->isGone = true;
+              if (platform::isInterruption(*error)) *link->isGone = true;
               coming->failed(error);
             });
       });
-  return std::make_shared<RemoteEnumerator>(link_->loop, std::move(coming));
+  return std::make_shared<RemoteEnumerator>(link_->loop, std::move(coming), link_->isGone);
 }
 
 }  // namespace kestrune::boundary

@@ -59,7 +59,7 @@ class RemoteExtension final : public platform::NSFileProviderReplicatedExtension
   void greet(const platform::NSFileProviderDomain& domain, Greeted greeted);
   /// Ends the connection: what is open fails as interrupted, and the program hears that its host is gone.
   void disconnect();
-  /// Whether the connection was ended, or an operation found that the program is gone.
+  /// Whether the connection has ended, or an operation found that the program is gone. True before any operation ends for that.
   bool isGone() const;
 
   void invalidate() override;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "boundary/Messages.h"
+#include "boundary/Protocol.h"
 #include "platform/tasks/Task.h"
 
 namespace kestrune::boundary {
@@ -16,7 +17,6 @@ namespace {
 using platform::NSErrorPtr;
 using platform::NSFileProviderItemPtr;
 
-constexpr std::size_t kItemsAMessage = 256;
 constexpr unsigned kFirstWords = 16U << 10U;  // so that a usual message is one piece
 
 // Some of what is reported, and its items, whose policies may be asked for.
@@ -30,8 +30,9 @@ using PartPtr = std::shared_ptr<const Part>;
 
 std::vector<PartPtr> partsOf(const std::vector<NSFileProviderItemPtr>& items) {
   std::vector<PartPtr> parts;
-  for (std::size_t from = 0; from < items.size(); from += kItemsAMessage) {
-    const auto some = std::span(items).subspan(from, std::min(kItemsAMessage, items.size() - from));
+  for (std::size_t from = 0; from < items.size(); from += kMostItemsAMessage) {
+    const auto some = std::span(items).subspan(
+        from, std::min<std::size_t>(kMostItemsAMessage, items.size() - from));
     auto part = std::make_shared<Part>();
     part->items.assign(some.begin(), some.end());
     capnp::MallocMessageBuilder message(kFirstWords);
@@ -86,7 +87,9 @@ class Ordered : public std::enable_shared_from_this<Ordered<Client>> {
 
   void then(Send send) {
     loop_->post([told = told_, send = std::move(send)]() mutable {
-      told->last = told->last.then([told, send = std::move(send)] { return send(told->client); });
+      // At once, not when somebody waits for the last one: a promise that nobody waits for does nothing.
+      told->last = told->last.then([told, send = std::move(send)] { return send(told->client); })
+                       .eagerlyEvaluate(nullptr);
     });
   }
 
@@ -184,8 +187,9 @@ class ChangeReporter final : public platform::NSFileProviderChangeObserver {
   }
   void didDeleteItemsWithIdentifiers(std::vector<std::string> deletedItemIdentifiers) override {
     const auto& all = deletedItemIdentifiers;
-    for (std::size_t from = 0; from < all.size(); from += kItemsAMessage) {
-      const auto some = std::span(all).subspan(from, std::min(kItemsAMessage, all.size() - from));
+    for (std::size_t from = 0; from < all.size(); from += kMostItemsAMessage) {
+      const auto some = std::span(all).subspan(
+          from, std::min<std::size_t>(kMostItemsAMessage, all.size() - from));
       reporter_.report(
           [part = std::vector(some.begin(), some.end())](wire::ChangeObserver::Client& client) {
             auto request = client.deletedRequest();

@@ -14,9 +14,10 @@ kj::Promise<void> StreamReader::take(TakeContext context) {
   const std::string_view bytes(all.data() + start, told.getLength());
   auto answered = kj::newPromiseAndFulfiller<bool>();
   boost::asio::post(
-      where_, [loop = loop_, memory = memory_, handler = bytes_, bytes, offset = told.getOffset(),
+      where_, [loop = loop_, memory = memory_, weak = bytes_, bytes, offset = told.getOffset(),
                answer = loop_->held(kj::mv(answered.fulfiller))] {
-        const bool wanted = (*handler)(offset, bytes);
+        const auto handler = weak.lock();
+        const bool wanted = handler && (*handler)(offset, bytes);
         loop->post([answer, wanted] { (*answer)->fulfill(bool(wanted)); });
       });
   return answered.promise.then(

@@ -1,6 +1,7 @@
 // The host's end of a stream: hands on what the program has put into the shared memory, piece after piece.
 //
-// Threads: made on any thread; a capability of the loop. `bytes` is called on `where`, which runs one thing at a time.
+// Threads: made on any thread; a capability of the loop. `bytes` is called on `where`, which runs one thing at a time; not after
+// its owner has let it go there.
 #pragma once
 
 #include <boost/asio/any_io_executor.hpp>
@@ -26,12 +27,12 @@ class MemoryServer final : public wire::Memory::Server {
 class StreamReader final : public wire::Taker::Server {
  public:
   StreamReader(std::shared_ptr<Loop> loop, boost::asio::any_io_executor where,
-               std::shared_ptr<SharedMemory> memory, platform::ContentStreaming::BytesHandler bytes)
+               std::shared_ptr<SharedMemory> memory,
+               std::weak_ptr<const platform::ContentStreaming::BytesHandler> bytes)
       : loop_(std::move(loop)),
         where_(std::move(where)),
         memory_(std::move(memory)),
-        bytes_(std::make_shared<const platform::ContentStreaming::BytesHandler>(std::move(bytes))) {
-  }
+        bytes_(std::move(bytes)) {}
 
  protected:
   kj::Promise<void> take(TakeContext context) override;
@@ -40,7 +41,7 @@ class StreamReader final : public wire::Taker::Server {
   const std::shared_ptr<Loop> loop_;
   const boost::asio::any_io_executor where_;
   const std::shared_ptr<SharedMemory> memory_;
-  const std::shared_ptr<const platform::ContentStreaming::BytesHandler> bytes_;
+  const std::weak_ptr<const platform::ContentStreaming::BytesHandler> bytes_;
 };
 
 }  // namespace kestrune::boundary

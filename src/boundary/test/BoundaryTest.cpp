@@ -1,19 +1,35 @@
 // What there is only across the boundary: the greeting, what the extension asks of its host, and the death of either side.
 #include <gtest/gtest.h>
+#include <kj/io.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <any>
+#include <boost/asio/thread_pool.hpp>
 
 #include "boundary/BoundaryError.h"
 #include "boundary/Protocol.h"
 #include "boundary/test/ProtocolHarness.h"
 #include "platform/file_provider/NSFileProviderError.h"
+#include "platform/tasks/Task.h"
 
 namespace kestrune::boundary::test {
 namespace {
 
 using testing::_;
 using testing::Invoke;
+
+// Hears how an enumeration ended.
+class Interrupted final : public NSFileProviderEnumerationObserver {
+ public:
+  explicit Interrupted(std::function<void(NSErrorPtr)> ended) : ended_(std::move(ended)) {}
+  void didEnumerateItems(std::vector<NSFileProviderItemPtr>) override {}
+  void finishEnumeratingUpToPage(std::optional<std::string>) override { ended_(nullptr); }
+  void finishEnumeratingWithError(NSErrorPtr error) override { ended_(std::move(error)); }
+
+ private:
+  const std::function<void(NSErrorPtr)> ended_;
+};
 
 class BoundaryTest : public testing::Test {
  protected:
@@ -117,6 +133,90 @@ TEST_F(BoundaryTest, WhatBeginsAfterTheDeathFailsAsInterrupted) {
   EXPECT_TRUE(boundary->remote->isGone());
 }
 
+TEST_F(BoundaryTest, AnEnumerationThatWasInterruptedHasFoundThatTheProgramIsGone) {
+  const auto folder = std::make_shared<testing::NiceMock<MockEnumerator>>();
+  std::promise<void> asked;
+  std::shared_ptr<NSFileProviderEnumerationObserver> kept;  // as an extension that dies keeps it
+  EXPECT_CALL(*extension, enumerator).WillOnce(testing::Return(folder));
+  EXPECT_CALL(*folder, enumerateItems).WillOnce(Invoke([&](auto&& observer, auto&&) {
+    kept = observer;
+    asked.set_value();
+  }));
+  Told<NSErrorPtr, bool> told;
+  const auto seen = boundary->remote->enumerator("x", {});
+  seen->enumerateItems(
+      std::make_shared<Interrupted>([&, handler = told.handler()](NSErrorPtr error) {
+        handler(std::move(error), boundary->remote->isGone());
+      }),
+      "page");
+  asked.get_future().wait();
+  boundary->killProgram();
+  const auto [error, wasGone] = told.wait();
+  EXPECT_TRUE(platform::isInterruption(*error));
+  EXPECT_TRUE(wasGone) << "asked again, the same program would be asked";
+  testing::Mock::VerifyAndClear(extension.get());
+}
+
+TEST_F(BoundaryTest, AnAnchorThatIsNotToldHasFoundThatTheProgramIsGone) {
+  const auto folder = std::make_shared<testing::NiceMock<MockEnumerator>>();
+  std::promise<void> asked;
+  std::function<void(std::optional<std::string>)> kept;
+  EXPECT_CALL(*extension, enumerator).WillOnce(testing::Return(folder));
+  EXPECT_CALL(*folder, currentSyncAnchor).WillOnce(Invoke([&](auto&& handler) {
+    kept = handler;
+    asked.set_value();
+  }));
+  Told<std::optional<std::string>, bool> told;
+  const auto seen = boundary->remote->enumerator("x", {});
+  seen->currentSyncAnchor([&, handler = told.handler()](std::optional<std::string> anchor) {
+    handler(std::move(anchor), boundary->remote->isGone());
+  });
+  asked.get_future().wait();
+  boundary->killProgram();
+  const auto [anchor, wasGone] = told.wait();
+  EXPECT_EQ(anchor, std::nullopt);
+  EXPECT_TRUE(wasGone);
+  testing::Mock::VerifyAndClear(extension.get());
+}
+
+TEST_F(BoundaryTest, ADeathIsNoticedByWhoAsksNothing) {
+  boundary->killProgram();
+  const auto deadline = std::chrono::steady_clock::now() + kSoon;
+  while (!boundary->remote->isGone() && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_TRUE(boundary->remote->isGone());
+}
+
+TEST_F(BoundaryTest, WhatAHandlerHoldsIsLetGoOnNoConnectionsThread) {
+  std::atomic<int> onTheLoop = 0;
+  std::atomic<int> letGo = 0;
+  const auto held = [&] {
+    return std::shared_ptr<void>(nullptr, [&](void*) {
+      const auto executor = platform::sharedExecutor();
+      using Pool = boost::asio::thread_pool::executor_type;
+      if (!executor.target<Pool>()->running_in_this_thread()) ++onTheLoop;
+      ++letGo;
+    });
+  };
+  constexpr int kTimes = 300;
+  const auto answering = std::make_shared<testing::NiceMock<MockEnumerator>>();
+  ON_CALL(*answering, currentSyncAnchor).WillByDefault(Invoke([](auto&& handler) {
+    handler("anchor");
+  }));
+  EXPECT_CALL(*extension, enumerator).WillOnce(testing::Return(answering));
+  const auto folder = boundary->remote->enumerator("x", {});
+  for (int i = 0; i < kTimes; ++i) {
+    folder->currentSyncAnchor([held = held()](auto&&) {});
+    boundary->remote->greet({"d", "d"}, [held = held()](auto&&...) {});
+  }
+  const auto deadline = std::chrono::steady_clock::now() + kSoon;
+  while (letGo < 2 * kTimes && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_EQ(letGo, 2 * kTimes);
+  EXPECT_EQ(onTheLoop, 0);
+  testing::Mock::VerifyAndClear(extension.get());
+}
+
 TEST_F(BoundaryTest, TheProgramHearsThatTheHostIsGone) {
   boundary->remote = nullptr;
   EXPECT_EQ(boundary->hostWent.get_future().wait_for(kSoon), std::future_status::ready);
@@ -129,8 +229,8 @@ TEST_F(BoundaryTest, TheProgramHearsThatTheHostIsGone) {
 TEST_F(BoundaryTest, AStreamThatFillsTheMemoryIsLetGoWhenTheHostIsGone) {
   std::promise<void> returned;
   EXPECT_CALL(*extension, streamContents)
-      .WillOnce(Invoke([&](auto&&, auto&&, auto&&, auto&&, const auto& bytes, auto&&) {
-        std::thread([&returned, bytes] {
+      .WillOnce(Invoke([&](auto&&, auto&&, auto&&, auto&&, const auto& bytes, const auto& end) {
+        std::thread([&returned, bytes, end] {
           const std::string piece(1 << 20, 'x');
           while (bytes(0, piece)) {
           }
@@ -142,6 +242,7 @@ TEST_F(BoundaryTest, AStreamThatFillsTheMemoryIsLetGoWhenTheHostIsGone) {
   std::promise<void> goOn;
   std::shared_future<void> may = goOn.get_future().share();
   std::atomic<bool> isFirst = true;
+  Told<NSFileProviderItemPtr, NSErrorPtr> ended;
   boundary->remote->streamContents(
       "x", {}, {}, {0, INT64_MAX},
       [&, may](auto&&...) {
@@ -149,12 +250,38 @@ TEST_F(BoundaryTest, AStreamThatFillsTheMemoryIsLetGoWhenTheHostIsGone) {
         may.wait();  // a disk that takes nothing
         return true;
       },
-      [](auto&&...) {});
+      ended.handler());
   blocked.get_future().wait();
   boundary->remote = nullptr;
   auto end = returned.get_future();
   EXPECT_EQ(end.wait_for(kSoon), std::future_status::ready);
   goOn.set_value();
+  ended.wait();  // after the pieces that were told before
+}
+
+TEST(Connecting, WithoutDescriptorsLeftItFailsAndTheHostLives) {
+#if __has_feature(undefined_behavior_sanitizer)
+  GTEST_SKIP() << "that sanitizer looks at objects by descriptors of its own";
+#endif
+  struct rlimit before {};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  int failures = 0;
+  for (rlim_t spare = 0; spare < 8; ++spare) {
+    const auto [hostEnd, otherEnd] = socketPair();
+    const kj::AutoCloseFd other(otherEnd);
+    const kj::AutoCloseFd lowestFree(::dup(hostEnd));
+    const rlimit few{static_cast<rlim_t>(lowestFree.get()) + 1 + spare, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+    try {
+      RemoteExtension::connect(hostEnd, {});
+    } catch (const NSPOSIXError& error) {
+      EXPECT_EQ(error.code(), EMFILE);
+      ++failures;
+    }
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+  }
+  EXPECT_GT(failures, 0);
+  EXPECT_LT(failures, 8);
 }
 
 TEST(Greeting, BytesThatAreNoMessagesAreAnInterruption) {

@@ -1,0 +1,239 @@
+// A program that keeps to the protocol's form and to nothing else: the host must come to no harm from it.
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+
+#include "boundary/Loop.h"
+#include "boundary/Protocol.h"
+#include "boundary/Wire.h"
+#include "boundary/test/ProtocolHarness.h"
+
+namespace kestrune::boundary::test {
+namespace {
+
+// The other end of a socket, where everything is a test's to decide.
+class HostileProgram {
+ public:
+  template <class Server>
+  HostileProgram(int socket, kj::Own<Server> extension) {
+    loop_->run([&] { end_ = std::make_unique<End>(loop_->io(), socket, kj::mv(extension)); });
+  }
+  ~HostileProgram() {
+    loop_->run([this] { end_ = nullptr; });
+  }
+  HostileProgram(const HostileProgram&) = delete;
+  HostileProgram& operator=(const HostileProgram&) = delete;
+
+ private:
+  struct End {
+    End(kj::AsyncIoContext& io, int socket, wire::Extension::Client extension)
+        : stream(io.lowLevelProvider->wrapUnixSocketFd(kj::AutoCloseFd(socket))),
+          network(*stream, 1, capnp::rpc::twoparty::Side::SERVER),
+          system(capnp::makeRpcServer(network, kj::mv(extension))) {}
+    kj::Own<kj::AsyncCapabilityStream> stream;
+    capnp::TwoPartyVatNetwork network;
+    capnp::RpcSystem<capnp::rpc::twoparty::VatId> system;
+  };
+  const std::shared_ptr<Loop> loop_ = Loop::make("hostile");
+  std::unique_ptr<End> end_;
+};
+
+constexpr const char* kMark = "a-descriptor-of-the-program";
+
+int openMarked() {
+  int open = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    if (std::filesystem::read_symlink(entry, gone).string().find(kMark) != std::string::npos)
+      ++open;
+  }
+  return open;
+}
+
+// Hands a descriptor to the host with each operation; the first one never ends.
+class Giver final : public wire::Extension::Server {
+  class Operation final : public wire::Operation::Server {
+   public:
+    explicit Operation(int descriptor) : descriptor_(descriptor) {}
+    kj::Maybe<int> getFd() override { return descriptor_; }
+
+   private:
+    const int descriptor_;
+  };
+
+ protected:
+  kj::Promise<void> item(ItemContext context) override {
+    context.getResults().setOperation(kj::heap<Operation>(marked_.get()));
+    callers_.push_back(context.getParams().getCaller());
+    if (callers_.size() < 2) return kj::READY_NOW;
+    callers_.back().completeRequest().send().detach([](kj::Exception&&) {});
+    return kj::READY_NOW;
+  }
+
+ private:
+  const kj::AutoCloseFd marked_{::memfd_create(kMark, MFD_CLOEXEC)};
+  std::vector<wire::Caller::Client> callers_;
+};
+
+TEST(HostileProgram, ADescriptorThatItSendsIsNotTaken) {
+  const auto [hostEnd, programEnd] = socketPair();
+  const HostileProgram program(programEnd, kj::heap<Giver>());
+  const auto remote = RemoteExtension::connect(hostEnd, {});
+  const Told<NSFileProviderItemPtr, NSErrorPtr> open;
+  Told<NSFileProviderItemPtr, NSErrorPtr> ended;
+  remote->item("open", {}, open.handler());
+  remote->item("ended", {}, ended.handler());
+  ended.wait();  // both answers have come
+  EXPECT_EQ(openMarked(), 1) << "the program's own";
+}
+
+// Says that a stream has ended and goes on with it.
+class Babbler final : public wire::Extension::Server {
+ public:
+  explicit Babbler(std::promise<bool>& wanted) : wanted_(wanted) {}
+
+ protected:
+  kj::Promise<void> streamContents(StreamContentsContext context) override {
+    auto caller = context.getParams().getCaller();
+    caller.completeRequest().send().detach([](kj::Exception&&) {});
+    auto more = context.getParams().getTaker().takeRequest();
+    more.setLength(5);
+    more.send()
+        .then([this](auto&& answer) { wanted_.set_value(answer.getWanted()); })
+        .detach([](kj::Exception&&) {});
+    return kj::READY_NOW;
+  }
+
+ private:
+  std::promise<bool>& wanted_;
+};
+
+TEST(HostileProgram, BytesAfterTheEndAreNotHandedOn) {
+  std::promise<bool> wanted;
+  const auto [hostEnd, programEnd] = socketPair();
+  const HostileProgram program(programEnd, kj::heap<Babbler>(wanted));
+  const auto remote = RemoteExtension::connect(hostEnd, {});
+  std::atomic<int> pieces = 0;
+  Told<NSFileProviderItemPtr, NSErrorPtr> ended;
+  remote->streamContents(
+      "x", {}, {}, {0, 100}, [&pieces](auto&&...) { return ++pieces > 0; }, ended.handler());
+  ended.wait();
+  auto answered = wanted.get_future();
+  ASSERT_EQ(answered.wait_for(kSoon), std::future_status::ready);
+  EXPECT_FALSE(answered.get());
+  EXPECT_EQ(pieces, 0);
+}
+
+// Lists a million items in a message of a hundred bytes: each of them takes up nothing.
+class Multiplier final : public wire::Extension::Server {
+  template <class Request>
+  static void multiply(Request request) {
+    capnp::AnyStruct::Builder form = capnp::toAny(request);
+    form.getPointerSection()[0].initAsListOfAnyStruct(0, 0, 1'000'000);
+    request.send().detach([](kj::Exception&&) {});
+  }
+
+  class Enumerator final : public wire::Enumerator::Server {
+   protected:
+    kj::Promise<void> enumerateItems(EnumerateItemsContext context) override {
+      auto observer = context.getParams().getObserver();
+      multiply(observer.itemsRequest());
+      observer.finishRequest().send().detach([](kj::Exception&&) {});
+      return kj::READY_NOW;
+    }
+    kj::Promise<void> enumerateChanges(EnumerateChangesContext context) override {
+      auto observer = context.getParams().getObserver();
+      multiply(observer.updatedRequest());
+      observer.finishRequest().send().detach([](kj::Exception&&) {});
+      return kj::READY_NOW;
+    }
+  };
+
+ protected:
+  kj::Promise<void> enumerator(EnumeratorContext context) override {
+    context.getResults().setEnumerator(kj::heap<Enumerator>());
+    return kj::READY_NOW;
+  }
+};
+
+// How many items came, and with which error it ended.
+class Counter final : public NSFileProviderEnumerationObserver,
+                      public NSFileProviderChangeObserver {
+ public:
+  explicit Counter(std::function<void(std::size_t, NSErrorPtr)> ended) : ended_(std::move(ended)) {}
+  void didEnumerateItems(std::vector<NSFileProviderItemPtr> items) override {
+    items_ += items.size();
+  }
+  void didUpdateItems(std::vector<NSFileProviderItemPtr> items) override { items_ += items.size(); }
+  void didDeleteItemsWithIdentifiers(std::vector<std::string>) override {}
+  void finishEnumeratingUpToPage(std::optional<std::string>) override { ended_(items_, nullptr); }
+  void finishEnumeratingChangesUpToSyncAnchor(std::string, bool) override {
+    ended_(items_, nullptr);
+  }
+  void finishEnumeratingWithError(NSErrorPtr error) override { ended_(items_, std::move(error)); }
+
+ private:
+  const std::function<void(std::size_t, NSErrorPtr)> ended_;
+  std::size_t items_ = 0;
+};
+
+TEST(HostileProgram, AFewBytesDoNotBecomeAMillionItems) {
+  const auto [hostEnd, programEnd] = socketPair();
+  const HostileProgram program(programEnd, kj::heap<Multiplier>());
+  const auto remote = RemoteExtension::connect(hostEnd, {});
+  const auto folder = remote->enumerator("x", {});
+  Told<std::size_t, NSErrorPtr> listed;
+  folder->enumerateItems(std::make_shared<Counter>(listed.handler()), "page");
+  const auto [items, error] = listed.wait();
+  EXPECT_EQ(items, 0U);
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->code(), NSCocoaError::xpcConnectionReplyInvalid);
+  Told<std::size_t, NSErrorPtr> changed;
+  folder->enumerateChanges(std::make_shared<Counter>(changed.handler()), "anchor");
+  const auto [updates, changesError] = changed.wait();
+  EXPECT_EQ(updates, 0U);
+  ASSERT_NE(changesError, nullptr);
+  EXPECT_EQ(changesError->code(), NSCocoaError::xpcConnectionReplyInvalid);
+}
+
+// Answers what is not there: no operation, no enumerator, no completion, a capability of another kind.
+class Void final : public wire::Extension::Server {
+ protected:
+  kj::Promise<void> item(ItemContext context) override {
+    context.getParams().getCaller().completeRequest().send().detach([](kj::Exception&&) {});
+    return kj::READY_NOW;
+  }
+  kj::Promise<void> fetchContents(FetchContentsContext context) override {
+    context.getResults().setOperation(
+        context.getParams()
+            .getCaller()
+            .castAs<wire::Operation>());  // the host's own, and no operation
+    return kj::READY_NOW;
+  }
+  kj::Promise<void> enumerator(EnumeratorContext) override { return kj::READY_NOW; }
+};
+
+TEST(HostileProgram, AnswersWithNothingInThemAreAnswersOrErrors) {
+  const auto [hostEnd, programEnd] = socketPair();
+  std::optional<HostileProgram> program(std::in_place, programEnd, kj::heap<Void>());
+  const auto remote = RemoteExtension::connect(hostEnd, {});
+  Told<NSFileProviderItemPtr, NSErrorPtr> item;
+  remote->item("x", {}, item.handler());
+  const auto [found, itemError] = item.wait();
+  EXPECT_EQ(found, nullptr);
+  Told<Url, NSFileProviderItemPtr, NSErrorPtr> fetched;
+  const auto progress = remote->fetchContents("x", {}, {}, fetched.handler());
+  progress->cancel();
+  Told<std::size_t, NSErrorPtr> listed;
+  remote->enumerator("x", {})->enumerateItems(std::make_shared<Counter>(listed.handler()), "");
+  EXPECT_NE(std::get<1>(listed.wait()), nullptr);
+  program
+      .reset();  // the host holds its own capability as the operation, and hears of the end all the same
+  EXPECT_NE(std::get<2>(fetched.wait()), nullptr);
+}
+
+}  // namespace
+}  // namespace kestrune::boundary::test
