@@ -1,5 +1,6 @@
 #include "host/launch/RepeatedCall.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace kestrune::host {
@@ -35,24 +36,37 @@ void RepeatedCall::startWith(const RunningExtensionPtr& running) {
   auto done = [self = shared_from_this(), running](const boundary::Completed& completed) {
     self->completed(completed);
   };
-  follow(start_(*running->extension(), std::move(done)));
+  int attempt = 0;
+  {
+    MutexLock lock(mutex_);
+    attempt = interruptions_;
+  }
+  follow(start_(*running->extension(), std::move(done)), attempt);
 }
 
-void RepeatedCall::follow(const NSProgressPtr& inner) {
+void RepeatedCall::follow(const NSProgressPtr& inner, int attempt) {
   if (!inner) return;
-  inner->mirror([outer = outer_](const platform::NSProgress::Snapshot& counts) {
-    const auto shown = outer.lock();
-    if (!shown || counts.totalUnitCount == 0) return;  // not known yet
-    shown->setTotalUnitCount(counts.totalUnitCount);
-    shown->raiseCompletedUnitCount(counts.completedUnitCount);
-  });
   bool cancels = false;
   {
     MutexLock lock(mutex_);
+    if (attempt != interruptions_) return;  // it died before it returned: the next one has begun
     inner_ = inner;
     cancels = isCancelled_;
   }
+  inner->mirror([outer = outer_, isRepeated = attempt > 0](const Snapshot& counts) {
+    if (counts.totalUnitCount == 0) return;  // not known yet
+    if (const auto shown = outer.lock()) show(counts, isRepeated, *shown);
+  });
   if (cancels) inner->cancel();
+}
+
+// One that is repeated may count what is left only: what was done stays done.
+void RepeatedCall::show(const Snapshot& counts, bool isRepeated, platform::NSProgress& shown) {
+  const bool isDone = counts.completedUnitCount >= counts.totalUnitCount;
+  const std::int64_t total =
+      isRepeated ? std::max(counts.totalUnitCount, shown.totalUnitCount()) : counts.totalUnitCount;
+  shown.setTotalUnitCount(total);
+  shown.raiseCompletedUnitCount(isRepeated && isDone ? total : counts.completedUnitCount);
 }
 
 void RepeatedCall::completed(const boundary::Completed& completed) {

@@ -38,7 +38,9 @@ class RepeatedCall : public std::enable_shared_from_this<RepeatedCall> {
   void begin();
   void startWith(const RunningExtensionPtr& running);
   void completed(const boundary::Completed& completed);
-  void follow(const platform::NSProgressPtr& inner);
+  using Snapshot = platform::NSProgress::Snapshot;
+  void follow(const platform::NSProgressPtr& inner, int attempt);
+  static void show(const Snapshot& counts, bool isRepeated, platform::NSProgress& shown);
   void cancel();
 
   const std::shared_ptr<ExtensionSource> source_;
