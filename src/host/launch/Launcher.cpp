@@ -37,6 +37,8 @@ int innermost(int process) {
   return process;
 }
 
+NSErrorPtr hostEnds() { return unavailable("the host ends"); }
+
 }  // namespace
 
 // One program and the connection to it. What it has is set before anybody else knows it.
@@ -52,6 +54,7 @@ struct Launcher::Generation {
   std::size_t uses = 0;
   std::chrono::nanoseconds idleSince{0};
   bool isWatched = false;
+  bool hasDied = false;
 };
 
 // What a caller holds of the program.
@@ -96,12 +99,15 @@ void Launcher::get(Reply<RunningExtensionPtr> reply) {
   bool starts = false;
   {
     MutexLock lock(mutex_);
-    if (running_ && !running_->remote->isGone()) {
+    const bool isRunning = running_ && !running_->hasDied && !running_->remote->isGone();
+    if (isRunning) {
       use = useLocked();
-    } else if (!isStarting_ && (refusal = refusalLocked())) {
-      status_.refusal = refusal->localizedDescription();
-    } else {
-      waiting_.push_back(std::move(reply));
+    } else if (!isStarting_) {
+      refusal = refusalLocked();
+      if (refusal) status_.refusal = refusal->localizedDescription();
+    }
+    if (!use && !refusal) {
+      waiting_.push_back(reply);
       starts = !std::exchange(isStarting_, true);
     }
   }
@@ -112,12 +118,14 @@ void Launcher::get(Reply<RunningExtensionPtr> reply) {
 }
 
 NSErrorPtr Launcher::refusalLocked() {
-  if (isEnded_) return unavailable("the host ends");
+  if (isEnded_) return hostEnds();
   const auto now = options_.timers->now();
   while (!starts_.empty() && now - starts_.front() > std::chrono::minutes(1)) starts_.pop_front();
   if (starts_.size() < options_.mostStarts) return nullptr;
-  return unavailable("the extension ended " + std::to_string(starts_.size()) +
-                     " times within a minute, the last time by " + status_.lastDeath +
+  const std::string how =
+      status_.lastDeath.empty() ? "" : " and ended the last time by " + status_.lastDeath;
+  return unavailable("the extension was started " + std::to_string(starts_.size()) +
+                     " times within a minute" + how +
                      "; it is started again when that minute is over");
 }
 
@@ -130,14 +138,20 @@ void Launcher::start() {
   GenerationPtr generation;
   GenerationPtr old;
   NSErrorPtr error;
+  bool isTooLate = false;
   {
     MutexLock lock(mutex_);
     old = std::exchange(running_, nullptr);
-    starts_.push_back(options_.timers->now());
-    ++status_.starts;
-    status_.refusal.clear();
+    isTooLate = isEnded_;
+    if (!isTooLate) {
+      starts_.push_back(options_.timers->now());
+      ++status_.starts;
+      status_.refusal.clear();
+    }
   }
-  old = nullptr;  // gone: whoever still waits for it hears so
+  // Gone, as far as its connection tells; its end, which tells how it died, may come later.
+  if (old) letGo(old);
+  if (isTooLate) return fail(hostEnds());
   takeNoteOfLeftBehind();
   try {
     generation = startProgram();
@@ -145,23 +159,37 @@ void Launcher::start() {
     error = thrown.share();
   }
   if (error) return fail(error);
-  const std::weak_ptr<Generation> weak = generation;
-  options_.timers->after(options_.patience, [weak, self = weak_from_this()] {
-    const auto late = weak.lock();
-    const auto launcher = self.lock();
-    if (!late || !launcher) return;
-    bool isGreeted = false;
-    {
-      MutexLock lock(launcher->mutex_);
-      isGreeted = launcher->running_ == late;
-    }
-    if (!isGreeted && !late->isNotNeeded) late->program->kill(SIGKILL);
-  });
+  {
+    MutexLock lock(mutex_);
+    isTooLate = isEnded_;
+    if (!isTooLate) starting_ = generation;
+  }
+  if (isTooLate) {
+    generation->isNotNeeded = true;
+    fail(hostEnds());
+    return letGo(generation);
+  }
+  greet(generation);
+}
+
+void Launcher::greet(const GenerationPtr& generation) {
+  options_.timers->after(options_.patience,
+                         [weak = std::weak_ptr(generation), self = weak_from_this()] {
+                           const auto late = weak.lock();
+                           const auto launcher = self.lock();
+                           if (late && launcher && launcher->isStarting(late))
+                             late->program->kill(SIGKILL);
+                         });
   generation->remote->greet(
       options_.domain, [self = shared_from_this(), generation](const boundary::Greeting& greeting,
                                                                NSErrorPtr error) {
         self->greeted(generation, greeting, std::move(error));
       });
+}
+
+bool Launcher::isStarting(const GenerationPtr& generation) {
+  MutexLock lock(mutex_);
+  return starting_ == generation;
 }
 
 Launcher::GenerationPtr Launcher::startProgram() {
@@ -208,17 +236,18 @@ void Launcher::greeted(const GenerationPtr& generation, const boundary::Greeting
     isTooLate = isEnded_;
     isStarting_ = false;
     diedStarting_ = 0;
+    starting_ = nullptr;
     waiting.swap(waiting_);
     if (!isTooLate) {
       running_ = generation;
-      status_.pid = pid;
+      status_.pid = generation->hasDied ? 0 : pid;
       status_.confinement = {generation->whyNoBubblewrap, greeting.notEnforced};
       for (std::size_t i = 0; i < waiting.size(); ++i) uses.push_back(useLocked());
     }
   }
   for (std::size_t i = 0; i < waiting.size(); ++i) {
     if (isTooLate) {
-      waiting[i](unavailable("the host ends"));
+      waiting[i](hostEnds());
     } else {
       waiting[i](std::exchange(uses[i], nullptr));
     }
@@ -232,24 +261,29 @@ bool Launcher::mayStartAgain() {
   return !refusalLocked() && ++diedStarting_ < kMostDeathsStarting;
 }
 
-void Launcher::fail(const NSErrorPtr& error) {
-  options_.log->failure("launch", "start the extension", error->localizedDescription());
+void Launcher::fail(NSErrorPtr error) {
   std::vector<Reply<RunningExtensionPtr>> waiting;
+  bool isTooLate = false;
   {
     MutexLock lock(mutex_);
+    isTooLate = isEnded_;
+    if (isTooLate) error = hostEnds();
     isStarting_ = false;
     diedStarting_ = 0;
+    starting_ = nullptr;
     status_.refusal = error->localizedDescription();
     waiting.swap(waiting_);
   }
+  if (!isTooLate)
+    options_.log->failure("launch", "start the extension", error->localizedDescription());
   for (const auto& reply : waiting) reply(error);
 }
 
 void Launcher::released(const std::weak_ptr<Generation>& generation) {
+  const auto live = generation.lock();  // let go after the lock: its end waits for others
   bool watches = false;
   {
     MutexLock lock(mutex_);
-    const auto live = generation.lock();
     if (!live || --live->uses > 0 || live != running_) return;
     live->idleSince = options_.timers->now();
     watches = !std::exchange(live->isWatched, true);
@@ -265,11 +299,11 @@ void Launcher::watchIdleness(const std::weak_ptr<Generation>& generation,
 }
 
 void Launcher::endIfIdle(const std::weak_ptr<Generation>& generation) {
+  const auto live = generation.lock();
   GenerationPtr idle;
   std::chrono::nanoseconds again{0};
   {
     MutexLock lock(mutex_);
-    const auto live = generation.lock();
     if (!live || live != running_) return;
     live->isWatched = false;
     if (live->uses > 0) return;  // watched again when they are released
@@ -284,30 +318,35 @@ void Launcher::endIfIdle(const std::weak_ptr<Generation>& generation) {
     }
   }
   if (idle) {
-    letGo(std::move(idle));
+    letGo(idle);
   } else {
     watchIdleness(generation, again);
   }
 }
 
 // The program ends by itself when its socket closes; if it does not, it is killed.
-void Launcher::letGo(GenerationPtr generation) {
+void Launcher::letGo(const GenerationPtr& generation) {
   generation->remote->disconnect();
   options_.timers->after(options_.patience, [generation] {});
 }
 
 void Launcher::end() {
-  GenerationPtr running;
+  GenerationPtr ending;
+  bool isGreeted = false;
   {
     MutexLock lock(mutex_);
     isEnded_ = true;
-    running = std::exchange(running_, nullptr);
+    isGreeted = running_ != nullptr;
+    ending = isGreeted ? std::exchange(running_, nullptr) : starting_;
     status_.pid = 0;
   }
-  if (!running) return;
-  running->isNotNeeded = true;
-  running->remote->disconnect();
-  running->program->waitUntilEnded(options_.patience);
+  if (!ending) return;
+  ending->isNotNeeded = true;
+  ending->remote->disconnect();
+  // One that was not greeted has nothing that it could bring to an end.
+  if (isGreeted && ending->program->waitUntilEnded(options_.patience)) return;
+  ending->program->kill(SIGKILL);
+  ending->program->waitUntilEnded(options_.patience);
 }
 
 void Launcher::ended(const std::weak_ptr<Generation>& generation, const ProgramEnd& end) {
@@ -321,6 +360,7 @@ void Launcher::ended(const std::weak_ptr<Generation>& generation, const ProgramE
 void Launcher::died(const GenerationPtr& generation, const ProgramEnd& end) {
   {
     MutexLock lock(mutex_);
+    generation->hasDied = true;
     if (running_ == generation) {
       running_ = nullptr;
       status_.pid = 0;

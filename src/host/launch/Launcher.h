@@ -69,16 +69,18 @@ class Launcher final : public ExtensionSource, public std::enable_shared_from_th
   platform::NSErrorPtr refusalLocked() REQUIRES_LOCK(mutex_);
   RunningExtensionPtr useLocked() REQUIRES_LOCK(mutex_);
   void start();
+  void greet(const GenerationPtr& generation);
+  bool isStarting(const GenerationPtr& generation);
   void takeNoteOfLeftBehind();
   GenerationPtr startProgram();
   void greeted(const GenerationPtr& generation, const boundary::Greeting& greeting,
                platform::NSErrorPtr error);
   bool mayStartAgain();
-  void fail(const platform::NSErrorPtr& error);
+  void fail(platform::NSErrorPtr error);
   void released(const std::weak_ptr<Generation>& generation);
   void watchIdleness(const std::weak_ptr<Generation>& generation, std::chrono::nanoseconds delay);
   void endIfIdle(const std::weak_ptr<Generation>& generation);
-  void letGo(GenerationPtr generation);
+  void letGo(const GenerationPtr& generation);
   void ended(const std::weak_ptr<Generation>& generation, const ProgramEnd& end);
   void died(const GenerationPtr& generation, const ProgramEnd& end);
 
@@ -86,8 +88,9 @@ class Launcher final : public ExtensionSource, public std::enable_shared_from_th
   platform::Mutex mutex_;
   bool isEnded_ GUARDED_BY(mutex_) = false;
   bool isStarting_ GUARDED_BY(mutex_) = false;
-  int diedStarting_ GUARDED_BY(mutex_) = 0;  // of those that were started for the same callers
-  GenerationPtr running_ GUARDED_BY(mutex_);
+  int diedStarting_ GUARDED_BY(mutex_) = 0;    // of those that were started for the same callers
+  GenerationPtr starting_ GUARDED_BY(mutex_);  // until it was greeted
+  GenerationPtr running_ GUARDED_BY(mutex_);   // none while one is starting
   std::vector<Reply<RunningExtensionPtr>> waiting_ GUARDED_BY(mutex_);
   std::vector<int> leftBehind_;                                     // used by one start at a time
   std::deque<std::chrono::nanoseconds> starts_ GUARDED_BY(mutex_);  // of the last minute
