@@ -74,6 +74,8 @@ TEST_F(LauncherTest, OneThatIsNotNeededEndsAfterAWhileAndIsStartedAgain) {
 
 TEST_F(LauncherTest, OneWithAnOpenCallDoesNotEnd) {
   launch();
+  pidOf(get());
+  ASSERT_TRUE(timers->waitForTimer(minutes(1)));  // for an earlier call, which has ended
   auto running = get();
   auto held = ask(running, "hold");
   const int pid = pidOf(running);
