@@ -48,6 +48,7 @@ struct Launcher::Generation {
   std::unique_ptr<Descriptor> report;
   std::unique_ptr<Program> program;
   std::optional<std::string> whyNoBubblewrap;
+  std::atomic<bool> isTooSlow = false;    // it was killed for it
   std::atomic<bool> isNotNeeded = false;  // its end is no death
 
   // Guarded by the launcher's lock.
@@ -177,8 +178,9 @@ void Launcher::greet(const GenerationPtr& generation) {
                          [weak = std::weak_ptr(generation), self = weak_from_this()] {
                            const auto late = weak.lock();
                            const auto launcher = self.lock();
-                           if (late && launcher && launcher->isStarting(late))
-                             late->program->kill(SIGKILL);
+                           if (!late || !launcher || !launcher->isStarting(late)) return;
+                           late->isTooSlow = true;
+                           late->program->kill(SIGKILL);
                          });
   generation->remote->greet(
       options_.domain, [self = shared_from_this(), generation](const boundary::Greeting& greeting,
@@ -224,6 +226,8 @@ void Launcher::greeted(const GenerationPtr& generation, const boundary::Greeting
     const bool hasDied = platform::isInterruption(*error);
     if (!hasDied) generation->isNotNeeded = true;
     letGo(generation);
+    if (generation->isTooSlow)
+      return fail(unavailable("the extension's program did not answer, and was killed"));
     if (hasDied && mayStartAgain()) return start();
     return fail(hasDied ? unavailable("the extension's program ended before it answered") : error);
   }

@@ -194,8 +194,10 @@ TEST_F(LauncherTest, OneThatNeverAnswersIsKilled) {
   timers->advance(milliseconds(1));
   const auto answer = got.get();
   ASSERT_FALSE(answer.ok());
-  EXPECT_TRUE(isInterruption(*answer.error()));
+  EXPECT_EQ(answer.error()->localizedDescription(),
+            "the extension's program did not answer, and was killed");
   EXPECT_TRUE(waitUntil([&] { return launcher->status().deaths == 1; }));
+  EXPECT_EQ(launcher->status().starts, 1U);  // nobody waits as long again
   EXPECT_EQ(launcher->status().lastDeath, "signal 9 (Killed)");
   EXPECT_EQ(launcher->status().pid, 0);
 }
@@ -208,16 +210,17 @@ TEST_F(LauncherTest, OneThatWasGreetedIsNotKilled) {
   EXPECT_EQ(pidOf(running), pid);
 }
 
-TEST_F(LauncherTest, OneThatCrashesAtTheStartDied) {
+TEST_F(LauncherTest, OneThatCrashesAtTheStartIsTriedAFewTimes) {
   launch("crash");
   const auto answer = startGet().get();
   ASSERT_FALSE(answer.ok());
-  EXPECT_TRUE(isInterruption(*answer.error()));
-  EXPECT_TRUE(waitUntil([&] { return launcher->status().deaths == 1; }));
+  EXPECT_EQ(answer.error()->localizedDescription(),
+            "the extension's program ended before it answered");
+  EXPECT_TRUE(waitUntil([&] { return launcher->status().deaths == 5; }));
   EXPECT_EQ(launcher->status().lastDeath, "signal 9 (Killed)");
-  EXPECT_TRUE(waitUntil([&] { return reports().size() == 1; }));
+  EXPECT_TRUE(waitUntil([&] { return !reports().empty(); }));
   EXPECT_FALSE(startGet().get().ok());
-  EXPECT_EQ(launcher->status().starts, 2U);
+  EXPECT_EQ(launcher->status().starts, 10U);
 }
 
 TEST_F(LauncherTest, OneThatExitsAtOnceDied) {
