@@ -58,10 +58,10 @@ class EnumerationTest : public ProtocolTest {
   EnumerationTest() {
     ON_CALL(*extension, enumerator("folder", _)).WillByDefault(Return(enumerator));
   }
-  ~EnumerationTest() override { waitForEnd(); }
-  void waitForEnd() {
-    // The extension's mock returns the enumerator, and so holds it.
-    testing::Mock::VerifyAndClear(extension.get());
+  ~EnumerationTest() override {
+    disconnect();
+    testing::Mock::VerifyAndClear(extension.get());  // it returns the enumerator, and so holds it
+    waitUntilAlone(enumerator);
   }
   std::shared_ptr<NSFileProviderEnumerator> seen() {
     EXPECT_CALL(*extension, enumerator("folder", _)).Times(1);

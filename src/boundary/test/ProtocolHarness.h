@@ -214,6 +214,8 @@ class ProtocolTest : public testing::TestWithParam<Side> {
     return dynamic_cast<Protocol&>(*seen);
   }
 
+  /// Lets the boundary go, and with it what it holds of the extension.
+  void disconnect() { boundary_.reset(); }
   NSFileProviderReplicatedExtension& host() { return as<NSFileProviderReplicatedExtension>(); }
 
   const std::shared_ptr<MockExtension> extension = std::make_shared<MockExtension>();

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -116,12 +117,22 @@ bool isUnlimited() {
   return (held[0].effective & (1U << CAP_SYS_ADMIN)) != 0;
 }
 
+// user_namespaces(7): whose root is another than that of its mounts gets EPERM.
+bool isInChangedRoot() {
+  struct stat ours {};
+  struct stat first {};
+  return ::stat("/", &ours) == 0 && ::stat("/proc/1/root/", &first) == 0 &&
+         (ours.st_ino != first.st_ino || ours.st_dev != first.st_dev);
+}
+
 class UnconfinedTest : public testing::TestWithParam<std::string> {};
 
 TEST_P(UnconfinedTest, Succeeds) {
   Stage stage;
   const auto outcome = stage.run(GetParam(), Confined::not_);
   if (outcome.failure == ENOSYS) GTEST_SKIP() << "this kernel does not have the call";
+  if (outcome.failure == EPERM && GetParam() == "MakeUserNamespace" && isInChangedRoot())
+    GTEST_SKIP() << "in a changed root nobody can";
   if (outcome.failure == EPERM || outcome.failure == EACCES) {
     if (!isUnlimited()) GTEST_SKIP() << "this user cannot do it anyway";
   }
@@ -259,6 +270,10 @@ class NeededTest : public SandboxTest {};
 
 TEST_P(NeededTest, Works) {
   const auto outcome = run();
+  const std::string attempt = std::get<0>(GetParam());
+  if (outcome.failure != 0 && attempt == "ResolveLocalhost" &&
+      stage_.run(attempt, Confined::not_).failure != 0)
+    GTEST_SKIP() << "this machine does not know localhost";
   EXPECT_EQ(outcome.failure, 0) << reported(outcome);
   EXPECT_EQ(outcome.errors, "");
   if (std::get<0>(GetParam()) == "TalkToHost") EXPECT_EQ(stage_.heard(), "pong");
