@@ -1,6 +1,7 @@
 // What the confined program can do and what not, tried by a program of ours from inside; and without confinement, where
 // what is forbidden must succeed, so that a refusal is known to be the sandbox's.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <signal.h>
@@ -119,10 +120,10 @@ bool isUnlimited() {
 
 // user_namespaces(7): whose root is another than that of its mounts gets EPERM.
 bool isInChangedRoot() {
-  struct stat ours {};
-  struct stat first {};
-  return ::stat("/", &ours) == 0 && ::stat("/proc/1/root/", &first) == 0 &&
-         (ours.st_ino != first.st_ino || ours.st_dev != first.st_dev);
+  struct statx root {};
+  return ::statx(AT_FDCWD, "/", 0, STATX_BASIC_STATS, &root) == 0 &&
+         (root.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) != 0 &&
+         (root.stx_attributes & STATX_ATTR_MOUNT_ROOT) == 0;
 }
 
 class UnconfinedTest : public testing::TestWithParam<std::string> {};
