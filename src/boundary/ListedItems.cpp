@@ -34,16 +34,13 @@ class Policies {
 
   /// Throws NSError if they cannot be had.
   NSFileProviderContentPolicy of(std::size_t index) {
-    platform::MutexLock lock(mutex_);  // whoever comes meanwhile waits for the same answer
-    if (!isAsked_) {
-      isAsked_ = true;
-      known_ = ask();
-    }
-    if (index >= known_.policies.size()) {
-      if (known_.error) known_.error->raise();
+    const auto answer = asked();
+    if (answer.wait_for(kPatience) != std::future_status::ready) interrupted()->raise();
+    const Known& known = answer.get();
+    if (known.error) known.error->raise();
+    if (index >= known.policies.size())
       errorFrom(KJ_EXCEPTION(FAILED, "fewer policies than items"))->raise();
-    }
-    return static_cast<NSFileProviderContentPolicy>(known_.policies[index]);
+    return static_cast<NSFileProviderContentPolicy>(known.policies[index]);
   }
 
  private:
@@ -52,34 +49,52 @@ class Policies {
     NSErrorPtr error;
   };
 
-  Known ask() const {
-    auto promise = std::make_shared<std::promise<Known>>();
-    auto answer = promise->get_future();
-    loop_->post([client = client_, promise = std::move(promise)] {
+  // Tells what is known in the end, whatever becomes of the question.
+  class Answer {
+   public:
+    ~Answer() { give({{}, interrupted()}); }
+    Answer() = default;
+    Answer(const Answer&) = delete;
+    Answer& operator=(const Answer&) = delete;
+    void give(Known known) {
+      if (!std::exchange(isGiven_, true)) promise_.set_value(std::move(known));
+    }
+    std::shared_future<Known> future() { return promise_.get_future().share(); }
+
+   private:
+    std::promise<Known> promise_;
+    bool isGiven_ = false;
+  };
+
+  // The answer to come; whoever is first asks.
+  std::shared_future<Known> asked() {
+    platform::MutexLock lock(mutex_);
+    if (!known_.valid()) known_ = ask();
+    return known_;
+  }
+
+  std::shared_future<Known> ask() const {
+    auto answer = std::make_shared<Answer>();
+    auto future = answer->future();
+    loop_->post([client = client_, answer = std::move(answer)] {
       client->readRequest()
           .send()
-          .then([promise](auto&& told) {
+          .then([answer](auto&& told) {
             Known known;
             for (const std::int64_t policy : told.getPolicies()) known.policies.push_back(policy);
-            promise->set_value(std::move(known));
+            answer->give(std::move(known));
           })
-          .detach([promise](kj::Exception&& exception) {
-            promise->set_value({{}, errorFrom(exception)});
+          .detach([answer](kj::Exception&& exception) {
+            answer->give({{}, errorFrom(exception)});
           });
     });
-    if (answer.wait_for(kPatience) != std::future_status::ready) return {{}, interrupted()};
-    try {
-      return answer.get();
-    } catch (const std::future_error&) {
-      return {{}, interrupted()};  // the connection ended with the question
-    }
+    return future;
   }
 
   const std::shared_ptr<wire::Policies::Client> client_;
   const std::shared_ptr<Loop> loop_;
   platform::Mutex mutex_;
-  bool isAsked_ GUARDED_BY(mutex_) = false;
-  Known known_ GUARDED_BY(mutex_);
+  std::shared_future<Known> known_ GUARDED_BY(mutex_);
 };
 
 struct Listed;

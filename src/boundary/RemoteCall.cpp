@@ -31,9 +31,9 @@ class RemoteCall::Server final : public wire::Caller::Server {
   const std::shared_ptr<RemoteCall> call_;
 };
 
-RemoteCall::RemoteCall(std::shared_ptr<Loop> loop, boost::asio::any_io_executor where,
+RemoteCall::RemoteCall(std::shared_ptr<Loop> loop, boost::asio::any_io_executor inOrder,
                        Handler handler)
-    : loop_(std::move(loop)), where_(std::move(where)), handler_(std::move(handler)) {}
+    : loop_(std::move(loop)), inOrder_(std::move(inOrder)), handler_(std::move(handler)) {}
 
 std::shared_ptr<platform::NSProgress> RemoteCall::makeProgress() {
   auto progress = std::make_shared<platform::NSProgress>(0);
@@ -70,22 +70,25 @@ void RemoteCall::failed(const kj::Exception& exception) {
 }
 
 void RemoteCall::changed(std::int64_t total, std::int64_t completed) {
-  const auto progress = progress_.lock();
-  if (!progress || !handler_) return;
-  progress->setTotalUnitCount(total);
-  progress->setCompletedUnitCount(completed);
+  if (!handler_) return;
+  boost::asio::post(inOrder_, [seen = progress_, total, completed] {
+    const auto progress = seen.lock();
+    if (!progress) return;
+    progress->setTotalUnitCount(total);
+    progress->setCompletedUnitCount(completed);
+  });
 }
 
 void RemoteCall::complete(Completed completed) {
   if (!handler_) return;
-  boost::asio::post(where_, [handler = std::exchange(handler_, nullptr),
-                             completed = std::move(completed)] { handler(completed); });
+  boost::asio::post(inOrder_, [handler = std::exchange(handler_, nullptr),
+                               completed = std::move(completed)] { handler(completed); });
   operation_ = nullptr;
 }
 
 void RemoteCall::drop() {
   if (!handler_) return;
-  boost::asio::post(where_,
+  boost::asio::post(inOrder_,
                     [handler = std::exchange(handler_, nullptr)]() mutable { handler = nullptr; });
   operation_ = nullptr;
 }

@@ -1,6 +1,7 @@
 // One operation that was asked of the extension's program: its progress and its completion, as the host knows them.
 //
-// Threads: made on any thread; all else, its end too, on the loop's thread. The completion handler is called, or let go, on `where`, once.
+// Threads: made on any thread; all else, its end too, on the loop's thread. What is told of the progress, and the
+// completion handler, which is called or let go once, run on `inOrder`, which does one thing at a time.
 #pragma once
 
 #include <boost/asio/any_io_executor.hpp>
@@ -18,7 +19,7 @@ class RemoteCall : public std::enable_shared_from_this<RemoteCall> {
  public:
   using Handler = std::function<void(Completed)>;
 
-  RemoteCall(std::shared_ptr<Loop> loop, boost::asio::any_io_executor where, Handler handler);
+  RemoteCall(std::shared_ptr<Loop> loop, boost::asio::any_io_executor inOrder, Handler handler);
 
   /// What the host watches and may cancel.
   std::shared_ptr<platform::NSProgress> makeProgress();
@@ -42,7 +43,7 @@ class RemoteCall : public std::enable_shared_from_this<RemoteCall> {
   void cancel();
 
   const std::shared_ptr<Loop> loop_;
-  const boost::asio::any_io_executor where_;
+  const boost::asio::any_io_executor inOrder_;
   std::weak_ptr<platform::NSProgress> progress_;
   Handler handler_;  // none after the end
   std::shared_ptr<wire::Operation::Client> operation_;

@@ -36,14 +36,14 @@ void append(Items& items, Items more) {
                std::make_move_iterator(more.end()));
 }
 
-// Gathers one enumeration. Let go without a last call it means that the program is gone.
-class ItemObserverServer final : public wire::ItemObserver::Server {
+// Gathers one enumeration for an observer and ends it once. Let go without a last call it means that the program is gone.
+template <class Observer>
+class Gathering {
  public:
-  using Observer = std::shared_ptr<platform::NSFileProviderEnumerationObserver>;
-  ItemObserverServer(std::shared_ptr<Loop> loop, Observer observer, Flag isGone)
+  Gathering(std::shared_ptr<Loop> loop, std::shared_ptr<Observer> observer, Flag isGone)
       : loop_(std::move(loop)), observer_(std::move(observer)), isGone_(std::move(isGone)) {}
-  ~ItemObserverServer() { end(interrupted()); }
-  KJ_DISALLOW_COPY(ItemObserverServer);
+  ~Gathering() { end(interrupted()); }
+  KJ_DISALLOW_COPY(Gathering);
 
   void end(NSErrorPtr error) {
     if (!observer_) return;
@@ -54,24 +54,49 @@ class ItemObserverServer final : public wire::ItemObserver::Server {
   }
 
  protected:
-  kj::Promise<void> items(ItemsContext context) override {
-    if (!observer_) return kj::READY_NOW;
+  bool hasEnded() const { return observer_ == nullptr; }
+  template <class Told>
+  void gather(Items& items, const Told& told) {
     try {
-      const auto told = context.getParams();
-      append(items_, itemsOf(told.getList(), loop_->held(told.getPolicies()), loop_));
+      append(items, itemsOf(told.getList(), loop_->held(told.getPolicies()), loop_));
     } catch (const kj::Exception& exception) {
       end(errorFrom(exception));
     }
+  }
+  // The last calls of the observer, which is let go with them.
+  template <class Tell>
+  void finishWith(Tell tell) {
+    onExecutor([observer = std::exchange(observer_, nullptr), tell = std::move(tell)]() mutable {
+      tell(*observer);
+    });
+  }
+  void letGo() {
+    onExecutor([observer = std::exchange(observer_, nullptr)]() mutable { observer = nullptr; });
+  }
+
+ private:
+  const std::shared_ptr<Loop> loop_;
+  std::shared_ptr<Observer> observer_;  // none after the end
+  const Flag isGone_;
+};
+
+class ItemObserverServer final : public wire::ItemObserver::Server,
+                                 public Gathering<platform::NSFileProviderEnumerationObserver> {
+ public:
+  using Gathering::Gathering;
+
+ protected:
+  kj::Promise<void> items(ItemsContext context) override {
+    if (!hasEnded()) gather(items_, context.getParams());
     return kj::READY_NOW;
   }
   kj::Promise<void> finish(FinishContext context) override {
-    if (!observer_) return kj::READY_NOW;
+    if (hasEnded()) return kj::READY_NOW;
     std::optional<platform::NSFileProviderPage> page;
     if (context.getParams().hasNextPage()) page = text(context.getParams().getNextPage());
-    onExecutor([observer = std::exchange(observer_, nullptr), items = std::move(items_),
-                page = std::move(page)]() mutable {
-      if (!items.empty()) observer->didEnumerateItems(std::move(items));
-      observer->finishEnumeratingUpToPage(std::move(page));
+    finishWith([items = std::move(items_), page = std::move(page)](auto& observer) mutable {
+      if (!items.empty()) observer.didEnumerateItems(std::move(items));
+      observer.finishEnumeratingUpToPage(std::move(page));
     });
     return kj::READY_NOW;
   }
@@ -80,48 +105,28 @@ class ItemObserverServer final : public wire::ItemObserver::Server {
     return kj::READY_NOW;
   }
   kj::Promise<void> dropped(DroppedContext) override {
-    onExecutor([observer = std::exchange(observer_, nullptr)]() mutable { observer = nullptr; });
+    letGo();
     return kj::READY_NOW;
   }
 
  private:
-  const std::shared_ptr<Loop> loop_;
-  Observer observer_;  // none after the end
-  const Flag isGone_;
   Items items_;
 };
 
-class ChangeObserverServer final : public wire::ChangeObserver::Server {
+class ChangeObserverServer final : public wire::ChangeObserver::Server,
+                                   public Gathering<platform::NSFileProviderChangeObserver> {
  public:
-  using Observer = std::shared_ptr<platform::NSFileProviderChangeObserver>;
-  ChangeObserverServer(std::shared_ptr<Loop> loop, Observer observer, Flag isGone)
-      : loop_(std::move(loop)), observer_(std::move(observer)), isGone_(std::move(isGone)) {}
-  ~ChangeObserverServer() { end(interrupted()); }
-  KJ_DISALLOW_COPY(ChangeObserverServer);
-
-  void end(NSErrorPtr error) {
-    if (!observer_) return;
-    if (platform::isInterruption(*error)) *isGone_ = true;
-    onExecutor([observer = std::exchange(observer_, nullptr), error = std::move(error)] {
-      observer->finishEnumeratingWithError(error);
-    });
-  }
+  using Gathering::Gathering;
 
  protected:
   kj::Promise<void> updated(UpdatedContext context) override {
-    if (!observer_) return kj::READY_NOW;
-    try {
-      const auto told = context.getParams();
-      append(last<Items>(), itemsOf(told.getList(), loop_->held(told.getPolicies()), loop_));
-    } catch (const kj::Exception& exception) {
-      end(errorFrom(exception));
-    }
+    if (!hasEnded()) gather(last<Items>(), context.getParams());
     return kj::READY_NOW;
   }
   kj::Promise<void> deleted(DeletedContext context) override {
     const auto identifiers = context.getParams().getIdentifiers();
     if (identifiers.size() > kMostItemsAMessage) end(tooMany());
-    if (!observer_) return kj::READY_NOW;
+    if (hasEnded()) return kj::READY_NOW;
     auto& all = last<Identifiers>();
     auto more = read(identifiers);
     all.insert(all.end(), std::make_move_iterator(more.begin()),
@@ -129,18 +134,17 @@ class ChangeObserverServer final : public wire::ChangeObserver::Server {
     return kj::READY_NOW;
   }
   kj::Promise<void> finish(FinishContext context) override {
-    if (!observer_) return kj::READY_NOW;
-    onExecutor([observer = std::exchange(observer_, nullptr), reports = std::move(reports_),
-                anchor = text(context.getParams().getAnchor()),
-                more = context.getParams().getMoreComing()]() mutable {
+    if (hasEnded()) return kj::READY_NOW;
+    finishWith([reports = std::move(reports_), anchor = text(context.getParams().getAnchor()),
+                more = context.getParams().getMoreComing()](auto& observer) mutable {
       for (auto& report : reports) {
         if (auto* items = std::get_if<Items>(&report)) {
-          observer->didUpdateItems(std::move(*items));
+          observer.didUpdateItems(std::move(*items));
         } else {
-          observer->didDeleteItemsWithIdentifiers(std::move(std::get<Identifiers>(report)));
+          observer.didDeleteItemsWithIdentifiers(std::move(std::get<Identifiers>(report)));
         }
       }
-      observer->finishEnumeratingChangesUpToSyncAnchor(std::move(anchor), more);
+      observer.finishEnumeratingChangesUpToSyncAnchor(std::move(anchor), more);
     });
     return kj::READY_NOW;
   }
@@ -149,7 +153,7 @@ class ChangeObserverServer final : public wire::ChangeObserver::Server {
     return kj::READY_NOW;
   }
   kj::Promise<void> dropped(DroppedContext) override {
-    onExecutor([observer = std::exchange(observer_, nullptr)]() mutable { observer = nullptr; });
+    letGo();
     return kj::READY_NOW;
   }
 
@@ -162,9 +166,6 @@ class ChangeObserverServer final : public wire::ChangeObserver::Server {
     return std::get<Kind>(reports_.back());
   }
 
-  const std::shared_ptr<Loop> loop_;
-  Observer observer_;  // none after the end
-  const Flag isGone_;
   std::vector<std::variant<Items, Identifiers>> reports_;
 };
 

@@ -81,6 +81,15 @@ struct Wire {
 
 }  // namespace
 
+namespace {
+
+// One thing after the other, on the shared executor.
+boost::asio::any_io_executor strand() {
+  return boost::asio::make_strand(platform::sharedExecutor());
+}
+
+}  // namespace
+
 struct RemoteExtension::Link : std::enable_shared_from_this<Link> {
   std::shared_ptr<Loop> loop;
   HostServices services;
@@ -93,12 +102,12 @@ struct RemoteExtension::Link : std::enable_shared_from_this<Link> {
 
   template <class Request, class Fill>
   NSProgressPtr begin(Method<Request> method, Fill fill, RemoteCall::Handler handler,
-                      boost::asio::any_io_executor where = platform::sharedExecutor()) {
+                      boost::asio::any_io_executor inOrder = strand()) {
     auto noting = [isGone = isGone, handler = std::move(handler)](Completed completed) {
       if (completed.error && platform::isInterruption(*completed.error)) *isGone = true;
       handler(std::move(completed));
     };
-    auto call = std::make_shared<RemoteCall>(loop, std::move(where), std::move(noting));
+    auto call = std::make_shared<RemoteCall>(loop, std::move(inOrder), std::move(noting));
     auto progress = call->makeProgress();
     loop->post([link = shared_from_this(), call = std::move(call), method,
                 fill = std::move(fill)]() mutable {
@@ -231,7 +240,7 @@ NSProgressPtr RemoteExtension::streamContents(NSFileProviderItemIdentifier itemI
                                               platform::NSRange range, BytesHandler bytes,
                                               EndHandler completionHandler) {
   // Bytes and their end come one after the other.
-  const boost::asio::any_io_executor inOrder = boost::asio::make_strand(platform::sharedExecutor());
+  const boost::asio::any_io_executor inOrder = strand();
   std::shared_ptr<SharedMemory> memory;
   try {
     memory = SharedMemory::make(kStreamBytes);
