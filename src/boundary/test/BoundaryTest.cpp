@@ -217,6 +217,46 @@ TEST_F(BoundaryTest, WhatAHandlerHoldsIsLetGoOnNoConnectionsThread) {
   testing::Mock::VerifyAndClear(extension.get());
 }
 
+// Takes the items of one enumeration.
+class ItemTaker final : public NSFileProviderEnumerationObserver {
+ public:
+  explicit ItemTaker(std::function<void(std::vector<NSFileProviderItemPtr>)> taken)
+      : taken_(std::move(taken)) {}
+  void didEnumerateItems(std::vector<NSFileProviderItemPtr> items) override {
+    items_ = std::move(items);
+  }
+  void finishEnumeratingUpToPage(std::optional<std::string>) override { taken_(items_); }
+  void finishEnumeratingWithError(NSErrorPtr) override { taken_({}); }
+
+ private:
+  const std::function<void(std::vector<NSFileProviderItemPtr>)> taken_;
+  std::vector<NSFileProviderItemPtr> items_;
+};
+
+TEST_F(BoundaryTest, HowListedItemsAreKeptIsUnknownWhenNobodyIsLeftToAsk) {
+  const auto kept = NSFileProviderContentPolicy::downloadEagerlyAndKeepDownloaded;
+  const auto enumerator = std::make_shared<testing::NiceMock<MockEnumerator>>();
+  EXPECT_CALL(*enumerator, enumerateItems).Times(2).WillRepeatedly(Invoke([&](auto&& to, auto&&) {
+    to->didEnumerateItems({TestItem::make({.identifier = "a", .policy = kept})});
+    to->finishEnumeratingUpToPage(std::nullopt);
+  }));
+  EXPECT_CALL(*extension, enumerator).WillOnce(testing::Return(enumerator));
+  const auto listed = [folder = boundary->remote->enumerator("x", {})] {
+    Told<std::vector<NSFileProviderItemPtr>> told;
+    folder->enumerateItems(std::make_shared<ItemTaker>(told.handler()), "page");
+    return std::get<0>(told.wait()).at(0);
+  };
+  const auto asked = listed();
+  const auto unasked = listed();
+  EXPECT_EQ(asked->contentPolicy(), kept);
+  boundary->killProgram();
+  EXPECT_EQ(asked->contentPolicy(), kept);
+  EXPECT_THROW(unasked->contentPolicy(), NSError);  // not "inherited", which would give it up
+  testing::Mock::VerifyAndClear(extension.get());
+  boundary.reset();
+  waitUntilAlone(enumerator);
+}
+
 TEST_F(BoundaryTest, TheProgramHearsThatTheHostIsGone) {
   boundary->remote = nullptr;
   EXPECT_EQ(boundary->hostWent.get_future().wait_for(kSoon), std::future_status::ready);
