@@ -19,6 +19,7 @@
 
 #include "config/StorageLocations.h"
 #include "extension/FileProviderExtension.h"
+#include "host/in/ItemRecord.h"
 #include "host/launch/LaunchedExtension.h"
 #include "host/launch/Launcher.h"
 #include "host/launch/PlatformServices.h"
@@ -49,9 +50,8 @@ NSFileProviderItemPtr item(const ExtensionPtr& extension, const std::string& pat
 class Counter final : public platform::NSFileProviderEnumerationObserver {
  public:
   void didEnumerateItems(std::vector<NSFileProviderItemPtr> items) override {
-    // As the host does: it reads each item's properties once.
-    for (const auto& one : items) bytes_ += one->filename().size() + one->itemIdentifier().size();
-    count_ += items.size();
+    for (const auto& one : items)
+      records_.push_back(host::ItemRecord::from(*one));  // as the host does
   }
   void finishEnumeratingUpToPage(std::optional<platform::NSFileProviderPage>) override {
     ended_.set_value(nullptr);
@@ -59,12 +59,11 @@ class Counter final : public platform::NSFileProviderEnumerationObserver {
   void finishEnumeratingWithError(NSErrorPtr error) override { ended_.set_value(error); }
   std::size_t wait() {
     require(ended_.get_future().get());
-    return count_;
+    return records_.size();
   }
 
  private:
-  std::size_t count_ = 0;
-  std::size_t bytes_ = 0;
+  std::vector<host::ItemRecord> records_;
   std::promise<NSErrorPtr> ended_;
 };
 

@@ -66,6 +66,7 @@ interface Policies {
 
 # What an operation's completion handler is called with; each operation fills in what its handler takes.
 struct Answer {
+  dropped @7 :Bool;  # nothing: the handler is gone and was never called
   error @0 :Error;
   item @1 :Item;
   url @2 :Data;
@@ -75,16 +76,9 @@ struct Answer {
   shouldFetchContent @6 :Bool;
 }
 
-# The progress of one operation, with whoever carries it out. Letting it go cancels nothing.
-interface Operation {
-  cancel @0 ();
-}
-
-# Whoever made one operation.
-interface Caller {
-  changed @0 (total :Int64, completed :Int64);  # of the progress
-  complete @1 (answer :Answer);  # once, the last call
-  dropped @2 ();  # in its place: the completion handler is gone and will never be called
+# Whoever made an operation watches its progress. What it is told comes before the operation's answer.
+interface Watcher {
+  changed @0 (total :Int64, completed :Int64);
 }
 
 # Takes a stream's bytes. They stand in `memory` from `position` on, which is counted from the stream's begin and wraps around at
@@ -133,20 +127,22 @@ interface Extension {
   greet @0 (version :UInt32, domainIdentifier :Data, domainName :Data, host :Host)
       -> (version :UInt32, partialContents :Bool, streams :Bool, actions :Bool, notEnforced :List(Data));
 
-  item @1 (caller :Caller, identifier :Data, request :Request) -> (operation :Operation);
-  fetchContents @2 (caller :Caller, identifier :Data, version :Version, request :Request) -> (operation :Operation);
-  fetchPartialContents @3 (caller :Caller, identifier :Data, version :Version, request :Request, range :Range, alignment :Int64,
-      options :UInt32) -> (operation :Operation);
-  streamContents @4 (caller :Caller, identifier :Data, version :Version, request :Request, range :Range, memory :Memory,
-      taker :Taker) -> (operation :Operation);
-  createItem @5 (caller :Caller, item :Item, fields :UInt32, url :Data, options :UInt32, request :Request)
-      -> (operation :Operation);
-  modifyItem @6 (caller :Caller, item :Item, version :Version, fields :UInt32, url :Data, options :UInt32, request :Request)
-      -> (operation :Operation);
-  deleteItem @7 (caller :Caller, identifier :Data, version :Version, options :UInt32, request :Request)
-      -> (operation :Operation);
-  performAction @8 (caller :Caller, action :Data, identifiers :List(Data)) -> (operation :Operation);
+  # Operations end with their answers. Each has a number of its own while it lasts, by which it can be cancelled.
+  item @1 (operation :UInt64, watcher :Watcher, identifier :Data, request :Request) -> (answer :Answer);
+  fetchContents @2 (operation :UInt64, watcher :Watcher, identifier :Data, version :Version, request :Request) -> (answer :Answer);
+  fetchPartialContents @3 (operation :UInt64, watcher :Watcher, identifier :Data, version :Version, request :Request, range :Range, alignment :Int64,
+      options :UInt32) -> (answer :Answer);
+  streamContents @4 (operation :UInt64, watcher :Watcher, identifier :Data, version :Version, request :Request, range :Range, memory :Memory,
+      taker :Taker) -> (answer :Answer);
+  createItem @5 (operation :UInt64, watcher :Watcher, item :Item, fields :UInt32, url :Data, options :UInt32, request :Request)
+      -> (answer :Answer);
+  modifyItem @6 (operation :UInt64, watcher :Watcher, item :Item, version :Version, fields :UInt32, url :Data, options :UInt32, request :Request)
+      -> (answer :Answer);
+  deleteItem @7 (operation :UInt64, watcher :Watcher, identifier :Data, version :Version, options :UInt32, request :Request)
+      -> (answer :Answer);
+  performAction @8 (operation :UInt64, watcher :Watcher, action :Data, identifiers :List(Data)) -> (answer :Answer);
 
   enumerator @9 (container :Data, request :Request) -> (enumerator :Enumerator, error :Error);
   invalidate @10 ();
+  cancel @11 (operation :UInt64);
 }

@@ -1,7 +1,8 @@
 #include "boundary/ExtensionServer.h"
 
 #include <boost/asio/post.hpp>
-#include <thread>
+#include <cstdint>
+#include <map>
 #include <utility>
 
 #include "boundary/Messages.h"
@@ -9,6 +10,7 @@
 #include "boundary/RemoteHost.h"
 #include "boundary/ServedCall.h"
 #include "boundary/ServedEnumerator.h"
+#include "boundary/SocketStream.h"
 #include "boundary/StreamWriter.h"
 #include "boundary/Wire.h"
 #include "platform/file_provider/ContentStreaming.h"
@@ -55,7 +57,7 @@ std::optional<std::filesystem::path> urlOf(Message message) {
   return std::filesystem::path(text(message.getUrl()));
 }
 
-// Each operation is read here, on the loop's thread, and made on the executor.
+// Each operation is read here, in the loop, and made outside.
 class Served final : public wire::Extension::Server {
  public:
   Served(std::shared_ptr<Loop> loop, ExtensionMaker makeExtension,
@@ -93,139 +95,141 @@ class Served final : public wire::Extension::Server {
 
   kj::Promise<void> item(ItemContext context) override {
     const auto told = context.getParams();
-    serve(context, [identifier = text(told.getIdentifier()), request = read(told.getRequest())](
-                       auto& extension, const CallPtr& call) {
-      return extension.item(identifier, request,
-                            [call](NSFileProviderItemPtr item, NSErrorPtr error) {
-                              call->complete({.error = std::move(error), .item = std::move(item)});
-                            });
-    });
-    return kj::READY_NOW;
+    return serve(context,
+                 [identifier = text(told.getIdentifier()), request = read(told.getRequest())](
+                     auto& extension, const CallPtr& call) {
+                   return extension.item(
+                       identifier, request, [call](NSFileProviderItemPtr item, NSErrorPtr error) {
+                         call->complete({.error = std::move(error), .item = std::move(item)});
+                       });
+                 });
   }
 
   kj::Promise<void> fetchContents(FetchContentsContext context) override {
     const auto told = context.getParams();
     std::optional<platform::NSFileProviderItemVersion> version;
     if (told.hasVersion()) version = read(told.getVersion());
-    serve(context, [identifier = text(told.getIdentifier()), version,
-                    request = read(told.getRequest())](auto& extension, const CallPtr& call) {
-      return extension.fetchContents(
-          identifier, version, request,
-          [call](std::optional<std::filesystem::path> url, NSFileProviderItemPtr item,
-                 NSErrorPtr error) {
-            call->complete(
-                {.error = std::move(error), .item = std::move(item), .url = std::move(url)});
-          });
-    });
-    return kj::READY_NOW;
+    return serve(
+        context, [identifier = text(told.getIdentifier()), version,
+                  request = read(told.getRequest())](auto& extension, const CallPtr& call) {
+          return extension.fetchContents(
+              identifier, version, request,
+              [call](std::optional<std::filesystem::path> url, NSFileProviderItemPtr item,
+                     NSErrorPtr error) {
+                call->complete(
+                    {.error = std::move(error), .item = std::move(item), .url = std::move(url)});
+              });
+        });
   }
 
   kj::Promise<void> fetchPartialContents(FetchPartialContentsContext context) override {
     const auto told = context.getParams();
-    serve(context,
-          [identifier = text(told.getIdentifier()), version = read(told.getVersion()),
-           request = read(told.getRequest()), range = read(told.getRange()),
-           alignment = told.getAlignment(),
-           options = static_cast<platform::NSFileProviderFetchContentsOptions>(told.getOptions())](
-              auto& extension, const CallPtr& call) -> platform::NSProgressPtr {
-            auto* partial =
-                dynamic_cast<platform::NSFileProviderPartialContentFetching*>(&extension);
-            if (partial == nullptr) {
-              call->complete({.error = notOffered("parts of contents")});
-              return nullptr;
-            }
-            return partial->fetchPartialContents(
-                identifier, version, request, range, alignment, options,
-                [call](std::optional<std::filesystem::path> url, NSFileProviderItemPtr item,
-                       platform::NSRange present,
-                       platform::NSFileProviderMaterializationFlags flags, NSErrorPtr error) {
-                  call->complete({.error = std::move(error),
-                                  .item = std::move(item),
-                                  .url = std::move(url),
-                                  .range = present,
-                                  .flags = flags});
-                });
-          });
-    return kj::READY_NOW;
+    return serve(
+        context,
+        [identifier = text(told.getIdentifier()), version = read(told.getVersion()),
+         request = read(told.getRequest()), range = read(told.getRange()),
+         alignment = told.getAlignment(),
+         options = static_cast<platform::NSFileProviderFetchContentsOptions>(told.getOptions())](
+            auto& extension, const CallPtr& call) -> platform::NSProgressPtr {
+          auto* partial = dynamic_cast<platform::NSFileProviderPartialContentFetching*>(&extension);
+          if (partial == nullptr) {
+            call->complete({.error = notOffered("parts of contents")});
+            return nullptr;
+          }
+          return partial->fetchPartialContents(
+              identifier, version, request, range, alignment, options,
+              [call](std::optional<std::filesystem::path> url, NSFileProviderItemPtr item,
+                     platform::NSRange present, platform::NSFileProviderMaterializationFlags flags,
+                     NSErrorPtr error) {
+                call->complete({.error = std::move(error),
+                                .item = std::move(item),
+                                .url = std::move(url),
+                                .range = present,
+                                .flags = flags});
+              });
+        });
   }
 
   kj::Promise<void> streamContents(StreamContentsContext context) override {
-    return context.getParams().getMemory().getFd().then([this, context](
-                                                            kj::Maybe<int> descriptor) mutable {
-      const auto told = context.getParams();
-      auto writer = std::make_shared<StreamWriter>(
-          loop_, loop_->held(told.getTaker()), SharedMemory::map(kj::mv(descriptor).orDefault(-1)));
-      serve(context,
-            [identifier = text(told.getIdentifier()), version = read(told.getVersion()),
-             request = read(told.getRequest()), range = read(told.getRange()),
-             writer = std::move(writer)](auto& extension,
-                                         const CallPtr& call) -> platform::NSProgressPtr {
-              auto* streaming = dynamic_cast<platform::ContentStreaming*>(&extension);
-              if (streaming == nullptr) {
-                call->complete({.error = notOffered("streams")});
-                return nullptr;
-              }
-              return streaming->streamContents(
-                  identifier, version, request, range,
-                  [writer](std::int64_t offset, std::string_view bytes) {
-                    return writer->write(offset, bytes);
-                  },
-                  [call](NSFileProviderItemPtr item, NSErrorPtr error) {
-                    call->complete({.error = std::move(error), .item = std::move(item)});
-                  });
-            });
-    });
+    Begun begun = begin(context);
+    auto memory = context.getParams().getMemory();
+    return memory.getFd()
+        .then([this, context, call = kj::mv(begun.call)](kj::Maybe<int> descriptor) mutable {
+          const auto told = context.getParams();
+          auto writer =
+              std::make_shared<StreamWriter>(loop_, loop_->held(told.getTaker()),
+                                             SharedMemory::map(kj::mv(descriptor).orDefault(-1)));
+          carryOut(kj::mv(call),
+                   [identifier = text(told.getIdentifier()), version = read(told.getVersion()),
+                    request = read(told.getRequest()), range = read(told.getRange()),
+                    writer = std::move(writer)](auto& extension,
+                                                const CallPtr& call) -> platform::NSProgressPtr {
+                     auto* streaming = dynamic_cast<platform::ContentStreaming*>(&extension);
+                     if (streaming == nullptr) {
+                       call->complete({.error = notOffered("streams")});
+                       return nullptr;
+                     }
+                     return streaming->streamContents(
+                         identifier, version, request, range,
+                         [writer](std::int64_t offset, std::string_view bytes) {
+                           return writer->write(offset, bytes);
+                         },
+                         [call](NSFileProviderItemPtr item, NSErrorPtr error) {
+                           call->complete({.error = std::move(error), .item = std::move(item)});
+                         });
+                   });
+        })
+        .then([answered = kj::mv(begun.answered)]() mutable { return kj::mv(answered); });
   }
 
   kj::Promise<void> createItem(CreateItemContext context) override {
     const auto told = context.getParams();
-    serve(context,
-          [item = read(told.getItem()),
-           fields = static_cast<NSFileProviderItemFields>(told.getFields()), url = urlOf(told),
-           options = static_cast<platform::NSFileProviderCreateItemOptions>(told.getOptions()),
-           request = read(told.getRequest())](auto& extension, const CallPtr& call) {
-            return extension.createItem(item, fields, url, options, request, changeHandler(call));
-          });
-    return kj::READY_NOW;
+    return serve(
+        context,
+        [item = read(told.getItem()),
+         fields = static_cast<NSFileProviderItemFields>(told.getFields()), url = urlOf(told),
+         options = static_cast<platform::NSFileProviderCreateItemOptions>(told.getOptions()),
+         request = read(told.getRequest())](auto& extension, const CallPtr& call) {
+          return extension.createItem(item, fields, url, options, request, changeHandler(call));
+        });
   }
 
   kj::Promise<void> modifyItem(ModifyItemContext context) override {
     const auto told = context.getParams();
-    serve(context,
-          [item = read(told.getItem()), version = read(told.getVersion()),
-           fields = static_cast<NSFileProviderItemFields>(told.getFields()), url = urlOf(told),
-           options = static_cast<platform::NSFileProviderModifyItemOptions>(told.getOptions()),
-           request = read(told.getRequest())](auto& extension, const CallPtr& call) {
-            return extension.modifyItem(item, version, fields, url, options, request,
-                                        changeHandler(call));
-          });
-    return kj::READY_NOW;
+    return serve(
+        context,
+        [item = read(told.getItem()), version = read(told.getVersion()),
+         fields = static_cast<NSFileProviderItemFields>(told.getFields()), url = urlOf(told),
+         options = static_cast<platform::NSFileProviderModifyItemOptions>(told.getOptions()),
+         request = read(told.getRequest())](auto& extension, const CallPtr& call) {
+          return extension.modifyItem(item, version, fields, url, options, request,
+                                      changeHandler(call));
+        });
   }
 
   kj::Promise<void> deleteItem(DeleteItemContext context) override {
     const auto told = context.getParams();
-    serve(context,
-          [identifier = text(told.getIdentifier()), version = read(told.getVersion()),
-           options = static_cast<platform::NSFileProviderDeleteItemOptions>(told.getOptions()),
-           request = read(told.getRequest())](auto& extension, const CallPtr& call) {
-            return extension.deleteItem(identifier, version, options, request, doneHandler(call));
-          });
-    return kj::READY_NOW;
+    return serve(
+        context,
+        [identifier = text(told.getIdentifier()), version = read(told.getVersion()),
+         options = static_cast<platform::NSFileProviderDeleteItemOptions>(told.getOptions()),
+         request = read(told.getRequest())](auto& extension, const CallPtr& call) {
+          return extension.deleteItem(identifier, version, options, request, doneHandler(call));
+        });
   }
 
   kj::Promise<void> performAction(PerformActionContext context) override {
     const auto told = context.getParams();
-    serve(context,
-          [action = text(told.getAction()), identifiers = read(told.getIdentifiers())](
-              auto& extension, const CallPtr& call) -> platform::NSProgressPtr {
-            auto* actions = dynamic_cast<platform::NSFileProviderCustomAction*>(&extension);
-            if (actions == nullptr) {
-              call->complete({.error = notOffered("actions")});
-              return nullptr;
-            }
-            return actions->performAction(action, identifiers, doneHandler(call));
-          });
-    return kj::READY_NOW;
+    return serve(context,
+                 [action = text(told.getAction()), identifiers = read(told.getIdentifiers())](
+                     auto& extension, const CallPtr& call) -> platform::NSProgressPtr {
+                   auto* actions = dynamic_cast<platform::NSFileProviderCustomAction*>(&extension);
+                   if (actions == nullptr) {
+                     call->complete({.error = notOffered("actions")});
+                     return nullptr;
+                   }
+                   return actions->performAction(action, identifiers, doneHandler(call));
+                 });
   }
 
   kj::Promise<void> enumerator(EnumeratorContext context) override {
@@ -255,6 +259,13 @@ class Served final : public wire::Extension::Server {
     });
   }
 
+  kj::Promise<void> cancel(CancelContext context) override {
+    const auto found = operations_.find(context.getParams().getOperation());
+    if (found != operations_.end())
+      onExecutor([cancelling = found->second] { cancelling->cancel(); });
+    return kj::READY_NOW;
+  }
+
   kj::Promise<void> invalidate(InvalidateContext) override {
     onExecutor([extension = greeted()] { extension->invalidate(); });
     return kj::READY_NOW;
@@ -271,28 +282,56 @@ class Served final : public wire::Extension::Server {
     return dynamic_cast<Protocol*>(extension_.get());
   }
 
-  template <class Context, class Make>
-  void serve(Context& context, Make make) {
-    const auto call = std::make_shared<ServedCall>(loop_, context.getParams().getCaller());
-    context.getResults().setOperation(call->operation());
-    onExecutor([extension = greeted(), call, make = std::move(make)] {
+  struct Begun {
+    CallPtr call;
+    kj::Promise<void> answered;
+  };
+  // From here on it can be cancelled, until it is answered.
+  template <class Context>
+  Begun begin(Context& context) {
+    context
+        .allowCancellation();  // of the answer alone: nobody waits for it after the connection's end
+    const auto told = context.getParams();
+    const std::uint64_t number = told.getOperation();
+    auto coming = kj::newPromiseAndFulfiller<ServedCall::Message>();
+    auto call = std::make_shared<ServedCall>(loop_, told.getWatcher(), kj::mv(coming.fulfiller));
+    operations_[number] = call->cancelling();
+    auto answered = coming.promise
+                        .then([context](ServedCall::Message message) mutable {
+                          context.getResults().setAnswer(message->getRoot<wire::Answer>());
+                        })
+                        .attach(kj::defer([this, number] { operations_.erase(number); }));
+    return {std::move(call), kj::mv(answered)};
+  }
+
+  template <class Make>
+  void carryOut(CallPtr call, Make make) {
+    onExecutor([extension = greeted(), call = std::move(call), make = std::move(make)] {
       call->started(make(*extension, call));
     });
+  }
+
+  template <class Context, class Make>
+  kj::Promise<void> serve(Context& context, Make make) {
+    Begun begun = begin(context);
+    carryOut(std::move(begun.call), std::move(make));
+    return kj::mv(begun.answered);
   }
 
   const std::shared_ptr<Loop> loop_;
   ExtensionMaker makeExtension_;
   const std::vector<std::string> notEnforced_;
   ExtensionPtr extension_;
+  std::map<std::uint64_t, std::shared_ptr<Cancelling>> operations_;  // those under way
 };
 
 struct Wire {
-  Wire(kj::AsyncIoContext& io, int socket, wire::Extension::Client extension)
-      : stream(io.lowLevelProvider->wrapUnixSocketFd(kj::AutoCloseFd(socket))),
-        network(*stream, 1, capnp::rpc::twoparty::Side::SERVER),
+  Wire(std::shared_ptr<Loop> loop, kj::AutoCloseFd socket, wire::Extension::Client extension)
+      : stream(std::move(loop), kj::mv(socket), SocketStream::Descriptors::taken),
+        network(stream, 1, capnp::rpc::twoparty::Side::SERVER),
         system(capnp::makeRpcServer(network, kj::mv(extension))) {}
 
-  kj::Own<kj::AsyncCapabilityStream> stream;
+  SocketStream stream;
   capnp::TwoPartyVatNetwork network;
   capnp::RpcSystem<capnp::rpc::twoparty::VatId> system;
 };
@@ -324,7 +363,7 @@ ExtensionServer::ExtensionServer(int socket, ExtensionMaker makeExtension,
   serving_->loop->post([serving = serving_, owned = kj::mv(owned), make = std::move(makeExtension),
                         limits = std::move(notEnforced)]() mutable {
     serving->wire =
-        std::make_unique<Wire>(serving->loop->io(), owned.release(),
+        std::make_unique<Wire>(serving->loop, kj::mv(owned),
                                kj::heap<Served>(serving->loop, std::move(make), std::move(limits)));
     serving->wire->network.onDisconnect()
         .then([serving] { serving->end(); })

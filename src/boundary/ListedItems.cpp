@@ -68,15 +68,13 @@ class Policies {
 
   // The answer to come; whoever is first asks.
   std::shared_future<Known> asked() {
-    platform::MutexLock lock(mutex_);
-    if (!known_.valid()) known_ = ask();
-    return known_;
-  }
-
-  std::shared_future<Known> ask() const {
     auto answer = std::make_shared<Answer>();
-    auto future = answer->future();
-    loop_->post([client = client_, answer = std::move(answer)] {
+    {
+      platform::MutexLock lock(mutex_);
+      if (known_.valid()) return known_;
+      known_ = answer->future();
+    }
+    loop_->post([client = client_, answer] {
       client->readRequest()
           .send()
           .then([answer](auto&& told) {
@@ -88,7 +86,7 @@ class Policies {
             answer->give({{}, errorFrom(exception)});
           });
     });
-    return future;
+    return asked();
   }
 
   const std::shared_ptr<wire::Policies::Client> client_;

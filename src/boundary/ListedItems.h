@@ -1,7 +1,7 @@
 // The items of an enumeration, some hundred at a time: they stand in the message that they came in, and their content policies are
 // asked for together when the first of them is read.
 //
-// Threads: `itemsOf` on the loop's thread; the items on any thread but that.
+// Threads: `itemsOf` in the loop; the items anywhere but there.
 #pragma once
 
 #include <memory>

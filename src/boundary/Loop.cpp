@@ -1,5 +1,7 @@
 #include "boundary/Loop.h"
 
+#include <kj/io.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -7,8 +9,11 @@
 #include <cerrno>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <future>
+#include <optional>
 #include <system_error>
+#include <utility>
 
 #include "platform/values/Mutex.h"
 #include "platform/values/NSError.h"
@@ -18,95 +23,206 @@ namespace kestrune::boundary {
 using platform::MutexLock;
 using platform::NSPOSIXError;
 
-struct Loop::State {
-  State() : wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (wake.get() < 0) throw NSPOSIXError(errno, "make an event descriptor");
+namespace {
+
+// So often a thread goes on with what others have posted meanwhile; then the loop's own takes over.
+constexpr int kMostRounds = 8;
+constexpr kj::uint kMostTurns = 64;  // a round
+
+using Work = kj::Function<void()>;
+using Queue = std::deque<Work>;
+
+// An eventfd, which wakes whoever polls it.
+class Bell {
+ public:
+  Bell() : descriptor_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (descriptor_.get() < 0) throw NSPOSIXError(errno, "make an event descriptor");
   }
-  const kj::AutoCloseFd wake;
-  kj::AsyncIoContext* io = nullptr;  // the thread's own
-
-  platform::Mutex mutex;
-  std::deque<kj::Function<void()>> queue GUARDED_BY(mutex);
-  bool isStopping GUARDED_BY(mutex) = false;
-
+  int descriptor() const { return descriptor_.get(); }
   void ring() const {
     const std::uint64_t one = 1;
     // Full only when it was rung often and nobody looked yet: then it wakes all the same.
-    while (::write(wake.get(), &one, sizeof one) < 0 && errno == EINTR) {
+    while (::write(descriptor_.get(), &one, sizeof one) < 0 && errno == EINTR) {
     }
   }
   void answer() const {
     std::uint64_t rung = 0;
-    while (::read(wake.get(), &rung, sizeof rung) < 0 && errno == EINTR) {
+    while (::read(descriptor_.get(), &rung, sizeof rung) < 0 && errno == EINTR) {
     }
   }
+
+ private:
+  const kj::AutoCloseFd descriptor_;
+};
+
+}  // namespace
+
+struct Loop::State {
+  State() = default;
+  ~State();
+  State(const State&) = delete;
+  State& operator=(const State&) = delete;
+
+  void post(Work work);
+  void want(short events);
+  // The own thread's work, until the end.
+  void attend();
+
+  kj::EventLoop events;         // of whoever is in the loop
+  std::function<void()> ready;  // likewise
+  const Bell bell;
+
+  platform::Mutex mutex;
+  Queue queue GUARDED_BY(mutex);
+  bool isEntered GUARDED_BY(mutex) = false;
+  bool isLeftToOwnThread GUARDED_BY(mutex) = false;  // it is entered then, by nobody else
+  bool isPolling GUARDED_BY(mutex) = false;          // the own thread, for the two below
+  int watched GUARDED_BY(mutex) = -1;
+  short wanted GUARDED_BY(mutex) = 0;
+  bool isStopping GUARDED_BY(mutex) = false;
+
+ private:
+  // What whoever is in the loop does next; none: it is out of it.
+  std::optional<Queue> next(bool isLastRound);
+  void serve();
+
+  struct Awaited {
+    bool isEnd = false;
+    bool isTurn = false;   // the loop is left to this thread
+    bool isReady = false;  // the descriptor has what was wanted
+  };
+  Awaited await();
 };
 
 namespace {
 
-std::unique_ptr<kj::AsyncIoContext> makeIo() {
-  try {
-    return std::make_unique<kj::AsyncIoContext>(kj::setupAsyncIo());
-  } catch (const kj::Exception& exception) {
-    // It has no error number; "overloaded" is what it calls a lack of descriptors.
-    const bool isLack = exception.getType() == kj::Exception::Type::OVERLOADED;
-    throw NSPOSIXError(isLack ? EMFILE : EIO,
-                       std::string("make an event loop: ") + exception.getDescription().cStr());
-  }
-}
+// The loop that this thread is in: one at a time.
+thread_local const void* inside = nullptr;
 
 }  // namespace
 
+Loop::State::~State() {
+  const auto clear = [this] {
+    kj::WaitScope scope(events);
+    scope.cancelAllDetached();  // nobody waits for it any more
+    ready = nullptr;
+    MutexLock lock(mutex);
+    queue.clear();
+  };
+  if (inside == nullptr) {
+    clear();
+  } else {
+    std::thread(clear).join();
+  }
+}
+
+void Loop::State::post(Work work) {
+  const bool canEnter = inside == nullptr;
+  {
+    MutexLock lock(mutex);
+    queue.push_back(kj::mv(work));
+    if (std::exchange(isEntered, true)) return;
+    isLeftToOwnThread = !canEnter;
+  }
+  if (canEnter) {
+    serve();
+  } else {
+    bell.ring();
+  }
+}
+
+std::optional<Queue> Loop::State::next(bool isLastRound) {
+  MutexLock lock(mutex);
+  if (queue.empty() && !events.isRunnable()) {
+    isEntered = false;
+    return std::nullopt;
+  }
+  if (isLastRound && !isStopping) {
+    isLeftToOwnThread = true;
+    bell.ring();
+    return std::nullopt;
+  }
+  return std::exchange(queue, {});
+}
+
+void Loop::State::serve() {
+  inside = this;
+  for (int round = 0; auto taken = next(round >= kMostRounds); ++round) {
+    kj::WaitScope scope(events);
+    for (; !taken->empty(); taken->pop_front()) taken->front()();
+    events.run(kMostTurns);
+  }
+  inside = nullptr;
+}
+
+void Loop::State::want(short which) {
+  MutexLock lock(mutex);
+  if (std::exchange(wanted, which) != which && isPolling) bell.ring();
+}
+
+Loop::State::Awaited Loop::State::await() {
+  Awaited awaited;
+  pollfd both[2] = {{bell.descriptor(), POLLIN, 0}, {-1, 0, 0}};
+  {
+    MutexLock lock(mutex);
+    awaited.isTurn = std::exchange(isLeftToOwnThread, false);
+    awaited.isEnd = isStopping && !awaited.isTurn;
+    if (wanted != 0) both[1] = {watched, wanted, 0};
+    isPolling = true;
+  }
+  const bool waits = !awaited.isTurn && !awaited.isEnd;
+  const bool isAny = ::poll(both, 2, waits ? -1 : 0) > 0;
+  if (isAny && both[0].revents != 0) bell.answer();
+  MutexLock lock(mutex);
+  isPolling = false;
+  awaited.isReady = isAny && both[1].revents != 0 && watched == both[1].fd;
+  if (awaited.isReady) wanted = 0;  // until it is wanted again: it stays ready until somebody reads
+  return awaited;
+}
+
+void Loop::State::attend() {
+  for (;;) {
+    const Awaited awaited = await();
+    if (awaited.isReady) {
+      post([this] {
+        if (ready) ready();
+      });
+    }
+    if (awaited.isTurn) serve();
+    if (awaited.isEnd) return;
+  }
+}
+
 std::shared_ptr<Loop> Loop::make(std::string name) {
-  auto state = std::make_shared<State>();
+  const auto state = std::make_shared<State>();
   std::shared_ptr<Loop> loop(new Loop(state));
-  std::promise<void> ready;
   try {
-    loop->thread_ = std::thread([state, name = std::move(name), &ready] {
+    std::thread([state, name = std::move(name)] {
       ::pthread_setname_np(::pthread_self(), name.substr(0, 15).c_str());
-      std::unique_ptr<kj::AsyncIoContext> io;
-      try {
-        io = makeIo();
-      } catch (const NSPOSIXError&) {
-        return ready.set_exception(std::current_exception());
-      }
-      state->io = io.get();
-      ready.set_value();
-      serve(*state, *io);
-    });
+      state->attend();
+    }).detach();
   } catch (const std::system_error& error) {
     throw NSPOSIXError(error.code().value(), "start a connection's thread");
   }
-  ready.get_future().get();
   return loop;
 }
 
 Loop::~Loop() {
-  if (!thread_.joinable()) return;  // it could not be started
   {
     MutexLock lock(state_->mutex);
     state_->isStopping = true;
   }
-  state_->ring();
-  if (std::this_thread::get_id() == thread_.get_id()) {
-    thread_.detach();
-  } else {
-    thread_.join();
-  }
+  state_->bell.ring();
 }
 
 void Loop::post(kj::Function<void()> work) const {
-  bool wasEmpty = false;
-  {
-    MutexLock lock(state_->mutex);
-    wasEmpty = state_->queue.empty();
-    state_->queue.push_back(kj::mv(work));
-  }
-  if (wasEmpty) state_->ring();
+  // Kept: what runs may let go of the loop.
+  const auto state = state_;
+  state->post(kj::mv(work));
 }
 
 void Loop::run(kj::Function<void()> work) const {
-  if (std::this_thread::get_id() == thread_.get_id()) return work();
+  if (inside == state_.get()) return work();
   std::promise<void> done;
   post([&] {
     work();
@@ -115,35 +231,24 @@ void Loop::run(kj::Function<void()> work) const {
   done.get_future().wait();
 }
 
-kj::AsyncIoContext& Loop::io() const { return *state_->io; }
+bool Loop::isInside() { return inside != nullptr; }
 
-void Loop::serve(State& state, kj::AsyncIoContext& io) {
-  kj::UnixEventPort::FdObserver observer(io.unixEventPort, state.wake.get(),
-                                         kj::UnixEventPort::FdObserver::OBSERVE_READ);
-  // Always awaited: the port tells of a ring once, to whoever waits for it then.
-  kj::Promise<void> rung = observer.whenBecomesReadable();
-  const auto heard = [&] {
-    rung.wait(io.waitScope);
-    state.answer();
-    rung = observer.whenBecomesReadable();
-  };
-  for (;;) {
-    std::deque<kj::Function<void()>> taken;
-    {
-      MutexLock lock(state.mutex);
-      if (state.queue.empty() && state.isStopping) return;
-      taken.swap(state.queue);
-    }
-    if (taken.empty()) {
-      heard();
-      continue;
-    }
-    while (!taken.empty()) {
-      taken.front()();
-      taken.pop_front();
-    }
-    if (rung.poll(io.waitScope)) heard();
-  }
+void Loop::watch(int descriptor, std::function<void()> ready) const {
+  state_->ready = std::move(ready);
+  MutexLock lock(state_->mutex);
+  state_->watched = descriptor;
+  state_->wanted = 0;
+}
+
+void Loop::want(short events) const { state_->want(events); }
+
+void Loop::unwatch() const {
+  state_->ready = nullptr;
+  MutexLock lock(state_->mutex);
+  state_->watched = -1;
+  state_->wanted = 0;
+  // Who polls a descriptor holds what is behind it, closed or not.
+  if (state_->isPolling) state_->bell.ring();
 }
 
 }  // namespace kestrune::boundary

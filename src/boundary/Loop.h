@@ -1,40 +1,51 @@
-// A thread with Cap'n Proto's event loop: everything of one connection lives on it. Other threads hand it work.
+// Where everything of one connection happens, one thing at a time: Cap'n Proto's event loop.
 //
-// What belongs to a connection (capabilities, promises) may be used and let go on this thread alone; `held` makes a value of it
+// Whoever has something to be done there does it on its own thread, unless another one is in the loop, which then does it too:
+// between two processes each change of threads costs more than most messages. A thread of the loop's own waits for what comes from
+// outside.
+//
+// What belongs to a connection (capabilities, promises) may be used and let go in the loop alone; `held` makes a value of it
 // that other threads may keep.
 //
-// Threads: `post` and `held` on any thread; `io` on the loop's own. Fails: `make` throws NSPOSIXError.
+// Threads: `post`, `run`, `held` and `isInside` on any thread; the others in the loop. Whoever posts may hold locks: what runs in
+// the loop calls no foreign code. Fails: `make` throws NSPOSIXError.
 #pragma once
 
-#include <kj/async-io.h>
-#include <kj/async-unix.h>
+#include <kj/async.h>
 #include <kj/function.h>
 
+#include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 #include <utility>
 
 namespace kestrune::boundary {
 
 class Loop : public std::enable_shared_from_this<Loop> {
  public:
-  /// `name` of the thread, its first 15 bytes. Throws where there are no descriptors or threads left.
+  /// `name` of its own thread, its first 15 bytes. Throws where there are no descriptors or threads left.
   static std::shared_ptr<Loop> make(std::string name);
-  /// Ends the thread after what was posted. May happen on the thread itself.
+  /// May happen in the loop itself; what was posted still runs.
   ~Loop();
   Loop(const Loop&) = delete;
   Loop& operator=(const Loop&) = delete;
 
-  /// Runs `work` on the thread, in the order of the calls. It must not throw.
+  /// Runs `work` in the loop, in the order of the calls: now, or soon where somebody is in it. It must not throw.
   void post(kj::Function<void()> work) const;
-  /// The same, and returns when it has run; at once where this is the loop's thread.
+  /// The same, and returns when it has run; at once where the caller is in the loop.
   void run(kj::Function<void()> work) const;
 
-  /// REQUIRES: on the loop's thread.
-  kj::AsyncIoContext& io() const;
+  /// Whether the caller is in some loop: then it must not call foreign code.
+  static bool isInside();
 
-  /// `value`, which is destroyed on the loop's thread whoever lets it go.
+  /// Calls `ready` whenever `descriptor`, of which there is one at a time, has one of the events that were wanted last.
+  void watch(int descriptor, std::function<void()> ready) const;
+  /// The next call of `ready` is for one of `events` (as poll(2) names them); 0: none.
+  void want(short events) const;
+  /// No more calls; the descriptor may be closed.
+  void unwatch() const;
+
+  /// `value`, which is destroyed in the loop whoever lets it go.
   template <class T>
   std::shared_ptr<T> held(T value) {
     return {new T(kj::mv(value)), [loop = shared_from_this()](T* owned) {
@@ -45,10 +56,8 @@ class Loop : public std::enable_shared_from_this<Loop> {
  private:
   struct State;
   explicit Loop(std::shared_ptr<State> state) : state_(std::move(state)) {}
-  static void serve(State& state, kj::AsyncIoContext& io);
 
-  const std::shared_ptr<State> state_;  // the thread's too
-  std::thread thread_;
+  const std::shared_ptr<State> state_;  // its own thread's too
 };
 
 }  // namespace kestrune::boundary

@@ -167,6 +167,7 @@ void write(wire::Answer::Builder message, const Completed& completed) {
   message.setFlags(static_cast<std::uint32_t>(completed.flags));
   message.setPendingFields(static_cast<std::uint32_t>(completed.pendingFields));
   message.setShouldFetchContent(completed.shouldFetchContent);
+  message.setDropped(completed.isDropped);
 }
 
 Completed read(wire::Answer::Reader message) {
@@ -179,6 +180,7 @@ Completed read(wire::Answer::Reader message) {
   completed.pendingFields =
       static_cast<platform::NSFileProviderItemFields>(message.getPendingFields());
   completed.shouldFetchContent = message.getShouldFetchContent();
+  completed.isDropped = message.getDropped();
   return completed;
 }
 

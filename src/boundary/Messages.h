@@ -52,6 +52,8 @@ struct Completed {
       platform::NSFileProviderMaterializationFlags::none;
   platform::NSFileProviderItemFields pendingFields = platform::NSFileProviderItemFields::none;
   bool shouldFetchContent = false;
+  /// In place of all else: it is never called.
+  bool isDropped = false;
 };
 void write(wire::Answer::Builder message, const Completed& completed);
 Completed read(wire::Answer::Reader message);

@@ -258,7 +258,7 @@ void RemoteEnumerator::enumerateChanges(
 
 void RemoteEnumerator::currentSyncAnchor(
     std::function<void(std::optional<NSFileProviderSyncAnchor>)> completionHandler) {
-  // Handed over with the answer: what the handler holds is not for the loop's thread to destroy.
+  // Handed over with the answer: what the handler holds is not to be destroyed in the loop.
   const auto answer = [handler = std::make_shared<decltype(completionHandler)>(std::move(
                            completionHandler))](std::optional<NSFileProviderSyncAnchor> anchor) {
     onExecutor([handler = std::exchange(*handler, nullptr), anchor = std::move(anchor)]() mutable {

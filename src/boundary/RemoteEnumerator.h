@@ -19,7 +19,7 @@ namespace kestrune::boundary {
 
 class RemoteEnumerator final : public platform::NSFileProviderEnumerator {
  public:
-  /// The answer of the program to the question for an enumerator: filled in on the loop's thread.
+  /// The answer of the program to the question for an enumerator: filled in in the loop.
   class Coming;
 
   /// `isGone` is set before anybody is told that the program is gone.

@@ -12,6 +12,7 @@
 #include "boundary/Protocol.h"
 #include "boundary/RemoteCall.h"
 #include "boundary/RemoteEnumerator.h"
+#include "boundary/SocketStream.h"
 #include "boundary/StreamReader.h"
 #include "boundary/Wire.h"
 #include "platform/tasks/Task.h"
@@ -30,38 +31,12 @@ using platform::NSProgressPtr;
 // What a stream may be ahead of the host's disk.
 constexpr std::size_t kStreamBytes = 4U << 20U;
 
-// Hands descriptors on and takes none: the program has none to give, and the host's are counted.
-class GivingStream final : public capnp::MessageStream {
- public:
-  explicit GivingStream(kj::AsyncCapabilityStream& stream) : stream_(stream) {}
-
-  kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> tryReadMessage(
-      kj::ArrayPtr<kj::AutoCloseFd>, capnp::ReaderOptions options,
-      kj::ArrayPtr<capnp::word> scratch) override {
-    return stream_.tryReadMessage(nullptr, options, scratch);
-  }
-  kj::Promise<void> writeMessage(
-      kj::ArrayPtr<const int> descriptors,
-      kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>> segments) override {
-    return stream_.writeMessage(descriptors, segments);
-  }
-  kj::Promise<void> writeMessages(
-      kj::ArrayPtr<kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>>> messages) override {
-    return stream_.writeMessages(messages);
-  }
-  kj::Maybe<int> getSendBufferSize() override { return stream_.getSendBufferSize(); }
-  kj::Promise<void> end() override { return stream_.end(); }
-
- private:
-  capnp::AsyncCapabilityMessageStream stream_;
-};
-
 // One side of a two-party connection.
 struct Wire {
-  Wire(kj::AsyncIoContext& io, int socket)
-      : stream(io.lowLevelProvider->wrapUnixSocketFd(kj::AutoCloseFd(socket))),
-        messages(*stream),
-        network(messages, 1, capnp::rpc::twoparty::Side::CLIENT),  // 1: lest none is sent either
+  // The program has no descriptors to give, and the host's are counted.
+  Wire(std::shared_ptr<Loop> loop, kj::AutoCloseFd socket)
+      : stream(std::move(loop), kj::mv(socket), SocketStream::Descriptors::refused),
+        network(stream, 1, capnp::rpc::twoparty::Side::CLIENT),  // 1: lest none is sent either
         system(capnp::makeRpcClient(network)),
         extension(bootstrap(system)) {}
 
@@ -72,8 +47,7 @@ struct Wire {
     return system.bootstrap(server).castAs<wire::Extension>();
   }
 
-  kj::Own<kj::AsyncCapabilityStream> stream;
-  GivingStream messages;
+  SocketStream stream;
   capnp::TwoPartyVatNetwork network;
   capnp::RpcSystem<capnp::rpc::twoparty::VatId> system;
   wire::Extension::Client extension;
@@ -96,10 +70,12 @@ struct RemoteExtension::Link : std::enable_shared_from_this<Link> {
   std::unique_ptr<Wire> wire;  // the loop's; none after the end
   const std::shared_ptr<std::atomic<bool>> isGone = std::make_shared<std::atomic<bool>>(false);
 
-  // Sends a request with the fields that `fill` sets, and gives its caller to the handler.
+  std::atomic<std::uint64_t> operations = 0;
+
   template <class Request>
   using Method = Request (wire::Extension::Client::*)(kj::Maybe<capnp::MessageSize>);
 
+  // Sends a request with the fields that `fill` sets, and gives its answer to the handler.
   template <class Request, class Fill>
   NSProgressPtr begin(Method<Request> method, Fill fill, RemoteCall::Handler handler,
                       boost::asio::any_io_executor inOrder = strand()) {
@@ -107,21 +83,36 @@ struct RemoteExtension::Link : std::enable_shared_from_this<Link> {
       if (completed.error && platform::isInterruption(*completed.error)) *isGone = true;
       handler(std::move(completed));
     };
-    auto call = std::make_shared<RemoteCall>(loop, std::move(inOrder), std::move(noting));
-    auto progress = call->makeProgress();
-    loop->post([link = shared_from_this(), call = std::move(call), method,
+    const std::uint64_t number = ++operations;
+    auto call = std::make_shared<RemoteCall>(std::move(inOrder), std::move(noting));
+    auto progress = call->makeProgress([weak = weak_from_this(), number] {
+      if (const auto link = weak.lock()) link->cancel(number);
+    });
+    loop->post([link = shared_from_this(), call = std::move(call), method, number,
                 fill = std::move(fill)]() mutable {
-      auto caller = call->caller();
-      if (!link->wire) return;  // the caller's end is the answer
-      call->endWith(link->wire->network.onDisconnect());
+      if (!link->wire) return call->complete({.error = interrupted()});
       auto request = (link->wire->extension.*method)(nullptr);
-      request.setCaller(caller);
+      request.setOperation(number);
+      request.setWatcher(call->watcher());
       fill(request);
       request.send()
-          .then([call](auto&& response) { call->began(response.getOperation()); })
-          .detach([call](kj::Exception&& exception) { call->failed(exception); });
+          .then([call](auto&& response) { call->complete(read(response.getAnswer())); })
+          .detach([call](kj::Exception&& exception) {
+            call->complete({.error = errorFrom(exception)});
+          });
     });
     return progress;
+  }
+
+  void cancel(std::uint64_t number) {
+    loop->post([link = shared_from_this(), number] {
+      if (!link->wire) return;
+      auto request = link->wire->extension.cancelRequest();
+      request.setOperation(number);
+      request.send().detach([](kj::Exception&&) {
+        // The answer says what became of the operation.
+      });
+    });
   }
 };
 
@@ -131,7 +122,7 @@ std::shared_ptr<RemoteExtension> RemoteExtension::connect(int socket, HostServic
   link->loop = Loop::make("kes-boundary");
   link->services = std::move(services);
   link->loop->post([link, owned = kj::mv(owned)]() mutable {
-    link->wire = std::make_unique<Wire>(link->loop->io(), owned.release());
+    link->wire = std::make_unique<Wire>(link->loop, kj::mv(owned));
     // Each a function of its own: a promise refers to a named one instead of keeping it.
     link->wire->network.onDisconnect()
         .then([isGone = link->isGone] { *isGone = true; })
@@ -150,7 +141,7 @@ void RemoteExtension::disconnect() {
 bool RemoteExtension::isGone() const { return *link_->isGone; }
 
 void RemoteExtension::greet(const platform::NSFileProviderDomain& domain, Greeted greeted) {
-  // Handed over with the answer: what it holds is not for the loop's thread to destroy.
+  // Handed over with the answer: what it holds is not to be destroyed in the loop.
   const auto answer = [once = std::make_shared<Greeted>(std::move(greeted))](Greeting greeting,
                                                                              NSErrorPtr error) {
     boost::asio::post(platform::sharedExecutor(),

@@ -1,6 +1,6 @@
 // The host's manager and pasteboard, as the extension sees them in its own program.
 //
-// Threads: `make` on the loop's thread, once it is connected; the objects on any.
+// Threads: `make` in the loop, once it is connected; the objects on any.
 #pragma once
 
 #include "boundary/ExtensionServer.h"

@@ -14,28 +14,41 @@
 
 namespace kestrune::boundary {
 
-class ServedCall : public std::enable_shared_from_this<ServedCall> {
+/// What is cancelled, and whether it is. Not the call itself: the extension alone decides how long that lives.
+class Cancelling {
  public:
-  /// REQUIRES: on the loop's thread.
-  ServedCall(std::shared_ptr<Loop> loop, wire::Caller::Client caller);
+  void started(const std::shared_ptr<platform::NSProgress>& progress);
+  void cancel();
+
+ private:
+  platform::Mutex mutex_;
+  std::shared_ptr<platform::NSProgress> progress_ GUARDED_BY(mutex_);
+  bool isCancelled_ GUARDED_BY(mutex_) = false;
+};
+
+class ServedCall {
+ public:
+  /// A message with a wire::Answer.
+  using Message = kj::Own<capnp::MallocMessageBuilder>;
+
+  /// REQUIRES: in the loop.
+  ServedCall(std::shared_ptr<Loop> loop, wire::Watcher::Client watcher,
+             kj::Own<kj::PromiseFulfiller<Message>> answer);
   ~ServedCall();
   ServedCall(const ServedCall&) = delete;
   ServedCall& operator=(const ServedCall&) = delete;
 
   void complete(const Completed& completed);
 
-  /// What the host holds of the operation. REQUIRES: on the loop's thread.
-  wire::Operation::Client operation() const;
+  const std::shared_ptr<Cancelling>& cancelling() const { return cancelling_; }
   /// The extension has returned the operation's progress.
   void started(const std::shared_ptr<platform::NSProgress>& progress) const;
 
  private:
-  // What is cancelled, and whether it is. Not the call itself: the extension alone decides how long that lives.
-  class Cancelling;
-
   const std::shared_ptr<Loop> loop_;
-  const std::shared_ptr<wire::Caller::Client> caller_;
-  const std::shared_ptr<Cancelling> cancelling_;
+  const std::shared_ptr<wire::Watcher::Client> watcher_;
+  const std::shared_ptr<kj::Own<kj::PromiseFulfiller<Message>>> answer_;
+  const std::shared_ptr<Cancelling> cancelling_ = std::make_shared<Cancelling>();
   platform::Mutex mutex_;
   bool isCompleted_ GUARDED_BY(mutex_) = false;
 };

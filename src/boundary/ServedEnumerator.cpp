@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <boost/asio/post.hpp>
+#include <cstring>
 #include <span>
 #include <utility>
 #include <vector>
@@ -17,7 +18,7 @@ namespace {
 using platform::NSErrorPtr;
 using platform::NSFileProviderItemPtr;
 
-constexpr unsigned kFirstWords = 16U << 10U;  // so that a usual message is one piece
+constexpr std::size_t kWordsAnItem = 64;  // a usual one has about 40
 
 // Some of what is reported, and its items, whose policies may be asked for.
 struct Part {
@@ -28,20 +29,23 @@ struct Part {
 };
 using PartPtr = std::shared_ptr<const Part>;
 
-std::vector<PartPtr> partsOf(const std::vector<NSFileProviderItemPtr>& items) {
-  std::vector<PartPtr> parts;
+// The items in parts, each handed on as soon as it is made: while one is on its way the next is made.
+template <class Report>
+void inParts(const std::vector<NSFileProviderItemPtr>& items, Report report) {
+  auto first = kj::heapArray<capnp::word>(
+      std::min<std::size_t>(items.size() + 1, kMostItemsAMessage) * kWordsAnItem);
+  std::memset(first.begin(), 0, first.asBytes().size());
   for (std::size_t from = 0; from < items.size(); from += kMostItemsAMessage) {
     const auto some = std::span(items).subspan(
         from, std::min<std::size_t>(kMostItemsAMessage, items.size() - from));
     auto part = std::make_shared<Part>();
     part->items.assign(some.begin(), some.end());
-    capnp::MallocMessageBuilder message(kFirstWords);
+    capnp::MallocMessageBuilder message(first);  // which it leaves as it finds it
     auto list = message.initRoot<wire::ItemList>().initItems(static_cast<unsigned>(some.size()));
     for (unsigned i = 0; i < some.size(); ++i) writeWithoutPolicy(list[i], *some[i]);
     part->message = capnp::messageToFlatArray(message);
-    parts.push_back(std::move(part));
+    report(PartPtr(std::move(part)));
   }
-  return parts;
 }
 
 class PoliciesServer final : public wire::Policies::Server {
@@ -81,7 +85,7 @@ class Ordered : public std::enable_shared_from_this<Ordered<Client>> {
  public:
   using Send = std::function<kj::Promise<void>(Client&)>;
 
-  /// REQUIRES: on the loop's thread.
+  /// REQUIRES: in the loop.
   Ordered(std::shared_ptr<Loop> loop, Client client)
       : loop_(std::move(loop)), told_(loop_->held(Told{kj::mv(client), kj::READY_NOW})) {}
 
@@ -147,14 +151,14 @@ class ItemReporter final : public platform::NSFileProviderEnumerationObserver {
       : loop_(loop), reporter_(loop, kj::mv(client)) {}
 
   void didEnumerateItems(std::vector<NSFileProviderItemPtr> updatedItems) override {
-    for (const PartPtr& part : partsOf(updatedItems)) {
+    inParts(updatedItems, [&](const PartPtr& part) {
       reporter_.report([loop = loop_, part](wire::ItemObserver::Client& client) {
         auto request = client.itemsRequest();
         request.setList(part->bytes());
         request.setPolicies(kj::heap<PoliciesServer>(loop, part));
         return request.send();
       });
-    }
+    });
   }
   void finishEnumeratingUpToPage(std::optional<platform::NSFileProviderPage> nextPage) override {
     reporter_.finish([page = std::move(nextPage)](wire::ItemObserver::Client& client) {
@@ -176,14 +180,14 @@ class ChangeReporter final : public platform::NSFileProviderChangeObserver {
       : loop_(loop), reporter_(loop, kj::mv(client)) {}
 
   void didUpdateItems(std::vector<NSFileProviderItemPtr> updatedItems) override {
-    for (const PartPtr& part : partsOf(updatedItems)) {
+    inParts(updatedItems, [&](const PartPtr& part) {
       reporter_.report([loop = loop_, part](wire::ChangeObserver::Client& client) {
         auto request = client.updatedRequest();
         request.setList(part->bytes());
         request.setPolicies(kj::heap<PoliciesServer>(loop, part));
         return request.send();
       });
-    }
+    });
   }
   void didDeleteItemsWithIdentifiers(std::vector<std::string> deletedItemIdentifiers) override {
     const auto& all = deletedItemIdentifiers;

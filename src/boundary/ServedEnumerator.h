@@ -3,7 +3,7 @@
 // Items are written on the thread on which the extension reports them, a few hundred a message, and the messages go one after the
 // other as fast as the host takes them: a folder may be of any size.
 //
-// Threads: `serveEnumerator` on the loop's thread.
+// Threads: `serveEnumerator` in the loop.
 #pragma once
 
 #include <memory>

@@ -11,6 +11,7 @@ inline bool operator!=(const char* a, const StringPtr& b) { return !b.operator==
 
 #include <capnp/message.h>
 #include <capnp/rpc-twoparty.h>
+#include <capnp/serialize-async.h>
 #include <capnp/serialize.h>
 #include <kj/debug.h>
 

@@ -8,6 +8,7 @@
 
 #include "boundary/Loop.h"
 #include "boundary/Protocol.h"
+#include "boundary/SocketStream.h"
 #include "boundary/Wire.h"
 #include "boundary/test/ProtocolHarness.h"
 
@@ -19,7 +20,7 @@ class HostileProgram {
  public:
   template <class Server>
   HostileProgram(int socket, kj::Own<Server> extension) {
-    loop_->run([&] { end_ = std::make_unique<End>(loop_->io(), socket, kj::mv(extension)); });
+    loop_->run([&] { end_ = std::make_unique<End>(loop_, socket, kj::mv(extension)); });
   }
   ~HostileProgram() {
     loop_->run([this] { end_ = nullptr; });
@@ -29,11 +30,11 @@ class HostileProgram {
 
  private:
   struct End {
-    End(kj::AsyncIoContext& io, int socket, wire::Extension::Client extension)
-        : stream(io.lowLevelProvider->wrapUnixSocketFd(kj::AutoCloseFd(socket))),
-          network(*stream, 1, capnp::rpc::twoparty::Side::SERVER),
+    End(std::shared_ptr<Loop> loop, int socket, wire::Extension::Client extension)
+        : stream(std::move(loop), kj::AutoCloseFd(socket), SocketStream::Descriptors::taken),
+          network(stream, 1, capnp::rpc::twoparty::Side::SERVER),
           system(capnp::makeRpcServer(network, kj::mv(extension))) {}
-    kj::Own<kj::AsyncCapabilityStream> stream;
+    SocketStream stream;
     capnp::TwoPartyVatNetwork network;
     capnp::RpcSystem<capnp::rpc::twoparty::VatId> system;
   };
@@ -53,11 +54,11 @@ int openMarked() {
   return open;
 }
 
-// Hands a descriptor to the host with each operation; the first one never ends.
+// Hands a descriptor to the host with an enumerator.
 class Giver final : public wire::Extension::Server {
-  class Operation final : public wire::Operation::Server {
+  class Enumerator final : public wire::Enumerator::Server {
    public:
-    explicit Operation(int descriptor) : descriptor_(descriptor) {}
+    explicit Enumerator(int descriptor) : descriptor_(descriptor) {}
     kj::Maybe<int> getFd() override { return descriptor_; }
 
    private:
@@ -65,26 +66,22 @@ class Giver final : public wire::Extension::Server {
   };
 
  protected:
-  kj::Promise<void> item(ItemContext context) override {
-    context.getResults().setOperation(kj::heap<Operation>(marked_.get()));
-    callers_.push_back(context.getParams().getCaller());
-    if (callers_.size() < 2) return kj::READY_NOW;
-    callers_.back().completeRequest().send().detach([](kj::Exception&&) {});
+  kj::Promise<void> enumerator(EnumeratorContext context) override {
+    context.getResults().setEnumerator(kj::heap<Enumerator>(marked_.get()));
     return kj::READY_NOW;
   }
+  kj::Promise<void> item(ItemContext) override { return kj::READY_NOW; }
 
  private:
   const kj::AutoCloseFd marked_{::memfd_create(kMark, MFD_CLOEXEC)};
-  std::vector<wire::Caller::Client> callers_;
 };
 
 TEST(HostileProgram, ADescriptorThatItSendsIsNotTaken) {
   const auto [hostEnd, programEnd] = socketPair();
   const HostileProgram program(programEnd, kj::heap<Giver>());
   const auto remote = RemoteExtension::connect(hostEnd, {});
-  const Told<NSFileProviderItemPtr, NSErrorPtr> open;
+  const auto folder = remote->enumerator("open", {});
   Told<NSFileProviderItemPtr, NSErrorPtr> ended;
-  remote->item("open", {}, open.handler());
   remote->item("ended", {}, ended.handler());
   ended.wait();  // both answers have come
   EXPECT_EQ(openMarked(), 1) << "the program's own";
@@ -97,18 +94,18 @@ class Babbler final : public wire::Extension::Server {
 
  protected:
   kj::Promise<void> streamContents(StreamContentsContext context) override {
-    auto caller = context.getParams().getCaller();
-    caller.completeRequest().send().detach([](kj::Exception&&) {});
-    auto more = context.getParams().getTaker().takeRequest();
-    more.setLength(5);
-    more.send()
-        .then([this](auto&& answer) { wanted_.set_value(answer.getWanted()); })
-        .detach([](kj::Exception&&) {});
+    taker_ = context.getParams().getTaker();
     return kj::READY_NOW;
+  }
+  kj::Promise<void> item(ItemContext) override {
+    auto more = taker_->takeRequest();
+    more.setLength(5);
+    return more.send().then([this](auto&& answer) { wanted_.set_value(answer.getWanted()); });
   }
 
  private:
   std::promise<bool>& wanted_;
+  std::optional<wire::Taker::Client> taker_;
 };
 
 TEST(HostileProgram, BytesAfterTheEndAreNotHandedOn) {
@@ -121,6 +118,8 @@ TEST(HostileProgram, BytesAfterTheEndAreNotHandedOn) {
   remote->streamContents(
       "x", {}, {}, {0, 100}, [&pieces](auto&&...) { return ++pieces > 0; }, ended.handler());
   ended.wait();
+  Told<NSFileProviderItemPtr, NSErrorPtr> found;
+  remote->item("x", {}, found.handler());
   auto answered = wanted.get_future();
   ASSERT_EQ(answered.wait_for(kSoon), std::future_status::ready);
   EXPECT_FALSE(answered.get());
@@ -199,20 +198,11 @@ TEST(HostileProgram, AFewBytesDoNotBecomeAMillionItems) {
   EXPECT_EQ(changesError->code(), NSCocoaError::xpcConnectionReplyInvalid);
 }
 
-// Answers what is not there: no operation, no enumerator, no completion, a capability of another kind.
+// Answers what is not there: no answer, no enumerator, and sometimes nothing at all.
 class Void final : public wire::Extension::Server {
  protected:
-  kj::Promise<void> item(ItemContext context) override {
-    context.getParams().getCaller().completeRequest().send().detach([](kj::Exception&&) {});
-    return kj::READY_NOW;
-  }
-  kj::Promise<void> fetchContents(FetchContentsContext context) override {
-    context.getResults().setOperation(
-        context.getParams()
-            .getCaller()
-            .castAs<wire::Operation>());  // the host's own, and no operation
-    return kj::READY_NOW;
-  }
+  kj::Promise<void> item(ItemContext) override { return kj::READY_NOW; }
+  kj::Promise<void> fetchContents(FetchContentsContext) override { return kj::NEVER_DONE; }
   kj::Promise<void> enumerator(EnumeratorContext) override { return kj::READY_NOW; }
 };
 
@@ -230,8 +220,7 @@ TEST(HostileProgram, AnswersWithNothingInThemAreAnswersOrErrors) {
   Told<std::size_t, NSErrorPtr> listed;
   remote->enumerator("x", {})->enumerateItems(std::make_shared<Counter>(listed.handler()), "");
   EXPECT_NE(std::get<1>(listed.wait()), nullptr);
-  program
-      .reset();  // the host holds its own capability as the operation, and hears of the end all the same
+  program.reset();
   EXPECT_NE(std::get<2>(fetched.wait()), nullptr);
 }
 
