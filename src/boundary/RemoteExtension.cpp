@@ -30,6 +30,8 @@ using platform::NSProgressPtr;
 
 // What a stream may be ahead of the host's disk.
 constexpr std::size_t kStreamBytes = 4U << 20U;
+// What the program may have asked without an answer, 128 MiB: a hundred thousand downloads that wait, and no memory without end.
+constexpr std::size_t kMostUnansweredWords = (128U << 20U) / sizeof(capnp::word);
 
 // One side of a two-party connection.
 struct Wire {
@@ -38,7 +40,9 @@ struct Wire {
       : stream(std::move(loop), kj::mv(socket), SocketStream::Descriptors::refused),
         network(stream, 1, capnp::rpc::twoparty::Side::CLIENT),  // 1: lest none is sent either
         system(capnp::makeRpcClient(network)),
-        extension(bootstrap(system)) {}
+        extension(bootstrap(system)) {
+    system.setFlowLimit(kMostUnansweredWords);
+  }
 
   static wire::Extension::Client bootstrap(capnp::RpcSystem<capnp::rpc::twoparty::VatId>& system) {
     capnp::MallocMessageBuilder message;

@@ -7,10 +7,12 @@
 #include <filesystem>
 
 #include "boundary/Loop.h"
+#include "boundary/Messages.h"
 #include "boundary/Protocol.h"
 #include "boundary/SocketStream.h"
 #include "boundary/Wire.h"
 #include "boundary/test/ProtocolHarness.h"
+#include "platform/values/Mutex.h"
 
 namespace kestrune::boundary::test {
 namespace {
@@ -222,6 +224,48 @@ TEST(HostileProgram, AnswersWithNothingInThemAreAnswersOrErrors) {
   EXPECT_NE(std::get<1>(listed.wait()), nullptr);
   program.reset();
   EXPECT_NE(std::get<2>(fetched.wait()), nullptr);
+}
+
+// Asks more and more, whatever is answered.
+class Asker final : public wire::Extension::Server {
+ protected:
+  kj::Promise<void> greet(GreetContext context) override {
+    context.getResults().setVersion(kProtocolVersion);
+    const std::string text(1U << 20U, 'x');
+    for (int i = 0; i < kTexts; ++i) {
+      auto request = context.getParams().getHost().copyTextRequest();
+      request.setText(bytesOf(text));
+      request.send().ignoreResult().detach([](kj::Exception&&) {});
+    }
+    return kj::READY_NOW;
+  }
+
+ public:
+  static constexpr int kTexts = 300;  // of 1 MiB each
+};
+
+TEST(HostileProgram, QuestionsWithoutEndAreNotReadWithoutEnd) {
+  const auto [hostEnd, programEnd] = socketPair();
+  const HostileProgram program(programEnd, kj::heap<Asker>());
+  std::atomic<int> asked = 0;
+  platform::Mutex mutex;
+  std::vector<platform::NSFileProviderManager::Handler> unanswered;
+  const auto copyText = [&](auto&&, auto&& handler) {
+    platform::MutexLock lock(mutex);
+    unanswered.push_back(handler);
+    ++asked;
+  };
+  const auto remote = RemoteExtension::connect(hostEnd, {[] { return nullptr; }, copyText});
+  Told<Greeting, NSErrorPtr> greeted;
+  remote->greet({"d", "d"}, greeted.handler());
+  const auto deadline = std::chrono::steady_clock::now() + kSoon;
+  for (int before = 0; before == 0 || before != asked;) {
+    before = asked;
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    ASSERT_LT(std::chrono::steady_clock::now(), deadline);
+  }
+  EXPECT_GT(asked, 100);
+  EXPECT_LT(asked, Asker::kTexts / 2);
 }
 
 }  // namespace
