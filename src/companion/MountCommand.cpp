@@ -8,6 +8,7 @@
 #include <optional>
 #include <utility>
 
+#include "companion/ServiceManager.h"
 #include "companion/configuration/CommandError.h"
 #include "companion/configuration/InvalidateCommand.h"
 #include "companion/configuration/MountConfiguration.h"
@@ -122,11 +123,13 @@ void runMount(const MountOptions& options) {
   }
   // From when the folder can be used: no thread may run before.
   std::optional<EventListener> listener;
+  std::optional<ServiceManager> serviceManager;
   const bool isNew = options.inherited == nullptr || !options.inherited->exists();
-  host.mounted = [&options, &listener, isNew] {
+  host.mounted = [&options, &listener, &serviceManager, isNew] {
     EventListenerOptions events;
     events.refresh = std::chrono::seconds(options.refreshSeconds);
     listener.emplace(events, [] { writeInvalidationToken(); });
+    serviceManager.emplace(options.mountPoint.string());
     if (!isNew) return;
     std::printf("Mounted at %s; Ctrl-C or fusermount3 -u ends it.\n", options.mountPoint.c_str());
     std::fflush(stdout);
