@@ -61,10 +61,6 @@ std::optional<std::int64_t> parseNumber(std::string_view text) {
   return value;
 }
 
-bool equalInConstantTime(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
-}
-
 /// A path of the tree begins with a slash, which is the one after "tree" in the target.
 std::string targetPath(const StorageGrant& grant) {
   const std::string_view separator = grant.kind == StorageKind::tree ? "" : "/";
@@ -93,22 +89,7 @@ std::string Signer::signature(const StorageGrant& grant, std::int64_t expires) c
   // No field but the last can hold a line break, so two different grants never give the same text.
   const std::string text =
       fmt::format("{}\n{}\n{}\n{}", grant.method, nameOf(grant.kind), expires, grant.key);
-  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-  unsigned length = 0;
-  const std::string& key = key_.reveal();
-  const auto* data = reinterpret_cast<const unsigned char*>(text.data());
-  if (HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()), data, text.size(), digest.data(),
-           &length) == nullptr) {
-    throw std::runtime_error("HMAC-SHA256 failed");
-  }
-  std::string hex;
-  hex.reserve(std::size_t{2} * length);
-  constexpr std::string_view kDigits = "0123456789abcdef";
-  for (unsigned i = 0; i < length; ++i) {
-    hex += kDigits[digest[i] >> 4U];
-    hex += kDigits[digest[i] & 15U];
-  }
-  return hex;
+  return keyedHash(key_, text);
 }
 
 std::string Signer::sign(const StorageGrant& grant,
@@ -136,6 +117,29 @@ StorageGrant Signer::verify(std::string_view method, std::string_view target,
   const auto current = std::chrono::floor<std::chrono::seconds>(now).time_since_epoch().count();
   if (current >= *expires) throw refused;
   return grant;
+}
+
+std::string keyedHash(const platform::Secret& key, std::string_view text) {
+  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  unsigned length = 0;
+  const std::string& bytes = key.reveal();
+  const auto* data = reinterpret_cast<const unsigned char*>(text.data());
+  if (HMAC(EVP_sha256(), bytes.data(), static_cast<int>(bytes.size()), data, text.size(),
+           digest.data(), &length) == nullptr) {
+    throw std::runtime_error("HMAC-SHA256 failed");
+  }
+  std::string hex;
+  hex.reserve(std::size_t{2} * length);
+  constexpr std::string_view kDigits = "0123456789abcdef";
+  for (unsigned i = 0; i < length; ++i) {
+    hex += kDigits[digest[i] >> 4U];
+    hex += kDigits[digest[i] & 15U];
+  }
+  return hex;
+}
+
+bool equalInConstantTime(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
 }
 
 platform::Secret loadSigningKey(const std::filesystem::path& file) {

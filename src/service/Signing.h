@@ -59,6 +59,12 @@ class Signer {
   std::chrono::seconds lifetime_;
 };
 
+/// HMAC-SHA256 of `text` under `key`, as 64 hexadecimal digits.
+std::string keyedHash(const platform::Secret& key, std::string_view text);
+
+/// Whether two texts are equal, in a time that tells their lengths at most.
+bool equalInConstantTime(std::string_view a, std::string_view b);
+
 /// The key kept in `file`, which is made with a new random key if it is missing, so that URLs
 /// survive a restart. Throws std::runtime_error when it cannot be read, written or has another
 /// length.

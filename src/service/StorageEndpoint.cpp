@@ -8,8 +8,9 @@
 #include <system_error>
 #include <tuple>
 #include <utility>
+#include <vector>
 
-#include "service/ByteRange.h"
+#include "service/FileContents.h"
 #include "service/ServiceError.h"
 #include "service/Time.h"
 #include "service/Upload.h"
@@ -18,15 +19,6 @@ namespace kestrune::service {
 namespace {
 
 namespace asio = boost::asio;
-
-/// The Range field, unless If-Range says that it was meant for other contents.
-std::string_view rangeOf(const Exchange& exchange, const std::string& tag,
-                         const std::string& lastModified) {
-  const std::string_view condition = exchange.field("If-Range");
-  const bool holds =
-      condition.empty() || condition == tag || (!lastModified.empty() && condition == lastModified);
-  return holds ? exchange.field("Range") : std::string_view();
-}
 
 /// One part's way through the book-keeping of its upload.
 class PartInProgress {
@@ -64,11 +56,6 @@ asio::awaitable<void> replyStored(std::shared_ptr<Exchange> exchange, std::strin
 
 }  // namespace
 
-std::string entityTagOf(const ItemAttributes& attributes) {
-  return fmt::format("\"{:x}-{:x}-{:x}.{:x}\"", attributes.inode, attributes.sizeBytes,
-                     attributes.modified.seconds, attributes.modified.nanoseconds);
-}
-
 std::string partKey(const std::string& uploadId, std::int64_t number) {
   return fmt::format("{}/{}", uploadId, number);
 }
@@ -102,38 +89,16 @@ asio::awaitable<void> StorageEndpoint::handle(std::shared_ptr<Exchange> exchange
 
 asio::awaitable<void> StorageEndpoint::download(std::shared_ptr<Exchange> exchange,
                                                 RemotePath path) {
-  FileReply reply;
-  ItemAttributes attributes;
-  reply.file = co_await parts_.fileThreads.run([&] {
-    FileDescriptor file = parts_.tree.openFile(path);
-    attributes = attributesOf(file);
-    return file;
-  });
-  const std::string tag = entityTagOf(attributes);
-  const std::string lastModified = httpDate(attributes.modified.seconds);
-  reply.fields = {{"ETag", tag},
-                  {"Accept-Ranges", "bytes"},
-                  {"Cache-Control", "private, no-cache"},
-                  // What users stored is shown by nobody in this origin's name.
-                  {"X-Content-Type-Options", "nosniff"},
-                  {"Content-Security-Policy", "sandbox"}};
-  if (!lastModified.empty()) reply.fields.emplace_back("Last-Modified", lastModified);
-  const ByteRange range =
-      parseByteRange(rangeOf(*exchange, tag, lastModified), attributes.sizeBytes);
-  if (range.answer == ByteRange::Answer::unsatisfiable) {
-    throw ServiceError(416, "the range lies outside the file")
-        .with("Content-Range", fmt::format("bytes */{}", attributes.sizeBytes));
-  }
-  if (range.answer == ByteRange::Answer::partial) {
-    reply.status = 206;
-    reply.fields.emplace_back("Content-Range",
-                              fmt::format("bytes {}-{}/{}", range.offset,
-                                          range.offset + range.length - 1, attributes.sizeBytes));
-  }
-  reply.offset = range.offset;
-  reply.length = range.length;
-  reply.contentType = parts_.types.typeOf(path.name()).value_or("application/octet-stream");
-  co_await exchange->replyFile(std::move(reply), &parts_.fileThreads);
+  OpenedFile opened =
+      co_await parts_.fileThreads.run([&] { return openContents(parts_.tree, path); });
+  std::vector<std::pair<std::string, std::string>> fields{
+      {"Cache-Control", "private, no-cache"},
+      // What users stored is shown by nobody in this origin's name.
+      {"X-Content-Type-Options", "nosniff"},
+      {"Content-Security-Policy", "sandbox"}};
+  std::string contentType = parts_.types.typeOf(path.name()).value_or("application/octet-stream");
+  co_await replyContents(std::move(exchange), std::move(opened), std::move(contentType),
+                         std::move(fields), &parts_.fileThreads);
 }
 
 asio::awaitable<void> StorageEndpoint::uploadFile(std::shared_ptr<Exchange> exchange,

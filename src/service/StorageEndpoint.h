@@ -35,8 +35,4 @@ class StorageEndpoint {
 std::string partKey(const std::string& uploadId, std::int64_t number);
 std::pair<std::string, int> parsePartKey(const std::string& key);
 
-/// The entity tag of a file's present contents, in quotes: it changes with inode, size or time of
-/// modification.
-std::string entityTagOf(const ItemAttributes& attributes);
-
 }  // namespace kestrune::service
