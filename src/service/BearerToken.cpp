@@ -46,8 +46,11 @@ std::string_view trimmed(std::string_view text) {
 BearerToken::BearerToken(const platform::Secret& token) : hash_(hashOf(token.reveal())) {}
 
 bool BearerToken::accepts(std::string_view authorization) const {
-  if (!startsWithScheme(authorization)) return false;
-  const auto presented = hashOf(trimmed(authorization.substr(kScheme.size())));
+  return startsWithScheme(authorization) && is(authorization.substr(kScheme.size()));
+}
+
+bool BearerToken::is(std::string_view text) const {
+  const auto presented = hashOf(trimmed(text));
   return CRYPTO_memcmp(presented.data(), hash_.data(), hash_.size()) == 0;
 }
 

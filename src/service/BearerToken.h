@@ -22,6 +22,8 @@ class BearerToken {
   /// Whether `authorization`, the value of that header, is "Bearer" (in any case), spaces, and this
   /// token.
   bool accepts(std::string_view authorization) const;
+  /// Whether `text` is this token, white space around it ignored.
+  bool is(std::string_view text) const;
 
  private:
   std::array<unsigned char, 32> hash_;

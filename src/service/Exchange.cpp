@@ -76,6 +76,11 @@ std::string Exchange::localAuthority() const {
   return fmt::format("[{}]:{}", v6.to_string(), endpoint.port());
 }
 
+asio::ip::address Exchange::peerAddress() const {
+  error_code gone;
+  return stream_.socket().remote_endpoint(gone).address();
+}
+
 std::optional<std::uint64_t> Exchange::bodyLength() const {
   if (chunks_) return std::nullopt;
   return length_;
@@ -197,7 +202,9 @@ Exchange::Head Exchange::headFor(unsigned status, const std::string& contentType
 
 asio::awaitable<void> Exchange::reply(Reply reply) {
   Head head = headFor(reply.status, reply.contentType, reply.fields);
-  head.content_length(reply.body.size());
+  // The length in a 304 would be taken for that of the contents.
+  constexpr unsigned kNotModified = 304;
+  if (reply.status != kNotModified) head.content_length(reply.body.size());
   const std::string text = textOf(head);
   begun_ = true;
   std::vector<asio::const_buffer> parts{asio::buffer(text)};

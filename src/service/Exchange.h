@@ -13,6 +13,7 @@
 #pragma once
 
 #include <boost/asio/awaitable.hpp>
+#include <boost/asio/ip/address.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/buffer_body.hpp>
 #include <boost/beast/http/empty_body.hpp>
@@ -66,6 +67,9 @@ class Exchange {
   std::string_view field(std::string_view name) const;
   /// Where the client reached this service: "127.0.0.1:8080", "[::1]:8080".
   std::string localAuthority() const;
+
+  /// Who is at the other end of the connection: a proxy, where there is one.
+  boost::asio::ip::address peerAddress() const;
 
   /// The announced length; nothing for a body without one. 0 for a request without a body.
   std::optional<std::uint64_t> bodyLength() const;

@@ -19,6 +19,8 @@ struct Timeouts {
   std::chrono::milliseconds body = std::chrono::seconds(60);
   /// For the next request on a connection.
   std::chrono::milliseconds keepAlive = std::chrono::seconds(75);
+  /// Before a wrong token of somebody who signs in on the web page is answered.
+  std::chrono::milliseconds wrongToken = std::chrono::seconds(1);
   /// For running requests after the service was asked to stop.
   std::chrono::milliseconds drain = std::chrono::seconds(10);
 };

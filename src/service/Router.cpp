@@ -35,6 +35,13 @@ constexpr std::array kRoutes{
 constexpr std::string_view kStorage = "/storage/";
 constexpr std::array<std::string_view, 3> kStorageMethods{"GET", "HEAD", "PUT"};
 
+constexpr std::string_view kOpen = "/open/";
+constexpr std::string_view kWebAssets = "/web/";
+
+bool isWeb(std::string_view path) {
+  return path == "/" || path == "/open" || path.starts_with(kOpen) || path.starts_with(kWebAssets);
+}
+
 ServiceError wrongMethod(const std::string& allowed) {
   return ServiceError(405, "the method is not allowed here").with("Allow", allowed);
 }
@@ -48,6 +55,12 @@ Endpoint routeOf(std::string_view method, std::string_view target) {
       if (method == known) return Endpoint::storage;
     }
     throw wrongMethod("GET, HEAD, PUT");
+  }
+  if (isWeb(path)) {
+    const bool takesForms = path.starts_with(kOpen);
+    if (method == "GET" || method == "HEAD" || (takesForms && method == "POST"))
+      return Endpoint::web;
+    throw wrongMethod(takesForms ? "GET, HEAD, POST" : "GET, HEAD");
   }
   std::string allowed;
   for (const Route& route : kRoutes) {

@@ -23,8 +23,10 @@ enum class Endpoint {
   multipartAbort,
   import,
   events,
-  /// Pre-signed; every other endpoint needs the bearer token.
+  /// Pre-signed.
   storage,
+  /// The web page, which people sign in to. Every other endpoint needs the bearer token.
+  web,
 };
 
 /// Throws ServiceError: 404 for a path that is none of the service's, 405 with "Allow" for another

@@ -33,7 +33,8 @@ Service::Service(Options options, const platform::Secret& token)
       files_(parts_),
       direct_(parts_),
       storage_(parts_),
-      events_(parts_) {}
+      events_(parts_),
+      web_(parts_, token) {}
 
 Service::~Service() = default;
 
@@ -44,6 +45,7 @@ void Service::settle() { parts_.fileThreads.join(); }
 boost::asio::awaitable<void> Service::handle(std::shared_ptr<Exchange> exchange) {
   const Endpoint endpoint = routeOf(exchange->method(), exchange->target());
   if (endpoint == Endpoint::storage) co_return co_await storage_.handle(std::move(exchange));
+  if (endpoint == Endpoint::web) co_return co_await web_.handle(std::move(exchange));
   if (!parts_.token.accepts(exchange->field("Authorization"))) {
     throw ServiceError(401, "the token is missing or wrong").with("WWW-Authenticate", "Bearer");
   }

@@ -1,4 +1,4 @@
-// The whole service behind one RequestHandler: routing, the bearer token, the endpoints.
+// The whole service behind one RequestHandler: routing, the bearer token, the endpoints, the web page.
 //
 // Threads: `handle` from many connections at once.
 // Owns: every long-lived part, the file threads
@@ -14,6 +14,7 @@
 #include "service/FilesEndpoints.h"
 #include "service/Parts.h"
 #include "service/StorageEndpoint.h"
+#include "service/WebEndpoint.h"
 
 namespace kestrune::service {
 
@@ -34,6 +35,7 @@ class Service : public RequestHandler {
   DirectEndpoints direct_;
   StorageEndpoint storage_;
   EventsEndpoint events_;
+  WebEndpoint web_;
 };
 
 }  // namespace kestrune::service

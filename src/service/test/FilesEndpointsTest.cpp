@@ -127,7 +127,7 @@ TEST(FilesEndpoints, NothingIsDoneWithoutTheToken) {
 
 TEST(FilesEndpoints, UnknownPathsAndMethods) {
   const RunningService service;
-  EXPECT_EQ(service.call("GET", "/").status, 404U);
+  EXPECT_EQ(service.call("GET", "/file").status, 404U);
   EXPECT_EQ(service.call("GET", "/files/mkdir").status, 405U);
   EXPECT_EQ(service.call("GET", "/files/mkdir").field("allow"), "POST");
   EXPECT_EQ(service.call("PUT", "/files?path=%2F").field("allow"), "GET, DELETE");

@@ -34,14 +34,19 @@ TEST(Router, FindsEveryEndpoint) {
       {{"GET", "/events"}, Endpoint::events},
       {{"PUT", "/storage/tree/a?x"}, Endpoint::storage},
       {{"HEAD", "/storage/tree/a?x"}, Endpoint::storage},
+      {{"GET", "/"}, Endpoint::web},
+      {{"HEAD", "/open/Docs?sort=size"}, Endpoint::web},
+      {{"POST", "/open/Docs"}, Endpoint::web},
+      {{"GET", "/web/page.css?x"}, Endpoint::web},
   };
   for (const auto& [request, endpoint] : routes)
     EXPECT_EQ(routeOf(request.first, request.second), endpoint) << request.second;
 }
 
 TEST(Router, UnknownPathsAreNotFound) {
-  for (const char* target : {"/", "", "*", "/file", "/files/", "/files/mkdir/", "/Files",
-                             "/files%2Fmkdir", "/storage", "//files"}) {
+  for (const char* target :
+       {"", "*", "/file", "/files/", "/files/mkdir/", "/Files", "/files%2Fmkdir", "/storage",
+        "//files", "/opens", "/Open/", "/web", "//open/"}) {
     EXPECT_EQ(refusalOf("GET", target).status(), 404U) << target;
   }
 }
@@ -53,6 +58,8 @@ TEST(Router, AnotherMethodIsToldWhichOnesThereAre) {
       {{"GET", "/files/mkdir"}, "POST"},
       {{"get", "/events"}, "GET"},
       {{"POST", "/storage/tree/a"}, "GET, HEAD, PUT"},
+      {{"DELETE", "/open/a"}, "GET, HEAD, POST"},
+      {{"POST", "/"}, "GET, HEAD"},
   };
   for (const auto& [request, allowed] : cases) {
     const ServiceError error = refusalOf(request.first, request.second);
