@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "companion/ServiceManager.h"
+#include "companion/RecentLog.h"
 #include "companion/configuration/CommandError.h"
 #include "companion/configuration/InvalidateCommand.h"
 #include "companion/configuration/MountConfiguration.h"
@@ -26,6 +27,7 @@
 #include "namespace/PinStore.h"
 #include "platform/files/AtomicFile.h"
 #include "platform/files/Directories.h"
+#include "platform/log/JournalSink.h"
 #include "platform/values/NSError.h"
 
 namespace kestrune {
@@ -121,6 +123,9 @@ void runMount(const MountOptions& options) {
       return running ? running->status() : host::ExtensionStatus();
     };
   }
+  const auto log = std::make_shared<RecentLog>(platform::journalSink());
+  platform::setLogSink(log);
+  host.recentLog = [log] { return log->lines(); };
   // From when the folder can be used: no thread may run before.
   std::optional<EventListener> listener;
   std::optional<ServiceManager> serviceManager;
@@ -131,7 +136,7 @@ void runMount(const MountOptions& options) {
     listener.emplace(events, [] { writeInvalidationToken(); });
     serviceManager.emplace(options.mountPoint.string());
     if (!isNew) return;
-    std::printf("Mounted at %s; Ctrl-C or fusermount3 -u ends it.\n", options.mountPoint.c_str());
+    std::printf("Mounted at %s; Ctrl-C or kestrune unmount ends it.\n", options.mountPoint.c_str());
     std::fflush(stdout);
   };
   try {

@@ -26,6 +26,7 @@
 #include "companion/configuration/InvalidateCommand.h"
 #include "companion/control/ControlCommands.h"
 #include "companion/control/RestartCommand.h"
+#include "companion/control/UnmountCommand.h"
 #include "host/front/InheritedMount.h"
 #include "platform/values/Allocator.h"
 #include "status/SyncStatusStore.h"
@@ -46,8 +47,10 @@ constexpr const char* kFooter =
     "  kestrune status\n"
     "  kestrune sync --wait ~/Kestrune/Docs\n"
     "  kestrune pin ~/Kestrune/Docs/a.pdf\n"
+    "  kestrune why ~/Kestrune/Docs/a.pdf\n"
     "  kestrune invalidate\n"
     "  kestrune restart\n"
+    "  kestrune unmount\n"
     "  kestrune report\n"
     "  echo '{\"id\":1,\"op\":\"enumerateItems\",\"container\":\"/Docs\"}' | kestrune console\n"
     "\n"
@@ -235,6 +238,20 @@ void addRestart(CLI::App& app, Command& chosen) {
   });
 }
 
+void addUnmount(CLI::App& app, Command& chosen) {
+  auto* command = app.add_subcommand("unmount", "End a running mount; nothing is lost by that");
+  auto options = std::make_shared<UnmountOptions>();
+  command->add_option("PATH", options->path, "in the mounted folder; default: the domain's");
+  command->add_option("--domain", options->domainIdentifier, "the domain, where there is no PATH")
+      ->capture_default_str();
+  command->add_flag("--force", options->isForced,
+                    "also where changes are not at the store yet; they stay in the replica");
+  command->add_flag("--json", options->asJson, "for programs: JSON, one object a line");
+  command->callback([&chosen, options] {
+    chosen = [options] { unmountHost(HostFinder::here(), *options, std::cout); };
+  });
+}
+
 void addReport(CLI::App& app, Command& chosen) {
   auto* command = app.add_subcommand(
       "report", "Print what helps to find a fault, without names, addresses or the token");
@@ -260,6 +277,8 @@ void addControls(CLI::App& app, Command& chosen) {
   addItemControl(app, chosen, Op::download, "download", "Fetch contents now");
   addItemControl(app, chosen, Op::link, "link", "Print links to items, for others");
   addItemControl(app, chosen, Op::state, "state", "Show what of items is on this machine");
+  addItemControl(app, chosen, Op::why, "why",
+                 "Explain why items are on this machine or not, and what they wait for");
   addDomainControl(app, chosen, Op::allowDeletions, "allow-deletions",
                    "Carry out the deletions that the host holds back");
   addDomainControl(app, chosen, Op::keepDeleted, "keep-deleted",
@@ -280,6 +299,7 @@ int run(int argc, char** argv, host::InheritedMount& inherited) {
   addConsole(app, chosen);
   addControls(app, chosen);
   addRestart(app, chosen);
+  addUnmount(app, chosen);
   addReport(app, chosen);
   try {
     app.parse(argc, argv);

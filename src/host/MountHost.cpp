@@ -329,7 +329,9 @@ void runMountHost(const HostOptions& options, const ExtensionFactory& makeExtens
         *fileSystem,
         {[&front] { return front.passthroughInUse(); }, options.unpin,
          [pasteboard = mainWork.pasteboard()] { return pasteboard->take(); },
-         [&wish](Reply<Done> reply) { wish.ask(std::move(reply)); }, options.extensionStatus});
+         [&wish](Reply<Done> reply) { wish.ask(std::move(reply)); }, options.extensionStatus,
+         options.recentLog,
+         [] { ::kill(::getpid(), SIGTERM); }});  // read by EndSignals, as any other end
     const auto server = listenFor(options, before, control, *remembered.log);
     if (options.mounted) options.mounted();
     waitForEnd(endSignals.number(), session->endedDescriptor(), wish, replacement);

@@ -6,6 +6,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "host/basics/ExtensionStatus.h"
 #include "host/front/InheritedMount.h"
@@ -41,6 +42,8 @@ struct HostOptions {
   std::function<void(const platform::NSFileProviderItemIdentifier& identifier)> unpin;
   /// What the extension's process is doing; null: it has none of its own. Called on any thread, once the extension was made.
   std::function<ExtensionStatus()> extensionStatus;
+  /// The latest log lines of this process, the oldest first; null: none are kept. Called on any thread.
+  std::function<std::vector<std::string>()> recentLog;
   /// Called when the folder can be used.
   std::function<void()> mounted;
   /// Told to who asks.

@@ -173,6 +173,8 @@ const char* verbOf(Op op) {
       return "download";
     case Op::link:
       return "make a link to";
+    case Op::why:
+      return "explain";
     default:
       return "tell the state of";
   }
@@ -201,6 +203,9 @@ void tellItem(const std::string& given, Json answer, Op op, const ControlOutput&
   } else if (op == Op::state) {
     output.stream << escapedText(given, output.escaping) << ": "
                   << stateText(answer.at("result"), output.escaping) << "\n";
+  } else if (op == Op::why) {
+    output.stream << escapedText(given, output.escaping) << ":\n"
+                  << reasonsText(answer.at("result"), output.escaping);
   }
 }
 
@@ -253,6 +258,8 @@ void runControl(const HostFinder& finder, const ControlCommand& command,
     case Op::status:
     case Op::allowDeletions:
     case Op::keepDeleted:
+    case Op::log:
+    case Op::end:      // UnmountCommand.h
     case Op::restart:  // whose host is another afterwards: RestartCommand.h
       return runForDomain(finder, command, output);
     case Op::pending:
@@ -265,6 +272,7 @@ void runControl(const HostFinder& finder, const ControlCommand& command,
     case Op::download:
     case Op::link:
     case Op::state:
+    case Op::why:
       return runForItems(finder, command, output);
   }
 }

@@ -194,4 +194,85 @@ std::string stateText(const Json& state, Escaping escaping) {
   return text;
 }
 
+namespace {
+
+std::string presenceText(const Json& reasons) {
+  const std::uint64_t size = numberAt(reasons, "sizeBytes");
+  const std::uint64_t here = numberAt(reasons, "bytesHere");
+  if (here == 0 && size > 0) {
+    return "  Not here: nothing has read it since it was listed, or its contents made room. They "
+           "come when a program reads them, or with kestrune download.\n";
+  }
+  std::string text =
+      here < size ? "  In part here: what programs have read of it, and some ahead of that.\n"
+                  : std::string("  All of it is here.\n");
+  if (!reasons.contains("cause")) {
+    return text +
+           "  Why it came is not known: it was written here, or fetched before the host was "
+           "started, or longer ago than the last 1000 downloads.\n";
+  }
+  return text;
+}
+
+std::string causeText(const Json& cause, Escaping escaping) {
+  const std::string at = cause.at("at").get<std::string>();
+  if (cause.at("kind") == "command") return "  kestrune download fetched it, " + at + ".\n";
+  const std::string program = cause.value("program", "");
+  if (program.empty())
+    return "  A program read it when nothing of it was here, " + at +
+           "; which one could not be told.\n";
+  return "  " + escapedText(program, escaping) + " read it when nothing of it was here, " + at +
+         ".\n";
+}
+
+std::string waitText(const Json& change, Escaping escaping) {
+  std::string text = "  Not at the store yet (" + change.at("change").get<std::string>() +
+                     "), since " + change.at("since").get<std::string>() + ": ";
+  const std::uint64_t attempts = numberAt(change, "attempts");
+  if (change.value("underWay", false)) return text + "it is being sent now.\n";
+  const std::string reason = change.value("reason", "");
+  if (attempts == 0 || reason.empty())
+    return text + "it waits for its turn, or for a program to close it.\n";
+  text += "failed " + counted(attempts, "time", "times") +
+          ", the last time with: " + escapedText(reason, escaping) +
+          (reason.ends_with('.') ? "" : ".");
+  if (change.contains("nextAttemptSeconds"))
+    text += " Tried again in " + std::to_string(numberAt(change, "nextAttemptSeconds")) + " s";
+  return text + (change.contains("nextAttemptSeconds") ? ", or at once with kestrune sync.\n"
+                                                       : " Tried again with kestrune sync.\n");
+}
+
+}  // namespace
+
+std::string reasonsText(const Json& reasons, Escaping escaping) {
+  if (reasons.value("folder", false)) {
+    return std::string("  A folder: ") +
+           (reasons.value("atStore", false) ? "it is at the store.\n"
+                                            : "it is not at the store yet.\n") +
+           "  What holds for the files in it, kestrune why tells of each.\n";
+  }
+  std::string text = "  " +
+                     stateText({{"sizeBytes", numberAt(reasons, "sizeBytes")},
+                                {"bytesHere", numberAt(reasons, "bytesHere")},
+                                {"pinned", reasons.value("pinned", false)}},
+                               escaping) +
+                     ".\n" + presenceText(reasons);
+  if (reasons.contains("cause")) text += causeText(reasons["cause"], escaping);
+  if (reasons.contains("lastUsed"))
+    text += "  Last used " + reasons["lastUsed"].get<std::string>() +
+            " (to a minute); what was not used for the longest time makes room first.\n";
+  if (reasons.value("pinned", false)) {
+    text +=
+        "  Pinned: it is fetched again when it changes and never makes room for others; "
+        "kestrune unpin ends that.\n";
+  }
+  if (const std::string why = reasons.value("whyNotEvictable", ""); !why.empty()) {
+    text += "  Its contents cannot go now: " + escapedText(why, escaping) + sentenceEnd(why);
+  } else if (numberAt(reasons, "bytesHere") > 0) {
+    text += "  Its contents may go: kestrune evict.\n";
+  }
+  if (reasons.contains("pending")) text += waitText(reasons["pending"], escaping);
+  return text;
+}
+
 }  // namespace kestrune

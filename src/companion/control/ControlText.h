@@ -24,6 +24,8 @@ std::string escapedText(const std::string& text, Escaping escaping);
 /// Whole lines.
 std::string statusText(const platform::Json& status, Escaping escaping);
 std::string pendingText(const platform::Json& pending, Escaping escaping);
+/// Whole lines, indented: why the contents are here or not, may go or not, and what the upload waits for.
+std::string reasonsText(const platform::Json& reasons, Escaping escaping);
 /// One line without its end: "5 bytes of 10 are here, pinned, not at the store yet (send)".
 std::string stateText(const platform::Json& state, Escaping escaping);
 

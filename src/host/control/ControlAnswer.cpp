@@ -125,6 +125,26 @@ Json toJson(const ItemState& state) {
   return json;
 }
 
+Json toJson(const ItemReasons& reasons) {
+  Json json = toJson(reasons.state);
+  json["atStore"] = reasons.isAtStore;
+  if (reasons.cause) {
+    const bool isProgram = reasons.cause->kind == DownloadCause::Kind::program;
+    json["cause"] = {{"kind", isProgram ? "program" : "command"},
+                     {"at", platform::formatISO8601(reasons.cause->at)}};
+    if (!reasons.cause->program.empty()) json["cause"]["program"] = text(reasons.cause->program);
+  }
+  if (!reasons.whyNotEvictable.empty()) json["whyNotEvictable"] = text(reasons.whyNotEvictable);
+  if (reasons.lastUsed) json["lastUsed"] = platform::formatISO8601(*reasons.lastUsed);
+  return json;
+}
+
+Json logToJson(const std::vector<std::string>& lines) {
+  Json list = Json::array();
+  for (const std::string& each : lines) list.push_back(text(each));
+  return {{"lines", std::move(list)}};
+}
+
 Json toJson(const std::vector<std::string>& paths, const Each<Done>& answers) {
   return eachToJson(paths, answers);
 }
@@ -132,6 +152,9 @@ Json toJson(const std::vector<std::string>& paths, const Each<std::string>& answ
   return eachToJson(paths, answers);
 }
 Json toJson(const std::vector<std::string>& paths, const Each<ItemState>& answers) {
+  return eachToJson(paths, answers);
+}
+Json toJson(const std::vector<std::string>& paths, const Each<ItemReasons>& answers) {
   return eachToJson(paths, answers);
 }
 

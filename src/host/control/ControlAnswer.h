@@ -28,11 +28,17 @@ platform::Json toJson(const HostStatus& status);
 /// {"count":2,"changes":[…]}
 platform::Json toJson(const PendingChanges& changes);
 platform::Json toJson(const ItemState& state);
+/// The state's keys, and {"atStore":true,"cause":{"kind":"program","program":"vim","at":"…"},"whyNotEvictable":"…","lastUsed":"…"};
+/// without what is not so or not known.
+platform::Json toJson(const ItemReasons& reasons);
 
 /// [{"path":"/a","result":…},{"path":"/b","error":"…"}]. A missing answer is an error of its path.
 platform::Json toJson(const std::vector<std::string>& paths, const Each<Done>& answers);
 platform::Json toJson(const std::vector<std::string>& paths, const Each<std::string>& answers);
 platform::Json toJson(const std::vector<std::string>& paths, const Each<ItemState>& answers);
+platform::Json toJson(const std::vector<std::string>& paths, const Each<ItemReasons>& answers);
+/// {"lines":["…"]}
+platform::Json logToJson(const std::vector<std::string>& lines);
 
 /// Whole lines, with their ends.
 std::string resultLine(platform::Json result);

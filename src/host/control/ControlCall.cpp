@@ -19,6 +19,7 @@ constexpr std::chrono::seconds kProgressInterval{1};
 
 Json resultOf(const Done&) { return Json::object(); }
 Json resultOf(std::uint64_t count) { return {{"count", count}}; }
+Json resultOf(const std::vector<std::string>& lines) { return logToJson(lines); }
 
 }  // namespace
 
@@ -75,7 +76,12 @@ void ControlCall::begin() {
     case Op::download:
     case Op::link:
     case Op::state:
+    case Op::why:
       return beginForPaths();
+    case Op::log:
+      return control.recentLog(toMailbox<std::vector<std::string>>());
+    case Op::end:
+      return control.end(toMailbox<Done>());
     case Op::allowDeletions:
       return control.allowDeletions(toMailbox<std::uint64_t>());
     case Op::keepDeleted:
@@ -89,6 +95,7 @@ void ControlCall::beginForPaths() {
   HostControl& control = surroundings_.control;
   if (request_.op == Op::link) return control.links(request_.paths, eachToMailbox<std::string>());
   if (request_.op == Op::state) return control.states(request_.paths, eachToMailbox<ItemState>());
+  if (request_.op == Op::why) return control.reasons(request_.paths, eachToMailbox<ItemReasons>());
   const ItemAction action = request_.op == Op::pin     ? ItemAction::pin
                             : request_.op == Op::unpin ? ItemAction::unpin
                             : request_.op == Op::evict ? ItemAction::evict

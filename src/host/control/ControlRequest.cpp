@@ -24,7 +24,7 @@ struct NamedOp {
   bool takesPaths = false;
 };
 
-constexpr std::array<NamedOp, 13> kOps = {{
+constexpr std::array<NamedOp, 16> kOps = {{
     {"about", Op::about},
     {"status", Op::status},
     {"pending", Op::pending},
@@ -35,6 +35,9 @@ constexpr std::array<NamedOp, 13> kOps = {{
     {"download", Op::download, true},
     {"link", Op::link, true},
     {"state", Op::state, true},
+    {"why", Op::why, true},
+    {"log", Op::log},
+    {"end", Op::end},
     {"allow-deletions", Op::allowDeletions},
     {"keep-deleted", Op::keepDeleted},
     {"restart", Op::restart},

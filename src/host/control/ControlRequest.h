@@ -4,8 +4,10 @@
 //     {"op":"status"}
 //     {"op":"pending","path":"/","most":100}       both may be left out
 //     {"op":"sync","path":"/a","wait":true,"timeout":60}   seconds; without "wait": try now and say what is left
-//     {"op":"pin","paths":["/a","/b"]}             also unpin, evict, download, link, state
+//     {"op":"pin","paths":["/a","/b"]}             also unpin, evict, download, link, state, why
 //     {"op":"allow-deletions"}, {"op":"keep-deleted"}
+//     {"op":"log"}                                 the host's latest log lines
+//     {"op":"end"}                                 answered when it begins to end; the connection ends with the host
 //     {"op":"restart"}                             answered with why it failed; else the connection ends, and the new host
 //                                                  tells by "about" that it is another ("restarts")
 //
@@ -44,6 +46,9 @@ struct ControlRequest {
     download,
     link,
     state,
+    why,
+    log,
+    end,
     allowDeletions,
     keepDeleted,
     restart,

@@ -101,6 +101,30 @@ struct ItemState {
   std::optional<PendingChange> pending;
 };
 
+/// Who had contents fetched.
+struct DownloadCause {
+  enum class Kind { program, command };
+
+  /// A program that read the file while nothing of it was here, or the command "download".
+  Kind kind = Kind::program;
+  /// The name of the program's executable; empty where it could not be told.
+  std::string program;
+  platform::Date at{};
+};
+
+/// Why an item's contents are here or not, and may go or not.
+struct ItemReasons {
+  ItemState state;
+  /// Whether the store has the item, in whatever version.
+  bool isAtStore = false;
+  /// None where it is not remembered: only the latest downloads since the host started are.
+  std::optional<DownloadCause> cause;
+  /// Empty: "evict" would let the contents go.
+  std::string whyNotEvictable;
+  /// When the contents were last closed after use; exact to a minute.
+  std::optional<platform::Date> lastUsed;
+};
+
 enum class ItemAction {
   /// Keep the item here: its contents are fetched and never make room for others.
   pin,
@@ -137,6 +161,15 @@ class HostControl {
   virtual void links(std::vector<std::string> paths, Reply<Each<std::string>> reply) = 0;
 
   virtual void states(std::vector<std::string> paths, Reply<Each<ItemState>> reply) = 0;
+
+  virtual void reasons(std::vector<std::string> paths, Reply<Each<ItemReasons>> reply) = 0;
+
+  /// The host's latest log lines, the oldest first; they may quote names.
+  virtual void recentLog(Reply<std::vector<std::string>> reply) = 0;
+
+  /// Ends the host as a signal does: the folder goes away, what is not at the store stays in the replica. Answered when that has
+  /// begun.
+  virtual void end(Reply<Done> reply) = 0;
 
   /// The program that lies where this one was started from takes its place, without the folder going away. Answers only if that
   /// fails, in which case this one goes on.

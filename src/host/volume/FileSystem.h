@@ -20,6 +20,7 @@
 #include "host/volume/Auditor.h"
 #include "host/volume/Contents.h"
 #include "host/volume/ExtensionCalls.h"
+#include "host/volume/FetchCauses.h"
 #include "host/volume/FolderLister.h"
 #include "host/volume/Keeper.h"
 #include "host/volume/Refresher.h"
@@ -96,12 +97,19 @@ class FileSystem final : public Dispatcher {
   const std::shared_ptr<ExtensionCalls>& calls() const { return calls_; }
   const std::shared_ptr<Keeper>& keeper() const { return keeper_; }
   const std::shared_ptr<Activity>& activity() const { return activity_; }
+  const std::shared_ptr<FetchCauses>& fetchCauses() const { return fetchCauses_; }
   const std::shared_ptr<Auditor>& auditor() const { return auditor_; }
   const SpaceLimits& limits() const { return options_.limits; }
 
  private:
-  Answer<OpenFilePtr> openItem(Tree& tree, Nodes& nodes, NodeId node, OpenMode mode, bool mayFetch);
-  bool mayFetchFor(Caller caller) const;
+  /// Who opens a file.
+  struct Opener {
+    std::string program;
+    bool mayFetch = true;
+  };
+  Answer<OpenFilePtr> openItem(Tree& tree, Nodes& nodes, NodeId node, OpenMode mode,
+                               const Opener& opener);
+  Opener openerOf(Caller caller) const;
   void resize(OpenFilePtr file, NodeId node, std::int64_t sizeBytes, Reply<Done> reply);
   void wrote(const OpenFile& file);
   using KeptAttributes = std::map<std::string, std::string>;
@@ -117,6 +125,7 @@ class FileSystem final : public Dispatcher {
   std::shared_ptr<Contents> contents_;
   std::shared_ptr<Sender> sender_;
   const std::shared_ptr<Activity> activity_ = std::make_shared<Activity>();
+  const std::shared_ptr<FetchCauses> fetchCauses_ = std::make_shared<FetchCauses>();
   std::shared_ptr<Keeper> keeper_;
   std::shared_ptr<SpaceMaker> spaceMaker_;
   std::shared_ptr<Auditor> auditor_;

@@ -80,7 +80,7 @@ void FileSystem::create(NodeId folder, std::string name, bool isExecutable, Open
     contents_->makeEmpty(tree, item, number);
     Node& node = nodes.of(item);
     mode.writes = true;
-    auto opened = openItem(tree, nodes, node.id, mode, mayFetchFor(caller));
+    auto opened = openItem(tree, nodes, node.id, mode, openerOf(caller));
     if (!opened.ok()) {
       tree.remove(item);
       return opened.error();

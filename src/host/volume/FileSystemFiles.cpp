@@ -45,21 +45,22 @@ std::set<std::string> defaultLookersOn() {
           "deja-dup-monitor"};
 }
 
-bool FileSystem::mayFetchFor(Caller caller) const {
-  if (options_.lookersOn.empty() || caller.process == 0) return true;
+FileSystem::Opener FileSystem::openerOf(Caller caller) const {
+  if (caller.process == 0) return {};
   std::error_code error;
   const auto executable =
       std::filesystem::read_symlink("/proc/" + std::to_string(caller.process) + "/exe", error);
-  if (error) return true;
+  if (error) return {};
   std::string name = executable.filename().string();
   // A program that was replaced while it ran.
   if (const auto at = name.rfind(" (deleted)"); at != std::string::npos) name.resize(at);
-  return !options_.lookersOn.contains(name);
+  const bool mayFetch = !options_.lookersOn.contains(name);
+  return {std::move(name), mayFetch};
 }
 
 // REQUIRES: the volume's lock.
 Answer<OpenFilePtr> FileSystem::openItem(Tree& tree, Nodes& nodes, NodeId node, OpenMode mode,
-                                         bool mayFetch) {
+                                         const Opener& opener) {
   const Node* found = nodes.find(node);
   Item* item = found == nullptr || found->detached ? nullptr : tree.find(found->item);
   if (item == nullptr) return errorOf(ESTALE, "open a version that is gone");
@@ -72,16 +73,17 @@ Answer<OpenFilePtr> FileSystem::openItem(Tree& tree, Nodes& nodes, NodeId node, 
   }
   object->opened(mode.writes);
   nodes.opened(node);
-  auto file = std::make_shared<OpenVolumeFile>(node, item->id, object, mode.writes, mayFetch);
+  auto file = std::make_shared<OpenVolumeFile>(node, item->id, object, mode.writes, opener.mayFetch,
+                                               opener.program);
   file->listedEmpty = item->there && !item->content() && object->sizeBytes() == 0;
   if (!mode.writes) file->whole = object->whole();
   return OpenFilePtr(std::move(file));
 }
 
 void FileSystem::open(NodeId node, OpenMode mode, Caller caller, Reply<OpenFilePtr> reply) {
-  const bool mayFetch = mayFetchFor(caller);
+  const Opener opener = openerOf(caller);
   auto answer = volume_->look(
-      [&](Tree& tree, Nodes& nodes) { return openItem(tree, nodes, node, mode, mayFetch); });
+      [&](Tree& tree, Nodes& nodes) { return openItem(tree, nodes, node, mode, opener); });
   if (!answer.ok() || !mode.truncates) {
     reply(std::move(answer));
     return;
@@ -100,6 +102,11 @@ LocalFilePtr FileSystem::present(const OpenFile& file, std::int64_t offset, std:
 
 void FileSystem::read(OpenFilePtr file, std::int64_t offset, std::size_t length,
                       Reply<LocalFilePtr> reply) {
+  const OpenVolumeFile& opened = volumeFile(*file);
+  if (opened.mayFetch && opened.object->state().present.byteCount() == 0) {
+    fetchCauses_->note(opened.item, {DownloadCause::Kind::program, opened.program,
+                                     volume_->services().clock->now()});
+  }
   const ReadCall::Range range{offset, length};
   std::make_shared<ReadCall>(volume_, lister_, std::move(file), range, std::move(reply))->begin();
 }

@@ -50,21 +50,6 @@ Found findItem(Volume& volume, const std::string& identifier) {
   });
 }
 
-// Why the file's contents cannot go; null if they can. REQUIRES: the volume's lock.
-NSErrorPtr whyNotEvictable(const Tree& tree, const Item& item) {
-  const std::string path = tree.path(item);
-  if (!item.there)
-    return refusal(NSFileProviderError::unsyncedEdits, path, "is not at the store yet");
-  if (item.isEdited() || item.isUnderWay || Tree::differs(item))
-    return refusal(NSFileProviderError::unsyncedEdits, path,
-                   "has changes that are not at the store yet");
-  if (item.isBeingEvicted)
-    return refusal(NSFileProviderError::nonEvictable, path, "is being evicted already");
-  if (item.object() && item.object()->isOpen())
-    return refusal(NSFileProviderError::nonEvictable, path, "is open in a program");
-  return nullptr;
-}
-
 // The kernel has pages of contents that went: it gets a new version of the item.
 void forgetPages(Volume& volume, ItemId file, const FileObjectPtr& object) {
   volume.change([&](Tree& tree, Nodes&) {
@@ -191,6 +176,20 @@ std::vector<ItemId> filesBelow(Volume& volume, ItemId item) {
     std::sort(files.begin(), files.end());
     return files;
   });
+}
+
+NSErrorPtr whyNotEvictable(const Tree& tree, const Item& item) {
+  const std::string path = tree.path(item);
+  if (!item.there)
+    return refusal(NSFileProviderError::unsyncedEdits, path, "is not at the store yet");
+  if (item.isEdited() || item.isUnderWay || Tree::differs(item))
+    return refusal(NSFileProviderError::unsyncedEdits, path,
+                   "has changes that are not at the store yet");
+  if (item.isBeingEvicted)
+    return refusal(NSFileProviderError::nonEvictable, path, "is being evicted already");
+  if (item.object() && item.object()->isOpen())
+    return refusal(NSFileProviderError::nonEvictable, path, "is open in a program");
+  return nullptr;
 }
 
 NSErrorPtr evictContents(Volume& volume, const Contents& contents, ItemId file) {

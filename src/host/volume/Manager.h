@@ -52,6 +52,8 @@ class Manager final : public platform::NSFileProviderManager,
   Parts parts_ GUARDED_BY(mutex_);
 };
 
+/// Why the file's contents cannot go; null if they can. REQUIRES: the volume's lock.
+platform::NSErrorPtr whyNotEvictable(const Tree& tree, const Item& item);
 /// Drops the contents of a file; null, or why not, as above. Blocks for the local disk.
 platform::NSErrorPtr evictContents(Volume& volume, const Contents& contents, ItemId file);
 /// Fetches what is missing of a file.

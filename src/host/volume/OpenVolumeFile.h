@@ -1,6 +1,9 @@
 // What the volume knows of an open file.
 #pragma once
 
+#include <string>
+#include <utility>
+
 #include "host/content/FileObject.h"
 #include "host/front/Dispatcher.h"
 
@@ -8,16 +11,19 @@ namespace kestrune::host {
 
 struct OpenVolumeFile final : OpenFile {
   OpenVolumeFile(NodeId nodeId, ItemId itemId, FileObjectPtr fileObject, bool forWriting,
-                 bool fetches)
+                 bool fetches, std::string programName = {})
       : OpenFile(nodeId),
         item(itemId),
         object(std::move(fileObject)),
         writes(forWriting),
-        mayFetch(fetches) {}
+        mayFetch(fetches),
+        program(std::move(programName)) {}
   const ItemId item;
   const FileObjectPtr object;
   const bool writes;
   const bool mayFetch;
+  /// Who opened it, by the name of the executable; empty where it could not be told.
+  const std::string program;
 };
 
 /// REQUIRES: `file` was opened by a volume.

@@ -36,6 +36,20 @@ void VolumeControl::states(std::vector<std::string> paths, Reply<Each<ItemState>
   platform::spawnDetached("tell states", Work::states(work_, std::move(paths), std::move(reply)));
 }
 
+void VolumeControl::reasons(std::vector<std::string> paths, Reply<Each<ItemReasons>> reply) {
+  platform::spawnDetached("tell reasons", Work::reasons(work_, std::move(paths), std::move(reply)));
+}
+
+void VolumeControl::recentLog(Reply<std::vector<std::string>> reply) {
+  reply(work_->outside.recentLog ? work_->outside.recentLog() : std::vector<std::string>());
+}
+
+void VolumeControl::end(Reply<Done> reply) {
+  if (!work_->outside.end) return reply(platform::NSPOSIXError(ENOTSUP, "end this host").share());
+  work_->outside.end();
+  reply(Done());
+}
+
 void VolumeControl::restart(Reply<Done> reply) {
   if (work_->outside.restart) return work_->outside.restart(std::move(reply));
   reply(platform::NSPOSIXError(ENOTSUP, "replace this host").share());

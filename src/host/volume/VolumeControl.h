@@ -31,6 +31,10 @@ class VolumeControl final : public HostControl {
     std::function<void(Reply<Done> reply)> restart = nullptr;
     /// What the extension's process is doing; null where it has none of its own. May be called on any thread.
     std::function<ExtensionStatus()> extensionStatus = nullptr;
+    /// As HostControl::recentLog; null where nothing is kept. May be called on any thread.
+    std::function<std::vector<std::string>()> recentLog = nullptr;
+    /// Has the host end; null where it cannot by itself. Returns soon.
+    std::function<void()> end = nullptr;
   };
   VolumeControl(const FileSystem& fileSystem, Outside outside);
 
@@ -40,6 +44,9 @@ class VolumeControl final : public HostControl {
   void act(ItemAction action, std::vector<std::string> paths, Reply<Each<Done>> reply) override;
   void links(std::vector<std::string> paths, Reply<Each<std::string>> reply) override;
   void states(std::vector<std::string> paths, Reply<Each<ItemState>> reply) override;
+  void reasons(std::vector<std::string> paths, Reply<Each<ItemReasons>> reply) override;
+  void recentLog(Reply<std::vector<std::string>> reply) override;
+  void end(Reply<Done> reply) override;
   void restart(Reply<Done> reply) override;
   void allowDeletions(Reply<std::uint64_t> reply) override;
   void keepDeleted(Reply<std::uint64_t> reply) override;

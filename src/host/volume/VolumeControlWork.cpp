@@ -94,6 +94,7 @@ VolumeControl::Work::Work(const FileSystem& fileSystem, Outside givenOutside)
       keeper(fileSystem.keeper()),
       activity(fileSystem.activity()),
       auditor(fileSystem.auditor()),
+      fetchCauses(fileSystem.fetchCauses()),
       limits(fileSystem.limits()),
       outside(std::move(givenOutside)) {}
 
@@ -270,9 +271,19 @@ Task<Answer<Done>> VolumeControl::Work::actOn(ItemAction action, std::string pat
   co_return done;
 }
 
+bool VolumeControl::Work::isAnyHere(ItemId file) {
+  return volume->look([file](Tree& tree, Nodes&) {
+    const Item* item = tree.find(file);
+    return item != nullptr && bytesHere(*item) > 0;
+  });
+}
+
 Task<Answer<Done>> VolumeControl::Work::download(std::vector<ItemId> files) {
   NSErrorPtr first;
   for (const ItemId file : files) {
+    if (!isAnyHere(file)) {
+      fetchCauses->note(file, {DownloadCause::Kind::command, {}, volume->services().clock->now()});
+    }
     const auto done = co_await awaitReply<Done>([this, file](Reply<Done> reply) {
       fillContents(*volume, *contents, file, std::move(reply));
     });
@@ -372,6 +383,34 @@ Task<void> VolumeControl::Work::states(std::shared_ptr<Work> self, std::vector<s
                                        Reply<Each<ItemState>> reply) {
   Each<ItemState> answers;
   for (const std::string& path : paths) answers.push_back(co_await self->stateOf(path));
+  reply(std::move(answers));
+}
+
+Task<Answer<ItemReasons>> VolumeControl::Work::reasonsOf(std::string path) {
+  auto state = co_await stateOf(path);
+  if (!state.ok()) co_return state.error();
+  const auto found = co_await find(path);
+  if (!found.ok()) co_return found.error();
+  ItemReasons told;
+  told.state = std::move(state.value());
+  volume->look([&](Tree& tree, Nodes&) {
+    const Item* item = tree.find(found.value());
+    if (item == nullptr) return;
+    told.isAtStore = item->isRoot() || static_cast<bool>(item->there);
+    if (item->isFolder) return;
+    if (const NSErrorPtr error = whyNotEvictable(tree, *item))
+      told.whyNotEvictable = error->localizedDescription();
+    if (item->content() && item->content()->usedSeconds > 0)
+      told.lastUsed = platform::Date(std::chrono::seconds(item->content()->usedSeconds));
+  });
+  told.cause = fetchCauses->of(found.value());
+  co_return told;
+}
+
+Task<void> VolumeControl::Work::reasons(std::shared_ptr<Work> self, std::vector<std::string> paths,
+                                        Reply<Each<ItemReasons>> reply) {
+  Each<ItemReasons> answers;
+  for (const std::string& path : paths) answers.push_back(co_await self->reasonsOf(path));
   reply(std::move(answers));
 }
 

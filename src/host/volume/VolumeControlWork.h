@@ -23,6 +23,8 @@ class VolumeControl::Work : public std::enable_shared_from_this<Work> {
   void beginLinks(std::vector<std::string> paths, Reply<Each<std::string>> reply);
   static Task<void> states(std::shared_ptr<Work> self, std::vector<std::string> paths,
                            Reply<Each<ItemState>> reply);
+  static Task<void> reasons(std::shared_ptr<Work> self, std::vector<std::string> paths,
+                            Reply<Each<ItemReasons>> reply);
   HostStatus status();
   PendingChanges pending(const std::string& path, std::size_t most);
 
@@ -34,6 +36,7 @@ class VolumeControl::Work : public std::enable_shared_from_this<Work> {
   const std::shared_ptr<Keeper> keeper;
   const std::shared_ptr<Activity> activity;
   const std::shared_ptr<Auditor> auditor;
+  const std::shared_ptr<FetchCauses> fetchCauses;
   const SpaceLimits limits;
   const Outside outside;
 
@@ -42,11 +45,13 @@ class VolumeControl::Work : public std::enable_shared_from_this<Work> {
   Task<Answer<Done>> listBelow(ItemId item);
   Task<Answer<Done>> actOn(ItemAction action, std::string path);
   Task<Answer<Done>> perform(std::string action, std::vector<ItemId> items);
+  bool isAnyHere(ItemId file);
   Task<Answer<Done>> download(std::vector<ItemId> files);
   Task<void> askPolicies(std::vector<ItemId> items);
   Task<Answer<std::string>> linkOf(ItemId item);
   Task<Each<std::string>> linksOf(std::vector<std::string> paths);
   Task<Answer<ItemState>> stateOf(std::string path);
+  Task<Answer<ItemReasons>> reasonsOf(std::string path);
   static Task<void> links(std::shared_ptr<Work> self);
 
   struct LinkRequest {

@@ -138,5 +138,64 @@ TEST(ControlText, TheStateOfAnItem) {
   EXPECT_EQ(stateText(host::toJson(state), Escaping::none), "a folder");
 }
 
+TEST(ReasonsText, SaysWhatIsHereAndWhy) {
+  Json reasons{
+      {"folder", false},
+      {"sizeBytes", 10},
+      {"bytesHere", 10},
+      {"pinned", true},
+      {"atStore", true},
+      {"lastUsed", "2026-01-02T03:04:05Z"},
+      {"cause", {{"kind", "program"}, {"program", "vi\x1bm"}, {"at", "2026-01-01T00:00:00Z"}}}};
+  EXPECT_EQ(
+      reasonsText(reasons, Escaping::forTerminal),
+      "  10 bytes, here, pinned.\n"
+      "  All of it is here.\n"
+      "  vi\\x1bm read it when nothing of it was here, 2026-01-01T00:00:00Z.\n"
+      "  Last used 2026-01-02T03:04:05Z (to a minute); what was not used for the longest time "
+      "makes room first.\n"
+      "  Pinned: it is fetched again when it changes and never makes room for others; kestrune "
+      "unpin ends that.\n"
+      "  Its contents may go: kestrune evict.\n");
+  reasons["cause"].erase("program");
+  EXPECT_THAT(reasonsText(reasons, Escaping::none), HasSubstr("which one could not be told"));
+  reasons["cause"]["kind"] = "command";
+  EXPECT_THAT(reasonsText(reasons, Escaping::none),
+              HasSubstr("kestrune download fetched it, 2026"));
+  reasons.erase("cause");
+  EXPECT_THAT(reasonsText(reasons, Escaping::none), HasSubstr("Why it came is not known"));
+  reasons["bytesHere"] = 0;
+  const std::string absent = reasonsText(reasons, Escaping::none);
+  EXPECT_THAT(absent, HasSubstr("Not here: nothing has read it"));
+  EXPECT_THAT(absent, testing::Not(HasSubstr("may go")));
+  EXPECT_THAT(absent, testing::Not(HasSubstr("not known")));
+}
+
+TEST(ReasonsText, SaysWhatWaitsAndForWhat) {
+  Json reasons{{"folder", false},
+               {"sizeBytes", 10},
+               {"bytesHere", 10},
+               {"atStore", false},
+               {"whyNotEvictable", "'/a' is not at the store yet."},
+               {"pending",
+                {{"change", "send"},
+                 {"since", "2026-01-01T00:00:00Z"},
+                 {"attempts", 3},
+                 {"underWay", false},
+                 {"reason", "HTTP 507"},
+                 {"nextAttemptSeconds", 12}}}};
+  const std::string text = reasonsText(reasons, Escaping::none);
+  EXPECT_THAT(text, HasSubstr("cannot go now: '/a' is not at the store yet.\n"));
+  EXPECT_THAT(text,
+              HasSubstr("(send), since 2026-01-01T00:00:00Z: failed 3 times, the last time "
+                        "with: HTTP 507. Tried again in 12 s, or at once with kestrune sync."));
+  reasons["pending"]["underWay"] = true;
+  EXPECT_THAT(reasonsText(reasons, Escaping::none), HasSubstr("it is being sent now"));
+  reasons["pending"] = {{"change", "create"}, {"since", "x"}, {"attempts", 0}, {"underWay", false}};
+  EXPECT_THAT(reasonsText(reasons, Escaping::none), HasSubstr("it waits for its turn"));
+  EXPECT_THAT(reasonsText({{"folder", true}, {"atStore", true}}, Escaping::none),
+              HasSubstr("A folder: it is at the store."));
+}
+
 }  // namespace
 }  // namespace kestrune

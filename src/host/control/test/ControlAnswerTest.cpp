@@ -101,5 +101,28 @@ TEST(ControlAnswer, AMissingAnswerIsAnErrorOfItsPath) {
   EXPECT_TRUE(json[1].contains("error"));
 }
 
+TEST(ControlAnswer, TellsReasonsWithoutWhatIsNotKnown) {
+  EXPECT_EQ(toJson(ItemReasons()), (platform::Json{{"folder", false},
+                                                   {"sizeBytes", 0},
+                                                   {"bytesHere", 0},
+                                                   {"pinned", false},
+                                                   {"atStore", false}}));
+  ItemReasons reasons;
+  reasons.isAtStore = true;
+  reasons.cause = DownloadCause{DownloadCause::Kind::program, "vi\xff", {}};
+  reasons.whyNotEvictable = "it is open";
+  reasons.lastUsed = platform::Date{};
+  const auto json = toJson(reasons);
+  EXPECT_EQ(json["atStore"], true);
+  EXPECT_EQ(json["cause"]["kind"], "program");
+  EXPECT_EQ(json["cause"]["program"], "vi\\xff");
+  EXPECT_EQ(json["cause"]["at"], "1970-01-01T00:00:00Z");
+  EXPECT_EQ(json["whyNotEvictable"], "it is open");
+  EXPECT_EQ(json["lastUsed"], "1970-01-01T00:00:00Z");
+  reasons.cause = DownloadCause{DownloadCause::Kind::command, {}, {}};
+  EXPECT_EQ(toJson(reasons)["cause"]["kind"], "command");
+  EXPECT_FALSE(toJson(reasons)["cause"].contains("program"));
+}
+
 }  // namespace
 }  // namespace kestrune::host

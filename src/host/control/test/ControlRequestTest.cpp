@@ -34,13 +34,13 @@ TEST(ControlRequest, IsReadWithItsArguments) {
 }
 
 TEST(ControlRequest, SurvivesItsOwnEncoding) {
-  for (const Op op :
-       {Op::about, Op::status, Op::pending, Op::sync, Op::pin, Op::unpin, Op::evict, Op::download,
-        Op::link, Op::state, Op::allowDeletions, Op::keepDeleted, Op::restart}) {
+  for (const Op op : {Op::about, Op::status, Op::pending, Op::sync, Op::pin, Op::unpin, Op::evict,
+                      Op::download, Op::link, Op::state, Op::why, Op::log, Op::end,
+                      Op::allowDeletions, Op::keepDeleted, Op::restart}) {
     ControlRequest request;
     request.op = op;
     if (op == Op::pending || op == Op::sync) request.path = "/x\xff";
-    if (op >= Op::pin && op <= Op::state) request.paths = {"/", "/a\n", "/\xc3"};
+    if (op >= Op::pin && op <= Op::why) request.paths = {"/", "/a\n", "/\xc3"};
     if (op == Op::sync) request.waits = true;
     const std::string line = request.encode();
     EXPECT_EQ(line.find('\n'), std::string::npos);

@@ -313,5 +313,21 @@ TEST(ControlClient, SaysWhyNobodyAnswers) {
   EXPECT_THROW(ControlClient(host.file()), platform::NSPOSIXError);
 }
 
+TEST(ControlServer, TellsReasonsAndItsLogAndEnds) {
+  ControlledHost host;
+  ItemReasons reasons;
+  reasons.whyNotEvictable = "it is open";
+  host.control.setReasons("/a", reasons);
+  host.control.setLog({"one", "t\xffwo"});
+  ControlClient client(host.file());
+  const Json each = client.ask(request(Op::why, {"/a", "/missing"}));
+  EXPECT_EQ(each[0]["result"]["whyNotEvictable"], "it is open");
+  EXPECT_TRUE(each[1].contains("error"));
+  EXPECT_EQ(client.ask(request(Op::log))["lines"], (Json{"one", "t\\xffwo"}));
+  EXPECT_EQ(host.control.callCount("end"), 0U);
+  client.ask(request(Op::end));
+  EXPECT_EQ(host.control.callCount("end"), 1U);
+}
+
 }  // namespace
 }  // namespace kestrune::host

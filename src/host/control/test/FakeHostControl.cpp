@@ -120,6 +120,33 @@ void FakeHostControl::states(std::vector<std::string> paths, Reply<Each<ItemStat
          })));
 }
 
+void FakeHostControl::reasons(std::vector<std::string> paths, Reply<Each<ItemReasons>> reply) {
+  answer(joined("reasons", paths), reply,
+         Answer<Each<ItemReasons>>(each<ItemReasons>(paths, [this](const std::string& path) {
+           MutexLock lock(mutex_);
+           return reasons_[path];
+         })));
+}
+
+void FakeHostControl::recentLog(Reply<std::vector<std::string>> reply) {
+  std::vector<std::string> lines;
+  {
+    MutexLock lock(mutex_);
+    lines = log_;
+  }
+  answer("log", reply, Answer<std::vector<std::string>>(std::move(lines)));
+}
+
+void FakeHostControl::end(Reply<Done> reply) {
+  std::function<void()> end;
+  {
+    MutexLock lock(mutex_);
+    end = end_;
+  }
+  if (end) end();
+  answer("end", reply, Answer<Done>(Done()));
+}
+
 void FakeHostControl::restart(Reply<Done> reply) {
   answer("restart", reply, Answer<Done>(platform::NSPOSIXError(ENOEXEC, "execute").share()));
 }
@@ -130,6 +157,22 @@ void FakeHostControl::allowDeletions(Reply<std::uint64_t> reply) {
 
 void FakeHostControl::keepDeleted(Reply<std::uint64_t> reply) {
   answer("keepDeleted", reply, Answer<std::uint64_t>(std::uint64_t{8}));
+}
+
+void FakeHostControl::setReasons(const std::string& path, ItemReasons reasons) {
+  MutexLock lock(mutex_);
+  reasons_[path] = std::move(reasons);
+  pending_.try_emplace(path);
+}
+
+void FakeHostControl::setLog(std::vector<std::string> lines) {
+  MutexLock lock(mutex_);
+  log_ = std::move(lines);
+}
+
+void FakeHostControl::setEnd(std::function<void()> end) {
+  MutexLock lock(mutex_);
+  end_ = std::move(end);
 }
 
 void FakeHostControl::setStatus(HostStatus status) {

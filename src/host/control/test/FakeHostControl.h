@@ -31,11 +31,19 @@ class FakeHostControl final : public HostControl {
   void act(ItemAction action, std::vector<std::string> paths, Reply<Each<Done>> reply) override;
   void links(std::vector<std::string> paths, Reply<Each<std::string>> reply) override;
   void states(std::vector<std::string> paths, Reply<Each<ItemState>> reply) override;
+  void reasons(std::vector<std::string> paths, Reply<Each<ItemReasons>> reply) override;
+  void recentLog(Reply<std::vector<std::string>> reply) override;
+  void end(Reply<Done> reply) override;
   void restart(Reply<Done> reply) override;
   void allowDeletions(Reply<std::uint64_t> reply) override;
   void keepDeleted(Reply<std::uint64_t> reply) override;
 
   void setStatus(HostStatus status);
+  /// What is told of a path that is known by `setPending`.
+  void setReasons(const std::string& path, ItemReasons reasons);
+  void setLog(std::vector<std::string> lines);
+  /// What is done when somebody has it end, before that is answered.
+  void setEnd(std::function<void()> end);
   /// What is pending below `path`, which is known from now on.
   void setPending(const std::string& path, PendingChanges pending);
   /// From now on nothing is answered before `release`.
@@ -58,6 +66,9 @@ class FakeHostControl final : public HostControl {
   mutable platform::Mutex mutex_;
   HostStatus status_ GUARDED_BY(mutex_);
   std::map<std::string, PendingChanges> pending_ GUARDED_BY(mutex_);
+  std::map<std::string, ItemReasons> reasons_ GUARDED_BY(mutex_);
+  std::vector<std::string> log_ GUARDED_BY(mutex_);
+  std::function<void()> end_ GUARDED_BY(mutex_);
   bool holds_ GUARDED_BY(mutex_) = false;
   std::deque<std::function<void()>> held_ GUARDED_BY(mutex_);
   std::vector<std::string> calls_ GUARDED_BY(mutex_);

@@ -2,8 +2,10 @@
 #include "host/volume/VolumeControl.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 
 #include "host/volume/test/HostHarness.h"
 #include "platform/file_provider/NSFileProviderError.h"
@@ -42,6 +44,11 @@ class VolumeControlTest : public testing::Test {
     control_.states({path}, answer.reply());
     return answer.get().value().at(0);
   }
+  ItemReasons reasons(const std::string& path) {
+    const Awaited<Each<ItemReasons>> answer;
+    control_.reasons({path}, answer.reply());
+    return answer.get().value().at(0).value();
+  }
   Each<Done> act(ItemAction action, const std::vector<std::string>& paths) {
     const Awaited<Each<Done>> answer;
     control_.act(action, paths, answer.reply());
@@ -63,6 +70,78 @@ TEST_F(VolumeControlTest, FindsItemsThatNobodyHasVisited) {
   EXPECT_TRUE(state("/").value().isFolder);
   EXPECT_EQ(errnoOf(state("/docs/missing").error()), ENOENT);
   EXPECT_EQ(errnoOf(state("/docs/a.txt/below").error()), ENOENT);
+}
+
+TEST_F(VolumeControlTest, TellsWhoHadContentsFetched) {
+  host_.remote().putFile("/docs/b.txt", "other");
+  EXPECT_FALSE(reasons("/docs/a.txt").cause);
+  EXPECT_TRUE(reasons("/docs/a.txt").isAtStore);
+  EXPECT_TRUE(reasons("/docs").isAtStore);
+  host_.readPath("/docs/a.txt");
+  const auto byProgram = reasons("/docs/a.txt");
+  ASSERT_TRUE(byProgram.cause);
+  EXPECT_EQ(byProgram.cause->kind, DownloadCause::Kind::program);
+  EXPECT_EQ(byProgram.cause->program, "") << "the harness names no process";
+  EXPECT_EQ(byProgram.state.bytesHere, 5U);
+
+  ASSERT_TRUE(act(ItemAction::download, {"/docs/a.txt"}).at(0).ok());
+  EXPECT_EQ(reasons("/docs/a.txt").cause->kind, DownloadCause::Kind::program)
+      << "there was nothing left to fetch";
+  ASSERT_TRUE(act(ItemAction::download, {"/docs/b.txt"}).at(0).ok());
+  EXPECT_EQ(reasons("/docs/b.txt").cause->kind, DownloadCause::Kind::command);
+}
+
+TEST_F(VolumeControlTest, NamesTheProgramThatRead) {
+  const auto node = host_.find("/docs/a.txt").node;
+  const Awaited<OpenFilePtr> opened;
+  host_.fileSystem().open(node, {}, {::getpid()}, opened.reply());
+  const OpenFilePtr file = opened.get().value();
+  host_.readAll(file);
+  const auto told = reasons("/docs/a.txt");
+  ASSERT_TRUE(told.cause);
+  EXPECT_EQ(told.cause->program,
+            std::filesystem::read_symlink("/proc/self/exe").filename().string());
+  EXPECT_NE(told.whyNotEvictable.find("is open in a program"), std::string::npos);
+  host_.close(file);
+  EXPECT_EQ(reasons("/docs/a.txt").whyNotEvictable, "");
+  EXPECT_TRUE(reasons("/docs/a.txt").lastUsed);
+}
+
+TEST_F(VolumeControlTest, WhatIsNotAtTheStoreCannotBeEvicted) {
+  host_.find("/docs/a.txt");
+  host_.remote().setUnreachable(true);
+  host_.save("/docs/new.txt", "mine");
+  const auto told = reasons("/docs/new.txt");
+  EXPECT_FALSE(told.isAtStore);
+  EXPECT_NE(told.whyNotEvictable.find("not at the store yet"), std::string::npos);
+  EXPECT_FALSE(told.cause);
+}
+
+TEST(FetchCausesTest, TheOldestAreForgotten) {
+  FetchCauses causes;
+  for (InodeNumber item = 1; item <= FetchCauses::kMost + 1; ++item) causes.note(item, {});
+  EXPECT_FALSE(causes.of(1));
+  EXPECT_TRUE(causes.of(2));
+  causes.note(2, {DownloadCause::Kind::command, {}, {}});
+  EXPECT_EQ(causes.of(2)->kind, DownloadCause::Kind::command);
+  EXPECT_TRUE(causes.of(3));
+}
+
+TEST_F(VolumeControlTest, EndsAndTellsItsLogOnlyWhereTheHostCan) {
+  const Awaited<Done> refused;
+  control_.end(refused.reply());
+  EXPECT_EQ(errnoOf(refused.get().error()), ENOTSUP);
+  bool ended = false;
+  VolumeControl able(host_.fileSystem(), {nullptr, nullptr, nullptr, nullptr, nullptr,
+                                          [] { return std::vector<std::string>{"a line"}; },
+                                          [&ended] { ended = true; }});
+  const Awaited<Done> done;
+  able.end(done.reply());
+  EXPECT_TRUE(done.get().ok());
+  EXPECT_TRUE(ended);
+  const Awaited<std::vector<std::string>> lines;
+  able.recentLog(lines.reply());
+  EXPECT_EQ(lines.get().value(), std::vector<std::string>{"a line"});
 }
 
 TEST_F(VolumeControlTest, DownloadsEachPath) {
