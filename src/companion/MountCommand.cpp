@@ -57,17 +57,6 @@ void requireFuse() {
       "fuse, or give the container the device). kestrune ls and kestrune cat work without it.");
 }
 
-// The program with the extension lies beside this one, by the path that this one was started by or by what that leads to.
-std::filesystem::path extensionProgram(const host::ProgramStart& own) {
-  const auto beside = own.file.parent_path() / "kestrune-fileprovider";
-  if (std::filesystem::exists(beside)) return beside;
-  const auto behindLinks =
-      std::filesystem::weakly_canonical(own.file).parent_path() / "kestrune-fileprovider";
-  if (std::filesystem::exists(behindLinks)) return behindLinks;
-  throw CommandError("The program '" + beside.string() +
-                     "' is missing; it belongs beside kestrune. Install both from one release.");
-}
-
 std::shared_ptr<host::Launcher> makeLauncher(const platform::NSFileProviderDomain& domain,
                                              const host::HostOptions& host) {
   host::LaunchOptions launch;
@@ -90,6 +79,16 @@ std::shared_ptr<host::Launcher> makeLauncher(const platform::NSFileProviderDomai
 }
 
 }  // namespace
+
+std::filesystem::path extensionProgram(const host::ProgramStart& own) {
+  auto beside = own.file.parent_path() / "kestrune-fileprovider";
+  if (std::filesystem::exists(beside)) return beside;
+  auto behindLinks =
+      std::filesystem::weakly_canonical(own.file).parent_path() / "kestrune-fileprovider";
+  if (std::filesystem::exists(behindLinks)) return behindLinks;
+  throw CommandError("The program '" + beside.string() +
+                     "' is missing; it belongs beside kestrune. Install both from one release.");
+}
 
 std::filesystem::path defaultReplica(const std::string& domainIdentifier) {
   return storage::sharedDirectory() / "replica" / domainIdentifier;

@@ -34,6 +34,10 @@ struct MountOptions {
   host::InheritedMount* inherited = nullptr;
 };
 
+/// The program with the extension: it lies beside this one, by the path that this one was started by or by what that leads to.
+/// Throws CommandError.
+std::filesystem::path extensionProgram(const host::ProgramStart& own);
+
 /// Where the replica of a domain lies that nobody chose a place for.
 std::filesystem::path defaultReplica(const std::string& domainIdentifier);
 

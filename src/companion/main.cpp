@@ -16,8 +16,10 @@
 #include <iostream>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "companion/ConsoleCommand.h"
+#include "companion/DoctorCommand.h"
 #include "companion/ListCommands.h"
 #include "companion/MountCommand.h"
 #include "companion/ReportCommand.h"
@@ -51,6 +53,7 @@ constexpr const char* kFooter =
     "  kestrune invalidate\n"
     "  kestrune restart\n"
     "  kestrune unmount\n"
+    "  kestrune doctor\n"
     "  kestrune report\n"
     "  echo '{\"id\":1,\"op\":\"enumerateItems\",\"container\":\"/Docs\"}' | kestrune console\n"
     "\n"
@@ -75,7 +78,17 @@ void occupyStandardDescriptors() {
   }
 }
 
-using Command = std::function<void()>;
+/// Returns the exit code.
+using Command = std::function<int()>;
+
+/// A command that does not fail is done.
+template <class Work>
+Command finishing(Work work) {
+  return [work = std::move(work)] {
+    work();
+    return 0;
+  };
+}
 
 void addConfigure(CLI::App& app, Command& chosen) {
   auto* command = app.add_subcommand("configure", "Write the address of the service and the token");
@@ -88,14 +101,15 @@ void addConfigure(CLI::App& app, Command& chosen) {
                    "the file that holds the token; - for standard input")
       ->required();
   command->callback([&chosen, options] {
-    chosen = [options] { std::cout << configure(*options, std::cin) << "\n"; };
+    chosen = finishing([options] { std::cout << configure(*options, std::cin) << "\n"; });
   });
 }
 
 void addInvalidate(CLI::App& app, Command& chosen) {
   auto* command = app.add_subcommand(
       "invalidate", "Have all folders listed again when their changes are asked for");
-  command->callback([&chosen] { chosen = [] { std::cout << writeInvalidationToken() << "\n"; }; });
+  command->callback(
+      [&chosen] { chosen = finishing([] { std::cout << writeInvalidationToken() << "\n"; }); });
 }
 
 /// What `kestrune mount` needs to know of the process.
@@ -133,7 +147,7 @@ void addMount(CLI::App& app, Command& chosen, const Process& process) {
   options->version = KESTRUNE_VERSION;
   options->program = process.program;
   options->inherited = &process.inherited;
-  command->callback([&chosen, options] { chosen = [options] { runMount(*options); }; });
+  command->callback([&chosen, options] { chosen = finishing([options] { runMount(*options); }); });
 }
 
 void addList(CLI::App& app, Command& chosen) {
@@ -143,7 +157,7 @@ void addList(CLI::App& app, Command& chosen) {
   command->add_flag("-l", options->isLong, "also sizes and times");
   command->callback([&chosen, options] {
     options->escapesNames = ::isatty(STDOUT_FILENO) != 0;
-    chosen = [options] { runList(*options); };
+    chosen = finishing([options] { runList(*options); });
   });
 }
 
@@ -151,7 +165,7 @@ void addCat(CLI::App& app, Command& chosen) {
   auto* command = app.add_subcommand("cat", "Print a file of the store, without a mount");
   auto path = std::make_shared<std::string>();
   command->add_option("PATH", *path, "as in /Docs/a.pdf")->required();
-  command->callback([&chosen, path] { chosen = [path] { runCat(*path); }; });
+  command->callback([&chosen, path] { chosen = finishing([path] { runCat(*path); }); });
 }
 
 void addConsole(CLI::App& app, Command& chosen) {
@@ -163,7 +177,8 @@ void addConsole(CLI::App& app, Command& chosen) {
   command->add_flag("--show-private", options->showsPrivateArguments,
                     "print the private arguments of log lines too");
   command->footer("docs/console.md describes the calls and the lines.");
-  command->callback([&chosen, options] { chosen = [options] { runConsole(*options); }; });
+  command->callback(
+      [&chosen, options] { chosen = finishing([options] { runConsole(*options); }); });
 }
 
 using Op = host::ControlRequest::Op;
@@ -173,7 +188,8 @@ CLI::App* addControl(CLI::App& app, Command& chosen, const std::shared_ptr<Contr
                      const char* name, const char* description) {
   auto* command = app.add_subcommand(name, description);
   command->add_flag("--json", control->asJson, "for programs: JSON, one object a line");
-  command->callback([&chosen, control] { chosen = [control] { runControl(*control); }; });
+  command->callback(
+      [&chosen, control] { chosen = finishing([control] { runControl(*control); }); });
   return command;
 }
 
@@ -222,7 +238,7 @@ void addSync(CLI::App& app, Command& chosen) {
       ->capture_default_str();
   command->callback([&chosen, control, seconds] {
     control->timeout = std::chrono::seconds(*seconds);
-    chosen = [control] { runControl(*control); };
+    chosen = finishing([control] { runControl(*control); });
   });
 }
 
@@ -234,7 +250,7 @@ void addRestart(CLI::App& app, Command& chosen) {
   command->add_option("--domain", options->domainIdentifier, "the domain, where there is no PATH")
       ->capture_default_str();
   command->callback([&chosen, options] {
-    chosen = [options] { restartHost(HostFinder::here(), *options, std::cout); };
+    chosen = finishing([options] { restartHost(HostFinder::here(), *options, std::cout); });
   });
 }
 
@@ -248,7 +264,7 @@ void addUnmount(CLI::App& app, Command& chosen) {
                     "also where changes are not at the store yet; they stay in the replica");
   command->add_flag("--json", options->asJson, "for programs: JSON, one object a line");
   command->callback([&chosen, options] {
-    chosen = [options] { unmountHost(HostFinder::here(), *options, std::cout); };
+    chosen = finishing([options] { unmountHost(HostFinder::here(), *options, std::cout); });
   });
 }
 
@@ -263,8 +279,21 @@ void addReport(CLI::App& app, Command& chosen) {
   command->add_option("--replica", options->replicaDirectory,
                       "as it was given to mount, where no host runs");
   command->callback([&chosen, options] {
-    chosen = [options] { printReport(HostFinder::here(), *options, std::cout); };
+    chosen = finishing([options] { printReport(HostFinder::here(), *options, std::cout); });
   });
+}
+
+void addDoctor(CLI::App& app, Command& chosen, const host::ProgramStart& program) {
+  auto* command =
+      app.add_subcommand("doctor", "Check everything that mounts stand on, and say what to do");
+  auto options = std::make_shared<DoctorOptions>();
+  options->program = program;
+  command->add_option("--domain", options->domainIdentifier, "the domain's identifier")
+      ->capture_default_str();
+  command->add_option("--replica", options->replicaDirectory, "as it was given to mount");
+  command->add_flag("--json", options->asJson, "for programs: JSON, one object a line");
+  command->callback(
+      [&chosen, options] { chosen = [options] { return runDoctor(*options) ? 0 : kFailure; }; });
 }
 
 void addControls(CLI::App& app, Command& chosen) {
@@ -293,23 +322,25 @@ int run(int argc, char** argv, host::InheritedMount& inherited) {
   Command chosen;
   addConfigure(app, chosen);
   addInvalidate(app, chosen);
-  addMount(app, chosen, {host::presentProgram({argv, argv + argc}), inherited});
+  const host::ProgramStart program = host::presentProgram({argv, argv + argc});
+  addMount(app, chosen, {program, inherited});
   addList(app, chosen);
   addCat(app, chosen);
   addConsole(app, chosen);
   addControls(app, chosen);
   addRestart(app, chosen);
   addUnmount(app, chosen);
+  addDoctor(app, chosen, program);
   addReport(app, chosen);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : kUsage;
   }
-  chosen();
+  const int code = chosen();
   std::cout.flush();
   if (!std::cout) throw CommandError("Cannot write to standard output.");
-  return 0;
+  return code;
 }
 
 /// Tasks that nobody waits for may still run: no static object is destroyed under them. What they

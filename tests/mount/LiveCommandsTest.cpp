@@ -19,14 +19,14 @@ class LiveCommandsTest : public LiveRestartTest {
 };
 
 TEST_F(LiveCommandsTest, WhyNamesTheProgramThatRead) {
-  EXPECT_THAT(tell("why docs/a.txt"), HasSubstr("Not here: nothing has read it"));
+  EXPECT_THAT(tell("why docs/a.txt"), HasSubstr("not here.\n  Nothing has read it"));
   EXPECT_EQ(runIn(mount().mountPoint(), "cat docs/a.txt").output, "hello");
   const std::string text = tell("why docs/a.txt");
   EXPECT_THAT(text, HasSubstr("5 bytes, here"));
   EXPECT_THAT(text, HasSubstr("  cat read it when nothing of it was here, 20"));
   EXPECT_THAT(text, HasSubstr("may go: kestrune evict"));
   tell("evict docs/a.txt");
-  EXPECT_THAT(tell("why docs/a.txt"), HasSubstr("Not here"));
+  EXPECT_THAT(tell("why docs/a.txt"), HasSubstr("not here."));
   tell("download docs/b.txt");
   EXPECT_THAT(tell("why docs/b.txt"), HasSubstr("kestrune download fetched it"));
   EXPECT_THAT(tell("why docs"), HasSubstr("A folder: it is at the store"));

@@ -200,7 +200,7 @@ std::string presenceText(const Json& reasons) {
   const std::uint64_t size = numberAt(reasons, "sizeBytes");
   const std::uint64_t here = numberAt(reasons, "bytesHere");
   if (here == 0 && size > 0) {
-    return "  Not here: nothing has read it since it was listed, or its contents made room. They "
+    return "  Nothing has read it since it was listed, or its contents made room. They "
            "come when a program reads them, or with kestrune download.\n";
   }
   std::string text =

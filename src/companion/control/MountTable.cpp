@@ -32,6 +32,24 @@ std::string unescaped(std::string_view text) {
   return plain;
 }
 
+struct Row {
+  fs::path mountPoint;
+  std::string type;
+};
+
+Row rowOf(const std::string& line) {
+  std::istringstream fields(line);
+  std::string field;
+  for (int skipped = 0; skipped < 4; ++skipped) fields >> field;
+  Row row;
+  fields >> field;
+  row.mountPoint = unescaped(field);
+  while (fields >> field && field != "-") {
+  }
+  fields >> row.type;
+  return row;
+}
+
 bool holds(const fs::path& outer, const fs::path& inner) {
   return std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first == outer.end();
 }
@@ -43,23 +61,27 @@ std::string presentMountTable() {
   return {std::istreambuf_iterator<char>(table), std::istreambuf_iterator<char>()};
 }
 
+std::vector<fs::path> mountPointsOfOurs(const std::string& mountTable) {
+  std::vector<fs::path> places;
+  std::istringstream lines(mountTable);
+  for (std::string line; std::getline(lines, line);) {
+    const Row row = rowOf(line);
+    if (row.type == kFileSystemType) places.push_back(row.mountPoint);
+  }
+  return places;
+}
+
 std::optional<fs::path> mountPointAround(const std::string& mountTable, const fs::path& path) {
   fs::path nearest;
   std::string typeOfNearest;
   std::istringstream lines(mountTable);
   for (std::string line; std::getline(lines, line);) {
-    std::istringstream fields(line);
-    std::string field;
-    for (int skipped = 0; skipped < 4; ++skipped) fields >> field;
-    std::string place;
-    fields >> place;
-    const fs::path mountPoint = unescaped(place);
+    const Row row = rowOf(line);
     // Of two at one place the later one lies on top.
-    if (!holds(mountPoint, path) || mountPoint.native().size() < nearest.native().size()) continue;
-    while (fields >> field && field != "-") {
-    }
-    fields >> typeOfNearest;
-    nearest = mountPoint;
+    if (!holds(row.mountPoint, path) || row.mountPoint.native().size() < nearest.native().size())
+      continue;
+    typeOfNearest = row.type;
+    nearest = row.mountPoint;
   }
   if (typeOfNearest != kFileSystemType) return std::nullopt;
   return nearest;

@@ -167,8 +167,8 @@ class HostControl {
   /// The host's latest log lines, the oldest first; they may quote names.
   virtual void recentLog(Reply<std::vector<std::string>> reply) = 0;
 
-  /// Ends the host as a signal does: the folder goes away, what is not at the store stays in the replica. Answered when that has
-  /// begun.
+  /// Ends the host as a signal does: the folder goes away, what is not at the store stays in the replica. Answered just before
+  /// that begins.
   virtual void end(Reply<Done> reply) = 0;
 
   /// The program that lies where this one was started from takes its place, without the folder going away. Answers only if that

@@ -46,8 +46,8 @@ void VolumeControl::recentLog(Reply<std::vector<std::string>> reply) {
 
 void VolumeControl::end(Reply<Done> reply) {
   if (!work_->outside.end) return reply(platform::NSPOSIXError(ENOTSUP, "end this host").share());
+  reply(Done());  // first: whoever asked is told so before the end takes the connection
   work_->outside.end();
-  reply(Done());
 }
 
 void VolumeControl::restart(Reply<Done> reply) {

@@ -75,6 +75,16 @@ TEST_F(ControlProgram, ARestartThatFailsSaysWhy) {
   EXPECT_THAT(errors, HasSubstr("does not lie in a folder"));
 }
 
+TEST_F(ControlProgram, ADoctorThatFindsAProblemExitsWithOne) {
+  EXPECT_EQ(run({"doctor", "--json"}), 1) << "there is no configuration";
+  const auto found = platform::decodeJson(line);
+  EXPECT_GT(found["problems"], 0);
+  bool isTold = false;
+  for (const auto& finding : found["findings"])
+    isTold = isTold || (finding["about"] == "configuration" && finding["level"] == "problem");
+  EXPECT_TRUE(isTold) << line;
+}
+
 TEST_F(ControlProgram, AHostOfAnotherEnvironmentIsFoundToo) {
   host::ControlOptions options;
   options.socketFile = storage.shared() / "control" / "main.sock";

@@ -166,7 +166,7 @@ TEST(ReasonsText, SaysWhatIsHereAndWhy) {
   EXPECT_THAT(reasonsText(reasons, Escaping::none), HasSubstr("Why it came is not known"));
   reasons["bytesHere"] = 0;
   const std::string absent = reasonsText(reasons, Escaping::none);
-  EXPECT_THAT(absent, HasSubstr("Not here: nothing has read it"));
+  EXPECT_THAT(absent, HasSubstr("  Nothing has read it since"));
   EXPECT_THAT(absent, testing::Not(HasSubstr("may go")));
   EXPECT_THAT(absent, testing::Not(HasSubstr("not known")));
 }

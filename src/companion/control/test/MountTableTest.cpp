@@ -37,5 +37,14 @@ TEST(MountTable, OfThisProcessHasWhatEveryProcessHas) {
   EXPECT_NE(presentMountTable().find(" / /proc "), std::string::npos);
 }
 
+TEST(MountTable, TellsAllFoldersOfOurs) {
+  const std::string table =
+      "36 35 98:0 / /mnt/one\\040two rw - fuse.kestrune kestrune rw\n"
+      "37 35 98:0 / /mnt/other rw shared:1 - ext4 /dev/sda rw\n"
+      "38 35 98:0 / /k rw shared:1 master:2 - fuse.kestrune kestrune rw\n";
+  EXPECT_EQ(mountPointsOfOurs(table), (std::vector<std::filesystem::path>{"/mnt/one two", "/k"}));
+  EXPECT_TRUE(mountPointsOfOurs("").empty());
+}
+
 }  // namespace
 }  // namespace kestrune
