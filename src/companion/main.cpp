@@ -268,18 +268,30 @@ void addUnmount(CLI::App& app, Command& chosen) {
   });
 }
 
-void addReport(CLI::App& app, Command& chosen) {
+void addReport(CLI::App& app, Command& chosen, const host::ProgramStart& program) {
   auto* command = app.add_subcommand(
-      "report", "Print what helps to find a fault, without names, addresses or the token");
+      "report", "Write what helps to find a fault into a file, without names or the token");
   auto options = std::make_shared<ReportOptions>();
   options->version = KESTRUNE_VERSION;
+  options->program = program;
   command->add_option("PATH", options->path, "in the mounted folder; default: the domain's");
   command->add_option("--domain", options->domainIdentifier, "the domain, where there is no PATH")
       ->capture_default_str();
   command->add_option("--replica", options->replicaDirectory,
                       "as it was given to mount, where no host runs");
-  command->callback([&chosen, options] {
-    chosen = finishing([options] { printReport(HostFinder::here(), *options, std::cout); });
+  command->add_option("--output,-o", options->output,
+                      "the file; default: kestrune-report-TIME.tar.gz in this directory");
+  command->add_flag("--with-names", options->withNames,
+                    "with names of files and the service's address, still without the token");
+  auto prints = std::make_shared<bool>(false);
+  auto* print = command->add_flag("--print", *prints, "print a page for people, write no file");
+  command->add_flag("--json", options->asJson, "for programs: JSON, one object a line")
+      ->excludes(print);
+  command->callback([&chosen, options, prints] {
+    chosen = finishing([options, prints] {
+      if (*prints) return printReport(HostFinder::here(), *options, std::cout);
+      writeReport(HostFinder::here(), *options, std::cout);
+    });
   });
 }
 
@@ -331,7 +343,7 @@ int run(int argc, char** argv, host::InheritedMount& inherited) {
   addRestart(app, chosen);
   addUnmount(app, chosen);
   addDoctor(app, chosen, program);
-  addReport(app, chosen);
+  addReport(app, chosen, program);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

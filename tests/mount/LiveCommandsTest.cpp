@@ -58,5 +58,36 @@ TEST_F(LiveCommandsTest, UnmountLosesNothingThatIsNotSent) {
       waitUntil([&] { return std::filesystem::exists(sent) && contentsOf(sent) == "unsent"; }));
 }
 
+TEST_F(LiveCommandsTest, AReportHoldsNoNameAndNoTokenUnlessAskedFor) {
+  const std::string name = "marker 'Akte' ü.txt";
+  std::filesystem::create_directory(service().root() / "marker-folder");
+  putAtStore("marker-folder/" + name, "contents");
+  EXPECT_EQ(contentsOf(mount() / ("marker-folder/" + name)), "contents");
+  service().end(SIGTERM);
+  std::ofstream(mount() / "marker-folder/marker-new") << "unsent";
+  std::filesystem::remove(mount() / ("marker-folder/" + name));
+  std::ifstream(mount() / "docs/a.txt").get();
+  ASSERT_TRUE(waitUntil([&] { return tell("pending").find("failed") != std::string::npos; }));
+  const std::string place = (outside() / "it.tar.gz").string();
+  const auto unpacked = [&](const std::string& options) {
+    std::filesystem::remove(place);
+    EXPECT_THAT(tell("report -o '" + place + "' " + options), HasSubstr("Wrote '" + place));
+    EXPECT_EQ(std::filesystem::status(place).permissions(),
+              static_cast<std::filesystem::perms>(0600));
+    return runIn(outside(), "tar xzOf it.tar.gz").output + contentsOf(place);
+  };
+  const std::string told = unpacked("");
+  for (const char* secret : {"marker", "Akte", "a.txt", "live-mount-token"})
+    EXPECT_THAT(told, testing::Not(HasSubstr(secret)));
+  EXPECT_THAT(told, testing::Not(HasSubstr(service().address().substr(7))));
+  for (const char* part : {"kestrune 0", "\"problems\"", "\"pendingChanges\"", "\"count\":2",
+                           "com.orvanta.kestrune.host:host", "\"token\":\"present\""})
+    EXPECT_THAT(told, HasSubstr(part));
+  const std::string named = unpacked("--with-names");
+  EXPECT_THAT(named, HasSubstr("marker-folder\\/marker-new"));
+  EXPECT_THAT(named, testing::Not(HasSubstr("live-mount-token")));
+  EXPECT_THAT(tell("report -o '" + place + "'", 1), HasSubstr("already. Choose another name"));
+}
+
 }  // namespace
 }  // namespace kestrune::mounttest

@@ -48,7 +48,7 @@ TEST_F(LiveExtensionTest, StatusAndReportTellOfTheProcessAndItsDeath) {
   EXPECT_THAT(tell("status"), HasSubstr("The extension runs as process " + std::to_string(process) +
                                         " (started 1 time)"));
   EXPECT_THAT(tell("status"), Not(HasSubstr("It died")));
-  EXPECT_THAT(tell("report"), HasSubstr("Crashes of the extension: 0\n"));
+  EXPECT_THAT(tell("report --print"), HasSubstr("Crashes of the extension: 0\n"));
 
   ASSERT_EQ(::kill(process, SIGSEGV), 0);
   ASSERT_TRUE(waitUntil([&] {
@@ -57,7 +57,7 @@ TEST_F(LiveExtensionTest, StatusAndReportTellOfTheProcessAndItsDeath) {
   })) << tell("status");
   EXPECT_EQ(contentsOf(mount() / "docs/b.txt"), "other");
   EXPECT_THAT(tell("status"), HasSubstr("(started 2 times)"));
-  const std::string report = tell("report");
+  const std::string report = tell("report --print");
   EXPECT_THAT(report, HasSubstr("Crashes of the extension: 1\n"));
   EXPECT_THAT(report, HasSubstr("the extension ended by signal 11"));
   EXPECT_THAT(report, HasSubstr("signal: SEGV"));
@@ -73,7 +73,7 @@ TEST_F(LiveExtensionTest, ACrashIsReportedWhereNoHostRuns) {
     return mount().control("status").output.find("It died 1 time") != std::string::npos;
   }));
   mount().end(SIGTERM);
-  const std::string report = tell("report --replica '" + mount().replica().string() + "'");
+  const std::string report = tell("report --print --replica '" + mount().replica().string() + "'");
   EXPECT_THAT(report, HasSubstr("No host answers.\n"));
   EXPECT_THAT(report, HasSubstr("Crashes of the extension: 1\n"));
   EXPECT_THAT(report, Not(HasSubstr("live-mount-token")));

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <string>
 
@@ -123,6 +124,44 @@ TEST_F(ReportCommandTest, SettingsThatCannotBeUsedAreNotQuoted) {
 
 TEST_F(ReportCommandTest, APathOutsideOfMountsIsToldAtOnce) {
   EXPECT_THROW(report({.path = "/usr"}), CommandError);
+}
+
+TEST_F(ReportCommandTest, TheFileHoldsHashesInThePlaceOfNames) {
+  control.setPending("/",
+                     {1, {host::pendingSend("/marker-folder/marker-file", "'/marker' is full")}});
+  control.setLog({"fetch '/marker a': HTTP 500", "enumerateItems /marker b", "has marker-token"});
+  host::HostStatus status;
+  status.storeError = "no route to marker-host";
+  control.setStatus(status);
+  const host::ControlServer server(hostOptions(), control);
+  const auto parts = [this](bool withNames) {
+    ReportOptions options;
+    options.withNames = withNames;
+    std::map<std::string, std::string> texts;
+    for (auto& file : gatherReport(HostFinder({directory.path() / "sockets"}, ""), options))
+      texts[file.name] = file.contents;
+    return texts;
+  };
+  auto told = parts(false);
+  EXPECT_EQ(told.size(), 7U);
+  for (const auto& [name, text] : told) EXPECT_THAT(text, Not(HasSubstr("marker"))) << name;
+  EXPECT_THAT(told["log.txt"], HasSubstr("': HTTP 500\nenumerateItems (left out)\nhas (token)\n"));
+  EXPECT_THAT(told["pending.json"], HasSubstr(R"("count":1)"));
+  EXPECT_THAT(told["status.json"], HasSubstr("knownItems"));
+  told = parts(true);
+  EXPECT_THAT(told["pending.json"], HasSubstr("marker-file"));
+  EXPECT_THAT(told["configuration.json"], HasSubstr("files.marker.example"));
+  for (const auto& [name, text] : told) EXPECT_THAT(text, Not(HasSubstr("marker-token"))) << name;
+}
+
+TEST_F(ReportCommandTest, AFileThatIsThereIsNotReplaced) {
+  ReportOptions options;
+  options.output = directory.write("mine", "keep");
+  std::ostringstream output;
+  EXPECT_THROW(writeReport(HostFinder({}, ""), options, output), CommandError);
+  EXPECT_EQ(support::contentsOf(options.output), "keep");
+  options.output = directory.path() / "missing/it";
+  EXPECT_THROW(writeReport(HostFinder({}, ""), options, output), CommandError);
 }
 
 TEST(WithoutNames, EndsWhereAQuotationOrAFileBegins) {
