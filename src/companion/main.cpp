@@ -29,6 +29,7 @@
 #include "companion/control/ControlCommands.h"
 #include "companion/control/RestartCommand.h"
 #include "companion/control/UnmountCommand.h"
+#include "companion/watch/WatchCommand.h"
 #include "host/front/InheritedMount.h"
 #include "platform/values/Allocator.h"
 #include "status/SyncStatusStore.h"
@@ -211,6 +212,24 @@ void addItemControl(CLI::App& app, Command& chosen, Op op, const char* name,
       ->required();
 }
 
+void addStatus(CLI::App& app, Command& chosen) {
+  auto control = std::make_shared<ControlCommand>();
+  control->op = Op::status;
+  auto* command = addControl(app, chosen, control, "status", "Show how a mounted folder is doing");
+  command->add_option("--domain", control->domainIdentifier, "the domain's identifier")
+      ->capture_default_str();
+  auto watches = std::make_shared<bool>(false);
+  command->add_flag("--watch,-w", *watches, "until Ctrl-C, with transfers and what waits");
+  command->callback([&chosen, control, watches] {
+    chosen = [control, watches] {
+      if (*watches)
+        return runWatch(HostFinder::here(), {control->domainIdentifier, control->asJson});
+      runControl(*control);
+      return 0;
+    };
+  });
+}
+
 void addPending(CLI::App& app, Command& chosen) {
   auto control = std::make_shared<ControlCommand>();
   control->op = Op::pending;
@@ -309,7 +328,7 @@ void addDoctor(CLI::App& app, Command& chosen, const host::ProgramStart& program
 }
 
 void addControls(CLI::App& app, Command& chosen) {
-  addDomainControl(app, chosen, Op::status, "status", "Show how a mounted folder is doing");
+  addStatus(app, chosen);
   addPending(app, chosen);
   addSync(app, chosen);
   addItemControl(app, chosen, Op::pin, "pin", "Keep items on this machine");

@@ -135,7 +135,7 @@ Findings checkService() {
   Findings findings{checkConfiguration()};
   const auto address = SharedConfig::apiURL();
   const auto token = SharedConfig::token();
-  if (hasProblem(findings) && (!address || !token)) return findings;
+  if (!address || !token) return findings;
   const ServiceProbe probe = probeService(*address, *token);
   if (probe.outcome == ServiceProbe::Outcome::listed) {
     findings.push_back(fine("service", "It accepts the token and lists its root."));
