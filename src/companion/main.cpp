@@ -18,6 +18,7 @@
 #include <string>
 #include <utility>
 
+#include "companion/ConfigureDialog.h"
 #include "companion/ConsoleCommand.h"
 #include "companion/DoctorCommand.h"
 #include "companion/ListCommands.h"
@@ -29,6 +30,8 @@
 #include "companion/control/ControlCommands.h"
 #include "companion/control/RestartCommand.h"
 #include "companion/control/UnmountCommand.h"
+#include "companion/terminal/Prompt.h"
+#include "companion/terminal/Signals.h"
 #include "companion/watch/WatchCommand.h"
 #include "host/front/InheritedMount.h"
 #include "platform/values/Allocator.h"
@@ -94,23 +97,29 @@ Command finishing(Work work) {
 void addConfigure(CLI::App& app, Command& chosen) {
   auto* command = app.add_subcommand("configure", "Write the address of the service and the token");
   auto options = std::make_shared<ConfigureOptions>();
-  command
-      ->add_option("--url", options->url, "the service's address, as in https://files.example.org")
-      ->required();
-  command
-      ->add_option("--token-file", options->tokenFile,
-                   "the file that holds the token; - for standard input")
-      ->required();
-  command->callback([&chosen, options] {
-    chosen = finishing([options] { std::cout << configure(*options, std::cin) << "\n"; });
+  command->add_option("--url", options->url,
+                      "the service's address, as in https://files.example.org; default: asks");
+  command->add_option("--token-file", options->tokenFile,
+                      "the file that holds the token, - for standard input; default: asks");
+  auto unchecked = std::make_shared<bool>(false);
+  command->add_flag("--no-check", *unchecked, "write it without asking the service first");
+  command->add_flag("--json", options->asJson, "for programs: JSON, one object a line");
+  command->callback([&chosen, options, unchecked] {
+    options->checks = !*unchecked;
+    if (!mayAsk() && options->url.empty()) throw CLI::RequiredError("--url");
+    if (!mayAsk() && options->tokenFile.empty()) throw CLI::RequiredError("--token-file");
+    chosen = finishing([options] { std::cout << configureByDialog(*options, std::cin) << "\n"; });
   });
 }
 
 void addInvalidate(CLI::App& app, Command& chosen) {
   auto* command = app.add_subcommand(
       "invalidate", "Have all folders listed again when their changes are asked for");
-  command->callback(
-      [&chosen] { chosen = finishing([] { std::cout << writeInvalidationToken() << "\n"; }); });
+  auto asJson = std::make_shared<bool>(false);
+  command->add_flag("--json", *asJson, "for programs: JSON, one object a line");
+  command->callback([&chosen, asJson] {
+    chosen = finishing([asJson] { std::cout << writeInvalidationToken(*asJson) << "\n"; });
+  });
 }
 
 /// What `kestrune mount` needs to know of the process.
@@ -396,6 +405,8 @@ int main(int argc, char** argv) {
   int code = kFailure;
   try {
     code = run(argc, argv, inherited);
+  } catch (const Interrupted& interruption) {
+    code = exitCodeOf(interruption.signal());
   } catch (const std::exception& error) {
     std::fprintf(stderr, "kestrune: %s\n", error.what());
   }

@@ -8,10 +8,12 @@
 #include <iterator>
 
 #include "companion/configuration/CommandError.h"
+#include "companion/configuration/ServiceProbe.h"
 #include "config/SharedConfig.h"
 #include "platform/files/AtomicFile.h"
 #include "platform/log/Log.h"
 #include "platform/net/URL.h"
+#include "platform/values/Json.h"
 #include "platform/values/NSError.h"
 
 namespace kestrune {
@@ -112,7 +114,13 @@ Secret checkedToken(std::string_view text, const std::string& source) {
 std::string configure(const ConfigureOptions& options, std::istream& standardInput) {
   SharedConfig::Payload payload;
   payload.apiURL = checkedServiceAddress(options.url);
-  payload.token.emplace(readToken(options.tokenFile, standardInput));
+  payload.token.emplace(options.typedToken ? checkedToken(*options.typedToken, "the terminal")
+                                           : readToken(options.tokenFile, standardInput));
+  if (options.checks) {
+    const ServiceProbe probe = probeService(*payload.apiURL, *payload.token);
+    if (probe.outcome != ServiceProbe::Outcome::listed)
+      throw CommandError(probe.problem + " Nothing was written; --no-check writes all the same.");
+  }
   takeDirectory(SharedConfig::configDir());
   const auto file = SharedConfig::file();
   try {
@@ -121,8 +129,14 @@ std::string configure(const ConfigureOptions& options, std::istream& standardInp
     throw CommandError("Cannot write the configuration: " + error.localizedDescription() +
                        ". The earlier configuration, if any, still counts.");
   }
+  if (options.asJson) {
+    return platform::encodeJson({{"apiURL", *payload.apiURL},
+                                 {"file", platform::escapeForDisplay(file.string())},
+                                 {"checked", options.checks}});
+  }
   return "Configured " + platform::escapeForDisplay(*payload.apiURL) + " in " + quoted(file) +
-         ". It counts from the next request on.";
+         (options.checks ? ", and the service accepts the token." : ", unchecked.") +
+         " It counts from the next request on.";
 }
 
 }  // namespace kestrune

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <istream>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -19,6 +20,12 @@ namespace kestrune {
 struct ConfigureOptions {
   std::string url;
   std::string tokenFile;  // "-": standard input
+  /// A token that was asked for; counts before `tokenFile`.
+  std::optional<std::string> typedToken = std::nullopt;
+  /// Whether the service is asked first, by listing its root (ServiceProbe.h). Nothing is written where that fails.
+  bool checks = false;
+  /// For programs: {"apiURL":"…","file":"…","checked":true}.
+  bool asJson = false;
 };
 
 /// Returns what to tell the user.

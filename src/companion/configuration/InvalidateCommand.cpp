@@ -4,12 +4,13 @@
 #include "config/StorageLocations.h"
 #include "platform/files/AtomicFile.h"
 #include "platform/log/Log.h"
+#include "platform/values/Json.h"
 #include "platform/values/NSError.h"
 #include "platform/values/UUID.h"
 
 namespace kestrune {
 
-std::string writeInvalidationToken() {
+std::string writeInvalidationToken(bool asJson) {
   storage::sharedDirectory();  // makes it
   const auto file = storage::invalidationTokenFile();
   const std::string token = platform::newUUIDString();
@@ -18,6 +19,10 @@ std::string writeInvalidationToken() {
   } catch (const platform::NSError& error) {
     throw CommandError("Cannot write the invalidation token: " + error.localizedDescription() +
                        ". Folders are not listed again until it can be written.");
+  }
+  if (asJson) {
+    return platform::encodeJson(
+        {{"token", token}, {"file", platform::escapeForDisplay(file.string())}});
   }
   return "Wrote the invalidation token " + token + " to '" +
          platform::escapeForDisplay(file.string()) +

@@ -8,7 +8,7 @@
 
 namespace kestrune {
 
-/// Returns what to tell the user.
-std::string writeInvalidationToken();
+/// Returns what to tell the user; with `asJson` {"token":"…","file":"…"}.
+std::string writeInvalidationToken(bool asJson = false);
 
 }  // namespace kestrune

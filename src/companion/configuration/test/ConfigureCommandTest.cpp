@@ -11,7 +11,10 @@
 
 #include "companion/configuration/CommandError.h"
 #include "config/SharedConfig.h"
+#include "platform/values/Json.h"
+#include "tests/support/HttpFixture.h"
 #include "tests/support/ScopedEnvironment.h"
+#include "tests/support/ServiceFixture.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace kestrune {
@@ -29,7 +32,7 @@ struct Configure : testing::Test {
   std::istringstream input;
 
   std::string run(const std::string& url, const std::string& tokenFile) {
-    return configure({url, tokenFile}, input);
+    return configure({.url = url, .tokenFile = tokenFile}, input);
   }
 
   std::string failure(const std::string& url, const std::string& tokenFile) {
@@ -129,6 +132,37 @@ TEST_F(Configure, LeavesTheOldConfigurationWhenItCannotWrite) {
 TEST_F(Configure, AFolderInThePlaceOfTheFileIsReported) {
   fs::create_directories(file / "sub");
   EXPECT_THAT(failure("http://h", home.write("token", "t")), HasSubstr(file.string()));
+}
+
+TEST_F(Configure, ChecksBeforeItWrites) {
+  support::HttpFixture server;
+  server.next("GET", "/files", support::Answer(401));
+  server.on("GET", "/files", support::Answer(200, support::listingReply({})));
+  ConfigureOptions options;
+  options.url = server.origin();
+  options.typedToken = "typed-token";
+  options.checks = true;
+  try {
+    configure(options, input);
+    ADD_FAILURE() << "no error";
+  } catch (const CommandError& error) {
+    EXPECT_THAT(error.what(), HasSubstr("does not accept the token (HTTP 401)"));
+    EXPECT_THAT(error.what(), HasSubstr("Nothing was written; --no-check"));
+    EXPECT_THAT(error.what(), Not(HasSubstr("typed")));
+  }
+  EXPECT_FALSE(fs::exists(file));
+  EXPECT_THAT(configure(options, input), HasSubstr("the service accepts the token"));
+  EXPECT_EQ(SharedConfig::token()->reveal(), "typed-token");
+  EXPECT_EQ(server.request(1).header("authorization"), "Bearer typed-token");
+}
+
+TEST_F(Configure, TellsProgramsWhatItWrote) {
+  ConfigureOptions options;
+  options.url = "http://h/";
+  options.tokenFile = home.write("token", "s3cret");
+  options.asJson = true;
+  EXPECT_EQ(platform::decodeJson(configure(options, input)),
+            (platform::Json{{"apiURL", "http://h"}, {"file", file.string()}, {"checked", false}}));
 }
 
 }  // namespace

@@ -1,20 +1,14 @@
 // `kestrune status --watch` on a terminal and on a pipe, beside a host in the test's hands.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <pty.h>
 #include <signal.h>
-#include <sys/ioctl.h>
-#include <sys/wait.h>
-#include <termios.h>
-#include <unistd.h>
 
-#include <array>
 #include <string>
 
 #include "companion/control/HostFinder.h"
 #include "host/control/test/FakeHostControl.h"
 #include "tests/console/ChildProgram.h"
+#include "tests/console/TerminalProgram.h"
 #include "tests/support/IsolatedStorage.h"
 #include "tests/support/ScopedEnvironment.h"
 
@@ -26,73 +20,6 @@ using testing::Not;
 
 constexpr const char* kEnter = "\033[?1049h";
 constexpr const char* kLeave = "\033[?25h\033[?1049l";
-
-/// `kestrune` with a terminal of its own.
-class OnTerminal {
- public:
-  OnTerminal(unsigned short columns, unsigned short lines) {
-    winsize size{lines, columns, 0, 0};
-    pid_ = ::forkpty(&terminal_, nullptr, nullptr, &size);
-    if (pid_ == 0) {
-      const std::string program = std::string(KESTRUNE_BIN_DIR) + "/kestrune";
-      ::execl(program.c_str(), "kestrune", "status", "--watch", nullptr);
-      ::_exit(127);
-    }
-  }
-  ~OnTerminal() {
-    if (pid_ > 0) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, nullptr, 0);
-    }
-    ::close(terminal_);
-  }
-  OnTerminal(const OnTerminal&) = delete;
-  OnTerminal& operator=(const OnTerminal&) = delete;
-
-  void resize(unsigned short columns, unsigned short lines) const {
-    const winsize size{lines, columns, 0, 0};
-    ASSERT_EQ(::ioctl(terminal_, TIOCSWINSZ, &size), 0);
-  }
-  void type(char key) const { ASSERT_EQ(::write(terminal_, &key, 1), 1); }
-  void signal(int number) const { ASSERT_EQ(::kill(pid_, number), 0); }
-  bool echoes() const {
-    termios state{};
-    return ::tcgetattr(terminal_, &state) == 0 && (state.c_lflag & ECHO) != 0;
-  }
-  /// All that came until `text` did, since the last call.
-  std::string readUntil(const std::string& text) {
-    std::string seen;
-    while (seen.find(text) == std::string::npos) {
-      pollfd polled{terminal_, POLLIN, 0};
-      std::array<char, 4096> piece{};
-      if (::poll(&polled, 1, 10'000) <= 0) break;
-      const ssize_t got = ::read(terminal_, piece.data(), piece.size());
-      if (got <= 0) break;
-      seen.append(piece.data(), static_cast<std::size_t>(got));
-    }
-    EXPECT_THAT(seen, HasSubstr(text));
-    return seen;
-  }
-  /// The exit code, and the last of what it wrote.
-  int end(std::string& rest) {
-    for (;;) {
-      std::array<char, 4096> piece{};
-      pollfd polled{terminal_, POLLIN, 0};
-      if (::poll(&polled, 1, 10'000) <= 0) break;
-      const ssize_t got = ::read(terminal_, piece.data(), piece.size());
-      if (got <= 0) break;
-      rest.append(piece.data(), static_cast<std::size_t>(got));
-    }
-    int status = 0;
-    if (::waitpid(pid_, &status, 0) != pid_) return -1;
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-  }
-
- private:
-  pid_t pid_ = -1;
-  int terminal_ = -1;
-};
 
 class WatchProgram : public testing::Test {
  protected:
@@ -119,14 +46,14 @@ class WatchProgram : public testing::Test {
 };
 
 TEST_F(WatchProgram, DrawsAPageAndPutsTheTerminalBackOnControlC) {
-  OnTerminal program(80, 24);
+  TerminalProgram program({"status", "--watch"});
   const std::string first = program.readUntil("Transfers (0)");
   EXPECT_THAT(first, HasSubstr(kEnter));
   EXPECT_THAT(first, HasSubstr("Kestrune  /mnt/k"));
   EXPECT_FALSE(program.echoes());
   setKnownItems(77);
   program.readUntil("of 77 items");
-  program.type('\x03');
+  program.type("\x03");
   std::string rest;
   EXPECT_EQ(program.end(rest), 130);
   EXPECT_TRUE(rest.ends_with(kLeave)) << rest;
@@ -136,12 +63,12 @@ TEST_F(WatchProgram, DrawsAPageAndPutsTheTerminalBackOnControlC) {
 TEST_F(WatchProgram, QEndsItAndSignalsDoToo) {
   std::string rest;
   {
-    OnTerminal program(80, 24);
+    TerminalProgram program({"status", "--watch"});
     program.readUntil("Transfers");
-    program.type('q');
+    program.type("q");
     EXPECT_EQ(program.end(rest), 0);
   }
-  OnTerminal program(80, 24);
+  TerminalProgram program({"status", "--watch"});
   program.readUntil("Transfers");
   program.signal(SIGTERM);
   rest.clear();
@@ -150,7 +77,7 @@ TEST_F(WatchProgram, QEndsItAndSignalsDoToo) {
 }
 
 TEST_F(WatchProgram, FollowsTheTerminalsSize) {
-  OnTerminal program(80, 24);
+  TerminalProgram program({"status", "--watch"});
   program.readUntil("Kestrune  /mnt/k");
   program.resize(12, 24);
   program.readUntil("Kestrune  /~");
@@ -158,12 +85,12 @@ TEST_F(WatchProgram, FollowsTheTerminalsSize) {
 
 TEST_F(WatchProgram, WithoutColorsWhereTheyAreNotWanted) {
   const support::ScopedEnvironment plain("NO_COLOR", "1");
-  OnTerminal program(80, 24);
+  TerminalProgram program({"status", "--watch"});
   EXPECT_THAT(program.readUntil("Transfers (0)"), Not(HasSubstr("\033[1m")));
 }
 
 TEST_F(WatchProgram, WaitsForAHostThatGoesAway) {
-  OnTerminal program(80, 24);
+  TerminalProgram program({"status", "--watch"});
   program.readUntil("Transfers");
   server = nullptr;
   program.readUntil("No host answers");
