@@ -17,8 +17,10 @@
 
 #include "companion/ScratchDirectory.h"
 #include "companion/configuration/CommandError.h"
+#include "companion/terminal/ProgressLine.h"
 #include "extension/FileProviderExtension.h"
 #include "host/basics/ItemName.h"
+#include "host/control/ControlRequest.h"
 #include "host/in/Enumeration.h"
 #include "platform/log/Log.h"
 #include "platform/values/NSError.h"
@@ -30,6 +32,9 @@ namespace {
 using host::ItemRecord;
 
 constexpr std::size_t kCopyBytes = 1U << 20U;
+constexpr std::chrono::milliseconds kProgressInterval{200};
+/// More than that nobody waits for who presses the tabulator.
+constexpr unsigned kCompletionSeconds = 1;
 
 std::string inQuotes(const std::string& path) {
   return "'" + platform::escapeForDisplay(path) + "'";
@@ -83,6 +88,13 @@ std::optional<ItemRecord> resolve(const ExtensionPtr& extension, const std::stri
 }
 
 std::string line(const ItemRecord& item, const ListOptions& options) {
+  if (options.asJson) {
+    return platform::encodeJson({{"name", host::pathToJson(item.name)},
+                                 {"folder", item.isFolder},
+                                 {"sizeBytes", item.sizeBytes},
+                                 {"modified", platform::formatISO8601(item.modified)}}) +
+           "\n";
+  }
   std::string text;
   if (options.isLong) {
     std::array<char, 32> size{};
@@ -164,7 +176,29 @@ std::string listing(const ExtensionPtr& extension, const ListOptions& options) {
   return text;
 }
 
-void copyContents(const ExtensionPtr& extension, const std::string& path, int descriptor) {
+std::string completions(const ExtensionPtr& extension, const std::string& word) {
+  const auto slash = word.rfind('/');
+  const std::string folder = slash == std::string::npos ? "" : word.substr(0, slash + 1);
+  const std::string begun = word.substr(folder.size());
+  const auto item = resolve(extension, "complete", folder);
+  if (item && !item->isFolder) return {};
+  const auto items = children(
+      extension, item ? item->identifier : platform::NSFileProviderRootContainerItemIdentifier,
+      "complete", folder);
+  std::vector<std::string> found;
+  for (const auto& child : items) {
+    if (child.name.starts_with(begun) && child.name.find('\n') == std::string::npos)
+      found.push_back(folder + child.name + (child.isFolder ? "/\n" : "\n"));
+  }
+  std::sort(found.begin(), found.end());
+  if (found.size() > kMostCompletions) found.resize(kMostCompletions);
+  std::string text;
+  for (const auto& line : found) text += line;
+  return text;
+}
+
+void copyContents(const ExtensionPtr& extension, const std::string& path, int descriptor,
+                  const FetchProgress& progress) {
   const auto item = resolve(extension, "read", path);
   if (!item || item->isFolder) fail("read", path, "it is a folder.");
   struct Outcome {
@@ -174,10 +208,13 @@ void copyContents(const ExtensionPtr& extension, const std::string& path, int de
   // The handler alone keeps the promise: an extension that drops it ends the wait.
   auto promise = std::make_shared<std::promise<Outcome>>();
   auto done = promise->get_future();
-  extension->fetchContents(item->identifier, std::nullopt, {},
-                           [promise = std::move(promise)](auto file, auto, auto error) {
-                             promise->set_value({std::move(file), std::move(error)});
-                           });
+  const auto fetched =
+      extension->fetchContents(item->identifier, std::nullopt, {},
+                               [promise = std::move(promise)](auto file, auto, auto error) {
+                                 promise->set_value({std::move(file), std::move(error)});
+                               });
+  while (progress && done.wait_for(kProgressInterval) == std::future_status::timeout)
+    progress(fetched->fractionCompleted());
   const Outcome outcome = done.get();
   if (outcome.error) fail("read", path, outcome.error->localizedDescription());
   copyFile(*outcome.file, path, descriptor);
@@ -193,7 +230,25 @@ void runList(const ListOptions& options) {
 void runCat(const std::string& path) {
   std::signal(SIGPIPE, SIG_IGN);
   const ScratchDirectory scratch;
-  copyContents(realExtension(), path, STDOUT_FILENO);
+  ProgressLine line(STDERR_FILENO);
+  // Where the contents go to the same terminal, they are progress enough.
+  if (!line.isShown() || ::isatty(STDOUT_FILENO) != 0)
+    return copyContents(realExtension(), path, STDOUT_FILENO);
+  const std::string shown = platform::escapeForDisplay(path);
+  copyContents(realExtension(), path, STDOUT_FILENO, [&](double fraction) {
+    line.show(shown + ": " + std::to_string(static_cast<int>(fraction * 100)) + "%");
+  });
+}
+
+void runCompletePath(const std::string& word) {
+  std::signal(SIGALRM, [](int) { ::_exit(0); });
+  ::alarm(kCompletionSeconds);
+  std::string text;
+  try {
+    text = completions(realExtension(), word);
+  } catch (const CommandError&) {  // there is nothing to say to who only typed a path so far
+  }
+  writeAll(STDOUT_FILENO, text.data(), text.size());
 }
 
 }  // namespace kestrune

@@ -19,6 +19,7 @@
 #include "config/StorageLocations.h"
 #include "extension/FileProviderExtension.h"
 #include "host/MountHost.h"
+#include "host/control/ControlRequest.h"
 #include "host/launch/LaunchedExtension.h"
 #include "host/launch/Launcher.h"
 #include "host/launch/PlatformServices.h"
@@ -135,6 +136,14 @@ void runMount(const MountOptions& options) {
     listener.emplace(events, [] { writeInvalidationToken(); });
     serviceManager.emplace(options.mountPoint.string());
     if (!isNew) return;
+    if (options.asJson) {
+      const platform::Json told{
+          {"mountPoint", host::pathToJson(std::filesystem::absolute(options.mountPoint).native())},
+          {"process", ::getpid()}};
+      std::printf("%s\n", platform::encodeJson(told).c_str());
+      std::fflush(stdout);
+      return;
+    }
     std::printf("Mounted at %s; Ctrl-C or kestrune unmount ends it.\n", options.mountPoint.c_str());
     std::fflush(stdout);
   };

@@ -28,6 +28,8 @@ struct MountOptions {
   std::optional<std::uint64_t> keepFreeBytes;
   /// Whether the extension runs within the host instead of in a confined process of its own.
   bool inOneProcess = false;
+  /// Whether the line that tells of the mount is for programs: {"mountPoint":"…","process":7}.
+  bool asJson = false;
   /// As HostOptions has them.
   std::string version;
   host::ProgramStart program;

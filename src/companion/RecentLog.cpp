@@ -7,9 +7,21 @@
 
 namespace kestrune {
 
+namespace {
+
+constexpr const char* kExtension = "com.orvanta.kestrune.fileprovider";
+
+}  // namespace
+
 void RecentLog::write(const platform::LogRecord& record) {
   next_.write(record);
-  std::string line = platform::standardErrorLine(record, platform::dateNow());
+  // The extension's lines name files in ways that cannot be told from other words: what happened is kept, not to which.
+  platform::LogRecord kept = record;
+  if (record.subsystem == kExtension) {
+    kept.format = "%{public}s";
+    kept.arguments = {record.format};
+  }
+  std::string line = platform::standardErrorLine(kept, platform::dateNow());
   if (line.ends_with('\n')) line.pop_back();
   if (line.size() > kMostBytes) line.resize(kMostBytes);
   platform::MutexLock lock(mutex_);

@@ -14,7 +14,7 @@
 
 namespace kestrune {
 
-/// Keeps the last kMost lines, and passes every record on to `next`.
+/// Keeps the last kMost lines, those of the extension without what they were about, and passes every record on to `next`.
 class RecentLog final : public platform::LogSink {
  public:
   static constexpr std::size_t kMost = 500;

@@ -32,6 +32,7 @@
 #include "companion/control/UnmountCommand.h"
 #include "companion/terminal/Prompt.h"
 #include "companion/terminal/Signals.h"
+#include "companion/watch/DownloadProgress.h"
 #include "companion/watch/WatchCommand.h"
 #include "host/front/InheritedMount.h"
 #include "platform/values/Allocator.h"
@@ -62,7 +63,8 @@ constexpr const char* kFooter =
     "  echo '{\"id\":1,\"op\":\"enumerateItems\",\"container\":\"/Docs\"}' | kestrune console\n"
     "\n"
     "Files lie below $XDG_DATA_HOME/Kestrune (or ~/.local/share/Kestrune).\n"
-    "Exit codes: 0 done, 1 failed (standard error says why), 2 wrong usage.";
+    "Exit codes: 0 done, 1 failed (standard error says why), 2 wrong usage, 128 + N ended by the\n"
+    "signal N (130: Ctrl-C). With --json: docs/formats/json-output.md.";
 
 /// The token passes through this process's memory: no core dump, and no other process of the user
 /// may look inside.
@@ -152,6 +154,7 @@ void addMount(CLI::App& app, Command& chosen, const Process& process) {
       ->transform(CLI::AsSizeValue(false));
   command->add_flag("--in-one-process", options->inOneProcess,
                     "run the extension within the host, without a sandbox (to look for faults)");
+  command->add_flag("--json", options->asJson, "for programs: JSON, one object a line");
   command->add_flag("--allow-other", options->allowOtherUsers,
                     "let other users look inside (needs user_allow_other in /etc/fuse.conf)");
   options->version = KESTRUNE_VERSION;
@@ -165,6 +168,7 @@ void addList(CLI::App& app, Command& chosen) {
   auto options = std::make_shared<ListOptions>();
   command->add_option("PATH", options->path, "as in /Docs")->capture_default_str();
   command->add_flag("-l", options->isLong, "also sizes and times");
+  command->add_flag("--json", options->asJson, "for programs: JSON, one object a line");
   command->callback([&chosen, options] {
     options->escapesNames = ::isatty(STDOUT_FILENO) != 0;
     chosen = finishing([options] { runList(*options); });
@@ -176,6 +180,15 @@ void addCat(CLI::App& app, Command& chosen) {
   auto path = std::make_shared<std::string>();
   command->add_option("PATH", *path, "as in /Docs/a.pdf")->required();
   command->callback([&chosen, path] { chosen = finishing([path] { runCat(*path); }); });
+}
+
+// For shells; not shown to people.
+void addCompletePath(CLI::App& app, Command& chosen) {
+  auto* command = app.add_subcommand("complete-path", "Print what can follow a remote path");
+  command->group("");
+  auto word = std::make_shared<std::string>();
+  command->add_option("WORD", *word, "what was typed");
+  command->callback([&chosen, word] { chosen = finishing([word] { runCompletePath(*word); }); });
 }
 
 void addConsole(CLI::App& app, Command& chosen) {
@@ -216,9 +229,13 @@ void addItemControl(CLI::App& app, Command& chosen, Op op, const char* name,
                     const char* description) {
   auto control = std::make_shared<ControlCommand>();
   control->op = op;
-  addControl(app, chosen, control, name, description)
-      ->add_option("PATH", control->paths, "files and folders in the mounted folder")
+  auto* command = addControl(app, chosen, control, name, description);
+  command->add_option("PATH", control->paths, "files and folders in the mounted folder")
       ->required();
+  if (op != Op::download) return;
+  command->callback([&chosen, control] {
+    chosen = finishing([control] { showingDownloads([control] { runControl(*control); }); });
+  });
 }
 
 void addStatus(CLI::App& app, Command& chosen) {
@@ -277,6 +294,7 @@ void addRestart(CLI::App& app, Command& chosen) {
   command->add_option("PATH", options->path, "in the mounted folder; default: the domain's");
   command->add_option("--domain", options->domainIdentifier, "the domain, where there is no PATH")
       ->capture_default_str();
+  command->add_flag("--json", options->asJson, "for programs: JSON, one object a line");
   command->callback([&chosen, options] {
     chosen = finishing([options] { restartHost(HostFinder::here(), *options, std::cout); });
   });
@@ -367,6 +385,7 @@ int run(int argc, char** argv, host::InheritedMount& inherited) {
   addList(app, chosen);
   addCat(app, chosen);
   addConsole(app, chosen);
+  addCompletePath(app, chosen);
   addControls(app, chosen);
   addRestart(app, chosen);
   addUnmount(app, chosen);

@@ -1,5 +1,8 @@
 // The commands of `kestrune` to a real folder: why something is here, and the end of the mount.
 
+#include <chrono>
+
+#include "platform/values/Json.h"
 #include "tests/mount/LiveRestart.h"
 
 namespace kestrune::mounttest {
@@ -31,6 +34,81 @@ TEST_F(LiveCommandsTest, WhyNamesTheProgramThatRead) {
   EXPECT_THAT(tell("why docs/b.txt"), HasSubstr("kestrune download fetched it"));
   EXPECT_THAT(tell("why docs"), HasSubstr("A folder: it is at the store"));
   EXPECT_THAT(tell("why docs/missing", 1), HasSubstr("Cannot explain 'docs/missing'"));
+}
+
+TEST_F(LiveCommandsTest, JsonHasTheKeysThatAreDocumented) {
+  EXPECT_EQ(contentsOf(mount() / "docs/a.txt"), "hello");
+  service().end(SIGTERM);
+  std::ofstream(mount() / "docs/new.txt") << "unsent";
+  ASSERT_TRUE(waitUntil([&] { return tell("pending").find("failed") != std::string::npos; }));
+  const std::string page =
+      contentsOf(std::string(KESTRUNE_SOURCE_DIR) + "/docs/formats/json-output.md");
+  const auto keysOf = [&](const platform::Json& object) {
+    std::string keys;
+    for (const auto& [key, value] : object.items()) {
+      keys += (keys.empty() ? "" : " ") + key;
+      EXPECT_THAT(page, HasSubstr("`" + key + "`"));
+    }
+    return keys;
+  };
+  const auto ask = [&](const std::string& command, int status = 0) {
+    return platform::decodeJson(tell(command + " --json 2>/dev/null", status));
+  };
+  constexpr const char* kChange =
+      "attempts bytes change nextAttemptSeconds path reason since underWay";
+  EXPECT_EQ(keysOf(ask("pending")), "changes count");
+  EXPECT_EQ(keysOf(ask("pending docs")), "changes count path");
+  EXPECT_EQ(keysOf(ask("pending")["changes"][0]), kChange);
+  EXPECT_EQ(keysOf(ask("sync docs")), "changes count path");
+  EXPECT_EQ(keysOf(ask("unpin docs/a.txt")), "path result");
+  EXPECT_EQ(keysOf(ask("link missing", 1)), "error path");
+  EXPECT_EQ(keysOf(ask("state docs/a.txt")["result"]), "bytesHere folder pinned sizeBytes");
+  EXPECT_EQ(keysOf(ask("state docs/new.txt")["result"]),
+            "bytesHere folder pending pinned sizeBytes");
+  EXPECT_EQ(keysOf(ask("why docs/a.txt")["result"]),
+            "atStore bytesHere cause folder lastUsed pinned sizeBytes");
+  EXPECT_EQ(keysOf(ask("why docs/a.txt")["result"]["cause"]), "at kind program");
+  EXPECT_EQ(keysOf(ask("keep-deleted")), "count");
+  auto status = ask("status");
+  status.erase("lastSignal");  // there if the service's events were heard already
+  EXPECT_EQ(
+      keysOf(status),
+      "bytesHere domain downloads extension failingChanges heldDeletions itemsHere knownItems "
+      "mountPoint passthrough pendingChanges process replica restarts standstillMilliseconds "
+      "storeError storeReachable uploads version");
+  EXPECT_EQ(keysOf(status["heldDeletions"]), "count paths");
+  EXPECT_EQ(keysOf(status["extension"]), "confinement deaths process starts");
+  const auto doctor = ask("doctor", 1);
+  EXPECT_EQ(keysOf(doctor), "findings problems warnings");
+  for (const auto& finding : doctor["findings"]) {
+    keysOf(finding);
+    EXPECT_THAT(page, HasSubstr("`" + finding["about"].get<std::string>() + "`"));
+  }
+  EXPECT_EQ(keysOf(ask("report -o '" + (outside() / "r.tar.gz").string() + "'")),
+            "file parts withNames");
+  EXPECT_EQ(keysOf(ask("restart")), "mountPoint restarts standstillMilliseconds version");
+  EXPECT_EQ(keysOf(ask("invalidate")), "file token");
+  EXPECT_EQ(keysOf(ask("unmount --force")), "mountPoint pending replica");
+  service().start();
+  EXPECT_EQ(keysOf(ask("configure --url " + service().address() + " --token-file '" +
+                       service().tokenFile().string() + "'")),
+            "apiURL checked file");
+  EXPECT_EQ(keysOf(ask("ls /docs/a.txt")), "folder modified name sizeBytes");
+}
+
+TEST_F(LiveCommandsTest, PathsOfTheStoreAreCompleted) {
+  std::filesystem::create_directory(service().root() / "docs/sub folder");
+  EXPECT_EQ(tell("complete-path /do"), "/docs/\n");
+  EXPECT_EQ(tell("complete-path /docs/"), "/docs/a.txt\n/docs/b.txt\n/docs/sub folder/\n");
+  EXPECT_EQ(tell("complete-path docs/a"), "docs/a.txt\n");
+  EXPECT_EQ(tell("complete-path ''"), "docs/\n");
+  EXPECT_EQ(tell("complete-path /docs/a.txt/x"), "");
+  EXPECT_EQ(tell("complete-path /nowhere/x"), "");
+  service().signal(SIGSTOP);
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(tell("complete-path /docs/"), "");
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3));
+  service().signal(SIGCONT);
 }
 
 TEST_F(LiveCommandsTest, UnmountEndsTheHostAlsoFromWithin) {

@@ -96,6 +96,14 @@ void restartHost(const HostFinder& finder, const RestartOptions& options, std::o
     if (!process) throw CommandError("Cannot ask the host: " + error.localizedDescription());
   }
   const About now = waitForNext(finder, options, before, *process);
+  if (options.asJson) {
+    output << platform::encodeJson({{"mountPoint", host::pathToJson(now.mountPoint)},
+                                    {"version", now.version},
+                                    {"restarts", now.restarts},
+                                    {"standstillMilliseconds", now.standstillMilliseconds}})
+           << "\n";
+    return;
+  }
   char seconds[32];
   std::snprintf(&seconds[0], sizeof(seconds), "%.2f",
                 static_cast<double>(now.standstillMilliseconds) / 1000);

@@ -15,6 +15,8 @@ struct RestartOptions {
   /// Somewhere in the mounted folder; empty: the domain's.
   std::string path;
   std::string domainIdentifier = "main";
+  /// For programs: {"mountPoint":"…","version":"…","restarts":1,"standstillMilliseconds":40}.
+  bool asJson = false;
   /// For how long the new host is waited for.
   std::chrono::seconds patience{120};
 };

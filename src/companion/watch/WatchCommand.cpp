@@ -16,10 +16,9 @@
 
 #include "companion/configuration/CommandError.h"
 #include "companion/terminal/Signals.h"
+#include "companion/watch/StatusRecord.h"
 #include "companion/watch/WatchText.h"
-#include "config/StorageLocations.h"
 #include "host/control/ControlClient.h"
-#include "platform/files/AtomicFile.h"
 #include "platform/values/NSError.h"
 
 namespace kestrune {
@@ -32,7 +31,6 @@ using host::ControlRequest;
 constexpr std::chrono::milliseconds kInterval{500};
 constexpr std::chrono::seconds kPatience{5};
 constexpr std::size_t kMostPending = 50;
-constexpr std::uint64_t kMostStatusBytes = std::uint64_t{16} << 20U;
 
 /// Asks the host, and reads the status file.
 class Watched {
@@ -46,7 +44,7 @@ class Watched {
       if (!client_) client_ = finder_.ofDomain(domain_);
       facts.status = ask(ControlRequest::Op::status);
       facts.pending = ask(ControlRequest::Op::pending);
-      facts.transfers = transfers();
+      facts.transfers = presentTransfers();
     } catch (const CommandError&) {
       return {};
     } catch (const host::ControlRefusal&) {  // it is ending
@@ -65,15 +63,6 @@ class Watched {
     request.op = op;
     request.most = kMostPending;
     return client_->ask(request, nullptr, kPatience);
-  }
-  // A file that is not there, or of no such form, tells of none.
-  static std::vector<SyncTransfer> transfers() {
-    try {
-      return SyncStatus::decode(platform::readFile(storage::syncStatusFile(), kMostStatusBytes))
-          .transfers;
-    } catch (const platform::NSError&) {
-      return {};
-    }
   }
 
   const HostFinder& finder_;
