@@ -64,7 +64,7 @@ constexpr const char* kFooter =
     "\n"
     "Files lie below $XDG_DATA_HOME/Kestrune (or ~/.local/share/Kestrune).\n"
     "Exit codes: 0 done, 1 failed (standard error says why), 2 wrong usage, 128 + N ended by the\n"
-    "signal N (130: Ctrl-C). With --json: docs/formats/json-output.md.";
+    "signal N (130: Ctrl-C). With --json: docs/formats/json-output.md. More: man kestrune.";
 
 /// The token passes through this process's memory: no core dump, and no other process of the user
 /// may look inside.
@@ -391,6 +391,10 @@ int run(int argc, char** argv, host::InheritedMount& inherited) {
   addUnmount(app, chosen);
   addDoctor(app, chosen, program);
   addReport(app, chosen, program);
+  for (CLI::App* command : app.get_subcommands({})) {
+    if (command->get_name() != "console")
+      command->footer("More: man kestrune-" + command->get_name());
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
