@@ -24,62 +24,72 @@ _kestrune_options() {
   esac
 }
 
-# Lines become words, those with blanks too: each is quoted as it must be typed. Adds to COMPREPLY.
-_kestrune_add_lines() {
-  local line
-  while IFS= read -r line; do
-    if [ "$_kestrune_quoted" = no ]; then printf -v line '%q' "$line"; fi
-    COMPREPLY+=("$line")
+# What was typed of the last word before the cursor: `typed` without quoting, `quote` a quotation that is open, and `ahead` the part that
+# bash has cut off at a ":" or "=", which is not to be repeated in COMPREPLY.
+_kestrune_parse() {
+  local line=${COMP_LINE:0:COMP_POINT} index character raw=
+  typed= quote= ahead=
+  for ((index = 0; index < ${#line}; ++index)); do
+    character=${line:index:1}
+    raw+=$character
+    if [ -n "$quote" ]; then
+      if [ "$character" = "$quote" ]; then quote=; else typed+=$character; fi
+    else
+      case "$character" in
+        \\) index=$((index + 1)); raw+=${line:index:1}; typed+=${line:index:1} ;;
+        \' | \") quote=$character ;;
+        [[:space:]]) typed= raw= ;;
+        *) typed+=$character ;;
+      esac
+    fi
   done
+  case "${COMP_WORDS[COMP_CWORD]}" in
+    : | =) ahead=$typed ;;
+    *) case "$raw" in *[:=]*) [ -n "$quote" ] || ahead=${typed%"${typed##*[:=]}"} ;; esac ;;
+  esac
 }
 
-# Folders get no blank behind: their contents may follow.
-_kestrune_no_blank() { compopt -o nospace 2>/dev/null; }
-
 _kestrune_remote() {
-  local word=$1
-  _kestrune_add_lines < <(command kestrune complete-path "$word" 2>/dev/null </dev/null)
-  case "${COMPREPLY[*]}" in */) _kestrune_no_blank ;; esac
+  local line
+  while IFS= read -r line; do
+    case "$line" in */) compopt -o nospace 2>/dev/null ;; esac # what is in a folder may follow
+    line=${line#"$ahead"}
+    if [ -z "$quote" ]; then printf -v line '%q' "$line"; fi
+    COMPREPLY+=("$line")
+  done < <(command kestrune complete-path "$typed" 2>/dev/null </dev/null)
 }
 
 _kestrune_local() {
-  local word=$1 kind=$2
-  compopt -o filenames 2>/dev/null
-  _kestrune_quoted=yes # which readline does for file names
-  _kestrune_add_lines < <(compgen "$kind" -- "$word")
+  compopt -o filenames 2>/dev/null # readline quotes
+  mapfile -t COMPREPLY < <(compgen "$1" -- "$typed")
+  COMPREPLY=("${COMPREPLY[@]#"$ahead"}")
 }
 
-# What was typed of the word, without its quoting, and whether a quotation is open. A ":" or "=" that splits words does not matter:
-# no path of ours is split by readline within COMP_WORDS but at these, and such paths are completed by the shell's own means.
 _kestrune() {
-  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command= index
-  local _kestrune_quoted=no
+  local previous=${COMP_WORDS[COMP_CWORD - 1]} command= index typed quote ahead
   COMPREPLY=()
+  _kestrune_parse
   for ((index = 1; index < COMP_CWORD; ++index)); do
     case "${COMP_WORDS[index]}" in
       -*) ;;
       *) command=${COMP_WORDS[index]}; break ;;
     esac
   done
-  case "$current" in
-    \'* | \"*) _kestrune_quoted=yes; current=${current:1} ;;
-    *) current=$(printf '%s' "$current" | sed 's/\\\(.\)/\1/g') ;;
-  esac
   if [ -n "$command" ]; then
     case "$previous" in
-      --token-file | -o | --output) _kestrune_local "$current" -f; return ;;
-      --replica) _kestrune_local "$current" -d; return ;;
+      --token-file | -o | --output) _kestrune_local -f; return ;;
+      --replica) _kestrune_local -d; return ;;
       --url | --domain | --refresh | --cache-size | --keep-free | --most | --timeout) return ;;
     esac
   fi
-  case "$current" in
-    -*) mapfile -t COMPREPLY < <(compgen -W "$(_kestrune_options "$command")" -- "$current"); return ;;
+  case "$typed" in
+    -*) mapfile -t COMPREPLY < <(compgen -W "$(_kestrune_options "$command")" -- "$typed"); return ;;
   esac
   case "$command" in
-    "") mapfile -t COMPREPLY < <(compgen -W "$_kestrune_commands" -- "$current") ;;
-    ls | cat) _kestrune_remote "$current" ;;
-    mount) _kestrune_local "$current" -d ;;
-    unmount | restart | pending | sync | pin | unpin | evict | download | link | state | why | report) _kestrune_local "$current" -f ;;
+    "") mapfile -t COMPREPLY < <(compgen -W "$_kestrune_commands" -- "$typed") ;;
+    ls | cat) _kestrune_remote ;;
+    mount) _kestrune_local -d ;;
+    unmount | restart | pending | sync | pin | unpin | evict | download | link | state | why | report) _kestrune_local -f ;;
   esac
 }
 
