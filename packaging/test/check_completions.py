@@ -92,23 +92,31 @@ def check_bash():
     expect("bash: folders alone", bash("kestrune mount loc"), ["local dir"])
     expect("bash: the value of an option", bash("kestrune configure --token-file tok"), ["token file"])
     expect("bash: a value that nobody knows", bash("kestrune pending --most 1"), [])
-    expect("bash: on a terminal", typed(["bash", "--norc", "--noprofile", "-i"], f"source {here}/kestrune.bash", "kestrune cat /Docs/sp\t"),
-           r"kestrune cat /Docs/sp\ ace/")
+    expect_typed("bash: on a terminal", ["bash", "--norc", "--noprofile", "-i"], f"source {here}/kestrune.bash", "kestrune cat /Docs/sp\t",
+                 r"kestrune cat /Docs/sp\ ace/")
 
 
 # ---- on a terminal
 
-def typed(shell, preparation, keys):
-    """What the line reads after `keys`, each tabulator waited for."""
+def shown(text):
+    """What a terminal shows of `text` behind the last prompt."""
+    plain = re.sub(r"\x1b\[[0-9;?]*[A-Za-z]|\x1b[=>]|[\x07\r]", "", text)
+    while "\x08" in plain:
+        plain = re.sub("[^\x08]?\x08", "", plain, count=1)
+    return plain[plain.rfind("> ") + 2:].strip()
+
+
+def expect_typed(what, shell, preparation, keys, wanted):
+    """Compares what the line reads after `keys`, which are typed at the prompt."""
     process, terminal = pty.fork()
     if process == 0:
         os.chdir(work)
         os.execvpe(shell[0], shell, {**environment, "PS1": "> ", "PROMPT": "> "})
     seen = ""
 
-    def read_until(done, seconds=10):
+    def read_until(done):
         nonlocal seen
-        end = time.monotonic() + seconds
+        end = time.monotonic() + 15
         while not done(seen) and time.monotonic() < end:
             if select.select([terminal], [], [], 0.1)[0]:
                 try:
@@ -117,17 +125,15 @@ def typed(shell, preparation, keys):
                     break
 
     os.write(terminal, (preparation + "; echo rea''dy\n").encode())
-    read_until(lambda text: "ready" in text)
-    seen = ""
+    # The prompt behind the answer: before it, what is typed is not the shell's yet.
+    read_until(lambda text: "> " in text.partition("ready")[2])
+    seen = seen.partition("ready")[2]
     os.write(terminal, keys.encode())
-    read_until(lambda text: text.rstrip().endswith("/"), 5)
+    read_until(lambda text: shown(text) == wanted)
     os.kill(process, 9)
     os.waitpid(process, 0)
     os.close(terminal)
-    plain = re.sub(r"\x1b\[[0-9;?]*[A-Za-z]|\x1b[=>]|[\x07\r]", "", seen)
-    while "\x08" in plain:
-        plain = re.sub("[^\x08]?\x08", "", plain, count=1)
-    return plain[plain.find("kestrune"):].strip()
+    expect(what, shown(seen), wanted)
 
 
 # ---- zsh
@@ -145,7 +151,7 @@ def check_zsh():
     if not shutil.which("zsh"):
         return
     prepare = f"fpath=({here} $fpath); autoload -U compinit; compinit -u -D"
-    expect("zsh: a path of the store", typed(["zsh", "-f", "-i"], prepare, "kestrune cat /Docs/sp\t"), r"kestrune cat /Docs/sp\ ace/")
+    expect_typed("zsh: a path of the store", ["zsh", "-f", "-i"], prepare, "kestrune cat /Docs/sp\t", r"kestrune cat /Docs/sp\ ace/")
 
 
 # ---- fish
