@@ -8,8 +8,8 @@
 #include <optional>
 #include <utility>
 
-#include "companion/ServiceManager.h"
 #include "companion/RecentLog.h"
+#include "companion/ServiceManager.h"
 #include "companion/configuration/CommandError.h"
 #include "companion/configuration/InvalidateCommand.h"
 #include "companion/configuration/MountConfiguration.h"
