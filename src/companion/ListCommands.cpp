@@ -44,6 +44,14 @@ std::string inQuotes(const std::string& path) {
   throw CommandError("Cannot " + what + " " + inQuotes(path) + ": " + why);
 }
 
+[[noreturn]] void failForStore(const std::string& what, const std::string& path,
+                               const platform::NSError& error) {
+  const std::string why = error.localizedDescription();
+  fail(what, path,
+       why + (why.ends_with('.') ? "" : ".") +
+           " If that stays so, kestrune doctor tells what is amiss.");
+}
+
 std::vector<std::string> components(const std::string& path) {
   std::vector<std::string> parts;
   for (std::size_t start = 0; start < path.size();) {
@@ -62,7 +70,7 @@ std::vector<ItemRecord> children(const ExtensionPtr& extension, const std::strin
     promise.set_value(std::move(answer));
   });
   auto answer = done.get();
-  if (!answer.ok()) fail(what, path, answer.error()->localizedDescription());
+  if (!answer.ok()) failForStore(what, path, *answer.error());
   auto items = std::move(answer.value().items);
   std::erase_if(items, [&identifier](const auto& item) {
     return host::whyNotAFileName(item.name) != nullptr || item.parentIdentifier != identifier;
@@ -81,7 +89,9 @@ std::optional<ItemRecord> resolve(const ExtensionPtr& extension, const std::stri
         path);
     const auto found = std::find_if(items.begin(), items.end(),
                                     [&name](const auto& item) { return item.name == name; });
-    if (found == items.end()) fail(what, path, "the store has no " + inQuotes(name) + " there.");
+    if (found == items.end())
+      fail(what, path,
+           "the store has no " + inQuotes(name) + " there. kestrune ls shows what it has.");
     at = *found;
   }
   return at;
@@ -216,7 +226,7 @@ void copyContents(const ExtensionPtr& extension, const std::string& path, int de
   while (progress && done.wait_for(kProgressInterval) == std::future_status::timeout)
     progress(fetched->fractionCompleted());
   const Outcome outcome = done.get();
-  if (outcome.error) fail("read", path, outcome.error->localizedDescription());
+  if (outcome.error) failForStore("read", path, *outcome.error);
   copyFile(*outcome.file, path, descriptor);
 }
 

@@ -40,8 +40,7 @@ constexpr boundary::Offers kOffers = {true, true, true};
 void requireConfiguration() {
   if (SharedConfig::apiURL() && SharedConfig::token()) return;
   throw CommandError("There is no service to mount: '" + SharedConfig::file().string() +
-                     "' holds no address and token. Write it with: kestrune configure --url URL "
-                     "--token-file FILE");
+                     "' holds no address and token. Write it with: kestrune configure");
 }
 
 // What hosts and extensions that were killed left behind, in all the folders where files are replaced.
@@ -158,7 +157,9 @@ void runMount(const MountOptions& options) {
                        });
   } catch (const platform::NSError& error) {
     throw CommandError("Cannot mount at '" + options.mountPoint.string() +
-                       "': " + error.localizedDescription());
+                       "': " + error.localizedDescription() +
+                       (error.localizedDescription().ends_with('.') ? "" : ".") +
+                       " Nothing was changed; kestrune doctor tells what is amiss.");
   }
 }
 

@@ -17,8 +17,10 @@ std::string writeInvalidationToken(bool asJson) {
   try {
     platform::replaceFile(file, token + "\n", platform::Durability::atomic);
   } catch (const platform::NSError& error) {
-    throw CommandError("Cannot write the invalidation token: " + error.localizedDescription() +
-                       ". Folders are not listed again until it can be written.");
+    throw CommandError(
+        "Cannot write the invalidation token: " + error.localizedDescription() +
+        ". Folders are not listed again until it can be written: check the disk and the "
+        "directory's owner.");
   }
   if (asJson) {
     return platform::encodeJson(

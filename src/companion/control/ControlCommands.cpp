@@ -55,7 +55,8 @@ Json ask(ControlClient& client, const ControlRequest& request,
   } catch (const host::ControlRefusal& error) {
     throw CommandError(sentence(error.what()));
   } catch (const platform::NSError& error) {
-    throw CommandError("The host has gone away: " + sentence(error.localizedDescription()));
+    throw CommandError("The host has gone away: " + sentence(error.localizedDescription()) +
+                       " What is not sent is kept; kestrune mount goes on with it.");
   }
 }
 
@@ -97,10 +98,12 @@ void runForDomain(const HostFinder& finder, const ControlCommand& command,
       output.stream << pendingText(result, output.escaping);
       return;
     case Op::allowDeletions:
-      output.stream << count << " deletions are carried out.\n";
+      output.stream << count << (count == 1 ? " deletion is" : " deletions are")
+                    << " carried out.\n";
       return;
     default:
-      output.stream << count << " items are kept and sent to the store again.\n";
+      output.stream << count << (count == 1 ? " item is" : " items are")
+                    << " kept and sent to the store again.\n";
   }
 }
 
@@ -110,8 +113,9 @@ void runForPlace(ControlClient& client, const std::string& given, const ControlR
                  const ControlOutput& output) {
   const auto progress = [&output, &given](const Json& line) {
     if (output.progress == nullptr) return;
-    *output.progress << inQuotes(given) << ": " << line.value("left", std::uint64_t{0})
-                     << " changes left\n";
+    const auto left = line.value("left", std::uint64_t{0});
+    *output.progress << inQuotes(given) << ": " << left
+                     << (left == 1 ? " change left\n" : " changes left\n");
   };
   Json result = ask(client, request, progress);
   const std::uint64_t left = result.value("count", std::uint64_t{0});
@@ -124,7 +128,8 @@ void runForPlace(ControlClient& client, const std::string& given, const ControlR
     output.stream << escapedText(given, output.escaping) << ": everything is at the store.\n";
   } else if (!request.waits) {
     output.stream << escapedText(given, output.escaping) << ": " << left
-                  << " changes are on their way.\n";
+                  << (left == 1 ? " change is on its" : " changes are on their")
+                  << " way; kestrune sync --wait waits for that.\n";
   }
   if (request.op == Op::sync && request.waits && left > 0) {
     std::string text = inQuotes(given) + " is not at the store yet:\n" +

@@ -48,7 +48,8 @@ std::unique_ptr<ControlClient> clientAt(const fs::path& file) {
     if (error.code() == ENOENT || error.code() == ECONNREFUSED || error.code() == ENOTDIR) {
       return nullptr;
     }
-    throw CommandError("Cannot ask the host: " + error.localizedDescription() + ".");
+    throw CommandError("Cannot ask the host: " + error.localizedDescription() +
+                       ". Only the user who mounted may; kestrune doctor tells more.");
   }
 }
 
@@ -107,7 +108,9 @@ PlaceInMount HostFinder::place(const std::string& path) const {
     mountPoint = mountPointAround(mountTable_, whole);
   }
   if (!mountPoint) {
-    throw CommandError(inQuotes(path) + " does not lie in a folder that Kestrune has mounted.");
+    throw CommandError(inQuotes(path) +
+                       " does not lie in a folder that Kestrune has mounted. Where one is, "
+                       "kestrune status tells; kestrune mount FOLDER makes one.");
   }
   PlaceInMount place{*mountPoint, {}};
   for (const fs::path& part : whole.lexically_relative(*mountPoint)) {

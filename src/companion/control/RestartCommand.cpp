@@ -65,12 +65,17 @@ About waitForNext(const HostFinder& finder, const RestartOptions& options, const
     const auto now = whoAnswers(finder, options, before);
     if (now && now->restarts > before.restarts) return *now;
     if (ends(process)) {
-      throw CommandError(
-          "The new program could not go on, and '" + platform::escapeForDisplay(before.mountPoint) +
-          "' is not mounted any more. Why, it says where kestrune mount writes its messages.");
+      throw CommandError("The new program could not go on, and '" +
+                         platform::escapeForDisplay(before.mountPoint) +
+                         "' is not mounted any more. Why, it says where kestrune mount writes its "
+                         "messages. Nothing is "
+                         "lost: mount again with the program that works.");
     }
   }
-  throw CommandError("The new host does not answer yet.");
+  throw CommandError("The new host of '" + platform::escapeForDisplay(before.mountPoint) +
+                     "' does not answer yet; it was waited for " +
+                     std::to_string(options.patience.count()) +
+                     " s. It may still; kestrune status tells when it does.");
 }
 
 }  // namespace
@@ -93,7 +98,9 @@ void restartHost(const HostFinder& finder, const RestartOptions& options, std::o
                        platform::escapeForDisplay(error.what()));
   } catch (const platform::NSError& error) {
     // The connection ends with the program that held it.
-    if (!process) throw CommandError("Cannot ask the host: " + error.localizedDescription());
+    if (!process)
+      throw CommandError("Cannot ask the host: " + error.localizedDescription() +
+                         ". It was not replaced; kestrune doctor tells more.");
   }
   const About now = waitForNext(finder, options, before, *process);
   if (options.asJson) {

@@ -118,7 +118,7 @@ TEST_F(ControlCommandsTest, SyncThatWaitsFailsWithWhatIsLeft) {
   EXPECT_EQ(run(command), at("/mount/a") + ": everything is at the store.\n");
   EXPECT_THAT(error, HasSubstr(at("/mount/b") + "' is not at the store yet"));
   EXPECT_THAT(error, HasSubstr("no room there"));
-  EXPECT_THAT(progress.str(), HasSubstr("1 changes left"));
+  EXPECT_THAT(progress.str(), HasSubstr("1 change left"));
 }
 
 TEST_F(ControlCommandsTest, EachItemIsTreatedWhateverBecomesOfTheOthers) {
