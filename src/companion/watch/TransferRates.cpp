@@ -23,9 +23,9 @@ void TransferRates::saw(const std::vector<SyncTransfer>& transfers, Clock::time_
       const auto moved = static_cast<double>(transfer.bytesTransferred - before->second.bytes);
       if (seconds <= 0) {
         meter = before->second;
-      } else if (before->second.rate) {
+      } else if (const auto earlier = before->second.rate) {
         const double kept = std::exp(-seconds / kMemorySeconds);
-        meter.rate = *before->second.rate * kept + moved / seconds * (1 - kept);
+        meter.rate = *earlier * kept + moved / seconds * (1 - kept);
       } else if (moved > 0) {
         meter.rate = moved / seconds;
       }

@@ -52,6 +52,7 @@ TEST(ServiceChecks, ClocksMayDifferByAMinute) {
   EXPECT_EQ(level(std::chrono::seconds(-60)), Level::ok);
   EXPECT_EQ(level(std::chrono::seconds(61)), Level::warning);
   EXPECT_EQ(level(std::chrono::seconds(301)), Level::problem);
+  EXPECT_EQ(level(std::chrono::seconds(-301)), Level::problem);
   ServiceProbe behind;
   behind.serverTime = now + std::chrono::seconds(400);
   EXPECT_EQ(checkTimes(behind, now)[0].text, "This machine's clock is 400 s behind the service's.");

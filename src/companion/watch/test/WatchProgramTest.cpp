@@ -7,6 +7,7 @@
 
 #include "companion/control/HostFinder.h"
 #include "host/control/test/FakeHostControl.h"
+#include "status/SyncStatus.h"
 #include "tests/console/ChildProgram.h"
 #include "tests/console/TerminalProgram.h"
 #include "tests/support/IsolatedStorage.h"
@@ -107,6 +108,21 @@ TEST_F(WatchProgram, OnAPipeItTellsEachChangeOnce) {
   program.signal(SIGINT);
   EXPECT_EQ(program.readLine(), std::nullopt) << "nothing is told twice";
   EXPECT_EQ(program.finish(), 130);
+}
+
+TEST_F(WatchProgram, OnAPipeItTellsWhenTransfersBeginAndEnd) {
+  ChildProgram program("kestrune", {"status", "--watch"});
+  program.readLine();
+  program.readLine();
+  SyncStatus record;
+  record.transfers.push_back(
+      {"id", "/Docs/a", 0, 2048, SyncTransfer::Direction::download, platform::dateNow()});
+  storage.writeShared("sync-status.json", record.encode());
+  EXPECT_THAT(program.readLine().value_or(""), HasSubstr("Z download of /Docs/a, 2.0 KiB"));
+  record.transfers[0].bytesTransferred = 2000;
+  storage.writeShared("sync-status.json", record.encode());
+  storage.writeShared("sync-status.json", SyncStatus().encode());
+  EXPECT_THAT(program.readLine().value_or(""), HasSubstr("Z ended: download of /Docs/a, 2.0 KiB"));
 }
 
 TEST_F(WatchProgram, ForProgramsItTellsObjects) {

@@ -103,6 +103,9 @@ TEST_F(VolumeControlTest, NamesTheProgramThatRead) {
             std::filesystem::read_symlink("/proc/self/exe").filename().string());
   EXPECT_NE(told.whyNotEvictable.find("is open in a program"), std::string::npos);
   host_.close(file);
+  host_.readPath("/docs/a.txt");
+  EXPECT_EQ(reasons("/docs/a.txt").cause->program, told.cause->program)
+      << "who reads what is here has had nothing fetched";
   EXPECT_EQ(reasons("/docs/a.txt").whyNotEvictable, "");
   EXPECT_TRUE(reasons("/docs/a.txt").lastUsed);
 }
