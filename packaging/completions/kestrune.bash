@@ -89,7 +89,7 @@ _kestrune() {
     "") mapfile -t COMPREPLY < <(compgen -W "$_kestrune_commands" -- "$typed") ;;
     ls | cat) _kestrune_remote ;;
     mount) _kestrune_local -d ;;
-    unmount | restart | pending | sync | pin | unpin | evict | download | link | state | why | report) _kestrune_local -f ;;
+    status | unmount | restart | pending | sync | pin | unpin | evict | download | link | state | why | report) _kestrune_local -f ;;
   esac
 }
 

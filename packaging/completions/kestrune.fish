@@ -68,7 +68,7 @@ complete -c kestrune -n '__kestrune_uses ls' -l json -d 'for programs: JSON, one
 complete -c kestrune -n '__kestrune_uses console' -l domain -x -d 'the domain\'s identifier'
 complete -c kestrune -n '__kestrune_uses console' -l show-private -d 'print the private arguments of log lines too'
 complete -c kestrune -n '__kestrune_uses status' -l json -d 'for programs: JSON, one object a line'
-complete -c kestrune -n '__kestrune_uses status' -l domain -x -d 'the domain\'s identifier'
+complete -c kestrune -n '__kestrune_uses status' -l domain -x -d 'the domain, where there is no PATH'
 complete -c kestrune -n '__kestrune_uses status' -s w -l watch -d 'until Ctrl-C, with transfers and what waits'
 complete -c kestrune -n '__kestrune_uses pending' -l json -d 'for programs: JSON, one object a line'
 complete -c kestrune -n '__kestrune_uses pending' -l domain -x -d 'the domain, where there is no PATH'
@@ -103,4 +103,4 @@ complete -c kestrune -n '__kestrune_uses report' -l print -d 'print a page for p
 complete -c kestrune -n '__kestrune_uses report' -l json -d 'for programs: JSON, one object a line'
 complete -c kestrune -n '__kestrune_uses ls cat' -a '(__kestrune_remote)'
 complete -c kestrune -n '__kestrune_uses mount' -a '(__fish_complete_directories)'
-complete -c kestrune -n '__kestrune_uses pending sync pin unpin evict download link state why restart unmount report' -F
+complete -c kestrune -n '__kestrune_uses status pending sync pin unpin evict download link state why restart unmount report' -F

@@ -242,14 +242,17 @@ void addStatus(CLI::App& app, Command& chosen) {
   auto control = std::make_shared<ControlCommand>();
   control->op = Op::status;
   auto* command = addControl(app, chosen, control, "status", "Show how a mounted folder is doing");
-  command->add_option("--domain", control->domainIdentifier, "the domain's identifier")
+  auto path = std::make_shared<std::string>();
+  command->add_option("PATH", *path, "in the mounted folder; default: the domain's");
+  command->add_option("--domain", control->domainIdentifier, "the domain, where there is no PATH")
       ->capture_default_str();
   auto watches = std::make_shared<bool>(false);
   command->add_flag("--watch,-w", *watches, "until Ctrl-C, with transfers and what waits");
-  command->callback([&chosen, control, watches] {
-    chosen = [control, watches] {
+  command->callback([&chosen, control, watches, path] {
+    if (!path->empty()) control->paths = {*path};
+    chosen = [control, watches, path] {
       if (*watches)
-        return runWatch(HostFinder::here(), {control->domainIdentifier, control->asJson});
+        return runWatch(HostFinder::here(), {*path, control->domainIdentifier, control->asJson});
       runControl(*control);
       return 0;
     };

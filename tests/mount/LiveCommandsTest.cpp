@@ -111,6 +111,15 @@ TEST_F(LiveCommandsTest, PathsOfTheStoreAreCompleted) {
   service().signal(SIGCONT);
 }
 
+TEST_F(LiveCommandsTest, StatusIsOfTheMountThatAPathLiesIn) {
+  const std::string place = mount().mountPoint().string();
+  EXPECT_THAT(tell("status --domain none", 1), HasSubstr("No host of the domain 'none'"));
+  for (const char* path : {".", "docs/a.txt"})
+    EXPECT_THAT(tell(std::string("status --domain none ") + path),
+                HasSubstr("Mounted at " + place));
+  EXPECT_THAT(tell("status /", 1), HasSubstr("'/'"));
+}
+
 TEST_F(LiveCommandsTest, UnmountEndsTheHostAlsoFromWithin) {
   EXPECT_THAT(tell("unmount"), HasSubstr("Unmounted '" + mount().mountPoint().string() + "'."));
   EXPECT_EQ(mount().host().waitForEnd(), 0);

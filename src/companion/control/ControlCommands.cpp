@@ -86,7 +86,8 @@ void runForDomain(const HostFinder& finder, const ControlCommand& command,
   ControlRequest request;
   request.op = command.op;
   request.most = command.most;
-  const auto client = finder.ofDomain(command.domainIdentifier);
+  const auto client =
+      finder.of(command.paths.empty() ? "" : command.paths.front(), command.domainIdentifier);
   const Json result = ask(*client, request);
   if (output.asJson) return put(output, result);
   const std::uint64_t count = result.value("count", std::uint64_t{0});

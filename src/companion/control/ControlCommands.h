@@ -32,6 +32,7 @@ struct ControlCommand {
   Op op = Op::status;
   /// Where there are no paths.
   std::string domainIdentifier = "main";
+  /// Of `status`, `allowDeletions` and `keepDeleted` one at most, which names the mount.
   std::vector<std::string> paths;
   /// Of `pending`.
   std::size_t most = host::ControlRequest::kDefaultChanges;

@@ -129,6 +129,11 @@ std::unique_ptr<ControlClient> HostFinder::ofDomain(const std::string& domainIde
                      "' is running. Start one with: kestrune mount FOLDER");
 }
 
+std::unique_ptr<ControlClient> HostFinder::of(const std::string& path,
+                                              const std::string& domainIdentifier) const {
+  return path.empty() ? ofDomain(domainIdentifier) : ofMount(place(path).mountPoint);
+}
+
 std::unique_ptr<ControlClient> HostFinder::ofMount(const fs::path& mountPoint) const {
   for (const fs::path& folder : folders_) {
     std::error_code error;

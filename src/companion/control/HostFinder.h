@@ -37,6 +37,9 @@ class HostFinder {
   PlaceInMount place(const std::string& path) const;
 
   std::unique_ptr<host::ControlClient> ofDomain(const std::string& domainIdentifier) const;
+  /// The host of the mount that `path` lies in; where it is empty, of the domain.
+  std::unique_ptr<host::ControlClient> of(const std::string& path,
+                                          const std::string& domainIdentifier) const;
   std::unique_ptr<host::ControlClient> ofMount(const std::filesystem::path& mountPoint) const;
 
  private:

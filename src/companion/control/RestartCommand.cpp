@@ -84,9 +84,7 @@ void restartHost(const HostFinder& finder, const RestartOptions& options, std::o
   About before;
   std::unique_ptr<host::Descriptor> process;
   try {
-    const auto client = options.path.empty()
-                            ? finder.ofDomain(options.domainIdentifier)
-                            : finder.ofMount(finder.place(options.path).mountPoint);
+    const auto client = finder.of(options.path, options.domainIdentifier);
     before = askWho(*client);
     process = std::make_unique<host::Descriptor>(
         static_cast<int>(::syscall(SYS_pidfd_open, before.process, 0)));

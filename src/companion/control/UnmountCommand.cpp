@@ -110,9 +110,7 @@ void tell(const Mount& mount, const UnmountOptions& options, std::ostream& outpu
 void unmountHost(const HostFinder& finder, const UnmountOptions& options, std::ostream& output) {
   Mount mount;
   try {
-    const auto client = options.path.empty()
-                            ? finder.ofDomain(options.domainIdentifier)
-                            : finder.ofMount(finder.place(options.path).mountPoint);
+    const auto client = finder.of(options.path, options.domainIdentifier);
     mount = askAbout(*client);
     if (!options.isForced) requireSent(mount);
     ControlRequest request;

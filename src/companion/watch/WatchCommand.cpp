@@ -35,13 +35,13 @@ constexpr std::size_t kMostPending = 50;
 /// Asks the host, and reads the status file.
 class Watched {
  public:
-  Watched(const HostFinder& finder, std::string domain)
-      : finder_(finder), domain_(std::move(domain)), client_(finder.ofDomain(domain_)) {}
+  Watched(const HostFinder& finder, const WatchOptions& options)
+      : finder_(finder), options_(options), client_(connect()) {}
 
   WatchFacts look() {
     WatchFacts facts;
     try {
-      if (!client_) client_ = finder_.ofDomain(domain_);
+      if (!client_) client_ = connect();
       facts.status = ask(ControlRequest::Op::status);
       facts.pending = ask(ControlRequest::Op::pending);
       facts.transfers = presentTransfers();
@@ -65,8 +65,12 @@ class Watched {
     return client_->ask(request, nullptr, kPatience);
   }
 
+  std::unique_ptr<ControlClient> connect() const {
+    return finder_.of(options_.path, options_.domainIdentifier);
+  }
+
   const HostFinder& finder_;
-  const std::string domain_;
+  const WatchOptions& options_;
   std::unique_ptr<ControlClient> client_;
 };
 
@@ -170,7 +174,7 @@ std::optional<int> waitForNext(const Signals& signals, Teller& teller, bool& rea
 }  // namespace
 
 int runWatch(const HostFinder& finder, const WatchOptions& options) {
-  Watched watched(finder, options.domainIdentifier);
+  Watched watched(finder, options);
   const Signals signals;
   try {
     Teller teller(options.asJson);

@@ -14,6 +14,8 @@
 namespace kestrune {
 
 struct WatchOptions {
+  /// In the mounted folder; empty: the domain's.
+  std::string path;
   std::string domainIdentifier = "main";
   bool asJson = false;
 };
