@@ -19,6 +19,13 @@ class LiveCommandsTest : public LiveRestartTest {
     EXPECT_EQ(result.status, status) << command << "\n" << result.output;
     return result.output;
   }
+  /// Something could not be sent. A host that knows that the store does not answer waits unless it is told to try.
+  bool waitUntilFailed() {
+    return waitUntil([this] {
+      tell("sync .");
+      return tell("pending").find("failed") != std::string::npos;
+    });
+  }
 };
 
 TEST_F(LiveCommandsTest, WhyNamesTheProgramThatRead) {
@@ -40,7 +47,7 @@ TEST_F(LiveCommandsTest, JsonHasTheKeysThatAreDocumented) {
   EXPECT_EQ(contentsOf(mount() / "docs/a.txt"), "hello");
   service().end(SIGTERM);
   std::ofstream(mount() / "docs/new.txt") << "unsent";
-  ASSERT_TRUE(waitUntil([&] { return tell("pending").find("failed") != std::string::npos; }));
+  ASSERT_TRUE(waitUntilFailed());
   const std::string page =
       contentsOf(std::string(KESTRUNE_SOURCE_DIR) + "/docs/formats/json-output.md");
   const auto keysOf = [&](const platform::Json& object) {
@@ -66,7 +73,7 @@ TEST_F(LiveCommandsTest, JsonHasTheKeysThatAreDocumented) {
   EXPECT_EQ(keysOf(ask("state docs/new.txt")["result"]),
             "bytesHere folder pending pinned sizeBytes");
   EXPECT_EQ(keysOf(ask("why docs/a.txt")["result"]),
-            "atStore bytesHere cause folder lastUsed pinned sizeBytes");
+            "atStore bytesHere cause folder lastUsed pinned sizeBytes storeError");
   EXPECT_EQ(keysOf(ask("why docs/a.txt")["result"]["cause"]), "at kind program");
   EXPECT_EQ(keysOf(ask("keep-deleted")), "count");
   auto status = ask("status");
@@ -154,7 +161,7 @@ TEST_F(LiveCommandsTest, AReportHoldsNoNameAndNoTokenUnlessAskedFor) {
   std::ofstream(mount() / "marker-folder/marker-new") << "unsent";
   std::filesystem::remove(mount() / ("marker-folder/" + name));
   std::ifstream(mount() / "docs/a.txt").get();
-  ASSERT_TRUE(waitUntil([&] { return tell("pending").find("failed") != std::string::npos; }));
+  ASSERT_TRUE(waitUntilFailed());
   const std::string place = (outside() / "it.tar.gz").string();
   const auto unpacked = [&](const std::string& options) {
     std::filesystem::remove(place);

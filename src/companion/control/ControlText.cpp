@@ -225,12 +225,16 @@ std::string causeText(const Json& cause, Escaping escaping) {
          ".\n";
 }
 
-std::string waitText(const Json& change, Escaping escaping) {
+std::string waitText(const Json& change, const std::string& storeError, Escaping escaping) {
   std::string text = "  Not at the store yet (" + change.at("change").get<std::string>() +
                      "), since " + change.at("since").get<std::string>() + ": ";
   const std::uint64_t attempts = numberAt(change, "attempts");
   if (change.value("underWay", false)) return text + "it is being sent now.\n";
   const std::string reason = change.value("reason", "");
+  if (reason.empty() && !storeError.empty())
+    return text +
+           "it waits for the store, which did not answer: " + escapedText(storeError, escaping) +
+           (storeError.ends_with('.') ? "\n" : ".\n");
   if (attempts == 0 || reason.empty())
     return text + "it waits for its turn, or for a program to close it.\n";
   text += "failed " + counted(attempts, "time", "times") +
@@ -271,7 +275,8 @@ std::string reasonsText(const Json& reasons, Escaping escaping) {
   } else if (numberAt(reasons, "bytesHere") > 0) {
     text += "  Its contents may go: kestrune evict.\n";
   }
-  if (reasons.contains("pending")) text += waitText(reasons["pending"], escaping);
+  if (reasons.contains("pending"))
+    text += waitText(reasons["pending"], reasons.value("storeError", ""), escaping);
   return text;
 }
 

@@ -135,6 +135,7 @@ Json toJson(const ItemReasons& reasons) {
     if (!reasons.cause->program.empty()) json["cause"]["program"] = text(reasons.cause->program);
   }
   if (!reasons.whyNotEvictable.empty()) json["whyNotEvictable"] = text(reasons.whyNotEvictable);
+  if (!reasons.storeError.empty()) json["storeError"] = text(reasons.storeError);
   if (reasons.lastUsed) json["lastUsed"] = platform::formatISO8601(*reasons.lastUsed);
   return json;
 }

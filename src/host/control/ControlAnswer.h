@@ -28,7 +28,7 @@ platform::Json toJson(const HostStatus& status);
 /// {"count":2,"changes":[…]}
 platform::Json toJson(const PendingChanges& changes);
 platform::Json toJson(const ItemState& state);
-/// The state's keys, and {"atStore":true,"cause":{"kind":"program","program":"vim","at":"…"},"whyNotEvictable":"…","lastUsed":"…"};
+/// The state's keys, and {"atStore":true,"cause":{"kind":"program","program":"vim","at":"…"},"whyNotEvictable":"…","storeError":"…","lastUsed":"…"};
 /// without what is not so or not known.
 platform::Json toJson(const ItemReasons& reasons);
 

@@ -121,6 +121,8 @@ struct ItemReasons {
   std::optional<DownloadCause> cause;
   /// Empty: "evict" would let the contents go.
   std::string whyNotEvictable;
+  /// What the last request to the store failed with; empty if it was answered: what waits then waits for the store.
+  std::string storeError;
   /// When the contents were last closed after use; exact to a minute.
   std::optional<platform::Date> lastUsed;
 };

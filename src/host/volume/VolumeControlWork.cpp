@@ -404,6 +404,7 @@ Task<Answer<ItemReasons>> VolumeControl::Work::reasonsOf(std::string path) {
       told.lastUsed = platform::Date(std::chrono::seconds(item->content()->usedSeconds));
   });
   told.cause = fetchCauses->of(found.value());
+  told.storeError = activity->facts().storeError.value_or("");
   co_return told;
 }
 

@@ -193,6 +193,9 @@ TEST(ReasonsText, SaysWhatWaitsAndForWhat) {
   EXPECT_THAT(reasonsText(reasons, Escaping::none), HasSubstr("it is being sent now"));
   reasons["pending"] = {{"change", "create"}, {"since", "x"}, {"attempts", 0}, {"underWay", false}};
   EXPECT_THAT(reasonsText(reasons, Escaping::none), HasSubstr("it waits for its turn"));
+  reasons["storeError"] = "no route";
+  EXPECT_THAT(reasonsText(reasons, Escaping::none),
+              HasSubstr("it waits for the store, which did not answer: no route.\n"));
   EXPECT_THAT(reasonsText({{"folder", true}, {"atStore", true}}, Escaping::none),
               HasSubstr("A folder: it is at the store."));
 }

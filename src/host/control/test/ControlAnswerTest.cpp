@@ -112,12 +112,14 @@ TEST(ControlAnswer, TellsReasonsWithoutWhatIsNotKnown) {
   reasons.cause = DownloadCause{DownloadCause::Kind::program, "vi\xff", {}};
   reasons.whyNotEvictable = "it is open";
   reasons.lastUsed = platform::Date{};
+  reasons.storeError = "no route";
   const auto json = toJson(reasons);
   EXPECT_EQ(json["atStore"], true);
   EXPECT_EQ(json["cause"]["kind"], "program");
   EXPECT_EQ(json["cause"]["program"], "vi\\xff");
   EXPECT_EQ(json["cause"]["at"], "1970-01-01T00:00:00Z");
   EXPECT_EQ(json["whyNotEvictable"], "it is open");
+  EXPECT_EQ(json["storeError"], "no route");
   EXPECT_EQ(json["lastUsed"], "1970-01-01T00:00:00Z");
   reasons.cause = DownloadCause{DownloadCause::Kind::command, {}, {}};
   EXPECT_EQ(toJson(reasons)["cause"]["kind"], "command");
