@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -58,6 +59,8 @@ struct HostStatus {
   /// Whether the last request to the store got an answer, and if not, what it failed with; nothing before the first.
   std::optional<bool> isStoreReachable;
   std::string storeError;
+  /// The store knows the user no more: nothing goes either way before that is mended.
+  bool isSignedOut = false;
   std::optional<AuditReport> lastAudit;
   /// When somebody last said that the store may have changed.
   std::optional<platform::Date> lastSignal;
@@ -78,6 +81,8 @@ struct PendingChange {
   std::uint64_t attempts = 0;
   /// What the last attempt failed with; empty if none has failed.
   std::string reason;
+  /// The last attempt failed although the store can be reached, so that waiting alone may not help.
+  bool isRefused = false;
   /// When it is tried again, if it waits for that.
   std::optional<std::chrono::seconds> nextAttempt;
   /// Contents to be sent.
@@ -99,6 +104,22 @@ struct ItemState {
   bool isPinned = false;
   /// What is still to be done at the store for it.
   std::optional<PendingChange> pending;
+  /// It has the name that a version from here gets when the store has another one.
+  bool isConflictCopy = false;
+};
+
+/// What is in a folder, by name.
+struct EntryState {
+  std::string name;
+  ItemState state;
+};
+
+/// What changed since the last time that somebody asked.
+struct HostChanges {
+  /// Folders in which states of entries may differ now.
+  std::vector<std::string> folders;
+  /// Conflict copies that were made since.
+  std::vector<std::string> conflicts;
 };
 
 /// Who had contents fetched.
@@ -172,6 +193,13 @@ class HostControl {
   /// Ends the host as a signal does: the folder goes away, what is not at the store stays in the replica. Answered just before
   /// that begins.
   virtual void end(Reply<Done> reply) = 0;
+  /// All entries of a folder at once, from memory where the folder was visited before; not in any order.
+  virtual void folderStates(std::string folder, Reply<std::vector<EntryState>> reply) = 0;
+
+  /// From now on `wake` is called when there is something new to take: on any thread and with locks of the host held, so it must
+  /// do nothing but pass that on. Null ends it: when this returns, the one before is not called any more. There is one at a time.
+  virtual void watch(std::function<void()> wake) = 0;
+  virtual HostChanges takeChanges() = 0;
 
   /// The program that lies where this one was started from takes its place, without the folder going away. Answers only if that
   /// fails, in which case this one goes on.

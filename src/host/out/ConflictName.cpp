@@ -62,4 +62,28 @@ std::string conflictName(std::string_view name, std::string_view machine, platfo
   }
 }
 
+bool isConflictName(std::string_view name) {
+  constexpr std::string_view kBegin = " (conflict ";
+  constexpr std::string_view kMinute = "0000-00-00 00.00";
+  const std::size_t begin = name.rfind(kBegin);
+  if (begin == std::string_view::npos) return false;
+  const std::size_t end = name.find(')', begin);
+  if (end == std::string_view::npos) return false;
+  if (end + 1 < name.size() && name[end + 1] != '.') return false;
+  // A machine's name before the time and a number after it, either of which may be missing.
+  std::string_view inner = name.substr(begin + kBegin.size(), end - begin - kBegin.size());
+  const auto hasMinuteAt = [&](std::size_t at) {
+    for (std::size_t i = 0; i < kMinute.size(); ++i) {
+      const char wanted = kMinute[i];
+      const char found = inner[at + i];
+      if (wanted == '0' ? found < '0' || found > '9' : found != wanted) return false;
+    }
+    return true;
+  };
+  for (std::size_t at = 0; at + kMinute.size() <= inner.size(); ++at) {
+    if ((at == 0 || inner[at - 1] == ' ') && hasMinuteAt(at)) return true;
+  }
+  return false;
+}
+
 }  // namespace kestrune::host

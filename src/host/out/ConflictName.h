@@ -21,4 +21,8 @@ namespace kestrune::host {
 std::string conflictName(std::string_view name, std::string_view machine, platform::Date time,
                          const std::function<bool(const std::string&)>& isTaken);
 
+/// Whether `name` is of the form that conflictName makes, on whatever machine: told by the name alone, so a copy that was renamed is none
+/// any more.
+bool isConflictName(std::string_view name);
+
 }  // namespace kestrune::host

@@ -5,8 +5,10 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "host/basics/ErrorToErrno.h"
 #include "platform/values/Date.h"
@@ -22,8 +24,14 @@ class Activity {
     std::uint64_t uploads = 0;
     /// What the last request failed with; empty if it was answered, nothing if none was made.
     std::optional<std::string> storeError;
+    /// It was that the user is not known.
+    bool isSignedOut = false;
     std::optional<platform::Date> lastSignal;
   };
+
+  /// `changed` is told, without a lock held, when the store can be reached now and could not before, or the other way round. Set
+  /// once, before the store is asked.
+  void setChanged(std::function<void()> changed) { changed_ = std::move(changed); }
 
   void downloading(int step) {
     platform::MutexLock lock(mutex_);
@@ -35,9 +43,16 @@ class Activity {
   }
   /// The store answered (null), or this came instead. That one item is missing is an answer.
   void reached(const platform::NSErrorPtr& error) {
-    const bool isAnswer = !error || errnoFor(*error) == ENOENT;
-    platform::MutexLock lock(mutex_);
-    facts_.storeError = isAnswer ? std::string() : error->localizedDescription();
+    const int number = error ? errnoFor(*error) : 0;
+    const bool isAnswer = !error || number == ENOENT;
+    bool isNew = false;
+    {
+      platform::MutexLock lock(mutex_);
+      isNew = facts_.storeError.has_value() && facts_.storeError->empty() != isAnswer;
+      facts_.storeError = isAnswer ? std::string() : error->localizedDescription();
+      isNew = std::exchange(facts_.isSignedOut, number == EACCES) != facts_.isSignedOut || isNew;
+    }
+    if (isNew && changed_) changed_();
   }
   void signalled(platform::Date at) {
     platform::MutexLock lock(mutex_);
@@ -49,6 +64,7 @@ class Activity {
   }
 
  private:
+  std::function<void()> changed_;
   platform::Mutex mutex_;
   Facts facts_ GUARDED_BY(mutex_);
 };

@@ -71,6 +71,10 @@ FileSystem::FileSystem(Volume::Services services, FileSystemOptions options)
     fetching(item, step);
   });
   sender_->setReached(reached);
+  sender_->setEnded([volume = std::weak_ptr(volume_)](ItemId item) {
+    if (auto live = volume.lock()) live->stateChanged(item);
+  });
+  activity_->setChanged([watch = volume_->watch()] { watch->somethingChanged(); });
   refresher_->setReached(reached);
   lister_->setReached(reached);
   Volume::Listener changes;

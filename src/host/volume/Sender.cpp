@@ -300,6 +300,7 @@ void Sender::finished(const Change& change, const Outcome& outcome) {
   }
   const bool failedBelow = outcome.error && (isInterrupted || !isUnreachable(*outcome.error));
   if (told_ && !outcome.lookAgain && !failedBelow) told_(outcome.error);
+  if (ended_) ended_(change.id);
   pumpSoon(kTogether);
 }
 
@@ -355,6 +356,7 @@ std::vector<UnsentChange> Sender::unsent(const std::string& path, std::size_t mo
         change.waiting = at - wait->since();
         change.attempts = wait->attempts;
         change.reason = wait->reason;
+        change.isRefused = wait->attempts > 0 && !wait->unreachable;
         change.until = std::max(Clock(0), wait->notBefore - at);
       }
       if (change.reason.empty() && item.object() && item.object()->isOpenForWriting())

@@ -41,6 +41,8 @@ struct UnsentChange {
   bool isUnderWay = false;
   /// Why it failed last; empty if it did not, or why it cannot be tried now.
   std::string reason;
+  /// It failed although the store can be reached.
+  bool isRefused = false;
   /// Until it is tried again.
   std::chrono::nanoseconds until{0};
 };
@@ -78,6 +80,9 @@ class Sender : public std::enable_shared_from_this<Sender> {
   void setReached(std::function<void(const platform::NSErrorPtr& error)> told) {
     told_ = std::move(told);
   }
+
+  /// Told when a change of an item has ended, whatever came of it. Set once, before anything is sent.
+  void setEnded(std::function<void(ItemId item)> ended) { ended_ = std::move(ended); }
 
   /// These items may differ from the store since now.
   void differ(const std::vector<ItemId>& items);
@@ -144,6 +149,7 @@ class Sender : public std::enable_shared_from_this<Sender> {
   const std::shared_ptr<ExtensionCalls> calls_;
   std::function<void(ItemId item, int step)> sending_;
   std::function<void(const platform::NSErrorPtr& error)> told_;
+  std::function<void(ItemId item)> ended_;
 
   platform::Mutex mutex_;
   bool stopped_ GUARDED_BY(mutex_) = false;

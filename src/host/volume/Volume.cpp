@@ -6,6 +6,7 @@
 
 #include "host/content/ContentRecovery.h"
 #include "host/content/DiskThreads.h"
+#include "host/out/ConflictName.h"
 
 namespace kestrune::host {
 
@@ -222,6 +223,7 @@ Volume::Aftermath Volume::settle(Survives survives, Reply<Done> reply) {
   }
   if (reply || !effects.changed.empty() || !effects.forgotten.empty())
     commitRows(effects, survives, std::move(reply));
+  tellWatch(effects);
   for (const ItemId id : effects.changed) {
     if (tree_.differing().contains(id)) aftermath.differ.push_back(id);
   }
@@ -255,6 +257,26 @@ void Volume::forgetGone(TreeEffects& effects) {
     append(effects.abandoned, more.abandoned);
     append(effects.dropped, more.dropped);
   }
+}
+
+void Volume::tellWatch(const TreeEffects& effects) {
+  if (!watch_->isWatched()) return;
+  std::set<ItemId> folders;
+  for (const ItemId id : effects.changed) {
+    const Item* item = tree_.find(id);
+    if (item == nullptr || item->folder == nullptr) continue;
+    folders.insert(item->folder->id);
+    // What others made elsewhere is there from the beginning.
+    if (!item->there && isConflictName(item->name())) watch_->conflictArose(id);
+  }
+  for (const ItemId folder : folders) watch_->folderChanged(folder);
+}
+
+void Volume::stateChanged(ItemId item) {
+  if (!watch_->isWatched()) return;
+  MutexLock lock(mutex_);
+  const Item* found = tree_.find(item);
+  if (found != nullptr && found->folder != nullptr) watch_->folderChanged(found->folder->id);
 }
 
 void Volume::commitRows(const TreeEffects& effects, Survives survives, Reply<Done> reply) {

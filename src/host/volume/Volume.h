@@ -2,7 +2,7 @@
 // order of the changes, the kernel is told, contents that are no item's any more go.
 //
 // Threads: every operation may be called from any thread. The lock is held for work in memory only; with it are called only
-// the kernel cache, which queues, and the item store, which queues. Lock order: Volume before FileObject.
+// the kernel cache and the item store, which queue, and the watch, which remembers. Lock order: Volume before FileObject.
 #pragma once
 
 #include <atomic>
@@ -25,6 +25,7 @@
 #include "host/tree/Tree.h"
 #include "host/volume/EditNotes.h"
 #include "host/volume/Nodes.h"
+#include "host/volume/StateWatch.h"
 #include "platform/values/Mutex.h"
 
 namespace kestrune::host {
@@ -61,6 +62,10 @@ class Volume : public std::enable_shared_from_this<Volume> {
     std::function<void(const std::vector<ItemId>& folders)> doubtful;
   };
   void setListener(Listener listener) { listener_ = std::move(listener); }
+  /// Told of all changes.
+  const std::shared_ptr<StateWatch>& watch() const { return watch_; }
+  /// The item's state changed by something that is not the tree's: a change of it could not be sent.
+  void stateChanged(ItemId item);
 
   /// Looks, under the lock.
   template <class Work>
@@ -99,6 +104,7 @@ class Volume : public std::enable_shared_from_this<Volume> {
   Aftermath settle(Survives survives, Reply<Done> reply) REQUIRES_LOCK(mutex_);
   std::function<void()> leavingOf(TreeEffects& effects) const;
   void forgetGone(TreeEffects& effects) REQUIRES_LOCK(mutex_);
+  void tellWatch(const TreeEffects& effects) REQUIRES_LOCK(mutex_);
   void commitRows(const TreeEffects& effects, Survives survives, Reply<Done> reply)
       REQUIRES_LOCK(mutex_);
   void finish(const Aftermath& aftermath);
@@ -108,6 +114,7 @@ class Volume : public std::enable_shared_from_this<Volume> {
 
   const Services services_;
   Listener listener_;
+  const std::shared_ptr<StateWatch> watch_ = std::make_shared<StateWatch>();
   EditNotes notes_;
 
   platform::Mutex mutex_;

@@ -50,6 +50,31 @@ void VolumeControl::end(Reply<Done> reply) {
   work_->outside.end();
 }
 
+void VolumeControl::folderStates(std::string folder, Reply<std::vector<EntryState>> reply) {
+  platform::spawnDetached("tell states of a folder",
+                          Work::folderStates(work_, std::move(folder), std::move(reply)));
+}
+
+void VolumeControl::watch(std::function<void()> wake) {
+  work_->volume->watch()->watch(std::move(wake));
+}
+
+HostChanges VolumeControl::takeChanges() {
+  const StateWatch::Changes taken = work_->volume->watch()->take();
+  HostChanges changes;
+  work_->volume->look([&](Tree& tree, Nodes&) {
+    const auto add = [&tree](const std::set<ItemId>& items, std::vector<std::string>& paths) {
+      for (const ItemId id : items) {
+        const Item* item = tree.find(id);
+        if (item != nullptr && item->isLinked()) paths.push_back(tree.path(*item));
+      }
+    };
+    add(taken.folders, changes.folders);
+    add(taken.conflicts, changes.conflicts);
+  });
+  return changes;
+}
+
 void VolumeControl::restart(Reply<Done> reply) {
   if (work_->outside.restart) return work_->outside.restart(std::move(reply));
   reply(platform::NSPOSIXError(ENOTSUP, "replace this host").share());

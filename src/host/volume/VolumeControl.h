@@ -47,6 +47,9 @@ class VolumeControl final : public HostControl {
   void reasons(std::vector<std::string> paths, Reply<Each<ItemReasons>> reply) override;
   void recentLog(Reply<std::vector<std::string>> reply) override;
   void end(Reply<Done> reply) override;
+  void folderStates(std::string folder, Reply<std::vector<EntryState>> reply) override;
+  void watch(std::function<void()> wake) override;
+  HostChanges takeChanges() override;
   void restart(Reply<Done> reply) override;
   void allowDeletions(Reply<std::uint64_t> reply) override;
   void keepDeleted(Reply<std::uint64_t> reply) override;

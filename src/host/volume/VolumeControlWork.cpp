@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <limits>
+#include <unordered_map>
 #include <utility>
 
+#include "host/out/ConflictName.h"
 #include "platform/tasks/Continuation.h"
 
 namespace kestrune::host {
@@ -22,6 +25,7 @@ constexpr const char* kCopyShareLink = "com.orvanta.kestrune.copy-share-link";
 
 // So many changes are put in order; of more the first by number are shown.
 constexpr std::size_t kMostOrdered = 10'000;
+constexpr std::size_t kEveryone = std::numeric_limits<std::size_t>::max();
 
 constexpr auto kKept = platform::NSFileProviderContentPolicy::downloadEagerlyAndKeepDownloaded;
 
@@ -70,6 +74,7 @@ PendingChange toldOf(const UnsentChange& change, platform::Date now) {
   told.since = now - std::chrono::duration_cast<std::chrono::microseconds>(change.waiting);
   told.attempts = static_cast<std::uint64_t>(change.attempts);
   told.reason = change.reason;
+  told.isRefused = change.isRefused;
   if (change.attempts > 0 && !change.isUnderWay)
     told.nextAttempt = std::chrono::ceil<std::chrono::seconds>(change.until);
   if (told.kind == PendingChange::Kind::send || told.kind == PendingChange::Kind::create)
@@ -81,6 +86,18 @@ std::uint64_t bytesHere(const Item& item) {
   if (!item.content()) return 0;
   return static_cast<std::uint64_t>(item.object() ? item.object()->state().present.byteCount()
                                                   : item.content()->state.present.byteCount());
+}
+
+// REQUIRES: the volume's lock.
+ItemState stateOfItem(const Item& item) {
+  ItemState told;
+  told.isFolder = item.isFolder;
+  told.isConflictCopy = isConflictName(item.name());
+  if (item.isFolder) return told;
+  told.sizeBytes = static_cast<std::uint64_t>(Volume::attributesOf(item).sizeBytes);
+  told.bytesHere = std::min(bytesHere(item), told.sizeBytes);
+  told.isPinned = item.there && item.there->policy == kKept;
+  return told;
 }
 
 }  // namespace
@@ -127,6 +144,7 @@ HostStatus VolumeControl::Work::status() {
   if (facts.storeError) {
     status.isStoreReachable = facts.storeError->empty();
     status.storeError = *facts.storeError;
+    status.isSignedOut = facts.isSignedOut;
   }
   status.lastSignal = facts.lastSignal;
   status.lastAudit = auditor->last();
@@ -362,13 +380,7 @@ Task<Answer<ItemState>> VolumeControl::Work::stateOf(std::string path) {
   const auto state = volume->look([&](Tree& tree, Nodes&) -> std::optional<ItemState> {
     const Item* item = tree.find(found.value());
     if (item == nullptr) return std::nullopt;
-    ItemState told;
-    told.isFolder = item->isFolder;
-    if (item->isFolder) return told;
-    told.sizeBytes = static_cast<std::uint64_t>(Volume::attributesOf(*item).sizeBytes);
-    told.bytesHere = std::min(bytesHere(*item), told.sizeBytes);
-    told.isPinned = item->there && item->there->policy == kKept;
-    return told;
+    return stateOfItem(*item);
   });
   if (!state) co_return NSPOSIXError(ENOENT, "find '" + path + "'").share();
   ItemState told = *state;
@@ -413,6 +425,38 @@ Task<void> VolumeControl::Work::reasons(std::shared_ptr<Work> self, std::vector<
   Each<ItemReasons> answers;
   for (const std::string& path : paths) answers.push_back(co_await self->reasonsOf(path));
   reply(std::move(answers));
+}
+
+Task<Answer<std::vector<EntryState>>> VolumeControl::Work::entriesOf(std::string folder) {
+  const auto found = co_await find(folder);
+  if (!found.ok()) co_return found.error();
+  const ItemId id = found.value();
+  const auto visited = co_await awaitReply<Done>(
+      [this, id](Reply<Done> reply) { lister->visit(id, std::move(reply)); });
+  if (!visited.ok()) co_return visited.error();
+  // Before the entries, and once for all of them: whoever became unsent in between is told by the next change.
+  std::size_t total = 0;
+  std::unordered_map<ItemId, PendingChange> unsent;
+  const platform::Date now = volume->services().clock->now();
+  for (const UnsentChange& change : sender->unsent(folder, kEveryone, total))
+    unsent.emplace(change.item, toldOf(change, now));
+  std::vector<EntryState> entries;
+  volume->look([&](Tree& tree, Nodes&) {
+    const Item* item = tree.find(id);
+    if (item == nullptr || !item->isFolder) return;
+    for (const Item* child : item->part()->children) {
+      EntryState entry{std::string(child->name()), stateOfItem(*child)};
+      if (const auto change = unsent.find(child->id); change != unsent.end())
+        entry.state.pending = std::move(change->second);
+      entries.push_back(std::move(entry));
+    }
+  });
+  co_return entries;
+}
+
+Task<void> VolumeControl::Work::folderStates(std::shared_ptr<Work> self, std::string folder,
+                                             Reply<std::vector<EntryState>> reply) {
+  reply(co_await self->entriesOf(std::move(folder)));
 }
 
 }  // namespace kestrune::host

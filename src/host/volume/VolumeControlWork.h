@@ -25,6 +25,8 @@ class VolumeControl::Work : public std::enable_shared_from_this<Work> {
                            Reply<Each<ItemState>> reply);
   static Task<void> reasons(std::shared_ptr<Work> self, std::vector<std::string> paths,
                             Reply<Each<ItemReasons>> reply);
+  static Task<void> folderStates(std::shared_ptr<Work> self, std::string folder,
+                                 Reply<std::vector<EntryState>> reply);
   HostStatus status();
   PendingChanges pending(const std::string& path, std::size_t most);
 
@@ -52,6 +54,7 @@ class VolumeControl::Work : public std::enable_shared_from_this<Work> {
   Task<Each<std::string>> linksOf(std::vector<std::string> paths);
   Task<Answer<ItemState>> stateOf(std::string path);
   Task<Answer<ItemReasons>> reasonsOf(std::string path);
+  Task<Answer<std::vector<EntryState>>> entriesOf(std::string folder);
   static Task<void> links(std::shared_ptr<Work> self);
 
   struct LinkRequest {

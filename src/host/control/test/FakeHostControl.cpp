@@ -147,6 +147,48 @@ void FakeHostControl::end(Reply<Done> reply) {
   answer("end", reply, Answer<Done>(Done()));
 }
 
+void FakeHostControl::folderStates(std::string folder, Reply<std::vector<EntryState>> reply) {
+  Answer<std::vector<EntryState>> told =
+      platform::NSPOSIXError(ENOENT, "find '" + folder + "'").share();
+  {
+    MutexLock lock(mutex_);
+    if (const auto at = entries_.find(folder); at != entries_.end()) told = at->second;
+  }
+  answer("folderStates " + folder, reply, std::move(told));
+}
+
+void FakeHostControl::watch(std::function<void()> wake) {
+  MutexLock lock(mutex_);
+  wake_ = std::move(wake);
+}
+
+HostChanges FakeHostControl::takeChanges() {
+  MutexLock lock(mutex_);
+  return std::exchange(changes_, {});
+}
+
+void FakeHostControl::setEntries(const std::string& folder, std::vector<EntryState> entries) {
+  MutexLock lock(mutex_);
+  entries_[folder] = std::move(entries);
+}
+
+void FakeHostControl::change(HostChanges changes) {
+  MutexLock lock(mutex_);
+  const auto append = [](auto& to, const auto& from) {
+    for (const std::string& path : from) {
+      if (std::find(to.begin(), to.end(), path) == to.end()) to.push_back(path);
+    }
+  };
+  append(changes_.folders, changes.folders);
+  append(changes_.conflicts, changes.conflicts);
+  if (wake_) wake_();
+}
+
+bool FakeHostControl::isWatched() const {
+  MutexLock lock(mutex_);
+  return wake_ != nullptr;
+}
+
 void FakeHostControl::restart(Reply<Done> reply) {
   answer("restart", reply, Answer<Done>(platform::NSPOSIXError(ENOEXEC, "execute").share()));
 }

@@ -34,6 +34,9 @@ class FakeHostControl final : public HostControl {
   void reasons(std::vector<std::string> paths, Reply<Each<ItemReasons>> reply) override;
   void recentLog(Reply<std::vector<std::string>> reply) override;
   void end(Reply<Done> reply) override;
+  void folderStates(std::string folder, Reply<std::vector<EntryState>> reply) override;
+  void watch(std::function<void()> wake) override;
+  HostChanges takeChanges() override;
   void restart(Reply<Done> reply) override;
   void allowDeletions(Reply<std::uint64_t> reply) override;
   void keepDeleted(Reply<std::uint64_t> reply) override;
@@ -44,6 +47,10 @@ class FakeHostControl final : public HostControl {
   void setLog(std::vector<std::string> lines);
   /// What is done when somebody has it end, before that is answered.
   void setEnd(std::function<void()> end);
+  void setEntries(const std::string& folder, std::vector<EntryState> entries);
+  /// To be taken by who watches, who is woken.
+  void change(HostChanges changes);
+  bool isWatched() const;
   /// What is pending below `path`, which is known from now on.
   void setPending(const std::string& path, PendingChanges pending);
   /// From now on nothing is answered before `release`.
@@ -65,6 +72,9 @@ class FakeHostControl final : public HostControl {
 
   mutable platform::Mutex mutex_;
   HostStatus status_ GUARDED_BY(mutex_);
+  std::map<std::string, std::vector<EntryState>> entries_ GUARDED_BY(mutex_);
+  std::function<void()> wake_ GUARDED_BY(mutex_);
+  HostChanges changes_ GUARDED_BY(mutex_);
   std::map<std::string, PendingChanges> pending_ GUARDED_BY(mutex_);
   std::map<std::string, ItemReasons> reasons_ GUARDED_BY(mutex_);
   std::vector<std::string> log_ GUARDED_BY(mutex_);

@@ -61,5 +61,16 @@ TEST(ConflictNameTest, MachinesNamesAreCleaned) {
             "a (conflict " + std::string(32, 'h') + " 2026-11-22 04.15)");
 }
 
+TEST(ConflictNameTest, IsKnownByItsForm) {
+  for (const char* name : {"report.pdf", "a", ".hidden", "a (conflict x).txt"})
+    EXPECT_TRUE(isConflictName(nameOf(name))) << nameOf(name);
+  EXPECT_TRUE(isConflictName(nameOf("a", "")));
+  EXPECT_TRUE(isConflictName("a (conflict kestrel 2026-11-22 04.15 2).txt"));
+  for (const char* name : {"a", "a (conflict).txt", "a (conflict kestrel).txt", "2026-11-22 04.15",
+                           "a (conflict 2026-11-22 04.15", "a (conflict 2026-11-22 04.15)b",
+                           "a (conflict 2026-11-2x 04.15).txt", "a (conflict x2026-11-22 04.15)"})
+    EXPECT_FALSE(isConflictName(name)) << name;
+}
+
 }  // namespace
 }  // namespace kestrune::host

@@ -1,11 +1,14 @@
 // What a person may ask of a mounted folder.
 #include "host/volume/VolumeControl.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
+#include <map>
 
 #include "host/volume/test/HostHarness.h"
 #include "platform/file_provider/NSFileProviderError.h"
@@ -55,6 +58,16 @@ class VolumeControlTest : public testing::Test {
     return answer.get().value();
   }
 
+  std::map<std::string, ItemState> folderStates(const std::string& folder) {
+    const Awaited<std::vector<EntryState>> answer;
+    control_.folderStates(folder, answer.reply());
+    std::map<std::string, ItemState> entries;
+    const auto told = answer.get();
+    for (const EntryState& entry : told.value()) entries.emplace(entry.name, entry.state);
+    return entries;
+  }
+
+  std::atomic<int> wakes_ = 0;
   HostHarness host_;
   std::string unpinned_;
   std::string identifier_;
@@ -212,6 +225,125 @@ TEST_F(VolumeControlTest, TellsWhatTheLastRequestCameTo) {
   host_.save("/docs/new.txt", "new");
   ASSERT_TRUE(host_.passUntil([this] { return status().failingChanges == 1; }));
   EXPECT_EQ(status().isStoreReachable, false);
+}
+
+TEST_F(VolumeControlTest, TellsAWholeFolderAtOnce) {
+  host_.remote().putFile("/docs/b.txt", "there");
+  host_.remote().putFolder("/docs/below");
+  host_.remote().setPolicy("/docs/b.txt",
+                           NSFileProviderContentPolicy::downloadEagerlyAndKeepDownloaded);
+  ASSERT_TRUE(act(ItemAction::download, {"/docs/a.txt"})[0].ok());
+  ASSERT_TRUE(host_.passUntil([this] { return state("/docs/b.txt").value().isPinned; }));
+  host_.save("/docs/new.txt", "1234");
+  host_.save("/docs/x (conflict kestrel 2026-11-22 04.15).txt", "1");
+  const auto entries = folderStates("/docs");
+  ASSERT_EQ(entries.size(), 5U);
+  EXPECT_TRUE(entries.at("below").isFolder);
+  EXPECT_EQ(entries.at("a.txt").bytesHere, 5U);
+  EXPECT_FALSE(entries.at("a.txt").isPinned);
+  EXPECT_FALSE(entries.at("a.txt").pending);
+  EXPECT_TRUE(entries.at("b.txt").isPinned);
+  ASSERT_TRUE(entries.at("new.txt").pending);
+  EXPECT_EQ(entries.at("new.txt").pending->kind, PendingChange::Kind::create);
+  EXPECT_FALSE(entries.at("new.txt").isConflictCopy);
+  EXPECT_TRUE(entries.at("x (conflict kestrel 2026-11-22 04.15).txt").isConflictCopy);
+
+  const Awaited<std::vector<EntryState>> missing;
+  control_.folderStates("/missing", missing.reply());
+  EXPECT_EQ(errnoOf(missing.get().error()), ENOENT);
+  const Awaited<std::vector<EntryState>> file;
+  control_.folderStates("/docs/a.txt", file.reply());
+  EXPECT_EQ(errnoOf(file.get().error()), ENOTDIR);
+}
+
+TEST_F(VolumeControlTest, WakesWhoWatchesAndTellsTheFolders) {
+  host_.find("/docs/a.txt");
+  std::atomic<int> wakes = 0;
+  control_.watch([&wakes] { ++wakes; });
+  EXPECT_TRUE(control_.takeChanges().folders.empty());
+
+  ASSERT_TRUE(act(ItemAction::download, {"/docs/a.txt"})[0].ok());
+  EXPECT_GT(wakes, 0);
+  EXPECT_EQ(control_.takeChanges().folders, std::vector<std::string>{"/docs"});
+  EXPECT_TRUE(control_.takeChanges().folders.empty());
+
+  // That a change could not be sent changes no item.
+  host_.remote().hold(Ask::create, "/docs/new.txt");
+  host_.save("/docs/new.txt", "new");
+  ASSERT_TRUE(host_.passUntil([this] { return pending("/docs").changes.at(0).isUnderWay; }));
+  control_.takeChanges();
+  host_.remote().release(Ask::create, "/docs/new.txt",
+                         platform::NSPOSIXError(EPERM, "create").share());
+  ASSERT_TRUE(host_.passUntil([this] { return status().failingChanges == 1; }));
+  EXPECT_THAT(control_.takeChanges().folders, testing::Contains("/docs"));
+  ASSERT_TRUE(state("/docs/new.txt").value().pending);
+  EXPECT_TRUE(state("/docs/new.txt").value().pending->isRefused);
+
+  control_.watch(nullptr);
+  wakes = 0;
+  host_.save("/docs/more.txt", "more");
+  EXPECT_EQ(wakes, 0);
+  EXPECT_TRUE(control_.takeChanges().folders.empty());
+}
+
+TEST(VolumeControlPartsTest, WakesWhoWatchesWhenAPartHasCome) {
+  HostHarness host(true);
+  VolumeControl control(host.fileSystem(), {[] { return true; }, [](const std::string&) {},
+                                            [] { return std::string(); }});
+  host.remote().putFile("/large", std::string(32U << 20U, 'x'));
+  const OpenFilePtr file = host.open(host.find("/large").node);
+  control.watch([] {});
+  // The second adds to contents that are remembered already.
+  for (const std::int64_t offset : {0, 20 << 20}) {
+    const Awaited<LocalFilePtr> read;
+    host.fileSystem().read(file, offset, 4096, read.reply());
+    ASSERT_TRUE(read.get().ok());
+    std::vector<std::string> folders;
+    ASSERT_TRUE(host.passUntil([&] {
+      folders = control.takeChanges().folders;
+      return !folders.empty();
+    })) << offset;
+    EXPECT_EQ(folders[0], "/");
+    host.pass(std::chrono::seconds(5));
+    control.takeChanges();
+  }
+  const Awaited<std::vector<EntryState>> answer;
+  control.folderStates("/", answer.reply());
+  const auto entries = answer.get();
+  ASSERT_EQ(entries.value().size(), 1U);
+  EXPECT_GT(entries.value()[0].state.bytesHere, 0U);
+  EXPECT_LT(entries.value()[0].state.bytesHere, 32U << 20U);
+  host.close(file);
+}
+
+TEST_F(VolumeControlTest, TellsOfAConflictOnceItHasArisen) {
+  host_.readPath("/docs/a.txt");
+  control_.watch([] {});
+  const OpenFilePtr file = host_.openForWriting("/docs/a.txt");
+  host_.write(file, "mine ");
+  host_.remote().overwrite("/docs/a.txt", "others");
+  host_.close(file);
+  std::vector<std::string> conflicts;
+  ASSERT_TRUE(host_.passUntil([&] {
+    for (auto& path : control_.takeChanges().conflicts) conflicts.push_back(std::move(path));
+    return !conflicts.empty();
+  }));
+  EXPECT_THAT(conflicts[0], testing::StartsWith("/docs/a (conflict "));
+  ASSERT_TRUE(host_.waitUntilSent());
+}
+
+TEST_F(VolumeControlTest, SaysThatTheUserIsSignedOut) {
+  EXPECT_FALSE(status().isSignedOut);
+  control_.watch([this] { ++wakes_; });
+  host_.remote().failWith(
+      Ask::items, "/",
+      platform::NSFileProviderError(platform::NSFileProviderError::notAuthenticated).share());
+  EXPECT_FALSE(state("/docs").ok());
+  EXPECT_TRUE(status().isSignedOut);
+  EXPECT_EQ(wakes_, 1);
+  host_.remote().failWith(Ask::items, "/", nullptr);
+  ASSERT_TRUE(state("/docs").ok());
+  EXPECT_FALSE(status().isSignedOut);
 }
 
 }  // namespace
