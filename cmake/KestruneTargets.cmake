@@ -29,7 +29,7 @@ endfunction()
 # The tests of the extension and of what it stands on, and of the console: CI runs them under the sanitizers. The host's,
 # the service's and the companion's own are left to `scripts/test --sanitize`, because the builds would take too long.
 add_custom_target(core_tests)
-set(KESTRUNE_BESIDE_THE_CORE "/src/(host|service|companion)(/|$)|/tests/(mount|support)$")
+set(KESTRUNE_BESIDE_THE_CORE "/src/(host|service|desktop|companion)(/|$)|/tests/(mount|support)$")
 
 # The tests that need nothing of Linux. Elsewhere they alone are built: the others find files by /proc, or would write into
 # the user's own shared directory, because XDG_DATA_HOME moves it on Linux only.

@@ -17,6 +17,7 @@
 #include "companion/events/EventListener.h"
 #include "config/SharedConfig.h"
 #include "config/StorageLocations.h"
+#include "desktop/DesktopService.h"
 #include "extension/FileProviderExtension.h"
 #include "host/MountHost.h"
 #include "host/control/ControlRequest.h"
@@ -145,6 +146,12 @@ void runMount(const MountOptions& options) {
     }
     std::printf("Mounted at %s; Ctrl-C or kestrune unmount ends it.\n", options.mountPoint.c_str());
     std::fflush(stdout);
+  };
+  host.beside = [&options](host::HostControl& control) {
+    return std::make_shared<desktop::DesktopService>(
+        desktop::MountFacts{std::filesystem::canonical(options.mountPoint).string(),
+                            options.domainIdentifier, options.version},
+        control);
   };
   try {
     host::runMountHost(host,

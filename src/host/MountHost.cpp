@@ -333,6 +333,7 @@ void runMountHost(const HostOptions& options, const ExtensionFactory& makeExtens
          options.recentLog,
          [] { ::kill(::getpid(), SIGTERM); }});  // read by EndSignals, as any other end
     const auto server = listenFor(options, before, control, *remembered.log);
+    const std::shared_ptr<void> beside = options.beside ? options.beside(control) : nullptr;
     if (options.mounted) options.mounted();
     waitForEnd(endSignals.number(), session->endedDescriptor(), wish, replacement);
   }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "host/basics/ExtensionStatus.h"
+#include "host/control/HostControl.h"
 #include "host/front/InheritedMount.h"
 #include "host/volume/FileSystem.h"
 #include "platform/file_provider/NSFileProviderManager.h"
@@ -46,6 +47,8 @@ struct HostOptions {
   std::function<std::vector<std::string>()> recentLog;
   /// Called when the folder can be used.
   std::function<void()> mounted;
+  /// Makes what else speaks for the host while it serves; it lives until shortly before `control` goes. Null: nothing.
+  std::function<std::shared_ptr<void>(HostControl& control)> beside;
   /// Told to who asks.
   std::string version = {};
   /// How to execute the program that takes this one's place when somebody asks for that; unknown: nobody can.
