@@ -171,6 +171,7 @@ void MountObject::begin() {
   check(sd_bus_add_object_vtable(bus_, &slot, kMountPath, kMountInterface, Handlers::table(), this),
         "show the mount on the bus");
   slot_.reset(slot);
+  notifier_.emplace(bus_, facts_.mountPoint);
   watch();
 }
 
@@ -281,7 +282,9 @@ std::optional<MountObject::Clock::time_point> MountObject::tick(Clock::time_poin
 }
 
 void MountObject::tellChanges() {
-  for (const std::string& folder : control_.takeChanges().folders) {
+  const host::HostChanges changes = control_.takeChanges();
+  if (notifier_) notifier_->conflicts(changes.conflicts);
+  for (const std::string& folder : changes.folders) {
     if (!asked_.contains(folder)) continue;
     sd_bus_message* made = nullptr;
     check(sd_bus_message_new_signal(bus_, &made, kMountPath, kMountInterface, "StatesChanged"),
@@ -324,6 +327,7 @@ void MountObject::tellOverview(const host::HostStatus& status,
                                          static_cast<const char*>(nullptr)),
           "tell of a property");
   };
+  if (notifier_) notifier_->overview(status, pending);
   if (std::exchange(pendingCount_, pending.count) != pending.count) tell("PendingCount");
   auto problems = problemsOf(status, pending, kMostProblems);
   if (problems == problems_) return;

@@ -21,6 +21,7 @@
 
 #include "desktop/Bus.h"
 #include "desktop/Mailbox.h"
+#include "desktop/Notifier.h"
 #include "host/control/HostControl.h"
 
 namespace kestrune::desktop {
@@ -84,6 +85,7 @@ class MountObject : public std::enable_shared_from_this<MountObject> {
   bool isOverviewWanted_ = true;
   bool isOverviewAsked_ = false;
   Clock::time_point nextOverview_{};
+  std::optional<Notifier> notifier_;
   SlotPtr slot_;  // last: nothing is called once it has gone
 };
 

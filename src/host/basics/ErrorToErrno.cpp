@@ -141,6 +141,13 @@ int errnoFor(const NSError& error) {
   return EIO;
 }
 
+bool isSignedOut(const NSError& error) {
+  const auto status = error.userInfo().find(platform::kHTTPStatusCodeKey);
+  if (status != error.userInfo().end()) return status->second == "401";
+  return error.domain() == platform::kNSFileProviderErrorDomain &&
+         error.code() == NSFileProviderError::notAuthenticated;
+}
+
 bool isUnreachable(const NSError& error) {
   switch (errnoFor(error)) {
     case EHOSTUNREACH:

@@ -23,4 +23,7 @@ int errnoFor(const platform::NSError& error);
 /// Whether what failed so may succeed as soon as anything else does: nobody was reached, or nobody let in.
 bool isUnreachable(const platform::NSError& error);
 
+/// Whether the store does not know the user (any more), other than that it keeps something from them.
+bool isSignedOut(const platform::NSError& error);
+
 }  // namespace kestrune::host

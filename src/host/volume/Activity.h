@@ -8,7 +8,6 @@
 #include <functional>
 #include <optional>
 #include <string>
-#include <utility>
 
 #include "host/basics/ErrorToErrno.h"
 #include "platform/values/Date.h"
@@ -43,14 +42,15 @@ class Activity {
   }
   /// The store answered (null), or this came instead. That one item is missing is an answer.
   void reached(const platform::NSErrorPtr& error) {
-    const int number = error ? errnoFor(*error) : 0;
-    const bool isAnswer = !error || number == ENOENT;
+    const bool isAnswer = !error || errnoFor(*error) == ENOENT;
+    const bool signedOut = error && host::isSignedOut(*error);
     bool isNew = false;
     {
       platform::MutexLock lock(mutex_);
       isNew = facts_.storeError.has_value() && facts_.storeError->empty() != isAnswer;
       facts_.storeError = isAnswer ? std::string() : error->localizedDescription();
-      isNew = std::exchange(facts_.isSignedOut, number == EACCES) != facts_.isSignedOut || isNew;
+      isNew = isNew || facts_.isSignedOut != signedOut;
+      facts_.isSignedOut = signedOut;
     }
     if (isNew && changed_) changed_();
   }

@@ -79,5 +79,18 @@ TEST(ErrorToErrnoTest, AStatusCountsMoreThanItsDomain) {
   EXPECT_EQ(withStatus(""), EIO);
 }
 
+TEST(ErrorToErrnoTest, OnlyWhoIsUnknownIsSignedOut) {
+  const NSFileProviderError unknown(NSFileProviderError::notAuthenticated);
+  EXPECT_TRUE(isSignedOut(unknown));
+  EXPECT_TRUE(
+      isSignedOut(NSError("any.domain", 0, "text", {{platform::kHTTPStatusCodeKey, "401"}})));
+  for (const char* status : {"403", "404", "500"}) {
+    EXPECT_FALSE(isSignedOut(NSError(unknown.domain(), unknown.code(), "text",
+                                     {{platform::kHTTPStatusCodeKey, status}})));
+  }
+  EXPECT_FALSE(isSignedOut(NSFileProviderError(NSFileProviderError::serverUnreachable)));
+  EXPECT_FALSE(isSignedOut(platform::NSPOSIXError(EACCES, "open")));
+}
+
 }  // namespace
 }  // namespace kestrune::host
