@@ -163,7 +163,7 @@ void Keeper::pump() {
     // Not from here: a fill that answers at once would make the stack grow.
     boost::asio::post(diskExecutor(), [self = shared_from_this(), file] {
       if (!self->isMissing(file)) return self->ended(file, Done());
-      fillContents(*self->volume_, *self->contents_, file,
+      fillContents(self->volume_, *self->contents_, file,
                    [self, file](const Answer<Done>& answer) { self->ended(file, answer); });
     });
   }

@@ -123,7 +123,7 @@ class Filling : public std::enable_shared_from_this<Filling> {
     }
     // Not from the answer: files that are here answer at once, and the stack would grow with each.
     boost::asio::post(platform::sharedExecutor(), [self = shared_from_this(), file] {
-      fillContents(*self->volume_, *self->contents_, file, [self](const Answer<Done>& answer) {
+      fillContents(self->volume_, *self->contents_, file, [self](const Answer<Done>& answer) {
         if (!answer.ok()) self->failed(answer.error());
         self->next();
       });
@@ -226,13 +226,19 @@ NSErrorPtr evictContents(Volume& volume, const Contents& contents, ItemId file) 
   return nullptr;
 }
 
-void fillContents(Volume& volume, const Contents& contents, ItemId file, Reply<Done> reply) {
-  const auto object = objectFor(volume, contents, file);
-  if (object.ok()) {
-    object.value()->fill(std::move(reply));
-  } else {
-    reply(object.error());
-  }
+void fillContents(const std::shared_ptr<Volume>& volume, const Contents& contents, ItemId file,
+                  Reply<Done> reply) {
+  const auto object = objectFor(*volume, contents, file);
+  if (!object.ok()) return reply(object.error());
+  object.value()->fill([volume, file, reply = std::move(reply)](const Answer<Done>& answer) {
+    const NodeId node = volume->look([file](Tree& tree, Nodes&) -> NodeId {
+      const Item* item = tree.find(file);
+      return item != nullptr ? item->node : 0;
+    });
+    if (node != 0)
+      volume->services().kernel->tell({{CacheUpdate::Kind::attributes, node, {}, 0}}, nullptr);
+    reply(answer);
+  });
 }
 
 void Manager::attach(std::shared_ptr<Volume> volume, std::shared_ptr<Contents> contents,

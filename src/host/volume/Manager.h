@@ -56,8 +56,9 @@ class Manager final : public platform::NSFileProviderManager,
 platform::NSErrorPtr whyNotEvictable(const Tree& tree, const Item& item);
 /// Drops the contents of a file; null, or why not, as above. Blocks for the local disk.
 platform::NSErrorPtr evictContents(Volume& volume, const Contents& contents, ItemId file);
-/// Fetches what is missing of a file.
-void fillContents(Volume& volume, const Contents& contents, ItemId file, Reply<Done> reply);
+/// Fetches what is missing of a file, and tells the kernel what it takes up then: no program has read it.
+void fillContents(const std::shared_ptr<Volume>& volume, const Contents& contents, ItemId file,
+                  Reply<Done> reply);
 /// The files at and below `item` that are known and have a name here.
 std::vector<ItemId> filesBelow(Volume& volume, ItemId item);
 

@@ -303,7 +303,7 @@ Task<Answer<Done>> VolumeControl::Work::download(std::vector<ItemId> files) {
       fetchCauses->note(file, {DownloadCause::Kind::command, {}, volume->services().clock->now()});
     }
     const auto done = co_await awaitReply<Done>([this, file](Reply<Done> reply) {
-      fillContents(*volume, *contents, file, std::move(reply));
+      fillContents(volume, *contents, file, std::move(reply));
     });
     if (!done.ok() && !first) first = done.error();
   }

@@ -118,6 +118,17 @@ TEST_F(ManagerTest, DownloadsFilesAndFolders) {
   EXPECT_EQ(download("no-such"), NSFileProviderError::noSuchItem);
 }
 
+TEST_F(ManagerTest, TellsTheKernelWhatADownloadTakesUp) {
+  const std::string id = remote().putFile("/a.txt", "hello");
+  const NodeId node = host_.find("/a.txt").node;
+  host_.kernel().takeUpdates();
+  EXPECT_EQ(download(id), 0);
+  const auto told = host_.kernel().takeUpdates();
+  EXPECT_TRUE(std::ranges::any_of(told, [node](const CacheUpdate& update) {
+    return update.kind == CacheUpdate::Kind::attributes && update.node == node;
+  }));
+}
+
 TEST_F(ManagerTest, AnswersWhenItIsDetached) {
   const std::string id = remote().putFile("/a.txt", "hello");
   manager_->detach();
