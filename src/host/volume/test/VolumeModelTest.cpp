@@ -1,9 +1,12 @@
 // Random sequences of what programs do in a mounted folder and others at its store, with faults and restarts: a file system in memory
 // tells what must be so (ModelFileSystem.h).
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <iostream>
+#include <string>
+#include <vector>
 
 #include "host/volume/test/ModelFileSystem.h"
 #include "tests/support/CapturingLogSink.h"
@@ -34,22 +37,33 @@ void runSequence(std::uint64_t seed, ModelCounts& counts) {
   for (const auto& line : log.messages()) std::cerr << "  log: " << line << "\n";
 }
 
+// What a run has to try. Some of it comes once in a hundred sequences and depends on threads too.
+std::vector<std::string> untried(const ModelCounts& counts) {
+  std::vector<std::string> missing;
+  for (const char* what :
+       {"refusals", "lost answers", "late answers", "minutes waited", "changes by others",
+        "stale reads", "sequences with conflicts", "restarts with something unsent",
+        "kills with something unsent", "exact comparisons"}) {
+    if (counts.of(what) == 0) missing.emplace_back(what);
+  }
+  return missing;
+}
+
 TEST(VolumeModelTest, ProgramsSeeAFileSystemAndNothingIsLost) {
   const int first = number("KESTRUNE_SEED", 1);
   const int sequences = number("KESTRUNE_SEQUENCES", 100);
+  const bool triesAll = sequences >= 100;
+  const int most = triesAll ? 5 * sequences : sequences;
   ModelCounts counts;
-  for (int seed = first; seed < first + sequences; ++seed) {
+  for (int ran = 0; ran < sequences || (ran < most && !untried(counts).empty()); ++ran) {
+    const int seed = first + ran;
     SCOPED_TRACE("KESTRUNE_SEED=" + std::to_string(seed));
     runSequence(static_cast<std::uint64_t>(seed), counts);
     if (HasFailure()) return;
   }
   std::cout << counts.text() << "\n";
-  if (sequences < 100) return;
-  for (const char* what :
-       {"refusals", "lost answers", "late answers", "minutes waited", "changes by others",
-        "stale reads", "sequences with conflicts", "restarts with something unsent",
-        "kills with something unsent", "exact comparisons"}) {
-    EXPECT_GE(counts.of(what), 1) << what << ": a run without any tries nothing of it";
+  if (triesAll) {
+    EXPECT_THAT(untried(counts), testing::IsEmpty()) << "a run without any tries nothing of it";
   }
 }
 
