@@ -45,7 +45,8 @@ TEST_F(ControlProgram, WithoutAHostItSaysSo) {
 TEST_F(ControlProgram, WrongUsageIsTold) {
   EXPECT_EQ(run({"pin"}), 2);
   EXPECT_EQ(run({"sync", "--timeout", "-1", "/x"}), 2);
-  EXPECT_EQ(run({"status", "/x"}), 2);
+  EXPECT_EQ(run({"status", "/x", "/y"}), 2);
+  EXPECT_EQ(run({"allow-deletions", "/x"}), 2);
 }
 
 TEST_F(ControlProgram, AsksTheHostOfTheDomain) {

@@ -310,7 +310,7 @@ TEST_F(FileObjectReadTest, ButNoneIsMixedIntoAnEditThatBeginsWhenItComes) {
   remembered().whenNumbering([&object] { EXPECT_EQ(write(object, 0, "J"), 0); });
   EXPECT_EQ(errnoOf(startRead(object, 0, 5).get()), ESTALE);
   EXPECT_EQ(object->state().present.text(), "0-1");
-  EXPECT_EQ(temporaryFiles(), 0U);
+  EXPECT_TRUE(support::waitUntil([&] { return temporaryFiles() == 0; }));
 }
 
 TEST_F(FileObjectReadTest, WhereSomethingIsHereAlreadyOnlyThatVersionIsAdded) {
