@@ -147,7 +147,9 @@ std::optional<Queue> Loop::State::next(bool isLastRound) {
 
 void Loop::State::serve() {
   inside = this;
-  for (int round = 0; auto taken = next(round >= kMostRounds); ++round) {
+  for (int round = 0;; ++round) {
+    auto taken = next(round >= kMostRounds);
+    if (!taken) break;
     kj::WaitScope scope(events);
     for (; !taken->empty(); taken->pop_front()) taken->front()();
     events.run(kMostTurns);

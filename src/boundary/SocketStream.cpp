@@ -116,28 +116,20 @@ kj::Promise<SocketStream::Read> SocketStream::tryReadMessage(
 
 void SocketStream::readOn() {
   if (!reading_) return;
-  const auto ended = [this] { return std::exchange(reading_, std::nullopt); };
-  if (!reading_->fulfiller->isWaiting()) {
-    ended();  // nobody waits for it any more
-    return;
-  }
+  Reading reading = kj::mv(*reading_);
+  reading_.reset();
+  if (!reading.fulfiller->isWaiting()) return;
   try {
-    for (;;) {
-      if (auto read = next(*reading_)) {
-        ended()->fulfiller->fulfill(kj::mv(*read));
-        return;
-      }
-      if (isAtEnd_) {
-        if (buffered() > 0)
-          kj::throwFatalException(KJ_EXCEPTION(DISCONNECTED, "ended within a message"));
-        ended()->fulfiller->fulfill(nullptr);
-        return;
-      }
-      if (!receive()) return;
-    }
+    do {
+      if (auto read = next(reading)) return reading.fulfiller->fulfill(kj::mv(*read));
+      if (isAtEnd_ && buffered() > 0)
+        kj::throwFatalException(KJ_EXCEPTION(DISCONNECTED, "ended within a message"));
+      if (isAtEnd_) return reading.fulfiller->fulfill(nullptr);
+    } while (receive());
   } catch (kj::Exception& exception) {
-    ended()->fulfiller->reject(kj::mv(exception));
+    return reading.fulfiller->reject(kj::mv(exception));
   }
+  reading_ = kj::mv(reading);
 }
 
 std::optional<SocketStream::Read> SocketStream::next(Reading& reading) {
@@ -290,7 +282,8 @@ void SocketStream::send(Pieces& pieces, kj::ArrayPtr<const int>& descriptors) co
     header.msg_iov = left.data();
     header.msg_iovlen = std::min<std::size_t>(left.size(), IOV_MAX);
     if (descriptors.size() > 0) {
-      KJ_REQUIRE(descriptors.size() <= kMostDescriptors);
+      if (descriptors.size() > kMostDescriptors)
+        kj::throwFatalException(KJ_EXCEPTION(FAILED, "too many descriptors for one message"));
       const std::size_t length = descriptors.size() * sizeof(int);
       header.msg_control = control.data();
       header.msg_controllen = CMSG_SPACE(length);
