@@ -103,7 +103,8 @@ LocalFilePtr FileSystem::present(const OpenFile& file, std::int64_t offset, std:
 void FileSystem::read(OpenFilePtr file, std::int64_t offset, std::size_t length,
                       Reply<LocalFilePtr> reply) {
   const OpenVolumeFile& opened = volumeFile(*file);
-  if (opened.mayFetch && opened.object->state().present.byteCount() == 0) {
+  if (opened.mayFetch && !opened.wasRead.test_and_set() &&
+      opened.object->state().present.byteCount() == 0) {
     fetchCauses_->note(opened.item, {DownloadCause::Kind::program, opened.program,
                                      volume_->services().clock->now()});
   }

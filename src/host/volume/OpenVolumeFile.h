@@ -1,6 +1,7 @@
 // What the volume knows of an open file.
 #pragma once
 
+#include <atomic>
 #include <string>
 #include <utility>
 
@@ -24,6 +25,8 @@ struct OpenVolumeFile final : OpenFile {
   const bool mayFetch;
   /// Who opened it, by the name of the executable; empty where it could not be told.
   const std::string program;
+  /// Whether something was read by it; the first read alone asks who causes a fetch.
+  mutable std::atomic_flag wasRead;
 };
 
 /// REQUIRES: `file` was opened by a volume.
