@@ -1,9 +1,9 @@
 // What it costs that the extension runs in a process of its own: the same operations of the same extension in this process and
 // behind the boundary, by turns, as the host makes them. Prints one line a measurement, "name ours peer": medians.
 //
-//   kestrune-boundary-bench PROGRAM WORK ITEM FOLDER FILE
+//   kestrune-boundary-bench PROGRAM WORK ITEM FOLDER FILE [NAME...]
 //
-// PROGRAM is kestrune-fileprovider, WORK a directory of the caller's own; the configuration is taken from the environment as usual.
+// NAME chooses measurements. PROGRAM is kestrune-fileprovider, WORK a directory of the caller's own; the configuration is taken from the environment as usual.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -74,6 +74,18 @@ std::size_t list(const ExtensionPtr& extension, const std::string& folder) {
   return counter->wait();
 }
 
+// The whole file as a file in the temporary directory.
+void fetch(const ExtensionPtr& extension, const NSFileProviderItemPtr& file) {
+  std::promise<NSErrorPtr> ended;
+  extension->fetchContents(
+      file->itemIdentifier(), file->itemVersion(), {},
+      [&ended](const std::optional<std::filesystem::path>& url, const auto&, const auto& error) {
+        if (url) std::filesystem::remove(*url);
+        ended.set_value(error);
+      });
+  require(ended.get_future().get());
+}
+
 // The whole file as a stream into a new file, as the host takes it.
 void stream(const ExtensionPtr& extension, const NSFileProviderItemPtr& file,
             const std::string& target) {
@@ -140,8 +152,8 @@ ExtensionPtr launched(const std::filesystem::path& program, const std::filesyste
 
 int main(int argc, char** argv) {
   platform::keepFreedMemory();  // as the programs themselves
-  if (argc != 6) {
-    std::fputs("usage: kestrune-boundary-bench PROGRAM WORK ITEM FOLDER FILE\n", stderr);
+  if (argc < 6) {
+    std::fputs("usage: kestrune-boundary-bench PROGRAM WORK ITEM FOLDER FILE [NAME...]\n", stderr);
     return 2;
   }
   const std::filesystem::path work = argv[2];
@@ -149,11 +161,17 @@ int main(int argc, char** argv) {
   const ExtensionPtr here = FileProviderExtension::make(
       std::make_shared<const platform::NSFileProviderDomain>("main", "Kestrune"));
   const auto either = [&](bool isLaunched) { return isLaunched ? behind : here; };
+  const std::vector<std::string> chosen(argv + 6, argv + argc);
+  const auto measure = [&chosen](const char* name, int rounds, const auto& work) {
+    if (chosen.empty() || std::ranges::find(chosen, name) != chosen.end())
+      compare(name, rounds, work);
+  };
   try {
-    compare("item", 500, [&](bool isLaunched) { item(either(isLaunched), argv[3]); });
-    compare("list", 5, [&](bool isLaunched) { list(either(isLaunched), argv[4]); });
+    measure("item", 500, [&](bool isLaunched) { item(either(isLaunched), argv[3]); });
+    measure("list", 5, [&](bool isLaunched) { list(either(isLaunched), argv[4]); });
     const auto file = item(here, argv[5]);
-    compare("stream", 5, [&](bool isLaunched) { stream(either(isLaunched), file, work / "out"); });
+    measure("contents", 5, [&](bool isLaunched) { fetch(either(isLaunched), file); });
+    measure("stream", 5, [&](bool isLaunched) { stream(either(isLaunched), file, work / "out"); });
   } catch (const platform::NSError& error) {
     std::fprintf(stderr, "kestrune-boundary-bench: %s\n", error.localizedDescription().c_str());
     return 1;

@@ -81,8 +81,7 @@ interface Watcher {
   changed @0 (total :Int64, completed :Int64);
 }
 
-# Takes a stream's bytes. They stand in `memory` from `position` on, which is counted from the stream's begin and wraps around at
-# the memory's end; they may be overwritten when the call has been answered.
+# Takes a stream's bytes. They stand in `memory` at `position`, and may be overwritten when the call has been answered.
 interface Taker {
   take @0 (offset :Int64, position :UInt64, length :UInt32) -> (wanted :Bool);
 }

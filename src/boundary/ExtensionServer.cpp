@@ -171,9 +171,10 @@ class Served final : public wire::Extension::Server {
                      }
                      return streaming->streamContents(
                          identifier, version, request, range,
-                         [writer](std::int64_t offset, std::string_view bytes) {
-                           return writer->write(offset, bytes);
-                         },
+                         {[writer](std::int64_t offset, std::string_view bytes) {
+                            return writer->write(offset, bytes);
+                          },
+                          [writer] { return writer->lend(); }},
                          [call](NSFileProviderItemPtr item, NSErrorPtr error) {
                            call->complete({.error = std::move(error), .item = std::move(item)});
                          });

@@ -7,7 +7,7 @@ namespace kestrune::boundary {
 
 /// The version of what Boundary.capnp says. Two programs that were built from different versions refuse each other with a clear
 /// error instead of misunderstanding each other.
-inline constexpr std::uint32_t kProtocolVersion = 2;
+inline constexpr std::uint32_t kProtocolVersion = 3;
 
 /// Items, or identifiers of deleted ones, in one message of an enumeration. More are refused: an item that takes up a word on the
 /// way takes up a thousand bytes in the host.

@@ -28,8 +28,8 @@ using platform::NSFileProviderItemVersion;
 using platform::NSFileProviderRequest;
 using platform::NSProgressPtr;
 
-// What a stream may be ahead of the host's disk.
-constexpr std::size_t kStreamBytes = 4U << 20U;
+// What a stream may be ahead of the host's disk: what the network fills, what is handed on, and as much on its way.
+constexpr std::size_t kStreamBytes = 6 * platform::ContentStreaming::kLentBytes;
 // What the program may have asked without an answer, 128 MiB: a hundred thousand downloads that wait, and no memory without end.
 constexpr std::size_t kMostUnansweredWords = (128U << 20U) / sizeof(capnp::word);
 

@@ -9,8 +9,9 @@ namespace kestrune::boundary {
 kj::Promise<void> StreamReader::take(TakeContext context) {
   const auto told = context.getParams();
   const std::span<char> all = memory_->bytes();
-  const std::size_t start = told.getPosition() % all.size();
-  KJ_REQUIRE(told.getLength() <= all.size() - start, "bytes beyond the shared memory");
+  const std::size_t start = told.getPosition();
+  KJ_REQUIRE(start <= all.size() && told.getLength() <= all.size() - start,
+             "bytes beyond the shared memory");
   const std::string_view bytes(all.data() + start, told.getLength());
   auto answered = kj::newPromiseAndFulfiller<bool>();
   boost::asio::post(

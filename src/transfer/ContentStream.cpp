@@ -28,6 +28,8 @@ constexpr int kLastAttempt = 5;  // counted from 0: six attempts
 constexpr std::chrono::seconds kRequestTimeout(60);
 constexpr int kOK = 200;
 constexpr int kPartialContent = 206;
+// What is lent takes all that comes.
+static_assert(platform::ContentStreaming::kLentBytes >= platform::URLByteStream::kRoomBytes);
 // Observers are told about 20 times a second: the record of transfers is a file, which is written each time.
 constexpr std::chrono::milliseconds kTellInterval(50);
 
@@ -165,19 +167,24 @@ class Streaming {
   // `before`: so many bytes come before those that are wanted.
   Task<void> handOn(platform::URLByteStream opened, std::int64_t before) {
     const std::int64_t start = position_;
-    std::string used;
+    platform::ByteBuffer memory = lent();
     // To the end of the answer, so that the connection can be used again.
     while (!isUnwanted_ && !stream_.progress->isCancelled()) {
-      auto piece = co_await opened.next(std::move(used));
+      auto piece = co_await opened.next(std::move(memory));
       if (!piece) break;
       const auto skipped = std::min(before, static_cast<std::int64_t>(piece->size()));
       before -= skipped;
-      handOn(std::string_view(*piece).substr(static_cast<std::size_t>(skipped)));
-      used = std::move(*piece);
+      handOn(piece->bytes().substr(static_cast<std::size_t>(skipped)));
+      // What lies in lent memory may still be read there.
+      memory = stream_.bytes.lends() ? lent() : std::move(*piece);
     }
     // An empty answer is no progress: asking again without counting could go on for ever.
     if (position_ == start && !isComplete())
       throw platform::URLError(platform::URLError::networkConnectionLost);
+  }
+
+  platform::ByteBuffer lent() const {
+    return stream_.bytes.lends() ? stream_.bytes.lend() : platform::ByteBuffer();
   }
 
   void handOn(std::string_view bytes) {

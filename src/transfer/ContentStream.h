@@ -6,7 +6,7 @@
 // (ContentAddresses). A failed attempt is repeated up to five times with growing pauses, from the first missing byte on
 // and with a fresh address; a listing that fails is the answer.
 //
-// Memory: what one URLByteStream buffers. A receiver that is slow stops the network.
+// Memory: what one URLByteStream buffers, the receiver's where it lends some. A receiver that is slow stops the network.
 //
 // Threads: the task runs on the shared executor; the receiver is called there and may block for the disk. Several streams
 // may run at once, also of one file.

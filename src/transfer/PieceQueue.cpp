@@ -5,6 +5,8 @@
 
 namespace kestrune {
 
+using platform::ByteBuffer;
+
 namespace {
 
 // A piece that is smaller is copied to the one before: a system call takes few pieces at a time.
@@ -12,7 +14,7 @@ constexpr std::size_t kJoinedBytes = 64U << 10U;
 
 }  // namespace
 
-void PieceQueue::push(std::string piece) {
+void PieceQueue::push(ByteBuffer piece) {
   size_ += piece.size();
   const bool joins =
       !pieces_.empty() && (pieces_.back().size() < kJoinedBytes || piece.size() < kJoinedBytes);
@@ -28,9 +30,9 @@ std::vector<std::string_view> PieceQueue::front(std::size_t count) const {
   assert(count <= size_);
   std::vector<std::string_view> views;
   std::size_t skipped = gone_;
-  for (const std::string& piece : pieces_) {
+  for (const ByteBuffer& piece : pieces_) {
     if (count == 0) break;
-    const auto view = std::string_view(piece).substr(skipped, count);
+    const auto view = piece.bytes().substr(skipped, count);
     skipped = 0;
     count -= view.size();
     views.push_back(view);
@@ -51,9 +53,9 @@ void PieceQueue::drop(std::size_t count) {
 
 void PieceQueue::clear() { drop(size_); }
 
-std::string PieceQueue::takeUsed() { return std::exchange(used_, {}); }
+ByteBuffer PieceQueue::takeUsed() { return std::exchange(used_, {}); }
 
-void PieceQueue::keepUsed(std::string piece) {
+void PieceQueue::keepUsed(ByteBuffer piece) {
   piece.clear();
   if (piece.capacity() > used_.capacity()) used_ = std::move(piece);
 }

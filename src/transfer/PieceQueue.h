@@ -6,9 +6,10 @@
 
 #include <cstddef>
 #include <deque>
-#include <string>
 #include <string_view>
 #include <vector>
+
+#include "platform/values/ByteBuffer.h"
 
 namespace kestrune {
 
@@ -16,7 +17,7 @@ class PieceQueue {
  public:
   std::size_t size() const { return size_; }
 
-  void push(std::string piece);
+  void push(platform::ByteBuffer piece);
   /// The first `count` bytes, in order; valid until the next change. REQUIRES: there are so many.
   std::vector<std::string_view> front(std::size_t count) const;
   /// Forgets the first `count` bytes. REQUIRES: there are so many.
@@ -24,15 +25,15 @@ class PieceQueue {
   void clear();
 
   /// The memory of a piece that has gone, without contents; empty if none has since the last call.
-  std::string takeUsed();
+  platform::ByteBuffer takeUsed();
 
  private:
-  void keepUsed(std::string piece);
+  void keepUsed(platform::ByteBuffer piece);
 
-  std::deque<std::string> pieces_;
+  std::deque<platform::ByteBuffer> pieces_;
   std::size_t gone_ = 0;  // bytes of the first piece
   std::size_t size_ = 0;
-  std::string used_;
+  platform::ByteBuffer used_;
 };
 
 }  // namespace kestrune

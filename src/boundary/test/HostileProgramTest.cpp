@@ -128,6 +128,48 @@ TEST(HostileProgram, BytesAfterTheEndAreNotHandedOn) {
   EXPECT_EQ(pieces, 0);
 }
 
+// Tells of bytes that are not in the memory.
+class Exaggerator final : public wire::Extension::Server {
+ public:
+  explicit Exaggerator(std::promise<int>& refused) : refused_(refused) {}
+
+ protected:
+  kj::Promise<void> streamContents(StreamContentsContext context) override {
+    constexpr std::uint64_t kAll = UINT64_MAX;
+    constexpr std::uint32_t kLongest = UINT32_MAX;
+    constexpr std::pair<std::uint64_t, std::uint32_t> kBeyond[] = {
+        {0, kLongest}, {kAll, 1}, {kAll - 4, 5}, {1U << 30U, 1}, {1, kLongest}};
+    auto asked = kj::heapArrayBuilder<kj::Promise<void>>(std::size(kBeyond));
+    for (const auto& [position, length] : kBeyond) {
+      auto request = context.getParams().getTaker().takeRequest();
+      request.setPosition(position);
+      request.setLength(length);
+      asked.add(request.send().ignoreResult().catch_([this](kj::Exception&&) { ++count_; }));
+    }
+    return kj::joinPromises(asked.finish()).then([this] { refused_.set_value(count_); });
+  }
+
+ private:
+  std::promise<int>& refused_;
+  int count_ = 0;
+};
+
+TEST(HostileProgram, BytesBeyondTheMemoryAreNotHandedOn) {
+  std::promise<int> refused;
+  const auto [hostEnd, programEnd] = socketPair();
+  const HostileProgram program(programEnd, kj::heap<Exaggerator>(refused));
+  const auto remote = RemoteExtension::connect(hostEnd, {});
+  std::atomic<int> pieces = 0;
+  Told<NSFileProviderItemPtr, NSErrorPtr> ended;
+  remote->streamContents(
+      "x", {}, {}, {0, INT64_MAX}, [&pieces](auto&&...) { return ++pieces > 0; }, ended.handler());
+  auto answered = refused.get_future();
+  ASSERT_EQ(answered.wait_for(kSoon), std::future_status::ready);
+  EXPECT_EQ(answered.get(), 5);
+  ended.wait();
+  EXPECT_EQ(pieces, 0);
+}
+
 // Lists a million items in a message of a hundred bytes: each of them takes up nothing.
 class Multiplier final : public wire::Extension::Server {
   template <class Request>

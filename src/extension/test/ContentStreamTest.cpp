@@ -1,7 +1,10 @@
 // Ranges of a file that are handed on as they arrive: what the store is asked for, what comes of whose version, and how a
 // stream ends.
 #include <algorithm>
+#include <deque>
+#include <span>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -106,6 +109,46 @@ TEST_F(ContentStreamTest, BringsExactlyTheRangeAndLeavesNoFile) {
   EXPECT_THAT(ranges(), ElementsAre("bytes=5242883-8388615"));
   EXPECT_EQ(progress_->completedUnitCount(), range.length);
   EXPECT_THAT(service_.storage().temporaryNames(), IsEmpty());
+}
+
+TEST_F(ContentStreamTest, GathersBytesInMemoryThatIsLentAndNeverTwiceInTheSame) {
+  serve();
+  const auto storageIgnoresRange = Answer(200, expected({0, 9 * kMiB}));
+  for (const bool isWhole : {false, true}) {
+    SCOPED_TRACE(isWhole);
+    if (isWhole) service_.http().next("GET", "/storage/0", storageIgnoresRange);
+    std::deque<std::string> memory;
+    std::string got;
+    std::vector<std::pair<std::string_view, std::string>> inPlace;  // where, and what it was
+    std::int64_t bytesInPlace = 0;
+    int held = 0;
+    const auto take = [&](std::int64_t, std::string_view bytes) {
+      const auto holds = [bytes](const std::string& each) {
+        return each.data() <= bytes.data() && bytes.data() < each.data() + each.size();
+      };
+      if (std::ranges::any_of(memory, holds)) {
+        inPlace.emplace_back(bytes, bytes);
+        bytesInPlace += static_cast<std::int64_t>(bytes.size());
+      }
+      got += bytes;
+      return true;
+    };
+    const auto lend = [&]() -> platform::ByteBuffer {
+      if (++held > 4) ADD_FAILURE() << "memory is not let go";
+      memory.emplace_back(platform::ContentStreaming::kLentBytes, '\0');
+      return {std::span(memory.back()), [&held] { --held; }};
+    };
+    const NSRange range{kMiB + 3, 8 * kMiB - 3};
+    support::DetachedTasks tasks([&] {
+      extension_->streamContents("/a", {kVersion, kVersion}, {}, range, {take, lend},
+                                 [](const auto&, const auto& error) { EXPECT_FALSE(error); });
+    });
+    EXPECT_TRUE(tasks.waitUntilEnded());
+    EXPECT_TRUE(got == expected(range));
+    EXPECT_GT(bytesInPlace, 5 * kMiB);  // not what came before there was any
+    EXPECT_EQ(held, 0);
+    for (const auto& [place, bytes] : inPlace) EXPECT_TRUE(place == bytes) << "written over";
+  }
 }
 
 TEST_F(ContentStreamTest, LaterRangesOfAVersionTakeOneRequest) {

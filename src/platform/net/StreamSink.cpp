@@ -9,8 +9,9 @@ namespace {
 // A reader that waits is woken at this many bytes, or when the driver has nothing more to move for
 // now: waking it for each 16 KiB that libcurl hands over costs more than the copy.
 constexpr std::size_t kWakeBytes = 512U << 10U;
-// At this many unread bytes the network is stopped.
+// At this many unread bytes the network is stopped. What comes at once fits behind them.
 constexpr std::size_t kPauseBytes = 1U << 20U;
+static_assert(kPauseBytes + CURL_MAX_WRITE_SIZE <= URLByteStream::kRoomBytes);
 
 }  // namespace
 
@@ -33,11 +34,11 @@ void URLByteStream::Source::awaitResponse(Continuation<HTTPURLResponse> continua
   }
 }
 
-void URLByteStream::Source::take(Continuation<Piece> continuation, std::string used) {
+void URLByteStream::Source::take(Continuation<Piece> continuation, ByteBuffer used) {
   used.clear();
   {
     MutexLock lock(mutex_);
-    if (used.capacity() > spare_.capacity()) spare_.swap(used);
+    if (used.capacity() > spare_.capacity()) std::swap(spare_, used);
     if (!readyLocked()) {
       waiter_ = std::move(continuation);
       return;
@@ -47,13 +48,13 @@ void URLByteStream::Source::take(Continuation<Piece> continuation, std::string u
 }
 
 void URLByteStream::Source::deliver(Continuation<Piece> continuation) {
-  std::string bytes;
+  ByteBuffer bytes;
   std::exception_ptr error;
   bool goOn = false;
   {
     MutexLock lock(mutex_);
-    bytes.swap(buffer_);
-    buffer_.swap(spare_);
+    std::swap(bytes, buffer_);
+    std::swap(buffer_, spare_);
     error = error_;
     goOn = std::exchange(paused_, false);
   }
@@ -91,8 +92,8 @@ TransferSink::Take URLByteStream::Source::bytesArrived(std::string_view bytes) {
       paused_ = true;
       return TransferSink::Take::pause;
     }
-    if (buffer_.capacity() < kPauseBytes && bytes.size() > 4096)
-      buffer_.reserve(kPauseBytes + kWakeBytes / 8);
+    if (buffer_.capacity() == 0) std::swap(buffer_, spare_);
+    if (buffer_.capacity() < kPauseBytes && bytes.size() > 4096) buffer_.reserve(kRoomBytes);
     buffer_.append(bytes);
     if (buffer_.size() >= kWakeBytes) waiter = std::exchange(waiter_, std::nullopt);
   }

@@ -4,11 +4,11 @@
 
 #include <memory>
 #include <optional>
-#include <string>
 
 #include "platform/net/CurlDriver.h"
 #include "platform/net/Transfer.h"
 #include "platform/tasks/Continuation.h"
+#include "platform/values/ByteBuffer.h"
 #include "platform/values/Mutex.h"
 
 namespace kestrune::platform {
@@ -17,7 +17,7 @@ namespace kestrune::platform {
 /// from the reader's.
 class URLByteStream::Source : public std::enable_shared_from_this<Source> {
  public:
-  using Piece = std::optional<std::string>;
+  using Piece = std::optional<ByteBuffer>;
 
   explicit Source(std::shared_ptr<CurlDriver> driver) : driver_(std::move(driver)) {}
 
@@ -29,7 +29,7 @@ class URLByteStream::Source : public std::enable_shared_from_this<Source> {
   void awaitResponse(Continuation<HTTPURLResponse> continuation);
   /// Resumes `continuation` with the bytes at hand, as soon as there are any, or with the end.
   /// The memory of `used` is used again.
-  void take(Continuation<Piece> continuation, std::string used);
+  void take(Continuation<Piece> continuation, ByteBuffer used);
   void cancel();
 
   // From the sink, on the driver thread.
@@ -47,8 +47,8 @@ class URLByteStream::Source : public std::enable_shared_from_this<Source> {
   std::weak_ptr<Transfer> transfer_;  // set once, before the transfer starts
 
   Mutex mutex_;
-  std::string buffer_ GUARDED_BY(mutex_);
-  std::string spare_ GUARDED_BY(mutex_);  // empty; takes the buffer's place when that is handed out
+  ByteBuffer buffer_ GUARDED_BY(mutex_);
+  ByteBuffer spare_ GUARDED_BY(mutex_);  // empty; takes the buffer's place when that is handed out
   bool paused_ GUARDED_BY(mutex_) = false;
   bool ended_ GUARDED_BY(mutex_) = false;
   std::exception_ptr error_ GUARDED_BY(mutex_);

@@ -71,10 +71,10 @@ URLByteStream::~URLByteStream() {
   if (source_) source_->cancel();
 }
 
-Task<std::optional<std::string>> URLByteStream::next(std::string used) {
+Task<std::optional<ByteBuffer>> URLByteStream::next(ByteBuffer memory) {
   auto source = source_;
-  auto begin = [source, &used](Continuation<Source::Piece> continuation) {
-    source->take(std::move(continuation), std::move(used));
+  auto begin = [source, &memory](Continuation<Source::Piece> continuation) {
+    source->take(std::move(continuation), std::move(memory));
   };
   auto cancel = [source] { source->cancel(); };
   Source::Piece piece = co_await suspendUntilResumed<Source::Piece>(begin, cancel);

@@ -34,6 +34,7 @@
 #include "platform/net/URL.h"
 #include "platform/net/URLError.h"
 #include "platform/tasks/Task.h"
+#include "platform/values/ByteBuffer.h"
 
 namespace kestrune::platform {
 
@@ -80,6 +81,9 @@ struct URLReply {
 class URLByteStream {
  public:
   class Source;
+  /// What a piece can need.
+  static constexpr std::size_t kRoomBytes = (1U << 20U) + (64U << 10U);
+
   URLByteStream(HTTPURLResponse response, std::shared_ptr<Source> source);
   URLByteStream(URLByteStream&&) noexcept;
   URLByteStream& operator=(URLByteStream&&) noexcept;
@@ -89,9 +93,10 @@ class URLByteStream {
 
   /// The next bytes, in pieces of whatever size has arrived; none at the end of the body. Throws
   /// what the transfer failed with, after all bytes that came before the failure have been read.
-  /// `used`: a piece that was read and is no longer needed; its memory takes later bytes. Fresh
-  /// memory for each piece of a long body costs more than the copying.
-  Task<std::optional<std::string>> next(std::string used = {});
+  /// `memory`: takes later bytes; a piece that was read and is no longer needed, or where the bytes
+  /// are wanted. Fresh memory for each piece of a long body costs more than the copying. With room
+  /// for kRoomBytes it is never left for other memory.
+  Task<std::optional<ByteBuffer>> next(ByteBuffer memory = {});
 
  private:
   HTTPURLResponse response_;

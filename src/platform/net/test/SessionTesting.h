@@ -70,7 +70,7 @@ std::int64_t codeOf(support::RunningTask<T>& running) {
 inline Task<std::string> readAll(std::shared_ptr<URLByteStream> stream) {
   std::string bytes;
   for (;;) {
-    std::optional<std::string> piece = co_await stream->next();
+    const std::optional<ByteBuffer> piece = co_await stream->next();
     if (!piece) break;
     bytes += *piece;
   }

@@ -46,6 +46,29 @@ TEST(URLSessionStream, PiecesAreNeverEmpty) {
   EXPECT_EQ(all, "0123456789");
 }
 
+TEST(URLSessionStream, PiecesLieInTheMemoryThatWasGiven) {
+  constexpr std::uint64_t kSize = 5'000'000;
+  HttpFixture fixture;
+  fixture.on("GET", "/", Answer::pattern(kSize));
+  URLSession session({});
+  const auto stream = openStream(session, requestTo(fixture.url("/")));
+  std::vector<char> memory(3 * URLByteStream::kRoomBytes);
+  std::string all;
+  for (std::size_t i = 0;; ++i) {
+    // One is being filled, one is given, one is read.
+    const auto place =
+        std::span(memory).subspan(i % 3 * URLByteStream::kRoomBytes, URLByteStream::kRoomBytes);
+    const auto piece = runTask(stream->next({place, [] {}}));
+    if (!piece) break;
+    const bool isInPlace = memory.data() <= piece->bytes().data() &&
+                           piece->bytes().data() < memory.data() + memory.size();
+    // What came before the first call, and while the first piece was read, had no memory yet.
+    EXPECT_TRUE(isInPlace || i <= 1) << i;
+    all += *piece;
+  }
+  EXPECT_TRUE(all == support::patternBytes(0, kSize));
+}
+
 TEST(URLSessionStream, BytesAreGivenOutAsSoonAsTheyAreThere) {
   HttpFixture fixture;
   const Gate gate;
