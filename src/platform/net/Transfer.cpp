@@ -122,6 +122,45 @@ URLError errorFromCurl(CURLcode code) {
   }
 }
 
+URLDiagnosis::Failure failureFromCurl(CURLcode code) {
+  using Failure = URLDiagnosis::Failure;
+  switch (code) {
+    case CURLE_COULDNT_RESOLVE_HOST:
+      return Failure::hostUnknown;
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      return Failure::proxyUnknown;
+    case CURLE_PEER_FAILED_VERIFICATION:
+      return Failure::certificateUntrusted;
+    case CURLE_SSL_CACERT_BADFILE:
+      return Failure::authoritiesUnreadable;
+    case CURLE_SSL_CONNECT_ERROR:
+      return Failure::noTLS;
+    default:
+      return Failure::none;
+  }
+}
+
+// The forms of RFC 9110, 5.6.7, and those of certificates.
+std::optional<Date> dateOf(const std::string& text) {
+  const time_t seconds = text.empty() ? -1 : curl_getdate(text.c_str(), nullptr);
+  if (seconds < 0) return std::nullopt;
+  return Date(std::chrono::seconds(seconds));
+}
+
+// Of the server's own certificate.
+std::optional<Date> certificateEnd(CURL* easy) {
+  constexpr std::string_view kKey = "Expire date:";
+  curl_certinfo* chain = nullptr;
+  if (curl_easy_getinfo(easy, CURLINFO_CERTINFO, &chain) != CURLE_OK || chain == nullptr ||
+      chain->num_of_certs < 1)
+    return std::nullopt;
+  for (const curl_slist* row = chain->certinfo[0]; row != nullptr; row = row->next) {
+    const std::string_view text = row->data;
+    if (text.starts_with(kKey)) return dateOf(std::string(text.substr(kKey.size())));
+  }
+  return std::nullopt;
+}
+
 template <class Value>
 void setOption(CURL* easy, CURLoption option, Value value) {
   const CURLcode code = curl_easy_setopt(easy, option, value);
@@ -207,6 +246,7 @@ CURL* Transfer::prepare() {
   setMethodAndBody();
   setHeaders();
   setCallbacks();
+  if (request_.diagnosis) setDiagnosis();
   return easy_;
 }
 
@@ -216,7 +256,7 @@ void Transfer::setAddressAndLimits() {
   setOption(easy_, CURLOPT_PATH_AS_IS, 1L);
   setOption(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
   setOption(easy_, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-  setOption(easy_, CURLOPT_FOLLOWLOCATION, 1L);
+  setOption(easy_, CURLOPT_FOLLOWLOCATION, request_.followsRedirects ? 1L : 0L);
   setOption(easy_, CURLOPT_MAXREDIRS, kMaximumRedirects);
   // A name and a password in the address would otherwise become a header that nobody set.
   setOption(easy_, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_NONE));
@@ -302,6 +342,19 @@ void Transfer::setCallbacks() {
   }
 }
 
+void Transfer::setDiagnosis() {
+  setOption(easy_, CURLOPT_ERRORBUFFER, errorText_.data());
+  setOption(easy_, CURLOPT_CERTINFO, 1L);
+}
+
+void Transfer::fillDiagnosis(CURLcode code) const {
+  URLDiagnosis& diagnosis = *request_.diagnosis;
+  diagnosis.failure = failureFromCurl(code);
+  diagnosis.certificateUntil = certificateEnd(easy_);
+  if (code != CURLE_OK)
+    diagnosis.detail = errorText_[0] != '\0' ? errorText_.data() : curl_easy_strerror(code);
+}
+
 void Transfer::touch() { lastActivity_ = std::chrono::steady_clock::now(); }
 
 std::optional<Transfer::Instant> Transfer::idleDeadline() const {
@@ -326,6 +379,7 @@ void Transfer::announceResponse() {
 }
 
 void Transfer::finish(CURLcode code) {
+  if (request_.diagnosis) fillDiagnosis(code);
   if (failure_) return fail(std::move(failure_));
   // An answer in no protocol that libcurl knows has the code of an address in none, but comes after
   // a request.
@@ -461,6 +515,10 @@ std::optional<std::string> HTTPURLResponse::valueForHTTPHeaderField(std::string_
     if (strcasecmp(header.first.c_str(), wanted.c_str()) == 0) return header.second;
   }
   return std::nullopt;
+}
+
+std::optional<Date> HTTPURLResponse::date() const {
+  return dateOf(valueForHTTPHeaderField("Date").value_or(""));
 }
 
 }  // namespace kestrune::platform

@@ -7,6 +7,7 @@
 
 #include <curl/curl.h>
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <exception>
@@ -92,6 +93,8 @@ class Transfer : public std::enable_shared_from_this<Transfer> {
   void setMethodAndBody();
   void setHeaders();
   void setCallbacks();
+  void setDiagnosis();
+  void fillDiagnosis(CURLcode code) const;
   void touch();
   void announceResponse();
   void end(std::exception_ptr error);
@@ -120,6 +123,7 @@ class Transfer : public std::enable_shared_from_this<Transfer> {
   std::unique_ptr<BodySource> body_;
   std::unique_ptr<TransferSink> sink_;
   CURL* easy_ = nullptr;
+  std::array<char, CURL_ERROR_SIZE> errorText_{};  // where a diagnosis is wanted
   curl_slist* headerList_ = nullptr;
   HTTPURLResponse response_;
   std::size_t headerBytes_ = 0;

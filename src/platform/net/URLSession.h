@@ -35,6 +35,7 @@
 #include "platform/net/URLError.h"
 #include "platform/tasks/Task.h"
 #include "platform/values/ByteBuffer.h"
+#include "platform/values/Date.h"
 
 namespace kestrune::platform {
 
@@ -52,6 +53,27 @@ struct URLSessionConfiguration {
 
 using HTTPHeaders = std::vector<std::pair<std::string, std::string>>;
 
+/// What is known of a connection beyond its answer, for those who ask a person to mend something. It may name hosts and files; it
+/// never holds an address, a header or a body.
+struct URLDiagnosis {
+  enum class Failure {
+    none,  // or none of these
+    hostUnknown,
+    proxyUnknown,
+    /// The server's certificate is not to be trusted.
+    certificateUntrusted,
+    /// The file of authorities cannot be read.
+    authoritiesUnreadable,
+    /// Nobody speaks TLS there, or none that both know.
+    noTLS,
+  };
+  Failure failure = Failure::none;
+  /// In the library's words; empty where nothing failed.
+  std::string detail;
+  /// When the server's certificate ends, where there is one.
+  std::optional<Date> certificateUntil;
+};
+
 struct URLRequest {
   explicit URLRequest(URL requestURL) : url(std::move(requestURL)) {}
   URL url;
@@ -60,6 +82,10 @@ struct URLRequest {
   std::string httpBody;
   /// Idle time-out of this request; none means the session's.
   std::optional<std::chrono::milliseconds> timeoutInterval;
+  /// Otherwise a redirect is an answer like any other.
+  bool followsRedirects = true;
+  /// Filled in before the end is told; none: nobody asks.
+  std::shared_ptr<URLDiagnosis> diagnosis;
 };
 
 struct HTTPURLResponse {
@@ -68,6 +94,8 @@ struct HTTPURLResponse {
   HTTPHeaders headers;
   /// The value of the first header with this name, compared without case.
   std::optional<std::string> valueForHTTPHeaderField(std::string_view name) const;
+  /// What the server's clock said, exact to a second; none where the header Date says nothing.
+  std::optional<Date> date() const;
 };
 
 /// A whole answer in memory.
