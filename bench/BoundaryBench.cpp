@@ -42,6 +42,7 @@ NSFileProviderItemPtr item(const ExtensionPtr& extension, const std::string& pat
   std::promise<NSFileProviderItemPtr> found;
   extension->item(path, {}, [&](const NSFileProviderItemPtr& one, const NSErrorPtr& error) {
     if (error) std::fprintf(stderr, "%s\n", error->localizedDescription().c_str());
+    if (one) host::ItemRecord::from(*one);  // as the host does
     found.set_value(one);
   });
   return found.get_future().get();

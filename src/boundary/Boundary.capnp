@@ -74,11 +74,8 @@ struct Answer {
   flags @4 :UInt32;
   pendingFields @5 :UInt32;
   shouldFetchContent @6 :Bool;
-}
-
-# Whoever made an operation watches its progress. What it is told comes before the operation's answer.
-interface Watcher {
-  changed @0 (total :Int64, completed :Int64);
+  total @8 :Int64;  # the progress when the handler was called; both 0: as it was told last
+  completed @9 :Int64;
 }
 
 # Takes a stream's bytes. They stand in `memory` at `position`, and may be overwritten when the call has been answered.
@@ -113,12 +110,16 @@ interface Enumerator {
   invalidate @3 ();
 }
 
-# The host, as the extension sees it: its manager, and the session's pasteboard. No error: it was done.
+# The host, as the extension sees it: its manager, the session's pasteboard, and who watches the progress of its operations. No error:
+# it was done.
 interface Host {
   evictItem @0 (identifier :Data) -> (error :Error);
   requestDownload @1 (identifier :Data, range :Range) -> (error :Error);
   signalEnumerator @2 (container :Data) -> (error :Error);
   copyText @3 (text :Data) -> (error :Error);
+  # Of an operation that is not answered yet: one of one unit begins without being told, and the last counts come with the answer.
+  # Most operations are so short that this is all.
+  progressed @4 (operation :UInt64, total :Int64, completed :Int64);
 }
 
 interface Extension {
@@ -126,20 +127,20 @@ interface Extension {
   greet @0 (version :UInt32, domainIdentifier :Data, domainName :Data, host :Host)
       -> (version :UInt32, partialContents :Bool, streams :Bool, actions :Bool, notEnforced :List(Data));
 
-  # Operations end with their answers. Each has a number of its own while it lasts, by which it can be cancelled.
-  item @1 (operation :UInt64, watcher :Watcher, identifier :Data, request :Request) -> (answer :Answer);
-  fetchContents @2 (operation :UInt64, watcher :Watcher, identifier :Data, version :Version, request :Request) -> (answer :Answer);
-  fetchPartialContents @3 (operation :UInt64, watcher :Watcher, identifier :Data, version :Version, request :Request, range :Range, alignment :Int64,
+  # Operations end with their answers. Each has a number of its own, by which it can be cancelled and its progress is told.
+  item @1 (operation :UInt64, identifier :Data, request :Request) -> (answer :Answer);
+  fetchContents @2 (operation :UInt64, identifier :Data, version :Version, request :Request) -> (answer :Answer);
+  fetchPartialContents @3 (operation :UInt64, identifier :Data, version :Version, request :Request, range :Range, alignment :Int64,
       options :UInt32) -> (answer :Answer);
-  streamContents @4 (operation :UInt64, watcher :Watcher, identifier :Data, version :Version, request :Request, range :Range, memory :Memory,
+  streamContents @4 (operation :UInt64, identifier :Data, version :Version, request :Request, range :Range, memory :Memory,
       taker :Taker) -> (answer :Answer);
-  createItem @5 (operation :UInt64, watcher :Watcher, item :Item, fields :UInt32, url :Data, options :UInt32, request :Request)
+  createItem @5 (operation :UInt64, item :Item, fields :UInt32, url :Data, options :UInt32, request :Request)
       -> (answer :Answer);
-  modifyItem @6 (operation :UInt64, watcher :Watcher, item :Item, version :Version, fields :UInt32, url :Data, options :UInt32, request :Request)
+  modifyItem @6 (operation :UInt64, item :Item, version :Version, fields :UInt32, url :Data, options :UInt32, request :Request)
       -> (answer :Answer);
-  deleteItem @7 (operation :UInt64, watcher :Watcher, identifier :Data, version :Version, options :UInt32, request :Request)
+  deleteItem @7 (operation :UInt64, identifier :Data, version :Version, options :UInt32, request :Request)
       -> (answer :Answer);
-  performAction @8 (operation :UInt64, watcher :Watcher, action :Data, identifiers :List(Data)) -> (answer :Answer);
+  performAction @8 (operation :UInt64, action :Data, identifiers :List(Data)) -> (answer :Answer);
 
   enumerator @9 (container :Data, request :Request) -> (enumerator :Enumerator, error :Error);
   invalidate @10 ();

@@ -74,6 +74,7 @@ class Served final : public wire::Extension::Server {
     if (told.getVersion() != kProtocolVersion) return kj::READY_NOW;  // the host says why
     auto domain = std::make_shared<const platform::NSFileProviderDomain>(
         text(told.getDomainIdentifier()), text(told.getDomainName()));
+    host_ = loop_->held(told.getHost());
     auto made = kj::newPromiseAndFulfiller<ExtensionPtr>();
     onExecutor([loop = loop_, make = std::exchange(makeExtension_, nullptr),
                 domain = std::move(domain), host = makeRemoteHost(loop_, told.getHost()),
@@ -295,7 +296,8 @@ class Served final : public wire::Extension::Server {
     const auto told = context.getParams();
     const std::uint64_t number = told.getOperation();
     auto coming = kj::newPromiseAndFulfiller<ServedCall::Message>();
-    auto call = std::make_shared<ServedCall>(loop_, told.getWatcher(), kj::mv(coming.fulfiller));
+    KJ_REQUIRE(host_ != nullptr, "called before it was greeted");
+    auto call = std::make_shared<ServedCall>(loop_, host_, number, kj::mv(coming.fulfiller));
     operations_[number] = call->cancelling();
     auto answered = coming.promise
                         .then([context](ServedCall::Message message) mutable {
@@ -323,6 +325,7 @@ class Served final : public wire::Extension::Server {
   ExtensionMaker makeExtension_;
   const std::vector<std::string> notEnforced_;
   ExtensionPtr extension_;
+  std::shared_ptr<wire::Host::Client> host_;                         // with the extension
   std::map<std::uint64_t, std::shared_ptr<Cancelling>> operations_;  // those under way
 };
 

@@ -17,9 +17,10 @@ using Handler = NSFileProviderManager::Handler;
 
 class HostServer final : public wire::Host::Server {
  public:
-  HostServer(std::shared_ptr<Loop> loop, HostServices services)
+  HostServer(std::shared_ptr<Loop> loop, HostServices services, Progressed progressed)
       : loop_(std::move(loop)),
-        services_(std::make_shared<const HostServices>(std::move(services))) {}
+        services_(std::make_shared<const HostServices>(std::move(services))),
+        progressed_(std::move(progressed)) {}
 
  protected:
   kj::Promise<void> evictItem(EvictItemContext context) override {
@@ -49,6 +50,12 @@ class HostServer final : public wire::Host::Server {
   kj::Promise<void> copyText(CopyTextContext context) override {
     return ask(context, [services = services_, text = text(context.getParams().getText())](
                             Handler handler) { services->copyText(text, std::move(handler)); });
+  }
+
+  kj::Promise<void> progressed(ProgressedContext context) override {
+    const auto told = context.getParams();
+    progressed_(told.getOperation(), told.getTotal(), told.getCompleted());
+    return kj::READY_NOW;
   }
 
  private:
@@ -84,12 +91,14 @@ class HostServer final : public wire::Host::Server {
 
   const std::shared_ptr<Loop> loop_;
   const std::shared_ptr<const HostServices> services_;
+  const Progressed progressed_;
 };
 
 }  // namespace
 
-wire::Host::Client serveHost(std::shared_ptr<Loop> loop, HostServices services) {
-  return kj::heap<HostServer>(std::move(loop), std::move(services));
+wire::Host::Client serveHost(std::shared_ptr<Loop> loop, HostServices services,
+                             Progressed progressed) {
+  return kj::heap<HostServer>(std::move(loop), std::move(services), std::move(progressed));
 }
 
 }  // namespace kestrune::boundary

@@ -167,6 +167,8 @@ void write(wire::Answer::Builder message, const Completed& completed) {
   message.setFlags(static_cast<std::uint32_t>(completed.flags));
   message.setPendingFields(static_cast<std::uint32_t>(completed.pendingFields));
   message.setShouldFetchContent(completed.shouldFetchContent);
+  message.setTotal(completed.progress.total);
+  message.setCompleted(completed.progress.completed);
   message.setDropped(completed.isDropped);
 }
 
@@ -180,6 +182,7 @@ Completed read(wire::Answer::Reader message) {
   completed.pendingFields =
       static_cast<platform::NSFileProviderItemFields>(message.getPendingFields());
   completed.shouldFetchContent = message.getShouldFetchContent();
+  completed.progress = {message.getTotal(), message.getCompleted()};
   completed.isDropped = message.getDropped();
   return completed;
 }

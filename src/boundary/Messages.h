@@ -44,6 +44,12 @@ std::vector<std::string> read(capnp::List<capnp::Data>::Reader texts);
 
 /// What a completion handler is called with, whichever it is.
 struct Completed {
+  struct Progress {
+    std::int64_t total = 0;
+    std::int64_t completed = 0;
+    bool operator==(const Progress&) const = default;
+  };
+
   platform::NSErrorPtr error;
   platform::NSFileProviderItemPtr item;
   std::optional<std::filesystem::path> url;
@@ -52,6 +58,8 @@ struct Completed {
       platform::NSFileProviderMaterializationFlags::none;
   platform::NSFileProviderItemFields pendingFields = platform::NSFileProviderItemFields::none;
   bool shouldFetchContent = false;
+  /// As it was then; zeros: nobody knows.
+  Progress progress = {};
   /// In place of all else: it is never called.
   bool isDropped = false;
 };

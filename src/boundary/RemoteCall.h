@@ -5,16 +5,16 @@
 #pragma once
 
 #include <boost/asio/any_io_executor.hpp>
+#include <cstdint>
 #include <functional>
 #include <memory>
 
 #include "boundary/Messages.h"
-#include "boundary/Wire.h"
 #include "platform/progress/NSProgress.h"
 
 namespace kestrune::boundary {
 
-class RemoteCall : public std::enable_shared_from_this<RemoteCall> {
+class RemoteCall {
  public:
   using Handler = std::function<void(Completed)>;
 
@@ -23,15 +23,12 @@ class RemoteCall : public std::enable_shared_from_this<RemoteCall> {
 
   /// What the host watches and may cancel: `cancel` is called on whichever thread does.
   std::shared_ptr<platform::NSProgress> makeProgress(std::function<void()> cancel);
-  /// The capability by which the program tells of the progress.
-  wire::Watcher::Client watcher();
+  /// The program has told of the progress.
+  void progressed(std::int64_t total, std::int64_t completed) const;
   /// The answer has come, or what was found in its place.
   void complete(Completed completed);
 
  private:
-  class Watcher;
-  void changed(std::int64_t total, std::int64_t completed) const;
-
   const boost::asio::any_io_executor inOrder_;
   std::weak_ptr<platform::NSProgress> progress_;
   Handler handler_;  // none after the end

@@ -4,6 +4,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/strand.hpp>
 #include <cstdint>
+#include <map>
 #include <utility>
 
 #include "boundary/BoundaryError.h"
@@ -75,6 +76,7 @@ struct RemoteExtension::Link : std::enable_shared_from_this<Link> {
   const std::shared_ptr<std::atomic<bool>> isGone = std::make_shared<std::atomic<bool>>(false);
 
   std::atomic<std::uint64_t> operations = 0;
+  std::map<std::uint64_t, std::shared_ptr<RemoteCall>> open;  // the loop's: asked, and not answered
 
   template <class Request>
   using Method = Request (wire::Extension::Client::*)(kj::Maybe<capnp::MessageSize>);
@@ -97,15 +99,27 @@ struct RemoteExtension::Link : std::enable_shared_from_this<Link> {
       if (!link->wire) return call->complete({.error = interrupted()});
       auto request = (link->wire->extension.*method)(nullptr);
       request.setOperation(number);
-      request.setWatcher(call->watcher());
       fill(request);
+      link->open[number] = kj::mv(call);
       request.send()
-          .then([call](auto&& response) { call->complete(read(response.getAnswer())); })
-          .detach([call](kj::Exception&& exception) {
-            call->complete({.error = errorFrom(exception)});
+          .then([link, number](auto&& response) {
+            link->completed(number, read(response.getAnswer()));
+          })
+          .detach([link, number](kj::Exception&& exception) {
+            link->completed(number, {.error = errorFrom(exception)});
           });
     });
     return progress;
+  }
+
+  void completed(std::uint64_t number, Completed with) {
+    const auto found = open.extract(number);
+    if (!found.empty()) found.mapped()->complete(std::move(with));
+  }
+
+  void progressed(std::uint64_t number, std::int64_t total, std::int64_t done) {
+    const auto found = open.find(number);
+    if (found != open.end()) found->second->progressed(total, done);
   }
 
   void cancel(std::uint64_t number) {
@@ -158,7 +172,11 @@ void RemoteExtension::greet(const platform::NSFileProviderDomain& domain, Greete
     request.setVersion(kProtocolVersion);
     request.setDomainIdentifier(bytesOf(domain.identifier()));
     request.setDomainName(bytesOf(domain.displayName()));
-    request.setHost(serveHost(link->loop, link->services));
+    request.setHost(
+        serveHost(link->loop, link->services,
+                  [weak = link->weak_from_this()](auto operation, auto total, auto done) {
+                    if (const auto link = weak.lock()) link->progressed(operation, total, done);
+                  }));
     request.send()
         .then([answer](auto&& response) {
           if (response.getVersion() != kProtocolVersion)

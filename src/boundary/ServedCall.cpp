@@ -7,10 +7,23 @@ namespace kestrune::boundary {
 using platform::MutexLock;
 using platform::NSProgress;
 
+namespace {
+
+// Not how most operations begin, nor the last counts, which come with the answer.
+bool isWorthTelling(const NSProgress::Snapshot& counts) {
+  const bool isBegin = counts == NSProgress::Snapshot{1, 0};
+  const bool isEnd =
+      counts.totalUnitCount > 0 && counts.completedUnitCount >= counts.totalUnitCount;
+  return !isBegin && !isEnd;
+}
+
+}  // namespace
+
 void Cancelling::started(const std::shared_ptr<NSProgress>& progress) {
   bool cancels = false;
   {
     MutexLock lock(mutex_);
+    if (hasEnded_) return;
     progress_ = progress;
     cancels = isCancelled_;
   }
@@ -27,19 +40,33 @@ void Cancelling::cancel() {
   if (progress) progress->cancel();
 }
 
-ServedCall::ServedCall(std::shared_ptr<Loop> loop, wire::Watcher::Client watcher,
-                       kj::Own<kj::PromiseFulfiller<Message>> answer)
+std::optional<NSProgress::Snapshot> Cancelling::end() {
+  std::shared_ptr<NSProgress> progress;
+  {
+    MutexLock lock(mutex_);
+    hasEnded_ = true;
+    progress.swap(progress_);
+  }
+  if (!progress) return std::nullopt;
+  return progress->snapshot();
+}
+
+ServedCall::ServedCall(std::shared_ptr<Loop> loop, std::shared_ptr<wire::Host::Client> host,
+                       std::uint64_t operation, kj::Own<kj::PromiseFulfiller<Message>> answer)
     : loop_(std::move(loop)),
-      watcher_(loop_->held(kj::mv(watcher))),
+      host_(std::move(host)),
+      operation_(operation),
       answer_(loop_->held(kj::mv(answer))) {}
 
 ServedCall::~ServedCall() { complete({.isDropped = true}); }
 
-void ServedCall::complete(const Completed& completed) {
+void ServedCall::complete(Completed completed) {
   {
     MutexLock lock(mutex_);
     if (std::exchange(isCompleted_, true)) return;
   }
+  if (const auto counts = cancelling_->end())
+    completed.progress = {counts->totalUnitCount, counts->completedUnitCount};
   // Written here: reading an item's properties may do file input, for which the loop has no time.
   auto message = kj::heap<capnp::MallocMessageBuilder>();
   write(message->initRoot<wire::Answer>(), completed);
@@ -50,9 +77,14 @@ void ServedCall::complete(const Completed& completed) {
 
 void ServedCall::started(const std::shared_ptr<NSProgress>& progress) const {
   if (!progress) return;
-  progress->mirror([loop = loop_, watcher = watcher_](const NSProgress::Snapshot& counts) {
-    loop->post([watcher, counts] {
-      auto request = watcher->changedRequest();
+  cancelling_->started(progress);
+  progress->mirror([loop = loop_, host = host_, operation = operation_,
+                    weak = std::weak_ptr(cancelling_)](const NSProgress::Snapshot& counts) {
+    const auto cancelling = weak.lock();
+    if (!cancelling || cancelling->hasEnded() || !isWorthTelling(counts)) return;
+    loop->post([host, operation, counts] {
+      auto request = host->progressedRequest();
+      request.setOperation(operation);
       request.setTotal(counts.totalUnitCount);
       request.setCompleted(counts.completedUnitCount);
       request.send().ignoreResult().detach([](kj::Exception&&) {
@@ -60,7 +92,6 @@ void ServedCall::started(const std::shared_ptr<NSProgress>& progress) const {
       });
     });
   });
-  cancelling_->started(progress);
 }
 
 }  // namespace kestrune::boundary

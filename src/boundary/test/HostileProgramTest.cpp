@@ -268,6 +268,46 @@ TEST(HostileProgram, AnswersWithNothingInThemAreAnswersOrErrors) {
   EXPECT_NE(std::get<2>(fetched.wait()), nullptr);
 }
 
+// Tells of the progress of operations that nobody asked for, and of one that was: counts that make no sense.
+class Dreamer final : public wire::Extension::Server {
+ protected:
+  kj::Promise<void> greet(GreetContext context) override {
+    context.getResults().setVersion(kProtocolVersion);
+    host_ = context.getParams().getHost();
+    return kj::READY_NOW;
+  }
+  kj::Promise<void> item(ItemContext context) override {
+    auto told = kj::heapArrayBuilder<kj::Promise<void>>(3);
+    const std::uint64_t number = context.getParams().getOperation();
+    for (const std::uint64_t operation : {number + 1, UINT64_MAX, number}) {
+      auto request = host_->progressedRequest();
+      request.setOperation(operation);
+      request.setTotal(INT64_MIN);
+      request.setCompleted(INT64_MAX);
+      told.add(request.send().ignoreResult());
+    }
+    return kj::joinPromises(told.finish());
+  }
+
+ private:
+  std::optional<wire::Host::Client> host_;
+};
+
+TEST(HostileProgram, ProgressOfWhatWasNotAskedIsIgnored) {
+  const auto [hostEnd, programEnd] = socketPair();
+  const HostileProgram program(programEnd, kj::heap<Dreamer>());
+  const auto remote = RemoteExtension::connect(hostEnd, {});
+  std::promise<NSErrorPtr> greeted;
+  remote->greet({"main", "x"},
+                [&](const Greeting&, const NSErrorPtr& error) { greeted.set_value(error); });
+  EXPECT_EQ(greeted.get_future().get(), nullptr);
+  Told<NSFileProviderItemPtr, NSErrorPtr> found;
+  const auto progress = remote->item("x", {}, found.handler());
+  EXPECT_EQ(std::get<1>(found.wait()), nullptr);
+  EXPECT_EQ(progress->snapshot(), (NSProgress::Snapshot{INT64_MIN, INT64_MAX}));
+  EXPECT_EQ(progress->fractionCompleted(), 0);
+}
+
 // Asks more and more, whatever is answered.
 class Asker final : public wire::Extension::Server {
  protected:
