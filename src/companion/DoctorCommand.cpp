@@ -31,12 +31,14 @@ Findings examine(const HostFinder& finder, const DoctorOptions& options) {
     findings.push_back(problem("extension", error.what(), {}));
   }
   add(findings, checkLimits());
-  add(findings,
-      checkStorage(storage::sharedDirectory(), options.replicaDirectory.empty()
-                                                   ? defaultReplica(options.domainIdentifier)
-                                                   : options.replicaDirectory));
+  MountsChecked mounts = checkMounts(finder, presentMountTable());
+  auto replicas = std::move(mounts.replicas);
+  if (!options.replicaDirectory.empty()) replicas = {options.replicaDirectory};
+  // What a mount would take that was started now.
+  if (replicas.empty()) replicas = {defaultReplica(options.domainIdentifier)};
+  add(findings, checkStorage(storage::sharedDirectory(), replicas));
   add(findings, checkService());
-  add(findings, checkMounts(finder, presentMountTable()));
+  add(findings, std::move(mounts.findings));
   return findings;
 }
 

@@ -351,7 +351,8 @@ void addDoctor(CLI::App& app, Command& chosen, const host::ProgramStart& program
   options->program = program;
   command->add_option("--domain", options->domainIdentifier, "the domain's identifier")
       ->capture_default_str();
-  command->add_option("--replica", options->replicaDirectory, "as it was given to mount");
+  command->add_option("--replica", options->replicaDirectory,
+                      "as it was given to mount (otherwise those of the hosts that run)");
   command->add_flag("--json", options->asJson, "for programs: JSON, one object a line");
   command->callback(
       [&chosen, options] { chosen = [options] { return runDoctor(*options) ? 0 : kFailure; }; });

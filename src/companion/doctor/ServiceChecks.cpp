@@ -57,7 +57,9 @@ Finding checkConfiguration() {
   return fine(kAbout, "There are an address and a token.");
 }
 
-Finding checkMount(const HostFinder& finder, const std::filesystem::path& place) {
+// Adds the replica of a host that answers.
+Finding checkMount(const HostFinder& finder, const std::filesystem::path& place,
+                   std::vector<std::filesystem::path>& replicas) {
   constexpr const char* kAbout = "mount";
   Json status;
   try {
@@ -76,6 +78,8 @@ Finding checkMount(const HostFinder& finder, const std::filesystem::path& place)
                        " does not answer: " + error.localizedDescription() + ".",
                    "If it stays so, end it and mount again; nothing is lost.");
   }
+  if (const auto replica = status.find("replica"); replica != status.end())
+    replicas.emplace_back(host::pathFromJson(*replica));
   const auto number = [&status](const char* name) { return status.value(name, std::uint64_t{0}); };
   if (status.contains("extension") && status["extension"].is_object() &&
       status["extension"].contains("refusal"))
@@ -147,12 +151,12 @@ Findings checkService() {
   return findings;
 }
 
-Findings checkMounts(const HostFinder& finder, const std::string& mountTable) {
-  Findings findings;
+MountsChecked checkMounts(const HostFinder& finder, const std::string& mountTable) {
+  MountsChecked checked;
   for (const auto& place : mountPointsOfOurs(mountTable))
-    findings.push_back(checkMount(finder, place));
-  if (findings.empty()) findings.push_back(fine("mount", "Nothing is mounted."));
-  return findings;
+    checked.findings.push_back(checkMount(finder, place, checked.replicas));
+  if (checked.findings.empty()) checked.findings.push_back(fine("mount", "Nothing is mounted."));
+  return checked;
 }
 
 }  // namespace kestrune

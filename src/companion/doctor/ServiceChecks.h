@@ -3,6 +3,10 @@
 // Threads: callable from any thread; block for the network for as long as ServiceProbe.h says, and for hosts.
 #pragma once
 
+#include <filesystem>
+#include <string>
+#include <vector>
+
 #include "companion/configuration/ServiceProbe.h"
 #include "companion/control/HostFinder.h"
 #include "companion/doctor/Findings.h"
@@ -16,7 +20,12 @@ Findings checkService();
 /// "clock", "certificate", by what was answered at `now`.
 Findings checkTimes(const ServiceProbe& probe, platform::Date now);
 
-/// "mount", one for each folder of ours in the table; a finding of the kind "mount" if there is none.
-Findings checkMounts(const HostFinder& finder, const std::string& mountTable);
+struct MountsChecked {
+  /// "mount", one for each folder of ours in the table; one if there is none.
+  Findings findings;
+  /// Of the hosts that answered.
+  std::vector<std::filesystem::path> replicas;
+};
+MountsChecked checkMounts(const HostFinder& finder, const std::string& mountTable);
 
 }  // namespace kestrune

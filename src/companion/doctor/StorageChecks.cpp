@@ -95,15 +95,18 @@ Finding checkDirectory(const std::string& about, const fs::path& directory) {
   return fine(about, shown + " is private.");
 }
 
-Findings checkStorage(const fs::path& shared, const fs::path& replica) {
-  Findings findings{checkDirectory("shared", shared), checkDirectory("replica", replica)};
-  std::error_code error;
-  const auto space = fs::space(existing(replica), error);
-  if (error) {
-    findings.push_back(
-        warning("disk", "How full it is cannot be told: " + error.message() + ".", "See df."));
-  } else {
-    findings.push_back(checkSpace({space.capacity, space.available}));
+Findings checkStorage(const fs::path& shared, const std::vector<fs::path>& replicas) {
+  Findings findings{checkDirectory("shared", shared)};
+  for (const fs::path& replica : replicas) {
+    findings.push_back(checkDirectory("replica", replica));
+    std::error_code error;
+    const auto space = fs::space(existing(replica), error);
+    if (error) {
+      findings.push_back(
+          warning("disk", "How full it is cannot be told: " + error.message() + ".", "See df."));
+    } else {
+      findings.push_back(checkSpace({space.capacity, space.available}));
+    }
   }
   return findings;
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "companion/doctor/Findings.h"
 
@@ -23,7 +24,8 @@ Finding checkSpace(const DiskSpace& space);
 /// `about`: "replica", "shared". Its mode, owner and file system; that it is not there yet is fine.
 Finding checkDirectory(const std::string& about, const std::filesystem::path& directory);
 
-/// "shared", "replica", "disk".
-Findings checkStorage(const std::filesystem::path& shared, const std::filesystem::path& replica);
+/// "shared"; "replica" and "disk" for each replica.
+Findings checkStorage(const std::filesystem::path& shared,
+                      const std::vector<std::filesystem::path>& replicas);
 
 }  // namespace kestrune

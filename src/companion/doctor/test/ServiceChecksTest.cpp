@@ -78,15 +78,18 @@ class MountChecksTest : public testing::Test {
     served.server = std::make_unique<host::ControlServer>(options, served.control);
   }
   Finding look(const std::string& table = "36 35 98:0 / /mnt/k rw - fuse.kestrune kestrune rw\n") {
-    const auto findings = checkMounts(HostFinder({served.file().parent_path()}, table), table);
-    EXPECT_EQ(findings.size(), 1U);
-    return findings.at(0);
+    auto checked = checkMounts(HostFinder({served.file().parent_path()}, table), table);
+    replicas = std::move(checked.replicas);
+    EXPECT_EQ(checked.findings.size(), 1U);
+    return checked.findings.at(0);
   }
   host::ControlledHost served;
+  std::vector<std::filesystem::path> replicas;
 };
 
 TEST_F(MountChecksTest, TellHowEachHostIsDoing) {
   EXPECT_EQ(look().text, "'/mnt/k' is served by version 7.8.");
+  EXPECT_THAT(replicas, testing::ElementsAre(std::filesystem::path("/var/replica")));
   host::HostStatus status;
   status.heldDeletionCount = 2;
   served.control.setStatus(status);
@@ -109,6 +112,7 @@ TEST_F(MountChecksTest, TellHowEachHostIsDoing) {
 TEST_F(MountChecksTest, AHostThatDoesNotAnswerIsAProblem) {
   served.end();
   EXPECT_EQ(look().level, Level::problem);
+  EXPECT_THAT(replicas, testing::IsEmpty());
   EXPECT_THAT(look().advice, HasSubstr("fusermount3 -u -z '/mnt/k'"));
   EXPECT_EQ(look("").text, "Nothing is mounted.");
 }

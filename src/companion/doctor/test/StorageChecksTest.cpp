@@ -64,7 +64,7 @@ TEST(StorageChecks, FileSystemsThatDoNotKeepThingsAreTold) {
 
 TEST(StorageChecks, LooksAtTheDiskOfWhatIsNotThereYet) {
   const support::TemporaryDirectory top;
-  const Findings findings = checkStorage(top.path(), top.path() / "a/b/c");
+  const Findings findings = checkStorage(top.path(), {top.path() / "a/b/c"});
   ASSERT_EQ(findings.size(), 3U);
   EXPECT_EQ(findings[2].about, "disk");
   EXPECT_THAT(findings[2].text, HasSubstr("are free"));
