@@ -136,9 +136,9 @@ class DesktopService::Loop {
     }
     if (::poll(polled.data(), polled.size(), timeout) < 0 && errno != EINTR)
       throw std::system_error(errno, std::generic_category(), "poll");
-    Mailbox::Delivery delivery = mailbox_->take();
+    const Mailbox::Delivery delivery = mailbox_->take();
     try {
-      for (const auto& work : delivery.work) work();
+      for (const auto& work : delivery.letters) work();
     } catch (const std::system_error& error) {
       lost(error);
     }

@@ -20,11 +20,14 @@
 #include <vector>
 
 #include "desktop/Bus.h"
-#include "desktop/Mailbox.h"
 #include "desktop/Notifier.h"
+#include "host/basics/Mailbox.h"
 #include "host/control/HostControl.h"
 
 namespace kestrune::desktop {
+
+/// Work for the bus's thread.
+using Mailbox = host::Mailbox<std::function<void()>>;
 
 /// What the host knows of itself.
 struct MountFacts {

@@ -1,6 +1,5 @@
 #include "host/HostReplacement.h"
 
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,7 +14,6 @@ namespace kestrune::host {
 
 namespace {
 
-using platform::MutexLock;
 using platform::NSErrorPtr;
 using platform::NSPOSIXError;
 
@@ -32,25 +30,6 @@ std::vector<OpenFilePtr> openFilesOf(FuseFront& front) {
 }
 
 }  // namespace
-
-RestartWish::RestartWish()
-    : event_(std::make_unique<Descriptor>(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {
-  if (event_->number() < 0) throw NSPOSIXError(errno, "create an event counter");
-}
-
-void RestartWish::ask(Reply<Done> reply) {
-  MutexLock lock(mutex_);
-  replies_.push_back(std::move(reply));
-  const std::uint64_t one = 1;
-  [[maybe_unused]] const auto written = ::write(event_->number(), &one, sizeof(one));
-}
-
-std::vector<Reply<Done>> RestartWish::take() {
-  MutexLock lock(mutex_);
-  std::uint64_t count = 0;
-  [[maybe_unused]] const auto got = ::read(event_->number(), &count, sizeof(count));
-  return std::exchange(replies_, {});
-}
 
 HostReplacement::HostReplacement(Parts parts, ProgramStart program,
                                  std::filesystem::path mountPoint, std::uint64_t restarts)

@@ -7,41 +7,25 @@
 // From the last look until the execution the volume's lock is held, so that what was written down stays true. What the extension is
 // doing ends as it would with a crash, which it and the host are made for; what waits for it is begun anew by the successor.
 //
-// Threads: `run` on the main thread; RestartWish is asked from any.
+// Threads: `run` on the main thread; RestartWish as a mailbox.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
-#include <vector>
 
 #include "host/basics/Answer.h"
-#include "host/basics/LocalFile.h"
+#include "host/basics/Mailbox.h"
 #include "host/front/FuseKernelCache.h"
 #include "host/front/InheritedMount.h"
 #include "host/front/MountSession.h"
 #include "host/volume/FileSystem.h"
-#include "platform/values/Mutex.h"
 
 namespace kestrune::host {
 
-/// That somebody wants the host replaced.
-class RestartWish {
- public:
-  RestartWish();
-  /// Readable while somebody wants it.
-  int descriptor() const { return event_->number(); }
-  /// `reply` comes if it fails.
-  void ask(Reply<Done> reply);
-  /// Those who wanted it; nobody does afterwards.
-  std::vector<Reply<Done>> take();
-
- private:
-  const std::unique_ptr<Descriptor> event_;
-  platform::Mutex mutex_;
-  std::vector<Reply<Done>> replies_ GUARDED_BY(mutex_);
-};
+/// Who wants the host replaced; each is answered if it fails.
+using RestartWish = Mailbox<Reply<Done>>;
 
 class HostReplacement {
  public:

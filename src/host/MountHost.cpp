@@ -71,9 +71,9 @@ void waitForEnd(int signals, int ended, RestartWish& wish, HostReplacement& repl
       continue;
     }
     if (polled[0].revents != 0 || polled[1].revents != 0) return;
-    const auto replies = wish.take();
+    const auto wishes = wish.take();
     const NSErrorPtr error = replacement.run();
-    for (const auto& reply : replies) reply(error);
+    for (const auto& reply : wishes.letters) reply(error);
   }
 }
 
@@ -329,7 +329,7 @@ void runMountHost(const HostOptions& options, const ExtensionFactory& makeExtens
         *fileSystem,
         {[&front] { return front.passthroughInUse(); }, options.unpin,
          [pasteboard = mainWork.pasteboard()] { return pasteboard->take(); },
-         [&wish](Reply<Done> reply) { wish.ask(std::move(reply)); }, options.extensionStatus,
+         [&wish](Reply<Done> reply) { wish.put(std::move(reply)); }, options.extensionStatus,
          options.recentLog,
          [] { ::kill(::getpid(), SIGTERM); }});  // read by EndSignals, as any other end
     const auto server = listenFor(options, before, control, *remembered.log);

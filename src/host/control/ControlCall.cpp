@@ -9,7 +9,6 @@ namespace kestrune::host {
 
 using platform::Json;
 using Op = ControlRequest::Op;
-using Letter = ControlMailbox::Letter;
 
 namespace {
 
@@ -23,7 +22,7 @@ Json resultOf(const std::vector<std::string>& lines) { return logToJson(lines); 
 
 }  // namespace
 
-ControlCall::ControlCall(const Surroundings& surroundings, ControlMailbox::ClientId client,
+ControlCall::ControlCall(const Surroundings& surroundings, ControlClientId client,
                          ControlRequest request, Clock::time_point now)
     : surroundings_(surroundings),
       client_(client),
@@ -37,8 +36,8 @@ ControlCall::ControlCall(const Surroundings& surroundings, ControlMailbox::Clien
 template <class T>
 Reply<T> ControlCall::toMailbox() {
   return [mailbox = surroundings_.mailbox, client = client_](Answer<T> answer) {
-    Letter letter{client, answer.ok() ? Answer<Json>(resultOf(answer.value()))
-                                      : Answer<Json>(answer.error())};
+    ControlLetter letter{client, answer.ok() ? Answer<Json>(resultOf(answer.value()))
+                                             : Answer<Json>(answer.error())};
     mailbox->put(std::move(letter));
   };
 }
@@ -47,8 +46,8 @@ template <class T>
 Reply<Each<T>> ControlCall::eachToMailbox() {
   return [mailbox = surroundings_.mailbox, client = client_,
           paths = request_.paths](Answer<Each<T>> answer) {
-    Letter letter{client, answer.ok() ? Answer<Json>(toJson(paths, answer.value()))
-                                      : Answer<Json>(answer.error())};
+    ControlLetter letter{client, answer.ok() ? Answer<Json>(toJson(paths, answer.value()))
+                                             : Answer<Json>(answer.error())};
     mailbox->put(std::move(letter));
   };
 }
@@ -113,7 +112,7 @@ void ControlCall::look() {
       });
 }
 
-ControlCall::Output ControlCall::received(Letter letter, Clock::time_point now) {
+ControlCall::Output ControlCall::received(ControlLetter letter, Clock::time_point now) {
   if (!letter.answer.ok()) return {errorLine(letter.answer.error()->localizedDescription()), true};
   if (request_.op == Op::sync && state_ == State::begun) {
     state_ = State::looking;

@@ -12,7 +12,7 @@
 #include <optional>
 #include <string>
 
-#include "host/control/ControlMailbox.h"
+#include "host/control/ControlLetter.h"
 #include "host/control/ControlRequest.h"
 #include "host/control/HostControl.h"
 
@@ -29,15 +29,15 @@ class ControlCall {
   };
 
   /// `surroundings` outlives the call.
-  ControlCall(const Surroundings& surroundings, ControlMailbox::ClientId client,
-              ControlRequest request, Clock::time_point now);
+  ControlCall(const Surroundings& surroundings, ControlClientId client, ControlRequest request,
+              Clock::time_point now);
 
   /// Bytes for the client, perhaps none.
   struct Output {
     std::string bytes;
     bool isLast = false;
   };
-  Output received(ControlMailbox::Letter letter, Clock::time_point now);
+  Output received(ControlLetter letter, Clock::time_point now);
   /// REQUIRES: `wakeUp` has come.
   void resume(Clock::time_point now);
   /// When the call has something to do without a letter.
@@ -56,7 +56,7 @@ class ControlCall {
   Reply<Each<T>> eachToMailbox();
 
   const Surroundings& surroundings_;
-  const ControlMailbox::ClientId client_;
+  const ControlClientId client_;
   const ControlRequest request_;
   const Clock::time_point deadline_;
   State state_ = State::begun;

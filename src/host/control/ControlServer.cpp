@@ -70,7 +70,7 @@ class ControlServer::Loop {
   }
 
  private:
-  using Clients = std::map<ControlMailbox::ClientId, Client>;
+  using Clients = std::map<ControlClientId, Client>;
 
   /// True at the end.
   bool waitAndServe() {
@@ -122,7 +122,7 @@ class ControlServer::Loop {
   }
 
   /// Sends what there is and begins what was asked, as far as that goes at once. False if the client is to go.
-  bool goOn(ControlMailbox::ClientId id, Client& client) {
+  bool goOn(ControlClientId id, Client& client) {
     do {
       bool moved = false;
       if (!client.peer.send(moved)) return false;
@@ -132,7 +132,7 @@ class ControlServer::Loop {
   }
 
   /// Reads one line if it is time for that; false if there was none.
-  bool beginNext(ControlMailbox::ClientId id, Client& client) {
+  bool beginNext(ControlClientId id, Client& client) {
     if (client.call || client.isLeaving || client.peer.hasOutput()) return false;
     const auto line = client.peer.takeLine();
     if (!line && !client.peer.isLineTooLong()) return false;
@@ -171,7 +171,7 @@ class ControlServer::Loop {
   /// True if that was all.
   bool deliver() {
     ControlMailbox::Delivery delivery = surroundings_.mailbox->take();
-    for (ControlMailbox::Letter& letter : delivery.letters) {
+    for (ControlLetter& letter : delivery.letters) {
       const auto at = clients_.find(letter.client);
       if (at == clients_.end() || !at->second.call) continue;
       answer(at->second, std::move(letter));
@@ -180,7 +180,7 @@ class ControlServer::Loop {
     return delivery.isStopped;
   }
 
-  void answer(Client& client, ControlMailbox::Letter letter) {
+  void answer(Client& client, ControlLetter letter) {
     const ControlCall::Output output = client.call->received(std::move(letter), now_);
     const bool isHeldUp = client.peer.hasOutput();
     if (!isHeldUp) client.active = now_;
@@ -193,7 +193,7 @@ class ControlServer::Loop {
   const ControlCall::Surroundings surroundings_;
   const ControlSocket socket_;
   Clients clients_;
-  ControlMailbox::ClientId lastClient_ = 0;
+  ControlClientId lastClient_ = 0;
   Clock::time_point now_ = Clock::now();
   Clock::time_point listensAgain_{};
 };

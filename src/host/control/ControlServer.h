@@ -19,7 +19,7 @@
 #include <string>
 #include <thread>
 
-#include "host/control/ControlMailbox.h"
+#include "host/control/ControlLetter.h"
 #include "host/control/ControlSocket.h"
 #include "host/control/HostControl.h"
 
