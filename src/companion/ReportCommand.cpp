@@ -272,8 +272,10 @@ Json statusForStrangers(const Json& status) {
               {"process", "passthrough", "knownItems", "itemsHere", "bytesHere", "pendingChanges",
                "failingChanges", "uploads", "downloads", "storeReachable", "cacheLimitBytes",
                "lastSignal"});
-  told["heldDeletions"] = {{"count", status.at("heldDeletions").at("count")},
-                           {"paths", Json::array()}};
+  for (const char* counted : {"heldDeletions", "conflicts"}) {
+    if (status.contains(counted))  // a host of an older version may run
+      told[counted] = {{"count", status.at(counted).at("count")}, {"paths", Json::array()}};
+  }
   if (status.contains("lastAudit")) {
     told["lastAudit"] = {{"path", kLeftOut}};
     copyIfThere(status["lastAudit"], told["lastAudit"],

@@ -78,12 +78,13 @@ TEST_F(LiveCommandsTest, JsonHasTheKeysThatAreDocumented) {
   EXPECT_EQ(keysOf(ask("keep-deleted")), "count");
   auto status = ask("status");
   status.erase("lastSignal");  // there if the service's events were heard already
-  EXPECT_EQ(
-      keysOf(status),
-      "bytesHere domain downloads extension failingChanges heldDeletions itemsHere knownItems "
-      "mountPoint passthrough pendingChanges process replica restarts standstillMilliseconds "
-      "storeError storeReachable uploads version");
+  EXPECT_EQ(keysOf(status),
+            "bytesHere conflicts domain downloads extension failingChanges heldDeletions itemsHere "
+            "knownItems "
+            "mountPoint passthrough pendingChanges process replica restarts standstillMilliseconds "
+            "storeError storeReachable uploads version");
   EXPECT_EQ(keysOf(status["heldDeletions"]), "count paths");
+  EXPECT_EQ(keysOf(status["conflicts"]), "count paths");
   EXPECT_EQ(keysOf(status["extension"]), "confinement deaths process starts");
   const auto doctor = ask("doctor", 1);
   EXPECT_EQ(keysOf(doctor), "findings problems warnings");

@@ -20,16 +20,31 @@ std::string counted(std::uint64_t count, const char* one, const char* many) {
   return std::to_string(count) + " " + (count == 1 ? one : many);
 }
 
-std::string heldText(const Json& held, Escaping escaping) {
-  const std::uint64_t count = numberAt(held, "count");
-  if (count == 0) return {};
-  std::string text = counted(count, "deletion", "deletions") +
-                     " at the store not carried out here; decide with kestrune allow-deletions or "
-                     "kestrune keep-deleted:\n";
-  const Json& paths = held.at("paths");
+std::string pathLines(const Json& paths, std::uint64_t count, Escaping escaping) {
+  std::string text;
   for (const Json& path : paths) text += "  " + pathText(path, escaping) + "\n";
   if (paths.size() < count) text += "  and " + std::to_string(count - paths.size()) + " more\n";
   return text;
+}
+
+std::string heldText(const Json& held, Escaping escaping) {
+  const std::uint64_t count = numberAt(held, "count");
+  if (count == 0) return {};
+  const std::string text =
+      counted(count, "deletion", "deletions") +
+      " at the store not carried out here; decide with kestrune allow-deletions or "
+      "kestrune keep-deleted:\n";
+  return text + pathLines(held.at("paths"), count, escaping);
+}
+
+std::string conflictsText(const Json& conflicts, Escaping escaping) {
+  const std::uint64_t count = numberAt(conflicts, "count");
+  if (count == 0) return {};
+  const std::string text =
+      counted(count, "version lies", "versions lie") +
+      " beside the store's, changed here and elsewhere; put together what you need, "
+      "then remove or rename them:\n";
+  return text + pathLines(conflicts.at("paths"), count, escaping);
 }
 
 std::string sentenceEnd(const std::string& text) { return text.ends_with('.') ? "\n" : ".\n"; }
@@ -142,6 +157,7 @@ std::string statusText(const Json& status, Escaping escaping) {
     text += " of at most " + sizeText(numberAt(status, "cacheLimitBytes"));
   }
   text += ".\n" + heldText(status.at("heldDeletions"), escaping);
+  if (status.contains("conflicts")) text += conflictsText(status["conflicts"], escaping);
   if (status.contains("lastAudit")) {
     const Json& audit = status["lastAudit"];
     text += "Last audit: " + audit.at("at").get<std::string>() + ", " +

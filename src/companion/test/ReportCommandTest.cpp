@@ -91,6 +91,8 @@ TEST_F(ReportCommandTest, TheHostsStatusIsToldWithoutNames) {
   status.storeError = "no route to marker-host";
   status.heldDeletionCount = 2;
   status.heldDeletions = {"/marker-file"};
+  status.conflictCount = 3;
+  status.conflicts = {"/marker-conflict"};
   status.lastAudit = host::AuditReport{{}, "/marker-folder", 1, 3, 1};
   status.extension.emplace();
   status.extension->pid = 77;
@@ -106,6 +108,7 @@ TEST_F(ReportCommandTest, TheHostsStatusIsToldWithoutNames) {
   EXPECT_THAT(text, HasSubstr("Host: version 7.8, replaced 0 times\n"));
   EXPECT_THAT(text, HasSubstr("12 items known"));
   EXPECT_THAT(text, HasSubstr("2 deletions at the store"));
+  EXPECT_THAT(text, HasSubstr("3 versions lie beside the store's"));
   EXPECT_THAT(text, HasSubstr("1 difference repaired"));
   EXPECT_THAT(text, HasSubstr("process 77 (started 3 times)"));
   EXPECT_THAT(text, HasSubstr("bwrap: Can't find (left out); Landlock is missing."));

@@ -76,15 +76,18 @@ Json eachToJson(const std::vector<std::string>& paths, const Each<T>& answers) {
   return all;
 }
 
+// The first paths of so many items.
+Json countedPaths(std::uint64_t count, const std::vector<std::string>& paths, std::size_t most) {
+  Json list = Json::array();
+  for (std::size_t i = 0; i < paths.size() && i < most; ++i) list.push_back(pathToJson(paths[i]));
+  return {{"count", count}, {"paths", std::move(list)}};
+}
+
 std::string line(const Json& json) { return platform::encodeJson(json) + "\n"; }
 
 }  // namespace
 
 Json toJson(const HostStatus& status) {
-  Json paths = Json::array();
-  for (std::size_t i = 0; i < status.heldDeletions.size() && i < HostStatus::kMostHeldPaths; ++i) {
-    paths.push_back(pathToJson(status.heldDeletions[i]));
-  }
   Json json{{"passthrough", status.usesPassthrough},
             {"knownItems", status.knownItems},
             {"itemsHere", status.itemsHere},
@@ -93,7 +96,10 @@ Json toJson(const HostStatus& status) {
             {"failingChanges", status.failingChanges},
             {"uploads", status.uploads},
             {"downloads", status.downloads},
-            {"heldDeletions", {{"count", status.heldDeletionCount}, {"paths", std::move(paths)}}},
+            {"heldDeletions", countedPaths(status.heldDeletionCount, status.heldDeletions,
+                                           HostStatus::kMostHeldPaths)},
+            {"conflicts",
+             countedPaths(status.conflictCount, status.conflicts, HostStatus::kMostConflictPaths)},
             {"storeReachable", nullptr}};
   if (status.isStoreReachable) json["storeReachable"] = *status.isStoreReachable;
   if (status.cacheLimitBytes) json["cacheLimitBytes"] = *status.cacheLimitBytes;

@@ -36,18 +36,12 @@ struct AuditReport {
   std::uint64_t differencesInAll = 0;
 };
 
-struct HostStatus {
-  /// How many paths of held deletions are told.
+/// How a host is doing: what it has at hand, however many items it knows.
+struct HostCondition {
+  /// How many paths of held deletions and of conflict copies are told.
   static constexpr std::size_t kMostHeldPaths = 100;
+  static constexpr std::size_t kMostConflictPaths = 100;
 
-  /// Whether the kernel reads whole files without asking the host.
-  bool usesPassthrough = false;
-  std::uint64_t knownItems = 0;
-  /// Files with all or some of their contents here, and how much that is on the disk.
-  std::uint64_t itemsHere = 0;
-  std::uint64_t bytesHere = 0;
-  /// What contents may take at most; none without a limit.
-  std::optional<std::uint64_t> cacheLimitBytes;
   /// Changes of this machine that the store does not have yet, and those of them that failed at least once.
   std::uint64_t pendingChanges = 0;
   std::uint64_t failingChanges = 0;
@@ -56,16 +50,31 @@ struct HostStatus {
   /// What the store says is gone and the host does not take away before somebody says so; the first of them by path.
   std::uint64_t heldDeletionCount = 0;
   std::vector<std::string> heldDeletions;
+  /// Versions that were kept beside the store's, of this machine and of others, under the names that such get, in folders that
+  /// were visited; the first of them by path.
+  std::uint64_t conflictCount = 0;
+  std::vector<std::string> conflicts;
   /// Whether the last request to the store got an answer, and if not, what it failed with; nothing before the first.
   std::optional<bool> isStoreReachable;
   std::string storeError;
   /// The store knows the user no more: nothing goes either way before that is mended.
   bool isSignedOut = false;
+  /// None: it runs within the host.
+  std::optional<ExtensionStatus> extension;
+};
+
+struct HostStatus : HostCondition {
+  /// Whether the kernel reads whole files without asking the host.
+  bool usesPassthrough = false;
+  std::uint64_t knownItems = 0;
+  /// Files with all or some of their contents here, and how much that is on the disk.
+  std::uint64_t itemsHere = 0;
+  std::uint64_t bytesHere = 0;
+  /// What contents may take at most; none without a limit.
+  std::optional<std::uint64_t> cacheLimitBytes;
   std::optional<AuditReport> lastAudit;
   /// When somebody last said that the store may have changed.
   std::optional<platform::Date> lastSignal;
-  /// None: it runs within the host.
-  std::optional<ExtensionStatus> extension;
 };
 
 /// What is still to be done at the store for one item.
@@ -167,7 +176,11 @@ class HostControl {
  public:
   virtual ~HostControl() = default;
 
+  /// Looks at every item.
   virtual void status(Reply<HostStatus> reply) = 0;
+
+  /// The part of the status that takes no longer the more items there are: for who asks after each change.
+  virtual void condition(Reply<HostCondition> reply) = 0;
 
   /// What is not at the store yet of the item at `path` and of all below it, items included that were removed from
   /// there; at most `most` changes are told, `count` counts all. Also for a path that is only left as a pending

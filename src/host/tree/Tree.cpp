@@ -213,6 +213,7 @@ void Tree::attach(Item& item, Item& folder, const std::string& name) {
   item.folder = &folder;
   folder.part()->children.insert(item);
   byName_.insert(&item);
+  if (isConflictName(name)) conflictCopies_.insert(item.id);
   enterPlaceThere(item);
   note(item);
 }
@@ -221,6 +222,7 @@ void Tree::detach(Item& item) {
   leavePlaceThere(item);
   item.folder->part()->children.erase(item);
   byName_.erase(&item);
+  conflictCopies_.erase(item.id);
   item.folder = nullptr;
   enterPlaceThere(item);
   note(item);

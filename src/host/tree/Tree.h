@@ -170,6 +170,8 @@ class Tree {
   void applyItem(Item& item, const std::optional<ItemRecord>& record, std::uint64_t asOf);
   void setPolicy(Item& item, platform::NSFileProviderContentPolicy policy);
   std::vector<ItemId> heldDeletions() const;
+  /// What has here the name that a version gets which is kept beside the store's.
+  const std::set<ItemId>& conflictCopies() const { return conflictCopies_; }
   /// Believes the held deletions, or sends what they would take away to the store again. Those with a change on its
   /// way stay held.
   void settleHeldDeletions(bool believe);
@@ -312,6 +314,7 @@ class Tree {
   std::set<std::pair<Place, ItemId>> astray_;
   std::set<ItemId> differing_;
   std::set<ItemId> held_;
+  std::set<ItemId> conflictCopies_;
   /// Told to be gone while changes were on their way whose answers will say who that was.
   std::set<std::string> goneMeanwhile_;
   std::size_t underWay_ = 0;

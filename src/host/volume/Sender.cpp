@@ -342,9 +342,11 @@ std::vector<UnsentChange> Sender::unsent(const std::string& path, std::size_t mo
   total = 0;
   volume_->look([&](Tree& tree, Nodes&) {
     for (const ItemId id : unsentItems(tree, underWay)) {
+      // Of all that there is, what is not told is only counted: it may be a hundred thousand.
+      if (path == "/" && ++total > most) continue;
       const Item& item = *tree.find(id);
       std::string itemPath = tree.path(item);
-      if (!isAtOrBelow(itemPath, path) || ++total > most) continue;
+      if (path != "/" && (!isAtOrBelow(itemPath, path) || ++total > most)) continue;
       UnsentChange change;
       change.item = id;
       change.kind = kindOf(Tree::outgoingItem(item));

@@ -270,13 +270,17 @@ void Volume::tellWatch(const TreeEffects& effects) {
     if (!item->there && isConflictName(item->name())) watch_->conflictArose(id);
   }
   for (const ItemId folder : folders) watch_->folderChanged(folder);
+  // What was removed, or its removal sent, has no folder here; it counts among what is not at the store all the same.
+  if (folders.empty() && !(effects.changed.empty() && effects.forgotten.empty()))
+    watch_->somethingChanged();
 }
 
 void Volume::stateChanged(ItemId item) {
   if (!watch_->isWatched()) return;
   MutexLock lock(mutex_);
   const Item* found = tree_.find(item);
-  if (found != nullptr && found->folder != nullptr) watch_->folderChanged(found->folder->id);
+  if (found != nullptr && found->folder != nullptr) return watch_->folderChanged(found->folder->id);
+  watch_->somethingChanged();
 }
 
 void Volume::commitRows(const TreeEffects& effects, Survives survives, Reply<Done> reply) {

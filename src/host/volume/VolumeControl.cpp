@@ -13,6 +13,8 @@ VolumeControl::VolumeControl(const FileSystem& fileSystem, Outside outside)
 
 void VolumeControl::status(Reply<HostStatus> reply) { reply(work_->status()); }
 
+void VolumeControl::condition(Reply<HostCondition> reply) { reply(work_->condition()); }
+
 void VolumeControl::pending(std::string path, std::size_t most, Reply<PendingChanges> reply) {
   reply(work_->pending(path, most));
 }

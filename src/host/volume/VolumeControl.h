@@ -39,6 +39,7 @@ class VolumeControl final : public HostControl {
   VolumeControl(const FileSystem& fileSystem, Outside outside);
 
   void status(Reply<HostStatus> reply) override;
+  void condition(Reply<HostCondition> reply) override;
   void pending(std::string path, std::size_t most, Reply<PendingChanges> reply) override;
   void tryNow(std::string path, Reply<Done> reply) override;
   void act(ItemAction action, std::vector<std::string> paths, Reply<Each<Done>> reply) override;

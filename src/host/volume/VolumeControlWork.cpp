@@ -100,6 +100,17 @@ ItemState stateOfItem(const Item& item) {
   return told;
 }
 
+// The first by number, in the order of their paths: which those are among very many matters to nobody.
+std::vector<std::string> firstPaths(const Tree& tree, const auto& items, std::size_t most) {
+  std::vector<std::string> paths;
+  for (const ItemId id : items) {
+    if (paths.size() == most) break;
+    paths.push_back(tree.path(*tree.find(id)));
+  }
+  std::sort(paths.begin(), paths.end());
+  return paths;
+}
+
 }  // namespace
 
 VolumeControl::Work::Work(const FileSystem& fileSystem, Outside givenOutside)
@@ -115,8 +126,33 @@ VolumeControl::Work::Work(const FileSystem& fileSystem, Outside givenOutside)
       limits(fileSystem.limits()),
       outside(std::move(givenOutside)) {}
 
+HostCondition VolumeControl::Work::condition() {
+  HostCondition condition;
+  volume->look([&](Tree& tree, Nodes&) {
+    const auto held = tree.heldDeletions();
+    condition.heldDeletionCount = held.size();
+    condition.heldDeletions = firstPaths(tree, held, HostCondition::kMostHeldPaths);
+    condition.conflictCount = tree.conflictCopies().size();
+    condition.conflicts =
+        firstPaths(tree, tree.conflictCopies(), HostCondition::kMostConflictPaths);
+  });
+  condition.pendingChanges = sender->countUnsent();
+  condition.failingChanges = sender->countFailed();
+  const Activity::Facts facts = activity->facts();
+  condition.uploads = facts.uploads;
+  condition.downloads = facts.downloads;
+  if (facts.storeError) {
+    condition.isStoreReachable = facts.storeError->empty();
+    condition.storeError = *facts.storeError;
+    condition.isSignedOut = facts.isSignedOut;
+  }
+  if (outside.extensionStatus) condition.extension = outside.extensionStatus();
+  return condition;
+}
+
 HostStatus VolumeControl::Work::status() {
   HostStatus status;
+  static_cast<HostCondition&>(status) = condition();
   if (outside.usesPassthrough) status.usesPassthrough = outside.usesPassthrough();
   volume->look([&](Tree& tree, Nodes&) {
     status.knownItems = tree.count();
@@ -127,28 +163,10 @@ HostStatus VolumeControl::Work::status() {
       ++status.itemsHere;
       status.bytesHere += bytes;
     });
-    const auto held = tree.heldDeletions();
-    status.heldDeletionCount = held.size();
-    for (const ItemId id : held) {
-      if (status.heldDeletions.size() == HostStatus::kMostHeldPaths) break;
-      status.heldDeletions.push_back(tree.path(*tree.find(id)));
-    }
   });
-  std::sort(status.heldDeletions.begin(), status.heldDeletions.end());
   status.cacheLimitBytes = limits.cacheBytes;
-  status.pendingChanges = sender->countUnsent();
-  status.failingChanges = sender->countFailed();
-  const Activity::Facts facts = activity->facts();
-  status.uploads = facts.uploads;
-  status.downloads = facts.downloads;
-  if (facts.storeError) {
-    status.isStoreReachable = facts.storeError->empty();
-    status.storeError = *facts.storeError;
-    status.isSignedOut = facts.isSignedOut;
-  }
-  status.lastSignal = facts.lastSignal;
+  status.lastSignal = activity->facts().lastSignal;
   status.lastAudit = auditor->last();
-  if (outside.extensionStatus) status.extension = outside.extensionStatus();
   return status;
 }
 

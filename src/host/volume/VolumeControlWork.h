@@ -28,6 +28,7 @@ class VolumeControl::Work : public std::enable_shared_from_this<Work> {
   static Task<void> folderStates(std::shared_ptr<Work> self, std::string folder,
                                  Reply<std::vector<EntryState>> reply);
   HostStatus status();
+  HostCondition condition();
   PendingChanges pending(const std::string& path, std::size_t most);
 
   const std::shared_ptr<Volume> volume;

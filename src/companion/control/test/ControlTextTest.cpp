@@ -55,6 +55,8 @@ TEST(ControlText, TroubleIsTold) {
   status.failingChanges = 1;
   status.heldDeletionCount = 3;
   status.heldDeletions = {"/a\x1b", "/b"};
+  status.conflictCount = 4;
+  status.conflicts = {"/c\x1b", "/d"};
   status.cacheLimitBytes = 2048;
   status.lastAudit = host::AuditReport{{}, "/Docs", 1, 3, 1};
   status.lastSignal = platform::Date();
@@ -63,6 +65,8 @@ TEST(ControlText, TroubleIsTold) {
   EXPECT_THAT(text, HasSubstr("3 changes are not at the store yet, 1 failed so far"));
   EXPECT_THAT(text, HasSubstr("3 deletions at the store"));
   EXPECT_THAT(text, HasSubstr("and 1 more"));
+  EXPECT_THAT(text, HasSubstr("4 versions lie beside the store's"));
+  EXPECT_THAT(text, HasSubstr("  /d\n  and 2 more\n"));
   EXPECT_THAT(text, HasSubstr("of at most 2.0 KiB"));
   EXPECT_THAT(text, HasSubstr("/Docs, 1 difference repaired"));
   EXPECT_EQ(text.find('\x1b'), std::string::npos);

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "host/control/ControlRequest.h"
 #include "host/control/test/FakeHostControl.h"
 
 namespace kestrune::host {
@@ -24,6 +25,8 @@ TEST(ControlAnswer, TellsTheStatus) {
   status.downloads = 5;
   status.heldDeletionCount = 250;
   for (int i = 0; i < 250; ++i) status.heldDeletions.push_back("/" + std::to_string(i));
+  status.conflictCount = 101;
+  for (int i = 0; i < 101; ++i) status.conflicts.push_back("/\xff" + std::to_string(i));
   status.isStoreReachable = false;
   status.storeError = "no answer from \xff";
   status.lastAudit = AuditReport{platform::Date(std::chrono::seconds(1)), "/Docs", 2, 7, 9};
@@ -40,6 +43,10 @@ TEST(ControlAnswer, TellsTheStatus) {
   EXPECT_EQ(json["downloads"], 5);
   EXPECT_EQ(json["heldDeletions"]["count"], 250);
   EXPECT_EQ(json["heldDeletions"]["paths"].size(), HostStatus::kMostHeldPaths);
+  EXPECT_EQ(json["conflicts"]["count"], 101);
+  EXPECT_EQ(json["conflicts"]["paths"].size(), HostStatus::kMostConflictPaths);
+  EXPECT_EQ(json["conflicts"]["paths"][0], pathToJson("/\xff"
+                                                      "0"));
   EXPECT_EQ(json["storeReachable"], false);
   EXPECT_EQ(json["storeError"], "no answer from \\xff");
   EXPECT_EQ(json["lastAudit"]["at"], "1970-01-01T00:00:01Z");
@@ -52,6 +59,7 @@ TEST(ControlAnswer, TellsTheStatus) {
 
 TEST(ControlAnswer, LeavesOutWhatIsNotKnown) {
   const Json json = toJson(HostStatus());
+  EXPECT_EQ(json["conflicts"], (Json{{"count", 0}, {"paths", Json::array()}}));
   for (const char* name : {"cacheLimitBytes", "storeError", "lastAudit", "lastSignal"})
     EXPECT_FALSE(json.contains(name)) << name;
 }

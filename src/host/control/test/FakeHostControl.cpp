@@ -78,6 +78,15 @@ void FakeHostControl::status(Reply<HostStatus> reply) {
   answer("status", reply, Answer<HostStatus>(std::move(status)));
 }
 
+void FakeHostControl::condition(Reply<HostCondition> reply) {
+  HostCondition condition;
+  {
+    MutexLock lock(mutex_);
+    condition = status_;
+  }
+  answer("condition", reply, Answer<HostCondition>(std::move(condition)));
+}
+
 void FakeHostControl::pending(std::string path, std::size_t most, Reply<PendingChanges> reply) {
   const std::string call = "pending " + path + " " + std::to_string(most);
   if (auto error = whyUnknown(path)) {

@@ -26,6 +26,7 @@ namespace kestrune::host {
 class FakeHostControl final : public HostControl {
  public:
   void status(Reply<HostStatus> reply) override;
+  void condition(Reply<HostCondition> reply) override;
   void pending(std::string path, std::size_t most, Reply<PendingChanges> reply) override;
   void tryNow(std::string path, Reply<Done> reply) override;
   void act(ItemAction action, std::vector<std::string> paths, Reply<Each<Done>> reply) override;

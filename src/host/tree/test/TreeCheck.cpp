@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "host/out/ConflictName.h"
+
 namespace kestrune::host {
 
 namespace {
@@ -95,8 +97,10 @@ void TreeCheck::compareRows(Tree& tree) const {
 void TreeCheck::checkHere(Tree& tree) const {
   std::set<ItemId> differing;
   std::set<ItemId> held;
+  std::set<ItemId> conflictCopies;
   tree.forEach([&](Item& item) {
     EXPECT_EQ(tree.find(item.id), &item);
+    if (item.isLinked() && isConflictName(item.name())) conflictCopies.insert(item.id);
     EXPECT_LT(item.id, tree.nextItem());
     if (Tree::differs(item)) differing.insert(item.id);
     EXPECT_EQ(Tree::differs(item), !item.staysHere && Tree::outgoingItem(item).differs());
@@ -124,6 +128,7 @@ void TreeCheck::checkHere(Tree& tree) const {
   });
   for (const Item* child : tree.root().part()->children) EXPECT_EQ(tree.find(child->id), child);
   EXPECT_EQ(tree.differing(), differing);
+  EXPECT_EQ(tree.conflictCopies(), conflictCopies);
   const std::vector<ItemId> told = tree.heldDeletions();
   EXPECT_EQ(std::set<ItemId>(told.begin(), told.end()), held);
 }

@@ -37,6 +37,11 @@ class VolumeControlTest : public testing::Test {
     control_.status(answer.reply());
     return answer.get().value();
   }
+  HostCondition condition() {
+    const Awaited<HostCondition> answer;
+    control_.condition(answer.reply());
+    return answer.get().value();
+  }
   PendingChanges pending(const std::string& path, std::size_t most = 100) {
     const Awaited<PendingChanges> answer;
     control_.pending(path, most, answer.reply());
@@ -330,6 +335,41 @@ TEST_F(VolumeControlTest, TellsOfAConflictOnceItHasArisen) {
   }));
   EXPECT_THAT(conflicts[0], testing::StartsWith("/docs/a (conflict "));
   ASSERT_TRUE(host_.waitUntilSent());
+}
+
+TEST_F(VolumeControlTest, CountsConflictsUntilTheyAreSettled) {
+  const std::string mine = "/docs/x (conflict kestrel 2026-11-22 04.15).txt";
+  const std::string theirs = "/docs/a (conflict other 2026-11-21 10.00).txt";
+  host_.remote().putFile(theirs, "others made it");
+  EXPECT_EQ(condition().conflictCount, 0U);  // nobody has looked into the folder
+  host_.find("/docs/a.txt");
+  host_.save(mine, "1");
+  EXPECT_EQ(condition().conflictCount, 2U);
+  EXPECT_THAT(condition().conflicts, testing::ElementsAre(theirs, mine));
+  ASSERT_TRUE(host_.waitUntilSent());
+  EXPECT_EQ(condition().conflictCount, 2U);
+  ASSERT_EQ(host_.rename(mine, "/docs/x.txt"), 0);
+  EXPECT_THAT(condition().conflicts, testing::ElementsAre(theirs));
+  ASSERT_EQ(host_.removeFile(theirs), 0);
+  EXPECT_EQ(condition().conflictCount, 0U);
+  EXPECT_TRUE(condition().conflicts.empty());
+}
+
+// How many changes wait is known by what wakes: who waits for the last of them must hear of it.
+TEST_F(VolumeControlTest, WakesWhoWatchesForARemovalToo) {
+  host_.remote().putFile("/top.txt", "1");
+  host_.find("/top.txt");
+  control_.watch([this] { ++wakes_; });
+  ASSERT_EQ(host_.removeFile("/top.txt"), 0);
+  EXPECT_EQ(condition().pendingChanges, 1U);
+  EXPECT_GT(wakes_, 0);
+  host_.remote().hold(Ask::remove, "/top.txt");
+  ASSERT_TRUE(host_.passUntil([this] { return pending("/").changes.at(0).isUnderWay; }));
+  control_.takeChanges();
+  wakes_ = 0;
+  host_.remote().release(Ask::remove, "/top.txt", nullptr);
+  ASSERT_TRUE(host_.passUntil([this] { return condition().pendingChanges == 0; }));
+  ASSERT_TRUE(host_.passUntil([this] { return wakes_ > 0; }));
 }
 
 TEST_F(VolumeControlTest, SaysThatTheUserIsSignedOut) {
