@@ -148,13 +148,19 @@ bool isSignedOut(const NSError& error) {
          error.code() == NSFileProviderError::notAuthenticated;
 }
 
+bool isForbidden(const NSError& error) {
+  const auto status = error.userInfo().find(platform::kHTTPStatusCodeKey);
+  return status != error.userInfo().end() && status->second == "403";
+}
+
 bool isUnreachable(const NSError& error) {
   switch (errnoFor(error)) {
     case EHOSTUNREACH:
     case ETIMEDOUT:
     case ENETDOWN:
-    case EACCES:
       return true;
+    case EACCES:
+      return !isForbidden(error);
     default:
       return false;
   }

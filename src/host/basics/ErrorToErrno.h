@@ -23,6 +23,9 @@ int errnoFor(const platform::NSError& error);
 /// Whether what failed so may succeed as soon as anything else does: nobody was reached, or nobody let in.
 bool isUnreachable(const platform::NSError& error);
 
+/// Whether the store knows the user and does not let them do just this (HTTP 403): to wait helps as little as to ask for something else.
+bool isForbidden(const platform::NSError& error);
+
 /// Whether the store does not know the user (any more), other than that it keeps something from them.
 bool isSignedOut(const platform::NSError& error);
 

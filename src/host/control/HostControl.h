@@ -92,6 +92,8 @@ struct PendingChange {
   std::string reason;
   /// The last attempt failed although the store can be reached, so that waiting alone may not help.
   bool isRefused = false;
+  /// What is more: the store does not let the user do it.
+  bool isForbidden = false;
   /// When it is tried again, if it waits for that.
   std::optional<std::chrono::seconds> nextAttempt;
   /// Contents to be sent.

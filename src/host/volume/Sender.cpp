@@ -310,6 +310,7 @@ void Sender::waitAfter(Waits::Wait& wait, const platform::NSError& error) {
   ++wait.attempts;
   wait.reason = error.localizedDescription();
   wait.unreachable = isUnreachable(error);
+  wait.forbidden = isForbidden(error);
   anyUnreachable_ = anyUnreachable_ || wait.unreachable;
   if (!isOffline(error)) return;
   wait.notBefore = at;  // the pause is everybody's
@@ -359,6 +360,7 @@ std::vector<UnsentChange> Sender::unsent(const std::string& path, std::size_t mo
         change.attempts = wait->attempts;
         change.reason = wait->reason;
         change.isRefused = wait->attempts > 0 && !wait->unreachable;
+        change.isForbidden = change.isRefused && wait->forbidden;
         change.until = std::max(Clock(0), wait->notBefore - at);
       }
       if (change.reason.empty() && item.object() && item.object()->isOpenForWriting())

@@ -43,6 +43,8 @@ struct UnsentChange {
   std::string reason;
   /// It failed although the store can be reached.
   bool isRefused = false;
+  /// The store does not let the user do it.
+  bool isForbidden = false;
   /// Until it is tried again.
   std::chrono::nanoseconds until{0};
 };

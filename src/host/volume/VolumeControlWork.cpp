@@ -75,6 +75,7 @@ PendingChange toldOf(const UnsentChange& change, platform::Date now) {
   told.attempts = static_cast<std::uint64_t>(change.attempts);
   told.reason = change.reason;
   told.isRefused = change.isRefused;
+  told.isForbidden = change.isForbidden;
   if (change.attempts > 0 && !change.isUnderWay)
     told.nextAttempt = std::chrono::ceil<std::chrono::seconds>(change.until);
   if (told.kind == PendingChange::Kind::send || told.kind == PendingChange::Kind::create)

@@ -26,6 +26,7 @@ class Waits {
     /// How often the extension died of it, or with it, since it last went through.
     int interruptions = 0;
     bool unreachable = false;
+    bool forbidden = false;
     std::string reason;
     /// What was to be done when it failed last.
     std::optional<OutgoingItem> failed;

@@ -55,6 +55,18 @@ TEST(ErrorToErrnoTest, KnowsWhatMaySucceedWithTheNextAnswer) {
     EXPECT_FALSE(isUnreachable(NSError(kPOSIX, number, "text"))) << number;
 }
 
+TEST(ErrorToErrnoTest, WhatIsForbiddenIsNotWaitedFor) {
+  const auto withStatus = [](const char* status) {
+    return NSError("any.domain", 0, "text", {{platform::kHTTPStatusCodeKey, status}});
+  };
+  EXPECT_TRUE(isForbidden(withStatus("403")));
+  EXPECT_FALSE(isUnreachable(withStatus("403")));
+  EXPECT_FALSE(isForbidden(withStatus("401")));
+  EXPECT_TRUE(isUnreachable(withStatus("401")));
+  EXPECT_FALSE(isForbidden(NSFileProviderError(NSFileProviderError::notAuthenticated)));
+  EXPECT_FALSE(isForbidden(platform::NSPOSIXError(EACCES, "open")));
+}
+
 // Such answers the kernel refuses, or it takes ENOSYS as "never ask again".
 TEST(ErrorToErrnoTest, NothingTheKernelMisunderstandsIsSent) {
   check({{kPOSIX, 0, EIO},

@@ -372,6 +372,33 @@ TEST_F(VolumeControlTest, WakesWhoWatchesForARemovalToo) {
   ASSERT_TRUE(host_.passUntil([this] { return wakes_ > 0; }));
 }
 
+TEST_F(VolumeControlTest, TellsWhatTheStoreDoesNotLetTheUserSend) {
+  host_.find("/docs/a.txt");
+  const auto forbidden =
+      platform::NSError("store", 403, "not in this folder", {{platform::kHTTPStatusCodeKey, "403"}})
+          .share();
+  host_.remote().failWith(Ask::create, "/docs/new.txt", forbidden);
+  host_.save("/docs/new.txt", "new");
+  ASSERT_TRUE(host_.passUntil([this] { return pending("/").changes.at(0).attempts == 1; }));
+  const PendingChange change = pending("/").changes.at(0);
+  EXPECT_TRUE(change.isRefused);
+  EXPECT_TRUE(change.isForbidden);
+  EXPECT_EQ(change.reason, "not in this folder");
+  // That others are answered changes nothing for it: it waits for its own time.
+  host_.save("/docs/other.txt", "other");
+  ASSERT_TRUE(host_.passUntil([this] { return pending("/").count == 1; }));
+  EXPECT_EQ(pending("/").changes.at(0).attempts, 1U);
+  host_.remote().failWith(Ask::create, "/docs/new.txt", nullptr);
+  ASSERT_TRUE(host_.waitUntilSent());
+
+  host_.remote().failWith(Ask::create, "/docs/more.txt",
+                          platform::NSPOSIXError(ENOSPC, "write").share());
+  host_.save("/docs/more.txt", "more");
+  ASSERT_TRUE(host_.passUntil([this] { return pending("/").changes.at(0).attempts == 1; }));
+  EXPECT_TRUE(pending("/").changes.at(0).isRefused);
+  EXPECT_FALSE(pending("/").changes.at(0).isForbidden);
+}
+
 TEST_F(VolumeControlTest, SaysThatTheUserIsSignedOut) {
   EXPECT_FALSE(status().isSignedOut);
   control_.watch([this] { ++wakes_; });
