@@ -24,6 +24,25 @@ void send(sd_bus_message* message) {
   check(sd_bus_send(sd_bus_message_get_bus(message), message, nullptr), "send a message");
 }
 
+SlotPtr listenForOwners(sd_bus* bus, const char* name, sd_bus_message_handler_t changed,
+                        void* data) {
+  const std::string match =
+      "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
+      "member='NameOwnerChanged',arg0='" +
+      std::string(name) + "'";
+  sd_bus_slot* slot = nullptr;
+  check(sd_bus_add_match_async(bus, &slot, match.c_str(), changed, nullptr, data),
+        "listen for who offers a name");
+  return SlotPtr(slot);
+}
+
+bool hasOwner(sd_bus_message* changed) {
+  const char* name = nullptr;
+  const char* before = nullptr;
+  const char* now = nullptr;
+  return sd_bus_message_read(changed, "sss", &name, &before, &now) >= 0 && *now != '\0';
+}
+
 void appendBytes(sd_bus_message* message, const std::string& bytes) {
   check(sd_bus_message_append_array(message, 'y', bytes.c_str(), bytes.size() + 1), "add bytes");
 }

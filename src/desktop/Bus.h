@@ -38,6 +38,12 @@ MessagePtr keep(sd_bus_message* call);
 MessagePtr replyTo(sd_bus_message* call);
 void send(sd_bus_message* message);
 
+/// Has `changed` called with each NameOwnerChanged of `name`: who offers it came, went, or is another one now.
+SlotPtr listenForOwners(sd_bus* bus, const char* name, sd_bus_message_handler_t changed,
+                        void* data);
+/// Whether somebody offers it now, by such a signal.
+bool hasOwner(sd_bus_message* changed);
+
 void appendBytes(sd_bus_message* message, const std::string& bytes);
 /// Texts of messages are UTF-8 without zero bytes, whatever came from elsewhere.
 std::string text(const std::string& any);

@@ -11,73 +11,47 @@
 #include <system_error>
 #include <utility>
 
+#include "desktop/BusPresence.h"
+#include "desktop/HostFollower.h"
 #include "desktop/MountList.h"
+#include "desktop/ShutdownInhibitor.h"
 #include "platform/log/Log.h"
 
 namespace kestrune::desktop {
 
 namespace {
 
-using Clock = MountObject::Clock;
+using Clock = std::chrono::steady_clock;
+using Moment = std::optional<Clock::time_point>;
 
-constexpr std::chrono::seconds kFirstPause{1};
-constexpr std::chrono::seconds kLongestPause{60};
+Moment earlier(Moment a, Moment b) { return a && b ? std::min(*a, *b) : a ? a : b; }
 
-/// One connection and what is shown on it.
-class Session {
+/// What is shown on one connection to the session's bus.
+class MountOnBus {
  public:
-  Session(host::HostControl& control, std::shared_ptr<Mailbox> mailbox, const MountFacts& facts)
-      : facts_(facts) {
-    sd_bus* opened = nullptr;
-    check(sd_bus_open_user(&opened), "reach the session's bus");
-    bus_.reset(opened);
-    object_ = std::make_shared<MountObject>(bus_.get(), control, std::move(mailbox), facts);
+  MountOnBus(sd_bus* bus, host::HostControl& control, std::shared_ptr<Mailbox> mailbox,
+             const MountFacts& facts)
+      : object_(std::make_shared<MountObject>(bus, control, std::move(mailbox), facts)) {
+    const char* unique = nullptr;
+    check(sd_bus_get_unique_name(bus, &unique), "greet the session's bus");
+    const std::string name = MountList::nameFor(unique);
+    object_->begin();
+    list_.emplace(bus, name, facts.mountPoint);
+    check(sd_bus_request_name_async(bus, nullptr, name.c_str(), 0, &named, nullptr), "take a name");
+    check(sd_bus_request_name_async(bus, nullptr, kBusName, SD_BUS_NAME_QUEUE, &named, nullptr),
+          "take a name");
   }
-  ~Session() = default;
-  Session(const Session&) = delete;
-  Session& operator=(const Session&) = delete;
+  ~MountOnBus() = default;
+  MountOnBus(const MountOnBus&) = delete;
+  MountOnBus& operator=(const MountOnBus&) = delete;
 
-  void process() {
-    while (check(sd_bus_process(bus_.get(), nullptr), "serve the session's bus") > 0) {
-    }
-    // Only then is it known how the bus calls this connection; asking before would wait.
-    if (!list_ && check(sd_bus_is_ready(bus_.get()), "greet the session's bus") > 0) serve();
-  }
-  bool isServing() const { return list_.has_value(); }
-  std::optional<Clock::time_point> tick(Clock::time_point now) {
-    return list_ ? object_->tick(now) : std::nullopt;
-  }
-  pollfd toPoll() const {
-    const int events = check(sd_bus_get_events(bus_.get()), "serve the session's bus");
-    return {sd_bus_get_fd(bus_.get()), static_cast<short>(events), 0};
-  }
-  /// When sd-bus has something to do by itself.
-  std::optional<Clock::time_point> due() const {
-    std::uint64_t at = 0;
-    check(sd_bus_get_timeout(bus_.get(), &at), "serve the session's bus");
-    if (at == UINT64_MAX) return std::nullopt;
-    return Clock::time_point(std::chrono::microseconds(at));
-  }
+  MountObject& object() { return *object_; }
 
  private:
   // The connection's own name is free by its form. The common one may be another host's for now, and is passed on by the bus.
   static int named(sd_bus_message*, void*, sd_bus_error*) { return 1; }
-  void serve() {
-    const char* unique = nullptr;
-    check(sd_bus_get_unique_name(bus_.get(), &unique), "greet the session's bus");
-    const std::string name = MountList::nameFor(unique);
-    object_->begin();
-    list_.emplace(bus_.get(), name, facts_.mountPoint);
-    check(sd_bus_request_name_async(bus_.get(), nullptr, name.c_str(), 0, &named, nullptr),
-          "take a name");
-    check(sd_bus_request_name_async(bus_.get(), nullptr, kBusName, SD_BUS_NAME_QUEUE, &named,
-                                    nullptr),
-          "take a name");
-  }
 
-  const MountFacts& facts_;
-  BusPtr bus_;
-  std::shared_ptr<MountObject> object_;
+  const std::shared_ptr<MountObject> object_;
   std::optional<MountList> list_;
 };
 
@@ -92,43 +66,89 @@ class DesktopService::Loop {
     ::pthread_setname_np(::pthread_self(), "kes-desktop");
     while (wait(serve())) {
     }
-    session_.reset();
+    follower_.reset();
+    session_.end();
+    system_.end();
   }
 
  private:
-  /// Does what there is to do. When there is more, if that is known.
-  std::optional<Clock::time_point> serve() {
-    const auto now = Clock::now();
-    try {
-      if (!session_ && now >= nextTry_) session_.emplace(control_, mailbox_, facts_);
-      if (!session_) return nextTry_;
-      session_->process();
-      const auto next = session_->tick(now);
-      session_->process();
-      if (session_->isServing()) pause_ = kFirstPause;
-      return next;
-    } catch (const std::system_error& error) {
-      return lost(error);
-    }
+  BusPresence<MountOnBus>::Setting sessionSetting() {
+    return {&sd_bus_open_user,
+            [this](sd_bus* bus) {
+              isOverviewDue_ = true;
+              return std::make_unique<MountOnBus>(bus, control_, mailbox_, facts_);
+            },
+            // Machines without a desktop are no trouble to speak of.
+            [this](const std::system_error& error, bool wasThere) {
+              if (wasThere)
+                log_.write(platform::LogLevel::info, "The session's bus is gone: %{public}s",
+                           error.what());
+            }};
+  }
+  BusPresence<ShutdownInhibitor>::Setting systemSetting() {
+    return {&sd_bus_open_system,
+            [this](sd_bus* bus) {
+              isOverviewDue_ = true;
+              return std::make_unique<ShutdownInhibitor>(
+                  bus,
+                  ShutdownInhibitor::Setting{delay_, facts_.mountPoint,
+                                             [this](bool isGoingDown) { prepare(isGoingDown); }});
+            },
+            [this](const std::system_error& error, bool) {
+              if (!delay_.isHeld() && delay_.noteMissing())
+                log_.write(platform::LogLevel::info,
+                           "A shutdown does not wait for changes that are on this machine alone, "
+                           "without the system's bus: %{public}s",
+                           error.what());
+            }};
   }
 
-  std::optional<Clock::time_point> lost(const std::system_error& error) {
-    // Machines without a desktop are no trouble to speak of.
-    if (session_)
-      log_.write(platform::LogLevel::info, "The session's bus is gone: %{public}s", error.what());
-    session_.reset();
-    nextTry_ = Clock::now() + pause_;
-    pause_ = std::min(pause_ * 2, kLongestPause);
-    return nextTry_;
+  /// Does what there is to do. When there is more, if that is known.
+  Moment serve() {
+    const auto now = Clock::now();
+    Moment next = earlier(session_.serve(now), system_.serve(now));
+    follow();
+    if (follower_) next = earlier(next, follower_->tick(now));
+    system_.use([&](ShutdownInhibitor& inhibitor) { next = earlier(next, inhibitor.tick(now)); });
+    return next;
+  }
+
+  /// The host is followed while anybody wants to know, or something is to be let go in time.
+  void follow() {
+    if (!session_.isThere() && !system_.isThere() && !delay_.isHeld()) return follower_.reset();
+    if (!follower_) {
+      follower_ = std::make_shared<HostFollower>(
+          control_, mailbox_,
+          HostFollower::Told{
+              [this](const host::HostChanges& changes) {
+                session_.use([&](MountOnBus& mount) { mount.object().changed(changes); });
+              },
+              [this](const host::HostCondition& condition, const host::PendingChanges& pending) {
+                delay_.setWaiting(pending.count);
+                session_.use(
+                    [&](MountOnBus& mount) { mount.object().overview(condition, pending); });
+              }});
+      follower_->begin();
+    }
+    if (std::exchange(isOverviewDue_, false)) follower_->look();
+  }
+
+  void prepare(bool isGoingDown) {
+    if (follower_) follower_->setHurried(isGoingDown);
+    if (!isGoingDown || delay_.waiting() == 0) return;
+    log_.write(platform::LogLevel::info,
+               "The machine is going down: what is here alone is sent now, as far as there is time "
+               "(%lld changes)",
+               static_cast<long long>(delay_.waiting()));
+    // Those that fail are tried again by the next mount.
+    control_.tryNow("/", [](const host::Answer<host::Done>&) {});
   }
 
   /// False at the end.
-  bool wait(std::optional<Clock::time_point> next) {
-    std::array<pollfd, 2> polled = {pollfd{mailbox_->descriptor(), POLLIN, 0}, pollfd{-1, 0, 0}};
-    if (session_) {
-      polled[1] = session_->toPoll();
-      if (const auto due = session_->due()) next = next ? std::min(*next, *due) : due;
-    }
+  bool wait(Moment next) {
+    std::array<pollfd, 3> polled = {pollfd{mailbox_->descriptor(), POLLIN, 0}, session_.toPoll(),
+                                    system_.toPoll()};
+    next = earlier(next, earlier(session_.due(), system_.due()));
     int timeout = -1;
     if (next) {
       const auto left = std::chrono::ceil<std::chrono::milliseconds>(*next - Clock::now());
@@ -137,11 +157,8 @@ class DesktopService::Loop {
     if (::poll(polled.data(), polled.size(), timeout) < 0 && errno != EINTR)
       throw std::system_error(errno, std::generic_category(), "poll");
     const Mailbox::Delivery delivery = mailbox_->take();
-    try {
-      for (const auto& work : delivery.letters) work();
-    } catch (const std::system_error& error) {
-      lost(error);
-    }
+    // Answers to who asked on the session's bus; what the follower is told keeps its errors apart.
+    for (const auto& work : delivery.letters) session_.guard(work);
     return !delivery.isStopped;
   }
 
@@ -149,9 +166,12 @@ class DesktopService::Loop {
   const MountFacts facts_;
   host::HostControl& control_;
   const std::shared_ptr<Mailbox> mailbox_;
-  Clock::time_point nextTry_{};
-  std::chrono::seconds pause_ = kFirstPause;
-  std::optional<Session> session_;
+  ShutdownDelay delay_;
+  std::shared_ptr<HostFollower> follower_;
+  /// Somebody is there who has seen none.
+  bool isOverviewDue_ = false;
+  BusPresence<MountOnBus> session_{sessionSetting()};
+  BusPresence<ShutdownInhibitor> system_{systemSetting()};
 };
 
 DesktopService::DesktopService(MountFacts facts, host::HostControl& control)

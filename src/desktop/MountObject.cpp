@@ -1,7 +1,6 @@
 #include "desktop/MountObject.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <utility>
 
@@ -30,15 +29,15 @@ std::string errorOf(const Each<T>& answers, std::size_t at) {
   return answers[at].ok() ? std::string() : text(answers[at].error()->localizedDescription());
 }
 
-std::vector<std::string> problemsOf(const host::HostStatus& status,
+std::vector<std::string> problemsOf(const host::HostCondition& condition,
                                     const host::PendingChanges& pending, std::size_t most) {
   std::vector<std::string> problems;
-  if (status.isSignedOut || !status.isStoreReachable.value_or(true))
-    problems.push_back(text(status.storeError));
-  if (status.heldDeletionCount > 0)
-    problems.push_back(std::to_string(status.heldDeletionCount) + " deletions are held back");
-  if (status.extension && !status.extension->refusal.empty())
-    problems.push_back(text(status.extension->refusal));
+  if (condition.isSignedOut || !condition.isStoreReachable.value_or(true))
+    problems.push_back(text(condition.storeError));
+  if (condition.heldDeletionCount > 0)
+    problems.push_back(std::to_string(condition.heldDeletionCount) + " deletions are held back");
+  if (condition.extension && !condition.extension->refusal.empty())
+    problems.push_back(text(condition.extension->refusal));
   for (const host::PendingChange& change : pending.changes) {
     if (problems.size() == most) break;
     if (change.isRefused) problems.push_back(text(change.path) + ": " + text(change.reason));
@@ -164,15 +163,12 @@ MountObject::MountObject(sd_bus* bus, HostControl& control, std::shared_ptr<Mail
                          const MountFacts& facts)
     : bus_(bus), control_(control), mailbox_(std::move(mailbox)), facts_(facts) {}
 
-MountObject::~MountObject() { control_.watch(nullptr); }
-
 void MountObject::begin() {
   sd_bus_slot* slot = nullptr;
   check(sd_bus_add_object_vtable(bus_, &slot, kMountPath, kMountInterface, Handlers::table(), this),
         "show the mount on the bus");
   slot_.reset(slot);
   notifier_.emplace(bus_, facts_.mountPoint);
-  watch();
 }
 
 // ------------------------------------------------------------------------------------------- calls
@@ -250,39 +246,7 @@ void MountObject::links(sd_bus_message* call, std::vector<std::string> paths) {
 
 // ----------------------------------------------------------------------------------------- changes
 
-void MountObject::watch() {
-  // The host calls this with its locks held, perhaps thousands of times a second.
-  auto isPosted = std::make_shared<std::atomic<bool>>(false);
-  control_.watch([mailbox = mailbox_, weak = weak_from_this(), isPosted] {
-    if (isPosted->exchange(true)) return;
-    mailbox->put([weak, isPosted] {
-      *isPosted = false;
-      if (const auto self = weak.lock()) self->isChanged_ = true;
-    });
-  });
-}
-
-std::optional<MountObject::Clock::time_point> MountObject::tick(Clock::time_point now) {
-  if (isChanged_ && now >= nextChanges_) {
-    isChanged_ = false;
-    nextChanges_ = now + kTogether;
-    isOverviewWanted_ = true;
-    tellChanges();
-  }
-  if (isOverviewWanted_ && !isOverviewAsked_ && now >= nextOverview_) {
-    isOverviewWanted_ = false;
-    nextOverview_ = now + kOverview;
-    askOverview();
-  }
-  std::optional<Clock::time_point> next;
-  if (isChanged_) next = nextChanges_;
-  if (isOverviewWanted_ && !isOverviewAsked_)
-    next = next ? std::min(*next, nextOverview_) : nextOverview_;
-  return next;
-}
-
-void MountObject::tellChanges() {
-  const host::HostChanges changes = control_.takeChanges();
+void MountObject::changed(const host::HostChanges& changes) {
   if (notifier_) notifier_->conflicts(changes.conflicts);
   for (const std::string& folder : changes.folders) {
     if (!asked_.contains(folder)) continue;
@@ -295,41 +259,16 @@ void MountObject::tellChanges() {
   }
 }
 
-void MountObject::askOverview() {
-  isOverviewAsked_ = true;
-  control_.status([mailbox = mailbox_, weak = weak_from_this()](Answer<host::HostStatus> status) {
-    mailbox->put([weak, status = std::move(status)] {
-      const auto self = weak.lock();
-      if (!self) return;
-      if (status.ok()) return self->askPending(status.value());
-      self->isOverviewAsked_ = false;
-    });
-  });
-}
-
-void MountObject::askPending(const host::HostStatus& status) {
-  control_.pending(
-      "/", kMostPending,
-      [status, mailbox = mailbox_, weak = weak_from_this()](Answer<host::PendingChanges> pending) {
-        mailbox->put([weak, status, pending = std::move(pending)] {
-          const auto self = weak.lock();
-          if (!self) return;
-          self->isOverviewAsked_ = false;
-          if (pending.ok()) self->tellOverview(status, pending.value());
-        });
-      });
-}
-
-void MountObject::tellOverview(const host::HostStatus& status,
-                               const host::PendingChanges& pending) {
+void MountObject::overview(const host::HostCondition& condition,
+                           const host::PendingChanges& pending) {
   const auto tell = [this](const char* property) {
     check(sd_bus_emit_properties_changed(bus_, kMountPath, kMountInterface, property,
                                          static_cast<const char*>(nullptr)),
           "tell of a property");
   };
-  if (notifier_) notifier_->overview(status, pending);
+  if (notifier_) notifier_->overview(condition, pending);
   if (std::exchange(pendingCount_, pending.count) != pending.count) tell("PendingCount");
-  auto problems = problemsOf(status, pending, kMostProblems);
+  auto problems = problemsOf(condition, pending, kMostProblems);
   if (problems == problems_) return;
   problems_ = std::move(problems);
   tell("Problems");

@@ -2,14 +2,12 @@
 // docs/dbus.md describes.
 //
 // Every method is put to the host at once and answered when the host answers, however long that takes; the calls of others go on
-// meanwhile. Signals tell of folders whose states somebody has asked for on this connection, since nobody shows any others; what
-// changes again within kTogether is told once.
+// meanwhile. Signals tell of folders whose states somebody has asked for on this connection, since nobody shows any others.
 //
 // Owns: its registration on the bus and the calls that wait. Answers that come after its end go nowhere.
 // Threads: all of it on the thread of the bus. The host's answers come through the mailbox.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -20,14 +18,11 @@
 #include <vector>
 
 #include "desktop/Bus.h"
+#include "desktop/HostFollower.h"
 #include "desktop/Notifier.h"
-#include "host/basics/Mailbox.h"
 #include "host/control/HostControl.h"
 
 namespace kestrune::desktop {
-
-/// Work for the bus's thread.
-using Mailbox = host::Mailbox<std::function<void()>>;
 
 /// What the host knows of itself.
 struct MountFacts {
@@ -39,24 +34,18 @@ struct MountFacts {
 
 class MountObject : public std::enable_shared_from_this<MountObject> {
  public:
-  using Clock = std::chrono::steady_clock;
-  static constexpr std::chrono::milliseconds kTogether{300};
-  /// How often the host is asked how it is doing, at most: that looks at every item.
-  static constexpr std::chrono::seconds kOverview{2};
   static constexpr std::size_t kMostProblems = 20;
-  /// Of the pending changes, the oldest so many are looked through for problems.
-  static constexpr std::size_t kMostPending = 100;
 
   MountObject(sd_bus* bus, host::HostControl& control, std::shared_ptr<Mailbox> mailbox,
               const MountFacts& facts);
-  ~MountObject();
+  ~MountObject() = default;
   MountObject(const MountObject&) = delete;
   MountObject& operator=(const MountObject&) = delete;
 
-  /// Registers it and begins to watch the host.
+  /// Registers it.
   void begin();
-  /// Tells what is due. When to call again; nothing: not before the mailbox has something.
-  std::optional<Clock::time_point> tick(Clock::time_point now);
+  void changed(const host::HostChanges& changes);
+  void overview(const host::HostCondition& condition, const host::PendingChanges& pending);
 
  private:
   struct Handlers;
@@ -67,11 +56,6 @@ class MountObject : public std::enable_shared_from_this<MountObject> {
   void folderStates(sd_bus_message* call, const std::string& folder);
   void act(sd_bus_message* call, host::ItemAction action, std::vector<std::string> paths);
   void links(sd_bus_message* call, std::vector<std::string> paths);
-  void watch();
-  void tellChanges();
-  void askOverview();
-  void askPending(const host::HostStatus& status);
-  void tellOverview(const host::HostStatus& status, const host::PendingChanges& pending);
 
   sd_bus* const bus_;
   host::HostControl& control_;
@@ -82,12 +66,6 @@ class MountObject : public std::enable_shared_from_this<MountObject> {
   std::set<std::string> asked_;
   std::uint64_t pendingCount_ = 0;
   std::vector<std::string> problems_;
-  /// Something changed that was not told.
-  bool isChanged_ = false;
-  Clock::time_point nextChanges_{};
-  bool isOverviewWanted_ = true;
-  bool isOverviewAsked_ = false;
-  Clock::time_point nextOverview_{};
   std::optional<Notifier> notifier_;
   SlotPtr slot_;  // last: nothing is called once it has gone
 };

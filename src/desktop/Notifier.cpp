@@ -98,8 +98,8 @@ void Notifier::conflicts(const std::vector<std::string>& paths) {
          folderOf(newest));
 }
 
-void Notifier::overview(const host::HostStatus& status, const host::PendingChanges& pending) {
-  if (std::exchange(isSignedOut_, status.isSignedOut) != status.isSignedOut && isSignedOut_)
+void Notifier::overview(const host::HostCondition& condition, const host::PendingChanges& pending) {
+  if (std::exchange(isSignedOut_, condition.isSignedOut) != condition.isSignedOut && isSignedOut_)
     notify(signedOut_, "Kestrune is signed out",
            "Nothing is sent or fetched before a new token is set with \"kestrune configure\".",
            "/");

@@ -27,7 +27,7 @@ class Notifier {
   Notifier& operator=(const Notifier&) = delete;
 
   void conflicts(const std::vector<std::string>& paths);
-  void overview(const host::HostStatus& status, const host::PendingChanges& pending);
+  void overview(const host::HostCondition& condition, const host::PendingChanges& pending);
 
  private:
   struct Handlers;

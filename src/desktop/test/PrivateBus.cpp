@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 
 #include "desktop/MountList.h"
@@ -30,31 +31,48 @@ std::string programFile() {
   return {};
 }
 
+const char* variableOf(WhichBus which) {
+  return which == WhichBus::session ? "DBUS_SESSION_BUS_ADDRESS" : "DBUS_SYSTEM_BUS_ADDRESS";
+}
+
 }  // namespace
+
+sd_bus* openBus(WhichBus which) {
+  sd_bus* opened = nullptr;
+  check(which == WhichBus::session ? sd_bus_open_user(&opened) : sd_bus_open_system(&opened),
+        "open the bus");
+  return opened;
+}
 
 bool PrivateBus::isMissing() { return programFile().empty(); }
 
-PrivateBus::PrivateBus() {
+PrivateBus::PrivateBus(WhichBus which) : which_(which) {
+  static const bool isApart = [] {
+    for (const WhichBus each : {WhichBus::session, WhichBus::system})
+      ::setenv(variableOf(each), "unix:path=/nowhere/bus", 1);
+    return true;
+  }();
+  static_cast<void>(isApart);
   const std::string address = "unix:path=" + (directory_.path() / "bus").string();
-  ::setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+  ::setenv(variableOf(which_), address.c_str(), 1);
 }
 
 void PrivateBus::start() {
   std::filesystem::remove(directory_.path() / "bus");
-  std::vector<std::string> words = {
-      programFile(), "--session", "--nofork", "--nopidfile",
-      std::string("--address=") + std::getenv("DBUS_SESSION_BUS_ADDRESS")};
+  std::vector<std::string> words = {programFile(), "--session", "--nofork", "--nopidfile",
+                                    std::string("--address=") + std::getenv(variableOf(which_))};
   std::vector<char*> arguments;
   for (std::string& word : words) arguments.push_back(word.data());
   arguments.push_back(nullptr);
   if (::posix_spawn(&process_, words[0].c_str(), nullptr, nullptr, arguments.data(), environ) != 0)
     throw std::runtime_error("dbus-daemon cannot be started");
   for (const auto until = deadline(); std::chrono::steady_clock::now() < until;) {
-    sd_bus* opened = nullptr;
-    const int result = sd_bus_open_user(&opened);
-    const BusPtr bus(opened);
-    if (result >= 0) return;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    try {
+      const BusPtr bus(openBus(which_));
+      return;
+    } catch (const std::system_error&) {  // not yet
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
   }
   throw std::runtime_error("dbus-daemon takes no connections");
 }
@@ -65,11 +83,7 @@ void PrivateBus::stop() {
   ::waitpid(std::exchange(process_, 0), nullptr, 0);
 }
 
-BusClient::BusClient() {
-  sd_bus* opened = nullptr;
-  check(sd_bus_open_user(&opened), "open the bus");
-  bus_.reset(opened);
-}
+BusClient::BusClient(WhichBus which) : bus_(openBus(which)) {}
 
 std::vector<std::string> BusClient::hosts() {
   sd_bus_message* answered = nullptr;

@@ -13,14 +13,17 @@
 
 namespace kestrune::desktop::test {
 
-/// The session's bus of this process, always at the same address.
+enum class WhichBus { session, system };
+sd_bus* openBus(WhichBus which);
+
+/// The session's or the system's bus of this process, always at the same address.
 class PrivateBus {
  public:
   /// Where this machine has no dbus-daemon.
   static bool isMissing();
 
-  /// DBUS_SESSION_BUS_ADDRESS says from now on where it is; it does not run.
-  PrivateBus();
+  /// The environment says from now on where it is; it does not run. Nor does the other one, which is never the machine's own.
+  explicit PrivateBus(WhichBus which = WhichBus::session);
   ~PrivateBus() { stop(); }
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;
@@ -30,6 +33,7 @@ class PrivateBus {
   void stop();
 
  private:
+  const WhichBus which_;
   support::TemporaryDirectory directory_;
   pid_t process_ = 0;
 };
@@ -37,7 +41,7 @@ class PrivateBus {
 /// Waits for each answer; throws where none comes in time.
 class BusClient {
  public:
-  BusClient();
+  explicit BusClient(WhichBus which = WhichBus::session);
   ~BusClient() = default;
   BusClient(const BusClient&) = delete;
   BusClient& operator=(const BusClient&) = delete;
