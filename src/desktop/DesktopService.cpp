@@ -30,8 +30,9 @@ Moment earlier(Moment a, Moment b) { return a && b ? std::min(*a, *b) : a ? a : 
 class MountOnBus {
  public:
   MountOnBus(sd_bus* bus, host::HostControl& control, std::shared_ptr<Mailbox> mailbox,
-             const MountFacts& facts)
-      : object_(std::make_shared<MountObject>(bus, control, std::move(mailbox), facts)) {
+             const MountFacts& facts, std::function<void()> look)
+      : object_(std::make_shared<MountObject>(bus, control, std::move(mailbox), facts,
+                                              std::move(look))) {
     const char* unique = nullptr;
     check(sd_bus_get_unique_name(bus, &unique), "greet the session's bus");
     const std::string name = MountList::nameFor(unique);
@@ -76,7 +77,8 @@ class DesktopService::Loop {
     return {&sd_bus_open_user,
             [this](sd_bus* bus) {
               isOverviewDue_ = true;
-              return std::make_unique<MountOnBus>(bus, control_, mailbox_, facts_);
+              return std::make_unique<MountOnBus>(bus, control_, mailbox_, facts_,
+                                                  [this] { isOverviewDue_ = true; });
             },
             // Machines without a desktop are no trouble to speak of.
             [this](const std::system_error& error, bool wasThere) {
@@ -168,7 +170,7 @@ class DesktopService::Loop {
   const std::shared_ptr<Mailbox> mailbox_;
   ShutdownDelay delay_;
   std::shared_ptr<HostFollower> follower_;
-  /// Somebody is there who has seen none.
+  /// Somebody is there who has seen none, or asks.
   bool isOverviewDue_ = false;
   BusPresence<MountOnBus> session_{sessionSetting()};
   BusPresence<ShutdownInhibitor> system_{systemSetting()};

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "desktop/ConditionText.h"
 #include "desktop/StateWord.h"
 #include "host/basics/ErrorToErrno.h"
 #include "host/control/ControlRequest.h"
@@ -27,22 +28,6 @@ template <class T>
 std::string errorOf(const Each<T>& answers, std::size_t at) {
   if (at >= answers.size()) return "the host gave no answer for this path";
   return answers[at].ok() ? std::string() : text(answers[at].error()->localizedDescription());
-}
-
-std::vector<std::string> problemsOf(const host::HostCondition& condition,
-                                    const host::PendingChanges& pending, std::size_t most) {
-  std::vector<std::string> problems;
-  if (condition.isSignedOut || !condition.isStoreReachable.value_or(true))
-    problems.push_back(text(condition.storeError));
-  if (condition.heldDeletionCount > 0)
-    problems.push_back(std::to_string(condition.heldDeletionCount) + " deletions are held back");
-  if (condition.extension && !condition.extension->refusal.empty())
-    problems.push_back(text(condition.extension->refusal));
-  for (const host::PendingChange& change : pending.changes) {
-    if (problems.size() == most) break;
-    if (change.isRefused) problems.push_back(text(change.path) + ": " + text(change.reason));
-  }
-  return problems;
 }
 
 }  // namespace
@@ -160,15 +145,20 @@ const sd_bus_vtable* MountObject::Handlers::table() {
 }
 
 MountObject::MountObject(sd_bus* bus, HostControl& control, std::shared_ptr<Mailbox> mailbox,
-                         const MountFacts& facts)
-    : bus_(bus), control_(control), mailbox_(std::move(mailbox)), facts_(facts) {}
+                         const MountFacts& facts, std::function<void()> look)
+    : bus_(bus),
+      control_(control),
+      mailbox_(std::move(mailbox)),
+      facts_(facts),
+      look_(std::move(look)) {}
 
 void MountObject::begin() {
   sd_bus_slot* slot = nullptr;
   check(sd_bus_add_object_vtable(bus_, &slot, kMountPath, kMountInterface, Handlers::table(), this),
         "show the mount on the bus");
   slot_.reset(slot);
-  notifier_.emplace(bus_, facts_.mountPoint);
+  const auto tryNow = [this] { control_.tryNow("/", [](const Answer<Done>&) {}); };
+  notifier_.emplace(bus_, facts_.mountPoint, Notifier::Deeds{look_, tryNow});
 }
 
 // ------------------------------------------------------------------------------------------- calls

@@ -36,8 +36,9 @@ class MountObject : public std::enable_shared_from_this<MountObject> {
  public:
   static constexpr std::size_t kMostProblems = 20;
 
+  /// `look` asks for an overview soon; it may be called while this lives.
   MountObject(sd_bus* bus, host::HostControl& control, std::shared_ptr<Mailbox> mailbox,
-              const MountFacts& facts);
+              const MountFacts& facts, std::function<void()> look);
   ~MountObject() = default;
   MountObject(const MountObject&) = delete;
   MountObject& operator=(const MountObject&) = delete;
@@ -61,6 +62,7 @@ class MountObject : public std::enable_shared_from_this<MountObject> {
   host::HostControl& control_;
   const std::shared_ptr<Mailbox> mailbox_;
   const MountFacts& facts_;
+  const std::function<void()> look_;
   std::map<CallId, MessagePtr> calls_;
   CallId lastCall_ = 0;
   std::set<std::string> asked_;

@@ -30,18 +30,19 @@ class FakeDesktop {
         SD_BUS_VTABLE_START(0),
         SD_BUS_METHOD("ShowFolders", "ass", "", shownFolders, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_VTABLE_END};
-    check(sd_bus_add_object_vtable(bus, nullptr, "/org/freedesktop/Notifications",
-                                   "org.freedesktop.Notifications", kNotifications, this),
+    check(sd_bus_add_object_vtable(bus, nullptr, "/org/freedesktop/Notifications", kName,
+                                   kNotifications, this),
           "add");
     check(sd_bus_add_object_vtable(bus, nullptr, "/org/freedesktop/FileManager1",
                                    "org.freedesktop.FileManager1", kFolders, this),
           "add");
-    check(sd_bus_request_name(bus, "org.freedesktop.Notifications", 0), "own");
     check(sd_bus_request_name(bus, "org.freedesktop.FileManager1", 0), "own");
   }
-  void click(std::uint32_t id) {
-    check(sd_bus_emit_signal(bus_, "/org/freedesktop/Notifications",
-                             "org.freedesktop.Notifications", "ActionInvoked", "us", id, "default"),
+  void begin() { check(sd_bus_request_name(bus_, kName, 0), "own"); }
+  void end() { check(sd_bus_release_name(bus_, kName), "leave"); }
+  void click(std::uint32_t id, const char* action = "default") {
+    check(sd_bus_emit_signal(bus_, "/org/freedesktop/Notifications", kName, "ActionInvoked", "us",
+                             id, action),
           "click");
   }
 
@@ -49,11 +50,15 @@ class FakeDesktop {
     std::uint32_t replaced = 0;
     std::string summary;
     std::string body;
+    /// Without their labels.
+    std::vector<std::string> actions = {};
   };
   std::vector<Shown> shown;
   std::vector<std::string> folders;
 
  private:
+  static constexpr const char* kName = "org.freedesktop.Notifications";
+
   static int notified(sd_bus_message* call, void* data, sd_bus_error*) {
     auto& self = *static_cast<FakeDesktop*>(data);
     const char* application = nullptr;
@@ -63,6 +68,11 @@ class FakeDesktop {
     std::uint32_t replaced = 0;
     sd_bus_message_read(call, "susss", &application, &replaced, &icon, &summary, &body);
     self.shown.push_back({replaced, summary, body});
+    const char* action = nullptr;
+    const char* label = nullptr;
+    sd_bus_message_enter_container(call, 'a', "s");
+    while (sd_bus_message_read(call, "ss", &action, &label) > 0)
+      self.shown.back().actions.emplace_back(action);
     const std::uint32_t id =
         replaced != 0 ? replaced : static_cast<std::uint32_t>(self.shown.size());
     return sd_bus_reply_method_return(call, "u", id);
@@ -86,12 +96,21 @@ class NotifierTest : public testing::Test {
     client_.emplace();
     desktop_.emplace(client_->bus());
     control_.setPending("/", {});
+  }
+  /// The mount comes to a desktop that shows notifications.
+  void begin() {
+    desktop_->begin();
+    serve();
+  }
+  void serve() {
     service_.emplace(MountFacts{"/home/me/my files", "main", "1"}, control_);
     client_->waitForHosts(1);
     // What is so at the beginning has been told.
     for (int i = 0; i < 2000 && control_.callCount("pending / 100") == 0; ++i) pass();
+    settle();
   }
   void pass() { client_->takeSignalsFor(std::chrono::milliseconds(10)); }
+  void settle() { client_->takeSignalsFor(std::chrono::milliseconds(200)); }
   bool waitForShown(std::size_t count) {
     for (int i = 0; i < 2000 && desktop_->shown.size() < count; ++i) pass();
     return desktop_->shown.size() >= count;
@@ -103,7 +122,13 @@ class NotifierTest : public testing::Test {
     const std::size_t looks = control_.callCount("pending / 100");
     control_.change({});
     for (int i = 0; i < 2000 && control_.callCount("pending / 100") == looks; ++i) pass();
-    client_->takeSignalsFor(std::chrono::milliseconds(200));
+    settle();
+  }
+  static host::PendingChange refused(const std::string& path, const std::string& reason) {
+    host::PendingChange change = host::pendingSend(path, reason);
+    change.isRefused = true;
+    change.attempts = Notifier::kRefusals;
+    return change;
   }
 
   std::optional<PrivateBus> bus_;
@@ -114,6 +139,7 @@ class NotifierTest : public testing::Test {
 };
 
 TEST_F(NotifierTest, TellsOfEachConflictOnceInOneNotification) {
+  begin();
   control_.change({{}, {"/docs/a (conflict <x>).txt"}});
   ASSERT_TRUE(waitForShown(1));
   EXPECT_EQ(desktop_->shown[0].replaced, 0U);
@@ -133,8 +159,8 @@ TEST_F(NotifierTest, TellsOfEachConflictOnceInOneNotification) {
 }
 
 TEST_F(NotifierTest, TellsOfRefusalsAgainOnlyAfterTheyWereOver) {
-  host::PendingChange change = host::pendingSend("/docs/a", "no more space");
-  change.isRefused = true;
+  begin();
+  host::PendingChange change = refused("/docs/a", "no more space");
   change.attempts = Notifier::kRefusals - 1;
   become({}, {1, {change}});
   EXPECT_TRUE(desktop_->shown.empty());
@@ -151,11 +177,10 @@ TEST_F(NotifierTest, TellsOfRefusalsAgainOnlyAfterTheyWereOver) {
 }
 
 TEST_F(NotifierTest, TellsOnceThatTheUserIsSignedOut) {
+  begin();
   host::HostStatus status;
   status.isSignedOut = true;
-  host::PendingChange change = host::pendingSend("/docs/a", "not signed in");
-  change.isRefused = true;
-  change.attempts = Notifier::kRefusals;
+  const host::PendingChange change = refused("/docs/a", "not signed in");
   become(status, {1, {change}});
   become(status, {1, {change}});
   ASSERT_EQ(desktop_->shown.size(), 1U);
@@ -163,6 +188,98 @@ TEST_F(NotifierTest, TellsOnceThatTheUserIsSignedOut) {
   become({}, {});
   become(status, {});
   EXPECT_EQ(desktop_->shown.size(), 2U);
+}
+
+TEST_F(NotifierTest, SaysOnceWhatToDoAboutWhatIsForbidden) {
+  begin();
+  host::PendingChange change = refused("/docs/a", "not in this folder");
+  change.isForbidden = true;
+  become({}, {1, {change}});
+  become({}, {1, {change}});
+  ASSERT_EQ(desktop_->shown.size(), 1U);
+  EXPECT_THAT(desktop_->shown[0].body, HasSubstr("not in this folder. You may not change this"));
+  become({}, {1, {refused("/docs/b", "no more space")}});
+  ASSERT_EQ(desktop_->shown.size(), 2U);
+  EXPECT_EQ(desktop_->shown[1].body, "no more space. It exists on this machine alone until then.");
+}
+
+TEST_F(NotifierTest, TellsOnceOfConflictsFromBefore) {
+  host::HostStatus status;
+  status.conflictCount = 3;
+  status.conflicts = {"/docs/a (conflict)", "/docs/b (conflict)", "/docs/c (conflict)"};
+  control_.setStatus(status);
+  begin();
+  ASSERT_TRUE(waitForShown(1));
+  EXPECT_THAT(desktop_->shown[0].summary, HasSubstr("not settled"));
+  EXPECT_THAT(desktop_->shown[0].body, HasSubstr("\"c (conflict)\" and 2 more lie beside"));
+  // None of them has arisen, whoever says so; nor is anything said again as long as the mount is there.
+  control_.change({{}, {"/docs/b (conflict)"}});
+  become(status, {});
+  become(status, {});
+  EXPECT_EQ(desktop_->shown.size(), 1U);
+  // The next start reminds of what is left.
+  service_.reset();
+  client_->waitForHosts(0);
+  status.conflictCount = 1;
+  status.conflicts = {"/docs/a (conflict)"};
+  control_.setStatus(status);
+  serve();
+  ASSERT_TRUE(waitForShown(2));
+  EXPECT_THAT(desktop_->shown[1].body, HasSubstr("\"a (conflict)\" lies beside"));
+}
+
+TEST_F(NotifierTest, WaitsForWhoShowsThem) {
+  host::HostStatus status;
+  status.conflictCount = 1;
+  status.conflicts = {"/docs/a (conflict)"};
+  control_.setStatus(status);
+  serve();
+  become(status, {1, {refused("/docs/a", "no more space")}});
+  become(status, {});  // which is over
+  EXPECT_TRUE(desktop_->shown.empty());
+  desktop_->begin();
+  ASSERT_TRUE(waitForShown(1));
+  settle();
+  ASSERT_EQ(desktop_->shown.size(), 1U);
+  EXPECT_THAT(desktop_->shown[0].summary, HasSubstr("not settled"));
+  // What was shown is not shown again; the next one begins with numbers of its own.
+  desktop_->end();
+  desktop_->begin();
+  settle();
+  ASSERT_EQ(desktop_->shown.size(), 1U);
+  control_.change({{}, {"/docs/b (conflict)"}});
+  ASSERT_TRUE(waitForShown(2));
+  EXPECT_EQ(desktop_->shown[1].replaced, 0U);
+}
+
+TEST_F(NotifierTest, ShowsTheStatusAndTriesAgain) {
+  begin();
+  host::HostStatus status;
+  status.isStoreReachable = true;
+  status.heldDeletionCount = 30;
+  status.conflictCount = 1;
+  const host::PendingChange change = refused("/docs/a", "no more <space>");
+  become(status, {2, {change}});
+  ASSERT_EQ(desktop_->shown.size(), 1U);
+  EXPECT_THAT(desktop_->shown[0].actions, ElementsAre("default", "try-again", "status"));
+  EXPECT_EQ(control_.callCount("tryNow /"), 0U);
+  desktop_->click(1, "try-again");
+  for (int i = 0; i < 2000 && control_.callCount("tryNow /") == 0; ++i) pass();
+  EXPECT_EQ(control_.callCount("tryNow /"), 1U);
+  EXPECT_TRUE(desktop_->folders.empty());
+
+  const auto clicked = std::chrono::steady_clock::now();
+  desktop_->click(1, "status");
+  ASSERT_TRUE(waitForShown(2));
+  EXPECT_LT(std::chrono::steady_clock::now() - clicked, std::chrono::milliseconds(1500));
+  EXPECT_EQ(desktop_->shown[1].replaced, 0U);
+  EXPECT_EQ(desktop_->shown[1].summary, "Kestrune: /home/me/my files");
+  EXPECT_EQ(desktop_->shown[1].body,
+            "2 changes are not at the store yet.\n1 version lies beside the store's.\n"
+            "30 deletions are held back\n/docs/a: no more &lt;space&gt;");
+  EXPECT_THAT(desktop_->shown[1].actions, ElementsAre("default"));
+  become(status, {2, {change}});
+  EXPECT_EQ(desktop_->shown.size(), 2U);  // once for each click
 }
 
 }  // namespace
