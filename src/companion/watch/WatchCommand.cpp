@@ -119,8 +119,10 @@ class Teller {
       now.insert(line);
     }
     for (const std::string& line : before_) {
-      const bool isTransfer = line.starts_with("upload of ") || line.starts_with("download of ");
-      if (isTransfer && !now.contains(line))
+      const bool endsSometime = line.starts_with("upload of ") ||
+                                line.starts_with("download of ") ||
+                                line.starts_with("conflict at ");
+      if (endsSometime && !now.contains(line))
         std::cout << platform::formatISO8601(platform::dateNow()) << " ended: " << line << "\n";
     }
     before_ = std::move(now);

@@ -16,6 +16,9 @@ namespace {
 constexpr std::size_t kBar = 12;
 constexpr std::size_t kRate = 12;
 constexpr std::size_t kLeft = 8;
+// What conflicts get of a page that changes which wait would fill: a blank line, the heading, and so many of them.
+constexpr std::size_t kConflictsKept = 3;
+constexpr std::size_t kHeading = 2;
 
 std::uint64_t numberAt(const Json& object, const char* name) {
   return object.is_object() ? object.value(name, std::uint64_t{0}) : 0;
@@ -131,13 +134,36 @@ void addTransfers(Page& page, const WatchFacts& facts, const TransferRates& rate
     page.line("and " + std::to_string(transfers.size() - most) + " more");
 }
 
-void addPending(Page& page, const Json& pending) {
+std::uint64_t conflictsOf(const Json& status) {
+  return status.contains("conflicts") ? numberAt(status["conflicts"], "count") : 0;
+}
+
+std::size_t linesForConflicts(const Page& page, std::uint64_t count) {
+  if (count == 0) return 0;
+  return std::min<std::size_t>(kHeading + std::min<std::uint64_t>(count, kConflictsKept),
+                               page.room() / 2);
+}
+
+void addConflicts(Page& page, const Json& status) {
+  const std::uint64_t count = conflictsOf(status);
+  if (count == 0 || page.room() <= kHeading) return;
+  page.heading("Changed here and elsewhere (" + std::to_string(count) + ")");
+  const Json& paths = status["conflicts"].at("paths");
+  const std::size_t fitting = page.room() >= count ? paths.size() : page.room() - 1;
+  const std::size_t shown = std::min(fitting, paths.size());
+  for (std::size_t i = 0; i < shown; ++i)
+    page.line(fittedEnd(host::pathFromJson(paths[i]), page.columns()));
+  if (shown < count) page.line("and " + std::to_string(count - shown) + " more");
+}
+
+void addPending(Page& page, const Json& pending, std::size_t leave) {
   const std::uint64_t count = numberAt(pending, "count");
-  if (count == 0) return;
+  if (count == 0 || page.room() <= kHeading + leave) return;
   page.heading("Not at the store (" + std::to_string(count) + ")");
   constexpr std::size_t kKind = 7;
   const std::size_t forPath = page.columns() / 3;
   for (const Json& change : pending.at("changes")) {
+    if (page.room() <= leave) return;
     page.line(fitted(change.at("change").get<std::string>(), kKind) +
               fittedEnd(host::pathFromJson(change.at("path")), forPath) + " " + waitText(change));
   }
@@ -160,7 +186,8 @@ std::vector<std::string> watchPage(const WatchFacts& facts, const TransferRates&
   if (const std::string held = heldText(status); !held.empty()) page.line(held);
   page.line(cacheText(status, page.columns()));
   addTransfers(page, facts, rates);
-  addPending(page, facts.pending);
+  addPending(page, facts.pending, linesForConflicts(page, conflictsOf(status)));
+  addConflicts(page, status);
   return page.take();
 }
 
@@ -173,6 +200,12 @@ std::vector<std::string> watchLines(const WatchFacts& facts, Escaping escaping) 
     lines.push_back(
         std::string(nameOf(transfer.direction)) + " of " + escapedText(transfer.path, escaping) +
         (transfer.totalBytes > 0 ? ", " + sizeText(unsignedOf(transfer.totalBytes)) : ""));
+  }
+  if (const std::uint64_t conflicts = conflictsOf(facts.status); conflicts > 0) {
+    const Json& paths = facts.status["conflicts"].at("paths");
+    for (const Json& path : paths) lines.push_back("conflict at " + pathText(path, escaping));
+    if (conflicts > paths.size())
+      lines.push_back("and " + std::to_string(conflicts - paths.size()) + " more conflicts");
   }
   if (!facts.pending.is_object()) return lines;
   for (const Json& change : facts.pending.at("changes")) {

@@ -110,6 +110,22 @@ TEST_F(WatchProgram, OnAPipeItTellsEachChangeOnce) {
   EXPECT_EQ(program.finish(), 130);
 }
 
+TEST_F(WatchProgram, ShowsConflictsAsTheyComeAndGo) {
+  const std::string path = "/a (conflict kestrel 2026-11-22 04.15)";
+  host::HostStatus status;
+  status.conflictCount = 1;
+  status.conflicts = {path};
+  ChildProgram piped("kestrune", {"status", "--watch"});
+  piped.readLine();
+  piped.readLine();
+  control.setStatus(status);
+  EXPECT_THAT(piped.readLine().value_or(""), testing::EndsWith("Z conflict at " + path));
+  TerminalProgram page({"status", "--watch"});
+  EXPECT_THAT(page.readUntil(path), HasSubstr("Changed here and elsewhere (1)"));
+  control.setStatus({});
+  EXPECT_THAT(piped.readLine().value_or(""), testing::EndsWith("Z ended: conflict at " + path));
+}
+
 TEST_F(WatchProgram, OnAPipeItTellsWhenTransfersBeginAndEnd) {
   ChildProgram program("kestrune", {"status", "--watch"});
   program.readLine();

@@ -83,6 +83,52 @@ TEST(WatchPage, FitsEveryTerminal) {
   EXPECT_THAT(page, Contains(HasSubstr("Not at the store (3)")));
 }
 
+WatchFacts withConflicts(WatchFacts facts, int count) {
+  facts.status["conflicts"] = {{"count", count}, {"paths", Json::array()}};
+  for (int i = 0; i < count; ++i)
+    facts.status["conflicts"]["paths"].push_back("/Docs/report " + std::to_string(i) +
+                                                 " (conflict kestrel 2026-11-22 04.15).pdf");
+  return facts;
+}
+
+TEST(WatchPage, ShowsConflictsBelowWhatWaits) {
+  auto facts = busy(0);
+  facts.pending["changes"].erase(1);
+  const auto lastOf = [&](int count, ScreenSize size) {
+    auto page = watchPage(withConflicts(facts, count), {}, size, false);
+    for (const auto& line : page) EXPECT_LE(cellsOf(line), size.columns) << line;
+    EXPECT_LE(page.size(), size.lines);
+    while (!page.empty() && !page[0].starts_with("send ")) page.erase(page.begin());
+    if (!page.empty()) page.erase(page.begin());
+    return page;
+  };
+  EXPECT_THAT(lastOf(0, {80, 24}), testing::IsEmpty());
+  EXPECT_THAT(lastOf(2, {80, 24}),
+              ElementsAre("", "Changed here and elsewhere (2)",
+                          "/Docs/report 0 (conflict kestrel 2026-11-22 04.15).pdf",
+                          "/Docs/report 1 (conflict kestrel 2026-11-22 04.15).pdf"));
+  const auto many = lastOf(50, {80, 24});
+  ASSERT_EQ(many.size(), 15U);
+  EXPECT_EQ(many[1], "Changed here and elsewhere (50)");
+  EXPECT_EQ(many[14], "and 38 more");
+  EXPECT_THAT(lastOf(50, {30, 24})[2], "~kestrel 2026-11-22 04.15).pdf");
+}
+
+TEST(WatchPage, KeepsRoomForConflictsWhereManyChangesWait) {
+  auto facts = busy(0);
+  for (int i = 0; i < 50; ++i) facts.pending["changes"].push_back(facts.pending["changes"][0]);
+  const auto page = watchPage(withConflicts(facts, 50), {}, {80, 24}, false);
+  ASSERT_EQ(page.size(), 24U);
+  EXPECT_EQ(page[19], "");
+  EXPECT_EQ(page[20], "Changed here and elsewhere (50)");
+  EXPECT_EQ(page[23], "and 48 more");
+  for (const ScreenSize size : {ScreenSize{80, 10}, {80, 8}, {80, 7}, {80, 6}, {10, 2}, {80, 1}}) {
+    const auto small = watchPage(withConflicts(facts, 50), {}, size, false);
+    EXPECT_LE(small.size(), size.lines);
+    if (!small.empty()) EXPECT_THAT(small.back(), Not(testing::IsEmpty()));
+  }
+}
+
 TEST(WatchPage, HasColorsOnlyWhereTheyAreWanted) {
   EXPECT_THAT(watchPage(busy(), moving(), {80, 24}, true), Contains("\033[1mTransfers (1)\033[0m"));
   for (const auto& line : watchPage(busy(), moving(), {80, 24}, false))
@@ -111,6 +157,17 @@ TEST(WatchLines, StayTheSameWhileOnlyCountsMove) {
   EXPECT_THAT(watchLines(facts, Escaping::forTerminal),
               Contains("store not reachable: no\\nroute"));
   EXPECT_THAT(watchLines({}, Escaping::none), ElementsAre("no host answers"));
+}
+
+TEST(WatchLines, HaveOneForEachConflict) {
+  auto facts = withConflicts(busy(), 2);
+  EXPECT_THAT(watchLines(facts, Escaping::none),
+              Contains("conflict at /Docs/report 1 (conflict kestrel 2026-11-22 04.15).pdf"));
+  facts.status["conflicts"]["count"] = 102;
+  facts.status["conflicts"]["paths"][0] = "/\033[2J";
+  const auto lines = watchLines(facts, Escaping::forTerminal);
+  EXPECT_THAT(lines, Contains("and 100 more conflicts"));
+  for (const auto& line : lines) EXPECT_THAT(line, Not(HasSubstr("\033")));
 }
 
 TEST(WatchJson, HasKeysThatStay) {
