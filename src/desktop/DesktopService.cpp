@@ -139,8 +139,8 @@ class DesktopService::Loop {
     if (follower_) follower_->setHurried(isGoingDown);
     if (!isGoingDown || delay_.waiting() == 0) return;
     log_.write(platform::LogLevel::info,
-               "The machine is going down: what is here alone is sent now, as far as there is time "
-               "(%lld changes)",
+               "The machine is going down. Changes that are here alone and are sent now, as far as "
+               "there is time: %lld",
                static_cast<long long>(delay_.waiting()));
     // Those that fail are tried again by the next mount.
     control_.tryNow("/", [](const host::Answer<host::Done>&) {});
