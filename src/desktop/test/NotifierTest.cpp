@@ -215,6 +215,8 @@ TEST_F(NotifierTest, TellsOnceOfConflictsFromBefore) {
   // None of them has arisen, whoever says so; nor is anything said again as long as the mount is there.
   control_.change({{}, {"/docs/b (conflict)"}});
   become(status, {});
+  status.conflictCount = 4;
+  status.conflicts.emplace_back("/docs/d (conflict)");  // made elsewhere
   become(status, {});
   EXPECT_EQ(desktop_->shown.size(), 1U);
   // The next start reminds of what is left.
