@@ -370,6 +370,14 @@ bool Refresher::isFetching(ItemId file) {
   return fetches_.contains(file);
 }
 
+bool Refresher::isAsking() {
+  MutexLock lock(mutex_);
+  return std::any_of(folders_.begin(), folders_.end(), [](const auto& folder) {
+    const Phase phase = folder.second.phase;
+    return phase != Phase::resting && phase != Phase::waiting;
+  });
+}
+
 void Refresher::fetching(ItemId file, int step) {
   if (step > 0) {
     fetchBegins(file);

@@ -72,6 +72,8 @@ class Refresher : public std::enable_shared_from_this<Refresher> {
   /// The contents of `file` began (+1) or ended (-1) to be fetched.
   void fetching(ItemId file, int step);
   bool isFetching(ItemId file);
+  /// Whether a folder is being asked or will be as soon as it is its turn. One that rests, or waits after a failure, is not.
+  bool isAsking();
   /// No question begins any more; those under way end without effect.
   void stop();
 

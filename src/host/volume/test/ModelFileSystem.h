@@ -142,6 +142,7 @@ class ModelFileSystem {
   void keep(const HandlePtr& handle);
   bool isLinked(InodeNumber inode);
   std::vector<std::string> shown(InodeNumber inode);
+  std::vector<std::string> replacedBy(InodeNumber inode);
   void forgetContents(const std::vector<std::string>& contents);
 
   // Others, the store, and the host's life.

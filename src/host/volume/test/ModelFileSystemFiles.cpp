@@ -189,6 +189,9 @@ ModelFileSystem::HandlePtr ModelFileSystem::openPath(const std::string& path, Op
         Handle{answer.value(), at.attributes.inode, path, mode.writes, node});
     handles_.push_back(handle);
     if (mode.truncates) {
+      // What others had made of it may have become known after it was shown; it is that which was emptied then.
+      const ContentState emptied = volumeFile(*answer.value()).object->state();
+      if (const auto old = host_.remote().contentsOfVersion(emptied.version)) goes.push_back(*old);
       forgetContents(goes);
       changed(handle, "", "", {});
     }

@@ -112,6 +112,16 @@ void ModelFileSystem::remove() {
   judge((isFolder ? "rmdir " : "unlink ") + path, removePath(path, isFolder), should);
 }
 
+// What others had made of a replaced file may have become known after it was shown: it is that in whose place the new contents are.
+std::vector<std::string> ModelFileSystem::replacedBy(InodeNumber inode) {
+  const std::string base = host_.fileSystem().volume()->look([inode](Tree& tree, Nodes&) {
+    const Item* item = tree.find(inode);
+    return item != nullptr && item->content() ? item->content()->base : std::string();
+  });
+  const auto contents = host_.remote().contentsOfVersion(base);
+  return contents ? std::vector{*contents} : std::vector<std::string>{};
+}
+
 int ModelFileSystem::renamePath(const std::string& from, const std::string& to, RenameMode mode) {
   const Walked oldFolder = walk(parentOf(from));
   if (oldFolder.error != 0) return oldFolder.error;
@@ -130,6 +140,7 @@ int ModelFileSystem::renamePath(const std::string& from, const std::string& to, 
   if (!answer.ok()) return errnoOf(answer);
   forgetContents(contents);
   if (!isLinked(inode)) forgetContents(shown(inode));
+  if (replaces) forgetContents(replacedBy(childOf(newFolder, nameOf(to))));
   if (isExact_) EXPECT_EQ(names_.rename(from, to, mode), 0);
   return 0;
 }

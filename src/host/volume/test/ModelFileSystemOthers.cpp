@@ -170,7 +170,7 @@ void ModelFileSystem::kill() {
 bool ModelFileSystem::isIdle() {
   FileSystem& fileSystem = host_.fileSystem();
   return host_.remote().countUnderWay() == 0 && fileSystem.calls()->count() == 0 &&
-         fileSystem.lister()->running().empty();
+         fileSystem.lister()->running().empty() && !fileSystem.refresher()->isAsking();
 }
 
 // Nothing is unsent, asked or planned.
@@ -183,6 +183,7 @@ bool ModelFileSystem::comeToRest() {
     std::this_thread::sleep_for(150us);
     host_.remote().releaseAll();  // what was asked before the weather changed may be held only now
     if (!isIdle()) {
+      quiet = 0;  // more may follow upon it
       if (std::chrono::steady_clock::now() > deadline) return false;
       // What is looked at again and again may be waiting for something that needs time.
       if (++waits % 50 == 0) host_.timers().advance(10ms);
@@ -218,7 +219,12 @@ ModelNames::Paths ModelFileSystem::here() {
       const Walked child = walk(path);
       if (child.error == 0 && child.attributes.isFolder) {
         paths[path] = std::nullopt;
-        folders.push_back(path);
+        // What is shown as a folder and is none, or none any more, is a difference like any other.
+        if (host_.openFolderError(child.node) == 0) {
+          folders.push_back(path);
+        } else {
+          paths[path] = "(cannot be listed)";
+        }
       } else {
         paths[path] = readWhole(path);
       }
@@ -280,6 +286,8 @@ void ModelFileSystem::settle() {
     story_.resize(told);
     stored = host_.remote().tree();
     if (seen == stored) break;
+    // What is between two threads at this moment is seen by nobody; on a busy machine that may take long.
+    std::this_thread::sleep_for(20ms * (round + 1));
   }
   EXPECT_TRUE(seen == stored) << "here:" << described(seen)
                               << "\n  at the store:" << described(stored);
