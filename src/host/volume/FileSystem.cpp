@@ -89,6 +89,11 @@ FileSystem::FileSystem(Volume::Services services, FileSystemOptions options)
   volume_->setListener(std::move(changes));
 }
 
+FileSystem::~FileSystem() {
+  stop();
+  gate_->close();
+}
+
 void FileSystem::start() {
   sender_->begin();
   refresher_->signal();

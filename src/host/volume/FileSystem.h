@@ -17,6 +17,7 @@
 
 #include "host/front/Dispatcher.h"
 #include "host/volume/Activity.h"
+#include "host/volume/AnswerGate.h"
 #include "host/volume/Auditor.h"
 #include "host/volume/Contents.h"
 #include "host/volume/ExtensionCalls.h"
@@ -43,7 +44,7 @@ class FileSystem final : public Dispatcher {
  public:
   /// Throws StoreError if what the store remembers cannot be read.
   FileSystem(Volume::Services services, FileSystemOptions options);
-  ~FileSystem() override { stop(); }
+  ~FileSystem() override;
 
   /// Sends what was left unsent, and asks for what changed since the last mount.
   void start();
@@ -112,6 +113,11 @@ class FileSystem final : public Dispatcher {
   Opener openerOf(Caller caller) const;
   void resize(OpenFilePtr file, NodeId node, std::int64_t sizeBytes, Reply<Done> reply);
   void wrote(const OpenFile& file);
+  /// `work` of this object for an answer that may come after its end: then `reply` gets ENOTCONN.
+  template <class T>
+  Reply<Done> unlessEnded(const Reply<T>& reply, Reply<Done> work) const {
+    return AnswerGate::whileOpen(gate_, reply, std::move(work));
+  }
   using KeptAttributes = std::map<std::string, std::string>;
   Answer<KeptAttributes> keptAttributes(NodeId node);
   static const char* stateText(const Item& item);
@@ -130,6 +136,7 @@ class FileSystem final : public Dispatcher {
   std::shared_ptr<SpaceMaker> spaceMaker_;
   std::shared_ptr<Auditor> auditor_;
   std::atomic<bool> stopped_ = false;
+  const std::shared_ptr<AnswerGate> gate_ = std::make_shared<AnswerGate>();
 };
 
 /// Executables that look at every file without anybody wanting its contents: thumbnailers, indexers, scanners, backups.

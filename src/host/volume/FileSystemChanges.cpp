@@ -90,7 +90,7 @@ void FileSystem::create(NodeId folder, std::string name, bool isExecutable, Open
     created->entry = {node.id, Volume::attributesOf(item)};
     return nullptr;
   };
-  auto committed = [this, created, number, reply = std::move(reply)](const Answer<Done>& done) {
+  auto committed = [this, created, number, reply](const Answer<Done>& done) {
     if (done.ok()) {
       volumeFile(*created->file).object->remembered(Contents::kFirstEdit);
       return reply(*created);
@@ -104,7 +104,7 @@ void FileSystem::create(NodeId folder, std::string name, bool isExecutable, Open
     }
     reply(done.error());
   };
-  volume_->change(work, Volume::Survives::processEnd, std::move(committed));
+  volume_->change(work, Volume::Survives::processEnd, unlessEnded(reply, std::move(committed)));
 }
 
 void FileSystem::makeFolder(NodeId folder, std::string name, Reply<Entry> reply) {
@@ -121,12 +121,12 @@ void FileSystem::makeFolder(NodeId folder, std::string name, Reply<Entry> reply)
     *made = {node.id, Volume::attributesOf(item)};
     return nullptr;
   };
-  auto committed = [this, made, reply = std::move(reply)](const Answer<Done>& done) {
+  auto committed = [this, made, reply](const Answer<Done>& done) {
     if (done.ok()) return reply(*made);
     if (made->node != 0) forget(made->node, 1);
     reply(done.error());
   };
-  volume_->change(work, Volume::Survives::processEnd, std::move(committed));
+  volume_->change(work, Volume::Survives::processEnd, unlessEnded(reply, std::move(committed)));
 }
 
 void FileSystem::removeFile(NodeId folder, std::string name, Reply<Done> reply) {
@@ -152,8 +152,7 @@ void FileSystem::removeFolder(NodeId folder, std::string name, Reply<Done> reply
   });
   if (removed == 0) return reply(errorOf(ENOENT, "remove a folder"));
   // Only of a folder whose names are known can it be said that it is empty.
-  auto visited = [this, folder, name = std::move(name),
-                  reply = std::move(reply)](const Answer<Done>& known) {
+  auto visited = [this, folder, name = std::move(name), reply](const Answer<Done>& known) {
     if (!known.ok()) return reply(known.error());
     auto work = [&](Tree& tree, Nodes& nodes) -> NSErrorPtr {
       NSErrorPtr error;
@@ -168,7 +167,7 @@ void FileSystem::removeFolder(NodeId folder, std::string name, Reply<Done> reply
     };
     volume_->change(work, Volume::Survives::processEnd, reply);
   };
-  lister_->visit(removed, std::move(visited));
+  lister_->visit(removed, unlessEnded(reply, std::move(visited)));
 }
 
 void FileSystem::rename(NodeId folder, std::string name, NodeId newFolder, std::string newName,
@@ -212,7 +211,7 @@ void FileSystem::rename(NodeId folder, std::string name, NodeId newFolder, std::
   if (target == 0) {
     go(Done());
   } else {
-    lister_->visit(target, std::move(go));
+    lister_->visit(target, unlessEnded(reply, std::move(go)));
   }
 }
 
@@ -239,7 +238,7 @@ void FileSystem::setAttributes(NodeId node, OpenFilePtr file, const AttributeCha
         reply(done.error());
       }
     };
-    volume_->change(work, Volume::Survives::processEnd, committed);
+    volume_->change(work, Volume::Survives::processEnd, unlessEnded(reply, committed));
   };
   if (!changes.sizeBytes) {
     set(Done());
@@ -254,11 +253,12 @@ void FileSystem::setAttributes(NodeId node, OpenFilePtr file, const AttributeCha
   open(node, mode, Caller(), [this, node, changes, reply, set](const Answer<OpenFilePtr>& opened) {
     if (!opened.ok()) return reply(opened.error());
     resize(opened.value(), node, *changes.sizeBytes,
-           [this, opened = opened.value(), set](const Answer<Done>& done) {
-             flush(opened, [this, opened, set, done](const Answer<Done>& remembered) {
-               release(opened);
-               set(done.ok() ? remembered : done);
-             });
+           [this, opened = opened.value(), set, reply](const Answer<Done>& done) {
+             flush(opened,
+                   unlessEnded(reply, [this, opened, set, done](const Answer<Done>& remembered) {
+                     release(opened);
+                     set(done.ok() ? remembered : done);
+                   }));
            });
   });
 }

@@ -89,11 +89,11 @@ void FileSystem::open(NodeId node, OpenMode mode, Caller caller, Reply<OpenFileP
     return;
   }
   const OpenFilePtr file = answer.value();
-  resize(file, node, 0, [this, file, reply = std::move(reply)](const Answer<Done>& done) {
-    if (done.ok()) return reply(file);
-    release(file);
-    reply(done.error());
-  });
+  resize(file, node, 0, unlessEnded(reply, [this, file, reply](const Answer<Done>& done) {
+           if (done.ok()) return reply(file);
+           release(file);
+           reply(done.error());
+         }));
 }
 
 LocalFilePtr FileSystem::present(const OpenFile& file, std::int64_t offset, std::size_t length) {
@@ -156,30 +156,30 @@ void FileSystem::write(OpenFilePtr file, std::int64_t offset, std::span<const st
                        Reply<Done> reply) {
   const OpenVolumeFile& opened = volumeFile(*file);
   opened.object->write(offset, bytes,
-                       [this, file, reply = std::move(reply)](const Answer<Done>& done) {
+                       unlessEnded(reply, [this, file, reply](const Answer<Done>& done) {
                          if (done.ok()) wrote(*file);
                          reply(done);
-                       });
+                       }));
 }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the interface is the dispatcher's
 void FileSystem::resize(OpenFilePtr file, NodeId, std::int64_t sizeBytes, Reply<Done> reply) {
   const OpenVolumeFile& opened = volumeFile(*file);
   opened.object->resize(sizeBytes,
-                        [this, file, reply = std::move(reply)](const Answer<Done>& done) {
+                        unlessEnded(reply, [this, file, reply](const Answer<Done>& done) {
                           if (done.ok()) wrote(*file);
                           reply(done);
-                        });
+                        }));
 }
 
 void FileSystem::reserve(OpenFilePtr file, std::int64_t offset, std::int64_t length, bool keepsSize,
                          Reply<Done> reply) {
   volumeFile(*file).object->reserve(
       offset, length, keepsSize,
-      [this, file, keepsSize, reply = std::move(reply)](const Answer<Done>& done) {
+      unlessEnded(reply, [this, file, keepsSize, reply](const Answer<Done>& done) {
         if (done.ok() && !keepsSize) wrote(*file);
         reply(done);
-      });
+      }));
 }
 
 void FileSystem::flush(OpenFilePtr file, Reply<Done> reply) {
@@ -202,13 +202,13 @@ void FileSystem::flush(OpenFilePtr file, Reply<Done> reply) {
 // Data first, then what is remembered of it.
 void FileSystem::sync(OpenFilePtr file, Reply<Done> reply) {
   volumeFile(*file).object->flushToDisk(
-      [this, file, reply = std::move(reply)](const Answer<Done>& flushed) {
+      unlessEnded(reply, [this, file, reply](const Answer<Done>& flushed) {
         if (!flushed.ok()) return reply(flushed.error());
-        flush(file, [this, reply](const Answer<Done>& remembered) {
-          if (!remembered.ok()) return reply(remembered.error());
-          volume_->commitAll(Volume::Survives::powerCut, reply);
-        });
-      });
+        flush(file, unlessEnded(reply, [this, reply](const Answer<Done>& remembered) {
+                if (!remembered.ok()) return reply(remembered.error());
+                volume_->commitAll(Volume::Survives::powerCut, reply);
+              }));
+      }));
 }
 
 void FileSystem::syncFolder(NodeId, Reply<Done> reply) {

@@ -15,6 +15,7 @@ using platform::NSErrorPtr;
 using platform::NSPOSIXError;
 
 NSErrorPtr errorOf(int number, const char* what) { return NSPOSIXError(number, what).share(); }
+NSErrorPtr ended() { return errorOf(ENOTCONN, "list a folder of a mount that ended"); }
 
 // Beyond this the oldest notes of what is fresh are of no use to anybody.
 constexpr std::size_t kMostFresh = 10'000;
@@ -155,11 +156,40 @@ void FolderLister::goOn(ItemId folder) {
   begin(folder);
 }
 
+void FolderLister::pause(const Reply<Done>& reply) {
+  bool isEnded = false;
+  {
+    MutexLock lock(mutex_);
+    isEnded = stopped_;
+    if (!isEnded) {
+      const std::uint64_t pause = ++lastPause_;
+      pausing_.emplace(pause, reply);
+      volume_->services().timers->after(kMoves, [weak = weak_from_this(), pause] {
+        if (const auto self = weak.lock()) self->paused(pause);
+      });
+    }
+  }
+  if (isEnded) reply(ended());
+}
+
+void FolderLister::paused(std::uint64_t pause) {
+  Reply<Done> reply;
+  {
+    MutexLock lock(mutex_);
+    const auto found = pausing_.find(pause);
+    if (found == pausing_.end()) return;
+    reply = std::move(found->second);
+    pausing_.erase(found);
+  }
+  reply(Done());
+}
+
 void FolderLister::stop() {
   std::vector<Reply<Done>> waiters;
   {
     MutexLock lock(mutex_);
     stopped_ = true;
+    for (auto& [pause, reply] : std::exchange(pausing_, {})) waiters.push_back(std::move(reply));
     for (auto at = running_.begin(); at != running_.end();) {
       const bool isPausing = at->second.pause != 0;
       if (isPausing) {
@@ -169,7 +199,7 @@ void FolderLister::stop() {
       at = isPausing ? running_.erase(at) : std::next(at);
     }
   }
-  for (const auto& reply : waiters) reply(errorOf(ENOTCONN, "list a folder of a mount that ended"));
+  for (const auto& reply : waiters) reply(ended());
 }
 
 void FolderLister::listed(const Question& question, const Answer<Listing>& listing) {

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -54,6 +55,8 @@ class FolderLister : public std::enable_shared_from_this<FolderLister> {
   bool isFresh(ItemId folder, std::chrono::nanoseconds age);
   /// Nothing is asked again; who waits for that is answered.
   void stop();
+  /// Answers after kMoves, for who asks again for what is just moving; with ENOTCONN as soon as nothing is asked again.
+  void pause(const Reply<Done>& reply);
 
  private:
   struct Running {
@@ -78,6 +81,7 @@ class FolderLister : public std::enable_shared_from_this<FolderLister> {
   void goOn(ItemId folder);
 
   const std::shared_ptr<Volume> volume_;
+  void paused(std::uint64_t pause);
   Described described_;
   std::function<void(const platform::NSErrorPtr& error)> reached_;
   platform::Mutex mutex_;
@@ -85,6 +89,8 @@ class FolderLister : public std::enable_shared_from_this<FolderLister> {
   std::map<ItemId, Running> running_ GUARDED_BY(mutex_);
   /// Folders that are to be compared, and what the last listing of each came to.
   std::map<ItemId, std::size_t> compared_ GUARDED_BY(mutex_);
+  std::uint64_t lastPause_ GUARDED_BY(mutex_) = 0;
+  std::map<std::uint64_t, Reply<Done>> pausing_ GUARDED_BY(mutex_);
   std::map<ItemId, std::chrono::nanoseconds> fresh_ GUARDED_BY(mutex_);
 };
 

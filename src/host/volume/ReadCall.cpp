@@ -56,7 +56,8 @@ void ReadCall::read() {
                       [self = shared_from_this()](Answer<LocalFilePtr> answer) {
                         if (answer.ok() || !self->hasMoved(*answer.error()))
                           return self->reply_(std::move(answer));
-                        self->volume_->services().timers->after(kMoves, [self] {
+                        self->lister_->pause([self](const Answer<Done>& paused) {
+                          if (!paused.ok()) return self->reply_(paused.error());
                           self->readAfterListing(self->whereabouts().staleFolder);
                         });
                       });

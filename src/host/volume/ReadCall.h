@@ -4,7 +4,6 @@
 // Threads: any; the answer comes on any.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -16,8 +15,7 @@ namespace kestrune::host {
 
 class ReadCall : public std::enable_shared_from_this<ReadCall> {
  public:
-  /// A file that is moving is asked for again after this time, so often.
-  static constexpr std::chrono::milliseconds kMoves{50};
+  /// A file that is moving is asked for again after a pause of the lister's, so often.
   static constexpr int kMostAttempts = 100;
 
   /// What is read, as Dispatcher::read says. REQUIRES: `file` was opened by a volume.

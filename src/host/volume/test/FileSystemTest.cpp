@@ -32,6 +32,37 @@ TEST_F(FileSystemTest, AFolderIsEnumeratedOnFirstVisitOnly) {
   EXPECT_EQ(remote().asked(Ask::items, "/"), 1);
 }
 
+TEST_F(FileSystemTest, WhatWaitsForTheStoreAtTheEndIsAnsweredWhenTheStoreAnswers) {
+  remote().putFolder("/docs");
+  find("/docs");
+  remote().hold(Ask::items, "/docs");
+  const Awaited<Done> removed;
+  fileSystem().removeFolder(kRootNode, "docs", removed.reply());
+  ASSERT_TRUE(remote().waitUntilAsked(Ask::items, "/docs", 1));
+  destroyFileSystem();
+  EXPECT_FALSE(removed.ready());
+  remote().release(Ask::items, "/docs");
+  EXPECT_EQ(errnoOf(removed.get()), ENOTCONN);
+}
+
+TEST_F(FileSystemTest, AReadThatWaitsForAFileToMoveEndsWithTheFolder) {
+  remote().usePathsAsIdentifiers();
+  remote().putFile("/a", "one");
+  names();
+  using Treatment = FakeRemote::Treatment;
+  remote().setWeather([](Ask ask) {
+    return ask == Ask::modify ? Treatment{Treatment::Kind::late, nullptr} : Treatment();
+  });
+  ASSERT_EQ(rename("/a", "/b"), 0);
+  ASSERT_TRUE(passUntil([&] { return remote().names() == std::vector<std::string>{"b"}; }));
+  const auto read = startRead(open(find("/b").node));
+  ASSERT_TRUE(timers().waitForTimer(FolderLister::kMoves));
+  EXPECT_FALSE(read.ready());
+  fileSystem().stop();
+  EXPECT_EQ(errnoOf(read.get()), ENOTCONN);
+  remote().releaseAll();
+}
+
 TEST_F(FileSystemTest, VisitorsOfOneFolderWaitForOneEnumeration) {
   remote().putFile("/a", "x");
   remote().hold(Ask::items, "/");
