@@ -52,8 +52,7 @@ class ItemGatherer final : public platform::NSFileProviderEnumerationObserver,
     if (overflown_) {
       finishEnumeratingWithError(tooManyItems());
     } else if (!nextPage) {
-      enumerator_->invalidate();
-      reply_.answer(std::move(listing_));
+      endListing();
     } else if (*nextPage == page_) {
       finishEnumeratingWithError(NSPOSIXError(ELOOP, "the folder's pages do not end").share());
     } else {
@@ -71,9 +70,24 @@ class ItemGatherer final : public platform::NSFileProviderEnumerationObserver,
   }
 
  private:
+  void endListing() {
+    const bool isInPages = page_ != platform::NSFileProviderInitialPageSortedByName;
+    if (!isInPages || !listing_.anchor) return answer();
+    enumerator_->currentSyncAnchor(
+        [self = shared_from_this()](const std::optional<NSFileProviderSyncAnchor>& now) {
+          self->listing_.mayHaveGaps = now != self->listing_.anchor;
+          self->answer();
+        });
+  }
+
+  void answer() {
+    enumerator_->invalidate();
+    reply_.answer(std::move(listing_));
+  }
+
   const std::shared_ptr<NSFileProviderEnumerator> enumerator_;
   const OnceReply<Listing> reply_;
-  // Used by one observer call at a time.
+  // Used by one call of the extension at a time.
   NSFileProviderPage page_;
   Listing listing_;
   bool overflown_ = false;

@@ -28,6 +28,9 @@ struct Listing {
   std::vector<ItemRecord> items;
   /// The same items, for what costs more to read than a listing may wait for.
   std::vector<platform::NSFileProviderItemPtr> described;
+  /// It came in pages, and the anchor moved meanwhile: of what stood behind something that went between two pages, some may be
+  /// missing.
+  bool mayHaveGaps = false;
 };
 
 /// Every page of the content of `folder`, in the extension's order.

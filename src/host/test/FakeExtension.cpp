@@ -25,11 +25,6 @@ using platform::NSFileProviderError;
 using platform::NSFileProviderItemFields;
 using platform::NSFileProviderItemPtr;
 
-bool differ(const RemoteItem& a, const RemoteItem& b) {
-  return a.name != b.name || a.version != b.version || a.isFolder != b.isFolder ||
-         a.modified != b.modified || a.listedSize != b.listedSize;
-}
-
 // A sparse file of the whole length in which a part is present.
 std::filesystem::path fileWithPart(const std::string& contents, platform::NSRange part) {
   auto url = platform::temporaryDirectory() / platform::newUUIDString();
@@ -162,7 +157,6 @@ class FakeEnumerator final : public platform::NSFileProviderEnumerator {
     std::uint64_t until = now;
     const std::uint64_t since = std::stoull(anchor.substr(anchor.find('-') + 1));
     if (atOnce > 0) until = std::min<std::uint64_t>(now, since + atOnce);
-    const auto before = remote_->listingAt(folder_, since);
     const auto after = until == now ? *listed.items : remote_->listingAt(folder_, until);
     std::vector<std::string> deleted;
     for (const auto& identifier : remote_->seenIn(folder_, since, until)) {
@@ -171,8 +165,7 @@ class FakeEnumerator final : public platform::NSFileProviderEnumerator {
     if (exaggerate) deleted.push_back("item-that-never-was");
     std::vector<RemoteItem> updated;
     for (const auto& item : after) {
-      const RemoteItem* old = byIdentifier(before, item.identifier);
-      if (exaggerate || old == nullptr || differ(*old, item)) updated.push_back(item);
+      if (exaggerate || remote_->wasOther(folder_, item, since, until)) updated.push_back(item);
     }
     if (!deleted.empty()) observer.didDeleteItemsWithIdentifiers(deleted);
     if (!updated.empty()) observer.didUpdateItems(asItems(updated, folder_));
@@ -281,7 +274,7 @@ class FakeExtension : public platform::NSFileProviderReplicatedExtension {
     auto answer = [found, item, handler](const NSErrorPtr& error) {
       if (error) {
         handler(nullptr, nullptr, error);
-      } else if (!found || !item || found->version == "lost") {
+      } else if (!found || !item || found->isFolder || found->version == "lost") {
         handler(nullptr, nullptr, NSFileProviderError(NSFileProviderError::noSuchItem).share());
       } else {
         handler(&*found, item, nullptr);

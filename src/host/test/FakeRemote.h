@@ -185,6 +185,9 @@ class FakeRemote : public std::enable_shared_from_this<FakeRemote> {
   // The identifiers of what was in the folder at one of these times.
   std::set<std::string> seenIn(const std::string& folderIdentifier, std::uint64_t from,
                                std::uint64_t to) const;
+  // Whether the folder did not have the item at one of these times, or not as it is.
+  bool wasOther(const std::string& folderIdentifier, const RemoteItem& item, std::uint64_t from,
+                std::uint64_t to) const;
   std::vector<RemoteItem> listingAt(const std::string& folderIdentifier, std::uint64_t time) const;
 
   RemoteItem* find(const std::string& path) REQUIRES_LOCK(mutex_);

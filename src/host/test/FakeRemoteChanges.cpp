@@ -224,13 +224,13 @@ void FakeRemote::loseAnswers(Ask ask, const std::string& path, NSErrorPtr error)
 
 std::optional<std::string> FakeRemote::contents(const std::string& path) {
   MutexLock lock(mutex_);
-  const RemoteItem* item = find(path);
+  const RemoteItem* item = findIfThere(path);
   return item == nullptr ? std::nullopt : std::optional(item->contents);
 }
 
 std::string FakeRemote::identifierOf(const std::string& path) {
   MutexLock lock(mutex_);
-  const RemoteItem* item = find(path);
+  const RemoteItem* item = findIfThere(path);
   return item == nullptr ? std::string() : item->identifier;
 }
 

@@ -17,6 +17,11 @@ using platform::NSErrorPtr;
 
 const char* const kRoot = platform::NSFileProviderRootContainerItemIdentifier;
 
+bool differ(const RemoteItem& a, const RemoteItem& b) {
+  return a.name != b.name || a.version != b.version || a.isFolder != b.isFolder ||
+         a.modified != b.modified || a.listedSize != b.listedSize;
+}
+
 std::string joined(const std::string& folder, const std::string& name) {
   return (folder == "/" ? "" : folder) + "/" + name;
 }
@@ -101,6 +106,20 @@ std::set<std::string> FakeRemote::seenIn(const std::string& folderIdentifier, st
     for (const RemoteItem& item : folder->second.items) identifiers.insert(item.identifier);
   }
   return identifiers;
+}
+
+bool FakeRemote::wasOther(const std::string& folderIdentifier, const RemoteItem& item,
+                          std::uint64_t from, std::uint64_t to) const {
+  MutexLock lock(mutex_);
+  const auto begin = history_.lower_bound(from);
+  if (begin == history_.end() || begin->first != from) return true;
+  for (auto at = begin; at != history_.end() && at->first <= to; ++at) {
+    const auto folder = at->second.find(folderIdentifier);
+    const RemoteItem* then =
+        folder == at->second.end() ? nullptr : byIdentifier(folder->second.items, item.identifier);
+    if (then == nullptr || differ(*then, item)) return true;
+  }
+  return false;
 }
 
 std::string FakeRemote::versionOf(const char* kind, const RemoteItem& item) {

@@ -196,10 +196,11 @@ void Tree::applyChanges(Item& folder, const std::vector<ReportedChange>& changes
   Batch batch;
   batch.asOf = asOf;
   FolderRow& listing = folder.part()->listing;
-  if (!isCurrent(folder, batch) || listing.hasStaleIdentifiers) {
-    effects_.doubtful.insert(folder.id);
-    return;
-  }
+  const bool isCrossed = folder.part()->listedAt > asOf;
+  if (isCrossed && changes.empty()) return;
+  // Of what crossed a listing nobody knows which is newer; and who compares two listings tells each difference once.
+  if (!isCurrent(folder, batch) || listing.hasStaleIdentifiers || isCrossed)
+    return askAgain(folder);
   const std::vector<const ReportedChange*> last = lastOfEach(changes);
   std::vector<const ItemRecord*> records;
   for (const ReportedChange* change : last) {
@@ -305,7 +306,7 @@ std::size_t Tree::countDifferences(const Item& folder, const std::vector<ItemRec
 void Tree::applyItem(Item& item, const std::optional<ItemRecord>& record, std::uint64_t asOf) {
   Batch batch;
   batch.asOf = asOf;
-  if (!item.there || item.isRoot() || item.sentAt() > asOf) return;
+  if (!item.there || item.isRoot() || item.sentAt() > asOf || item.placedAt > asOf) return;
   Item& folder = *find(item.there->folder);
   // Where a folder above it is changing, it may be missing under its old path only.
   if (!isSure(item) || (!record && !isCurrent(folder, batch))) {

@@ -137,10 +137,10 @@ bool FolderLister::hasMoved(const Question& question, const platform::NSError& e
   });
 }
 
-bool FolderLister::beginsAgain(ItemId folder) {
+bool FolderLister::beginsAgain(ItemId folder, int most) {
   MutexLock lock(mutex_);
   Running& running = running_.at(folder);
-  if (stopped_ || ++running.attempts > kMostAttempts) return false;
+  if (stopped_ || ++running.attempts > most) return false;
   running.pause = volume_->services().timers->after(kMoves, [weak = weak_from_this(), folder] {
     if (const auto self = weak.lock()) self->goOn(folder);
   });
@@ -204,7 +204,10 @@ void FolderLister::stop() {
 
 void FolderLister::listed(const Question& question, const Answer<Listing>& listing) {
   const ItemId folder = question.folder;
-  if (!listing.ok() && hasMoved(question, *listing.error()) && beginsAgain(folder)) return;
+  if (!listing.ok() && hasMoved(question, *listing.error()) && beginsAgain(folder, kMostAttempts))
+    return;
+  const bool mayHaveGaps = listing.ok() && listing.value().mayHaveGaps;
+  if (mayHaveGaps && beginsAgain(folder, kMostGaps)) return;
   bool applied = false;
   bool isThere = false;
   bool isCompared = false;
@@ -219,11 +222,13 @@ void FolderLister::listed(const Question& question, const Answer<Listing>& listi
       if (item == nullptr || !item->isFolder || !item->there) return;
       isThere = true;
       if (isCompared) differences = tree.countDifferences(*item, listing.value().items);
-      tree.applyListing(*item, listing.value().items, listing.value().anchor, question.asOf);
+      // Nobody tells of what fell into a gap: only another listing does.
+      const auto anchor = mayHaveGaps ? std::nullopt : listing.value().anchor;
+      tree.applyListing(*item, listing.value().items, anchor, question.asOf);
       applied = item->part()->listing.isEnumerated && !item->part()->listing.hasStaleIdentifiers;
     });
     // It moved meanwhile, or what is in it is to be found out by names while some of that changes.
-    if (!applied && isThere && beginsAgain(folder)) return;
+    if (!applied && isThere && beginsAgain(folder, kMostAttempts)) return;
     if (described_) described_(listing.value().described);
   } else {
     volume_->services().log->failure("enumerate", "list '" + volume_->path(folder) + "'",

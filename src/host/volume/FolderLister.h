@@ -25,6 +25,8 @@ class FolderLister : public std::enable_shared_from_this<FolderLister> {
   /// A folder that moves meanwhile is asked for again after this time, so often.
   static constexpr std::chrono::milliseconds kMoves{50};
   static constexpr int kMostAttempts = 100;
+  /// One whose pages may have gaps so often: where something always changes, what there is has to do.
+  static constexpr int kMostGaps = 3;
 
   explicit FolderLister(std::shared_ptr<Volume> volume) : volume_(std::move(volume)) {}
 
@@ -53,10 +55,10 @@ class FolderLister : public std::enable_shared_from_this<FolderLister> {
   /// What was listed of the item's folder is not to be gone by any more.
   void doubt(ItemId item);
   bool isFresh(ItemId folder, std::chrono::nanoseconds age);
-  /// Nothing is asked again; who waits for that is answered.
-  void stop();
   /// Answers after kMoves, for who asks again for what is just moving; with ENOTCONN as soon as nothing is asked again.
   void pause(const Reply<Done>& reply);
+  /// Nothing is asked again; who waits for that is answered.
+  void stop();
 
  private:
   struct Running {
@@ -77,20 +79,20 @@ class FolderLister : public std::enable_shared_from_this<FolderLister> {
   void begin(ItemId folder);
   void listed(const Question& question, const Answer<Listing>& listing);
   bool hasMoved(const Question& question, const platform::NSError& error);
-  bool beginsAgain(ItemId folder);
+  bool beginsAgain(ItemId folder, int most);
   void goOn(ItemId folder);
+  void paused(std::uint64_t pause);
 
   const std::shared_ptr<Volume> volume_;
-  void paused(std::uint64_t pause);
   Described described_;
   std::function<void(const platform::NSErrorPtr& error)> reached_;
   platform::Mutex mutex_;
   bool stopped_ GUARDED_BY(mutex_) = false;
   std::map<ItemId, Running> running_ GUARDED_BY(mutex_);
-  /// Folders that are to be compared, and what the last listing of each came to.
-  std::map<ItemId, std::size_t> compared_ GUARDED_BY(mutex_);
   std::uint64_t lastPause_ GUARDED_BY(mutex_) = 0;
   std::map<std::uint64_t, Reply<Done>> pausing_ GUARDED_BY(mutex_);
+  /// Folders that are to be compared, and what the last listing of each came to.
+  std::map<ItemId, std::size_t> compared_ GUARDED_BY(mutex_);
   std::map<ItemId, std::chrono::nanoseconds> fresh_ GUARDED_BY(mutex_);
 };
 

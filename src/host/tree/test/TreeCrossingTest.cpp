@@ -52,6 +52,31 @@ TEST_F(TreeCrossingTest, AFolderThatWasAskedEarlierDoesNotMissWhatCameFromAnothe
   EXPECT_TRUE(effects_.doubtful.contains(kRootItem));
 }
 
+TEST_F(TreeCrossingTest, AnItemThatWasAskedForEarlierIsNotTakenBackToWhatItWas) {
+  const std::uint64_t asOf = tree().moment();
+  list({file("1", "a", 4), folder("d", "d")});
+  tree().applyItem(*a_, file("1", "a", 3), asOf);
+  check();
+  EXPECT_EQ(a_->there->version.contentVersion, "v4");
+  tree().applyItem(*a_, std::nullopt, asOf);
+  check();
+  EXPECT_EQ(at("a"), a_);
+}
+
+TEST_F(TreeCrossingTest, WhatChangedIsNotBelievedWhenTheFolderWasListedSinceItWasAskedFor) {
+  const std::uint64_t asOf = tree().moment();
+  list({file("1", "a", 3), folder("d", "d")});
+  tree().applyChanges(root(), {}, "next", asOf);
+  check();
+  EXPECT_EQ(root().part()->listing.anchor, "anchor");
+  EXPECT_THAT(effects_.doubtful, IsEmpty());
+  tree().applyChanges(root(), {update(file("2", "was", 1))}, "next", asOf);
+  check();
+  EXPECT_EQ(at("was"), nullptr);
+  EXPECT_FALSE(root().part()->listing.anchor);
+  EXPECT_TRUE(effects_.doubtful.contains(kRootItem));
+}
+
 TEST_F(TreeCrossingTest, ChangesThatWereAskedForBeforeAListingWasNeededDoNotReplaceIt) {
   root().part()->listing.anchor = std::nullopt;
   change({update(file("2", "b"))});

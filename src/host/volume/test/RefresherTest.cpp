@@ -312,6 +312,106 @@ TEST_F(RefresherTest, OfFoldersThatNobodyLookedIntoLatelyTwoAreAskedAtATime) {
   EXPECT_TRUE(support::waitUntil([&] { return asked(0, kFolders) == kFolders; }));
 }
 
+// Answers about changes that come when the folder was listed meanwhile.
+class RefresherCrossingTest : public RefresherTest {
+ protected:
+  RefresherCrossingTest() {
+    remote().usePathsAsIdentifiers();
+    remote().moveAnchorWithEveryChange();
+    remote().putFile("/a", "x");
+    remote().putFile("/b", "x");
+    names();
+  }
+  /// What changed so far is asked for, and the answer comes with `arrive`.
+  void askForChanges() {
+    remote().setWeather([](Ask ask) {
+      using Kind = FakeRemote::Treatment::Kind;
+      return FakeRemote::Treatment{ask == Ask::changes ? Kind::late : Kind::fair, nullptr};
+    });
+    fileSystem().changesSignalled();
+    ASSERT_TRUE(support::waitUntil([&] { return remote().countHeld() == 1; }));
+    remote().setWeather(nullptr);
+  }
+  void list() {
+    const Awaited<Done> listed;
+    fileSystem().lister()->list(kRootItem, listed.reply());
+    ASSERT_TRUE(listed.get().ok());
+  }
+  void arrive() {
+    remote().releaseAll();
+    ASSERT_TRUE(support::waitUntil([&] { return !fileSystem().refresher()->isAsking(); }));
+  }
+};
+
+TEST_F(RefresherCrossingTest, WhatWasGoneWhenItWasListedIsNotShownByThem) {
+  remote().putFile("/c", "x");
+  askForChanges();
+  remote().remove("/c");
+  list();
+  // From here on nothing is told of what changed: a store that compares with what it listed last has nothing to tell.
+  remote().failChangesSilently(true);
+  arrive();
+  EXPECT_THAT(names(), ElementsAre("a", "b"));
+}
+
+TEST_F(RefresherCrossingTest, WithoutAnyNewsTheFolderIsNotListedAgain) {
+  remote().announce();
+  askForChanges();
+  list();
+  arrive();
+  EXPECT_EQ(remote().asked(Ask::items, "/"), 2);
+}
+
+// What goes between two pages has the next one begin behind something that was not shown yet.
+class RefresherPagesTest : public RefresherTest {
+ protected:
+  RefresherPagesTest() {
+    remote().moveAnchorWithEveryChange();
+    remote().setPageSize(1);
+    for (const char* path : {"/a", "/b", "/c"}) remote().putFile(path, "x");
+    remote().setWeather([](Ask ask) {
+      using Kind = FakeRemote::Treatment::Kind;
+      return FakeRemote::Treatment{ask == Ask::items ? Kind::late : Kind::fair, nullptr};
+    });
+    fileSystem().openFolder(kRootNode, opened_.reply());
+  }
+  bool waitForFirstPage() {
+    return support::waitUntil([&] { return remote().countHeld() == 1; });
+  }
+  const Awaited<Done> opened_;
+};
+
+TEST_F(RefresherPagesTest, WhatTheyMayHavePassedOverIsShown) {
+  ASSERT_TRUE(waitForFirstPage());
+  remote().setWeather(nullptr);
+  remote().remove("/a");
+  remote().releaseAll();
+  ASSERT_TRUE(timers().waitForTimer(FolderLister::kMoves));
+  EXPECT_FALSE(opened_.ready());
+  timers().advance(FolderLister::kMoves);
+  ASSERT_TRUE(opened_.get().ok());
+  EXPECT_THAT(names(), ElementsAre("b", "c"));
+  EXPECT_EQ(remote().asked(Ask::items, "/"), 2);
+}
+
+TEST_F(RefresherPagesTest, WhereSomethingAlwaysChangesTheFolderIsShownAndListedAtTheNextSignal) {
+  for (int time = 0; time < FolderLister::kMostGaps; ++time) {
+    ASSERT_TRUE(waitForFirstPage()) << time;
+    remote().putFolder("/new " + std::to_string(time));
+    remote().releaseAll();
+    ASSERT_TRUE(timers().waitForTimer(FolderLister::kMoves)) << time;
+    timers().advance(FolderLister::kMoves);
+  }
+  ASSERT_TRUE(waitForFirstPage());
+  remote().remove("/a");
+  remote().setWeather(nullptr);
+  remote().releaseAll();
+  ASSERT_TRUE(opened_.get().ok());
+  EXPECT_THAT(names(), ElementsAre("a", "c", "new 0", "new 1", "new 2"));
+  fileSystem().changesSignalled();
+  EXPECT_TRUE(waitForNames({"c", "new 0", "new 1", "new 2", "b"}));
+}
+
 TEST_F(RefresherTest, AfterTheEndNothingIsAsked) {
   names();
   remote().failChangesSilently(true);
