@@ -199,6 +199,8 @@ class Tree {
   void removedThere(Item& item);
   /// The extension will never take it.
   void refused(Item& item);
+  /// The store did not take `item`, whose creation is on its way, for certain: what has its name there is another, however alike.
+  void nameIsTaken(Item& item);
   /// Both sides changed `item`: it becomes a new file beside what the store has, under a name that says so if it has not
   /// been moved here. Returns the item that is the store's from now on. REQUIRES: a linked file with contents, there.
   Item& keepBoth(Item& item);

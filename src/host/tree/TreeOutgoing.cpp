@@ -350,6 +350,11 @@ void Tree::refused(Item& item) {
   await(item, std::nullopt);
 }
 
+void Tree::nameIsTaken(Item& item) {
+  if (item.content()) item.content()->sendingSince = 0;
+  note(item);
+}
+
 Item& Tree::keepBoth(Item& item) {
   const bool wasAtPlace = item.isAtPlaceThere();
   Item& stored = leaveOwnThere(item);

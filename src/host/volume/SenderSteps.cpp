@@ -25,6 +25,12 @@ bool isRefusal(const NSError& error) {
           error.code() == NSFileProviderError::excludedFromSync);
 }
 
+// So nothing was made there. A name that was free when the folder was listed has been given by others since.
+bool isCollision(const NSError& error) {
+  return error.domain() == platform::kNSFileProviderErrorDomain &&
+         error.code() == NSFileProviderError::filenameCollision;
+}
+
 // What a call needs to know of an item, taken at one moment.
 struct Facts {
   OutgoingTemplate outgoing;
@@ -200,6 +206,8 @@ Sender::Work Sender::createFile(Change change) {
       if (item != nullptr && item->there) version = item->there->version.contentVersion;
     } else if (isRefusal(*answer.error())) {
       tree.refused(*item);
+    } else if (isCollision(*answer.error())) {
+      tree.nameIsTaken(*item);
     }
     if (Item* left = tree.find(change.id)) tree.endChange(*left);
   });

@@ -113,6 +113,25 @@ TEST_F(SenderTest, OfWhatChangedOnBothSidesBothAreKept) {
   EXPECT_EQ(readPath("/" + kept), "mine");
 }
 
+// As alike as two files that are made at one moment with one length: only the refusal tells that it is not what was sent.
+TEST_F(SenderTest, WhatWasRefusedForItsNameIsNotTakenForWhatHasThatName) {
+  remote().hold(Ask::create, "/a.txt");
+  save("/a.txt", "mine..");
+  ASSERT_TRUE(passUntil([&] { return remote().asked(Ask::create, "/a.txt") == 1; }));
+  RemoteItem theirs;
+  theirs.name = "a.txt";
+  theirs.contents = "theirs";
+  theirs.modified = platform::SystemClock().now();
+  remote().putItem("/", theirs);
+  remote().stopHolding(Ask::create, "/a.txt");
+  ASSERT_TRUE(waitUntilSent());
+  EXPECT_EQ(readPath("/a.txt"), "theirs");
+  EXPECT_EQ(remote().contents("/a.txt"), "theirs");
+  const auto both = remote().names();
+  ASSERT_THAT(both, SizeIs(2));
+  EXPECT_EQ(remote().contents("/" + (both[0] == "a.txt" ? both[1] : both[0])), "mine..");
+}
+
 TEST_F(SenderTest, ARemovalReachesTheStore) {
   remote().putFolder("/docs");
   remote().putFile("/docs/a", "x");
