@@ -272,7 +272,7 @@ void FakeStore::goOn(const std::shared_ptr<Stream>& stream) {
     if (stream->holdAfter > 0) until = std::min(until, std::exchange(stream->holdAfter, 0));
   }
   if (how.drops) {
-    stream->bytes = nullptr;
+    stream->bytes = {};
     stream->ended = nullptr;
     MutexLock lock(mutex_);
     --unanswered_;

@@ -38,12 +38,12 @@ struct OpenCall {
   /// Answers it; once.
   void answer(const Completed& completed) {
     std::exchange(done, nullptr)(completed);
-    bytes = nullptr;
+    bytes = {};
   }
   /// The extension forgets it.
   void drop() {
     done = nullptr;
-    bytes = nullptr;
+    bytes = {};
     items = nullptr;
     changes = nullptr;
     anchor = nullptr;
