@@ -187,8 +187,9 @@ class Desktop:
             while len(self.windows(program)) > without and time.monotonic() < end:
                 self.key("Escape")
                 self.within(2, lambda: len(self.windows(program)) <= without)
-        self.screenshot("/tmp/kestrune-desktop-failed.png")
-        fail(f"the menu's entry {keys} has no effect; the screen is in /tmp/kestrune-desktop-failed.png")
+        picture = tempfile.mkstemp(prefix="kestrune-desktop-failed.", suffix=".png")[1]
+        self.screenshot(picture)
+        fail(f"the menu's entry {keys} has no effect; the screen is in {picture}")
 
     def within(self, seconds, condition):
         end = time.monotonic() + seconds

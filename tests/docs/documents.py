@@ -32,7 +32,10 @@ class Sources(Home):
     folder = "kestrune"
 
     def before(self):
-        sources = self.home / self.folder
+        self.copy_sources(self.folder)
+
+    def copy_sources(self, folder):
+        sources = self.home / folder
         sources.mkdir()
         for name in ("scripts", "docs"):
             shutil.copytree(self.source / name, sources / name)
@@ -53,6 +56,10 @@ class Readme(Sources):
     def after(self):
         file = self.home / self.folder / "demo" / "store" / "Read me first.txt"
         wait_until("what was written is at the store", lambda: file.read_text() == "Hello from the remote store.\nHello back.\n", 30)
+        self.copy_sources("again")
+        check = subprocess.run(["again/scripts/run", "--once", "--built", self.binaries], env=self.environment, cwd=self.home, capture_output=True, text=True)
+        print(f"--- scripts/run --once\n{check.stdout}{check.stderr}")
+        expect(check.returncode == 0 and check.stdout.endswith("All is well.\n"), "scripts/run --once finds faults")
 
 
 class Bus(Home):

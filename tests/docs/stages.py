@@ -164,8 +164,8 @@ class WholeMachine(Stage):
             raise
         return self
 
-    def __exit__(self, *_):
-        self.machine.__exit__()
+    def __exit__(self, *failure):
+        self.machine.__exit__(*(failure or (None,)))
 
     def run(self, script):
         result = self.machine.try_run("set -e\n" + script, folder="/root/kestrune")

@@ -65,8 +65,12 @@ class Machine:
             raise
         return self
 
-    def __exit__(self, *_):
-        self.end()
+    def __exit__(self, failure, *_):
+        try:
+            if failure is not None:
+                print(self.try_run("journalctl --no-pager --lines=80", seconds=30).stdout)
+        finally:
+            self.end()
 
     def begin(self):
         log = self.work / "log"
