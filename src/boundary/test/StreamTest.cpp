@@ -1,5 +1,6 @@
 // Bytes of a stream that are gathered where the host wants them.
 #include <algorithm>
+#include <chrono>
 #include <future>
 #include <optional>
 #include <string>
@@ -98,7 +99,10 @@ TEST_F(StreamTest, WhatTheHostIsStillReadingIsNotWrittenOver) {
     lendings.set_value(lent);
     // In memory of its own, which has to wait for room.
     EXPECT_TRUE(bytes(lent * 100'000, std::string(100'000, 'z')));
-    EXPECT_GT(bytes.lend().capacity(), 0U);
+    const auto deadline = std::chrono::steady_clock::now() + kSoon;
+    while (bytes.lend().capacity() == 0 && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_LT(std::chrono::steady_clock::now(), deadline) << "what was read is not lent again";
   });
   std::string got;
   stream([&](std::int64_t, std::string_view bytes) {
