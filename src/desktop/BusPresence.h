@@ -41,10 +41,10 @@ class BusPresence {
   BusPresence(const BusPresence&) = delete;
   BusPresence& operator=(const BusPresence&) = delete;
 
-  /// Does what there is to do. When to call again at the latest, if the descriptor does not become ready before.
-  std::optional<Clock::time_point> serve(Clock::time_point now) {
-    if (!bus_ && now < nextTry_) return nextTry_;
-    return guarded([this] {
+  /// Does what there is to do. To be called when the descriptor is ready, or it is due.
+  void serve(Clock::time_point now) {
+    if (!bus_ && now < nextTry_) return;
+    guarded([this] {
       if (!bus_) open();
       process();
       // Only then is it known how the bus calls this connection; asking before would wait.
@@ -68,14 +68,15 @@ class BusPresence {
   }
   pollfd toPoll() const {
     if (!bus_) return {-1, 0, 0};
-    // A connection that fails here is ended by `serve`, which POLLERR wakes.
     const int events = std::max(sd_bus_get_events(bus_.get()), 0);
     return {sd_bus_get_fd(bus_.get()), static_cast<short>(events), 0};
   }
-  /// When sd-bus has something to do by itself.
+  /// When there is something to do without that: a bus is looked for, or sd-bus waits for an answer no longer.
   std::optional<Clock::time_point> due() const {
-    std::uint64_t at = UINT64_MAX;
-    if (!bus_ || sd_bus_get_timeout(bus_.get(), &at) < 0 || at == UINT64_MAX) return std::nullopt;
+    if (!bus_) return nextTry_;
+    std::uint64_t at = 0;
+    // A connection that fails here is ended by `serve`, at once.
+    if (sd_bus_get_timeout(bus_.get(), &at) >= 0 && at == UINT64_MAX) return std::nullopt;
     return Clock::time_point(std::chrono::microseconds(at));
   }
   void end() {
@@ -94,16 +95,14 @@ class BusPresence {
     }
   }
   template <class Work>
-  std::optional<Clock::time_point> guarded(Work&& work) {
+  void guarded(Work&& work) {
     try {
       work();
-      return std::nullopt;
     } catch (const std::system_error& error) {
       setting_.lost(error, bus_ != nullptr);
       end();
       nextTry_ = Clock::now() + pause_;
       pause_ = std::min(pause_ * 2, kLongestPause);
-      return nextTry_;
     }
   }
 

@@ -105,12 +105,13 @@ class DesktopService::Loop {
             }};
   }
 
-  /// Does what there is to do. When there is more, if that is known.
+  /// Does what there is to do. When there is more than the buses', if that is known.
   Moment serve() {
     const auto now = Clock::now();
-    Moment next = earlier(session_.serve(now), system_.serve(now));
+    session_.serve(now);
+    system_.serve(now);
     follow();
-    if (follower_) next = earlier(next, follower_->tick(now));
+    Moment next = follower_ ? follower_->tick(now) : std::nullopt;
     system_.use([&](ShutdownInhibitor& inhibitor) { next = earlier(next, inhibitor.tick(now)); });
     return next;
   }
