@@ -380,6 +380,8 @@ void ContentFile::giveBack(const ContentSnapshot& snapshot) {
 void ContentFile::sent(std::uint64_t edits, const std::string& version) {
   MutexLock changing(changing_);
   MutexLock lock(mutex_);
+  // Told by several threads, in any order: of what is as the store has it, nothing but its last edits is news.
+  if (!state_.isEdited && state_.edits != edits) return;
   state_.version = version;
   if (state_.edits != edits) return;
   state_.isEdited = false;

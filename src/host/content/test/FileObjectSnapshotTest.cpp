@@ -99,6 +99,8 @@ TEST_F(FileObjectSnapshotTest, WhatWasSentIsUnchangedUnlessItWasChangedSince) {
   EXPECT_EQ(thrownErrno([&] { object->evict(); }), EBUSY);
   const auto second = snapshotOf(object);
   object->sent(second.edits, "v2");
+  object->sent(first.edits, "v1 as the store calls it");  // told late
+  EXPECT_EQ(object->state().version, "v2");
   object->giveBack(second);
   EXPECT_FALSE(object->state().isEdited);
   EXPECT_EQ(object->state().version, "v2");
