@@ -22,10 +22,10 @@ std::string inQuotes(const std::string& text) {
   return "'" + platform::escapeForDisplay(text) + "'";
 }
 
-// `reply` lives in the caller, who waits.
-platform::Task<void> ask(platform::URLSession& session, platform::URLRequest request,
-                         platform::URLReply& reply) {
-  reply = co_await session.data(std::move(request));
+// Both live in the caller, who waits.
+platform::Task<void> ask(platform::URLSession* session, platform::URLRequest request,
+                         platform::URLReply* reply) {
+  *reply = co_await session->data(std::move(request));
 }
 
 ServiceProbe afterFailure(const platform::NSError& error, const platform::URLDiagnosis& diagnosis,
@@ -154,7 +154,7 @@ ServiceProbe probeService(const std::string& address, const platform::Secret& to
                                 .maximumDataBytes = kMostBytes});
   try {
     platform::URLReply reply;
-    platform::runBlocking(ask(session, std::move(request), reply));
+    platform::runBlocking(ask(&session, std::move(request), &reply));
     ServiceProbe probe = afterStatus(reply, address);
     probe.serverTime = reply.response.date();
     probe.certificateUntil = diagnosis->certificateUntil;
