@@ -26,11 +26,6 @@ using platform::NSFileProviderItemPtr;
 using ExtensionPtr = std::shared_ptr<platform::NSFileProviderReplicatedExtension>;
 using CallPtr = std::shared_ptr<ServedCall>;
 
-template <class Work>
-void onExecutor(Work work) {
-  boost::asio::post(platform::sharedExecutor(), std::move(work));
-}
-
 platform::NSFileProviderReplicatedExtension::ChangeHandler changeHandler(const CallPtr& call) {
   return [call](NSFileProviderItemPtr item, NSFileProviderItemFields pending, bool fetch,
                 NSErrorPtr error) {
@@ -76,9 +71,9 @@ class Served final : public wire::Extension::Server {
         text(told.getDomainIdentifier()), text(told.getDomainName()));
     host_ = loop_->held(told.getHost());
     auto made = kj::newPromiseAndFulfiller<ExtensionPtr>();
-    onExecutor([loop = loop_, make = std::exchange(makeExtension_, nullptr),
-                domain = std::move(domain), host = makeRemoteHost(loop_, told.getHost()),
-                answer = loop_->held(kj::mv(made.fulfiller))] {
+    Loop::callOut([loop = loop_, make = std::exchange(makeExtension_, nullptr),
+                   domain = std::move(domain), host = makeRemoteHost(loop_, told.getHost()),
+                   answer = loop_->held(kj::mv(made.fulfiller))] {
       loop->post([answer, extension = make(domain, host)]() mutable {
         (*answer)->fulfill(kj::mv(extension));
       });
@@ -241,8 +236,9 @@ class Served final : public wire::Extension::Server {
     };
     const auto told = context.getParams();
     auto made = kj::newPromiseAndFulfiller<Made>();
-    onExecutor([loop = loop_, extension = greeted(), container = text(told.getContainer()),
-                request = read(told.getRequest()), answer = loop_->held(kj::mv(made.fulfiller))] {
+    Loop::callOut([loop = loop_, extension = greeted(), container = text(told.getContainer()),
+                   request = read(told.getRequest()),
+                   answer = loop_->held(kj::mv(made.fulfiller))] {
       Made found;
       try {
         found.enumerator = extension->enumerator(container, request);
@@ -264,12 +260,12 @@ class Served final : public wire::Extension::Server {
   kj::Promise<void> cancel(CancelContext context) override {
     const auto found = operations_.find(context.getParams().getOperation());
     if (found != operations_.end())
-      onExecutor([cancelling = found->second] { cancelling->cancel(); });
+      Loop::callOut([cancelling = found->second] { cancelling->cancel(); });
     return kj::READY_NOW;
   }
 
   kj::Promise<void> invalidate(InvalidateContext) override {
-    onExecutor([extension = greeted()] { extension->invalidate(); });
+    Loop::callOut([extension = greeted()] { extension->invalidate(); });
     return kj::READY_NOW;
   }
 
@@ -301,7 +297,7 @@ class Served final : public wire::Extension::Server {
     operations_[number] = call->cancelling();
     auto answered = coming.promise
                         .then([context](ServedCall::Message message) mutable {
-                          context.getResults().setAnswer(message->getRoot<wire::Answer>());
+                          context.getResults(kUsualSize).setAnswer(message->getRoot<wire::Answer>());
                         })
                         .attach(kj::defer([this, number] { operations_.erase(number); }));
     return {std::move(call), kj::mv(answered)};
@@ -309,7 +305,7 @@ class Served final : public wire::Extension::Server {
 
   template <class Make>
   void carryOut(CallPtr call, Make make) {
-    onExecutor([extension = greeted(), call = std::move(call), make = std::move(make)] {
+    Loop::callOut([extension = greeted(), call = std::move(call), make = std::move(make)] {
       call->started(make(*extension, call));
     });
   }

@@ -1,6 +1,6 @@
 // The program's end: serves one extension to the host behind a socket.
 //
-// Threads: the extension and its factory are called on the shared executor.
+// Threads: the extension and its factory are called on the shared executor, or on a thread that counts as one of it (Loop::callOut).
 #pragma once
 
 #include <functional>

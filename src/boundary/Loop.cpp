@@ -1,20 +1,20 @@
 #include "boundary/Loop.h"
 
-#include <kj/io.h>
 #include <poll.h>
 #include <pthread.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstdint>
+#include <atomic>
+#include <boost/asio/post.hpp>
 #include <deque>
-#include <functional>
 #include <future>
 #include <optional>
 #include <system_error>
+#include <thread>
 #include <utility>
+#include <vector>
 
+#include "boundary/Watch.h"
+#include "platform/tasks/Task.h"
 #include "platform/values/Mutex.h"
 #include "platform/values/NSError.h"
 
@@ -25,79 +25,62 @@ using platform::NSPOSIXError;
 
 namespace {
 
-// So often a thread goes on with what others have posted meanwhile; then the loop's own takes over.
+// So often a thread goes on with what others have posted meanwhile; then an attendant takes over.
 constexpr int kMostRounds = 8;
 constexpr kj::uint kMostTurns = 64;  // a round
+constexpr int kAttendants = 2;
 
-using Work = kj::Function<void()>;
-using Queue = std::deque<Work>;
-
-// An eventfd, which wakes whoever polls it.
-class Bell {
- public:
-  Bell() : descriptor_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (descriptor_.get() < 0) throw NSPOSIXError(errno, "make an event descriptor");
-  }
-  int descriptor() const { return descriptor_.get(); }
-  void ring() const {
-    const std::uint64_t one = 1;
-    // Full only when it was rung often and nobody looked yet: then it wakes all the same.
-    while (::write(descriptor_.get(), &one, sizeof one) < 0 && errno == EINTR) {
-    }
-  }
-  void answer() const {
-    std::uint64_t rung = 0;
-    while (::read(descriptor_.get(), &rung, sizeof rung) < 0 && errno == EINTR) {
-    }
-  }
-
- private:
-  const kj::AutoCloseFd descriptor_;
-};
+using Queue = std::deque<kj::Function<void()>>;
+using Calls = std::vector<std::function<void()>>;
 
 }  // namespace
 
-struct Loop::State {
+struct Loop::State : std::enable_shared_from_this<State> {
   State() = default;
   ~State();
   State(const State&) = delete;
   State& operator=(const State&) = delete;
 
-  void post(Work work);
+  void post(kj::Function<void()> work);
   void want(short events);
-  // The own thread's work, until the end.
+  void wantSoon();
+  void stop();
+  // An attendant's work, until the end.
   void attend();
 
   kj::EventLoop events;         // of whoever is in the loop
   std::function<void()> ready;  // likewise
-  const Bell bell;
+  Watch watch;
 
   platform::Mutex mutex;
   Queue queue GUARDED_BY(mutex);
   bool isEntered GUARDED_BY(mutex) = false;
-  bool isLeftToOwnThread GUARDED_BY(mutex) = false;  // it is entered then, by nobody else
-  bool isPolling GUARDED_BY(mutex) = false;          // the own thread, for the two below
-  int watched GUARDED_BY(mutex) = -1;
-  short wanted GUARDED_BY(mutex) = 0;
+  bool isLeftToOthers GUARDED_BY(mutex) = false;  // it is entered then, by nobody else
   bool isStopping GUARDED_BY(mutex) = false;
+  short wanted GUARDED_BY(mutex) = 0;
+  short armed GUARDED_BY(mutex) = 0;  // what the watch tells of
+  bool isSoonArmed GUARDED_BY(mutex) = false;
 
  private:
   // What whoever is in the loop does next; none: it is out of it.
   std::optional<Queue> next(bool isLastRound);
+  void leaveToOthers() REQUIRES_LOCK(mutex);
   void serve();
+  void callOut(Calls calls) const;
 
-  struct Awaited {
-    bool isEnd = false;
-    bool isTurn = false;   // the loop is left to this thread
-    bool isReady = false;  // the descriptor has what was wanted
-  };
-  Awaited await();
+  std::atomic<int> waiting_ = 0;  // attendants
 };
 
 namespace {
 
 // The loop that this thread is in: one at a time.
 thread_local const void* inside = nullptr;
+// What an attendant has been asked to call when it is out; null on other threads.
+thread_local Calls* calledOut = nullptr;
+
+void onExecutor(std::function<void()> work) {
+  boost::asio::post(platform::sharedExecutor(), std::move(work));
+}
 
 }  // namespace
 
@@ -116,30 +99,31 @@ Loop::State::~State() {
   }
 }
 
-void Loop::State::post(Work work) {
-  const bool canEnter = inside == nullptr;
+void Loop::State::post(kj::Function<void()> work) {
   {
     MutexLock lock(mutex);
     queue.push_back(kj::mv(work));
     if (std::exchange(isEntered, true)) return;
-    isLeftToOwnThread = !canEnter;
+    if (inside != nullptr) return leaveToOthers();
   }
-  if (canEnter) {
-    serve();
-  } else {
-    bell.ring();
-  }
+  serve();
+}
+
+void Loop::State::leaveToOthers() {
+  if (isStopping) return onExecutor([self = shared_from_this()] { self->serve(); });
+  isLeftToOthers = true;
+  watch.ring();
 }
 
 std::optional<Queue> Loop::State::next(bool isLastRound) {
   MutexLock lock(mutex);
   if (queue.empty() && !events.isRunnable()) {
+    if (wanted != 0 && wanted != armed) watch.arm(armed = wanted);
     isEntered = false;
     return std::nullopt;
   }
-  if (isLastRound && !isStopping) {
-    isLeftToOwnThread = true;
-    bell.ring();
+  if (isLastRound) {
+    leaveToOthers();
     return std::nullopt;
   }
   return std::exchange(queue, {});
@@ -159,63 +143,81 @@ void Loop::State::serve() {
 
 void Loop::State::want(short which) {
   MutexLock lock(mutex);
-  if (std::exchange(wanted, which) != which && isPolling) bell.ring();
+  wanted = which;
 }
 
-Loop::State::Awaited Loop::State::await() {
-  Awaited awaited;
-  pollfd both[2] = {{bell.descriptor(), POLLIN, 0}, {-1, 0, 0}};
-  {
-    MutexLock lock(mutex);
-    awaited.isTurn = std::exchange(isLeftToOwnThread, false);
-    awaited.isEnd = isStopping && !awaited.isTurn;
-    if (wanted != 0) both[1] = {watched, wanted, 0};
-    isPolling = true;
-  }
-  const bool waits = !awaited.isTurn && !awaited.isEnd;
-  const bool isAny = ::poll(both, 2, waits ? -1 : 0) > 0;
-  if (isAny && both[0].revents != 0) bell.answer();
+void Loop::State::wantSoon() {
   MutexLock lock(mutex);
-  isPolling = false;
-  awaited.isReady = isAny && both[1].revents != 0 && watched == both[1].fd;
-  if (awaited.isReady) wanted = 0;  // until it is wanted again: it stays ready until somebody reads
-  return awaited;
+  if (!std::exchange(isSoonArmed, true)) watch.armTimer(kSoon);
+}
+
+void Loop::State::stop() {
+  MutexLock lock(mutex);
+  isStopping = true;
+  watch.ring();
 }
 
 void Loop::State::attend() {
+  Calls calls;
+  calledOut = &calls;
   for (;;) {
-    const Awaited awaited = await();
-    if (awaited.isReady) {
+    ++waiting_;
+    const Watch::Event event = watch.wait();
+    --waiting_;
+    bool isTurn = false;
+    bool isEnd = false;
+    {
+      MutexLock lock(mutex);
+      if (event == Watch::Event::descriptor) armed = wanted = 0;  // until it is wanted again
+      if (event == Watch::Event::timer) isSoonArmed = false;
+      isTurn = std::exchange(isLeftToOthers, false);
+      isEnd = isStopping;
+    }
+    if (isTurn) serve();
+    if (event != Watch::Event::bell) {
       post([this] {
         if (ready) ready();
       });
     }
-    if (awaited.isTurn) serve();
-    if (awaited.isEnd) return;
+    if (!calls.empty()) callOut(std::exchange(calls, {}));
+    if (isEnd) return watch.ring();  // for the other one
   }
 }
 
-std::shared_ptr<Loop> Loop::make(std::string name) {
+void Loop::State::callOut(Calls calls) const {
+  std::function<void()> here;
+  if (waiting_ > 0) {
+    here = std::move(calls.back());
+    calls.pop_back();
+  }
+  for (auto& call : calls) onExecutor(std::move(call));
+  if (!here) return;
+  auto* const ours = std::exchange(calledOut, nullptr);  // it is not out of what it calls
+  {
+    const platform::ExecutorScope scope;
+    here();
+    here = nullptr;
+  }
+  calledOut = ours;
+}
+
+std::shared_ptr<Loop> Loop::make(const std::string& name) {
   const auto state = std::make_shared<State>();
   std::shared_ptr<Loop> loop(new Loop(state));
   try {
-    std::thread([state, name = std::move(name)] {
-      ::pthread_setname_np(::pthread_self(), name.substr(0, 15).c_str());
-      state->attend();
-    }).detach();
+    for (int i = 0; i < kAttendants; ++i) {
+      std::thread([state, name = name.substr(0, 15)] {
+        ::pthread_setname_np(::pthread_self(), name.c_str());
+        state->attend();
+      }).detach();
+    }
   } catch (const std::system_error& error) {
     throw NSPOSIXError(error.code().value(), "start a connection's thread");
   }
   return loop;
 }
 
-Loop::~Loop() {
-  {
-    MutexLock lock(state_->mutex);
-    state_->isStopping = true;
-  }
-  state_->bell.ring();
-}
+Loop::~Loop() { state_->stop(); }
 
 void Loop::post(kj::Function<void()> work) const {
   // Kept: what runs may let go of the loop.
@@ -235,22 +237,28 @@ void Loop::run(kj::Function<void()> work) const {
 
 bool Loop::isInside() { return inside != nullptr; }
 
+void Loop::callOut(std::function<void()> work) {
+  if (calledOut != nullptr && inside != nullptr) {
+    calledOut->push_back(std::move(work));
+  } else {
+    onExecutor(std::move(work));
+  }
+}
+
 void Loop::watch(int descriptor, std::function<void()> ready) const {
   state_->ready = std::move(ready);
-  MutexLock lock(state_->mutex);
-  state_->watched = descriptor;
-  state_->wanted = 0;
+  state_->watch.add(descriptor);
 }
 
 void Loop::want(short events) const { state_->want(events); }
 
+void Loop::wantSoon() const { state_->wantSoon(); }
+
 void Loop::unwatch() const {
   state_->ready = nullptr;
-  MutexLock lock(state_->mutex);
-  state_->watched = -1;
-  state_->wanted = 0;
-  // Who polls a descriptor holds what is behind it, closed or not.
-  if (state_->isPolling) state_->bell.ring();
+  state_->watch.remove();
+  state_->want(0);
+  state_->stop();
 }
 
 }  // namespace kestrune::boundary

@@ -1,7 +1,11 @@
 #include "boundary/RemoteCall.h"
 
 #include <boost/asio/post.hpp>
+#include <boost/asio/strand.hpp>
 #include <utility>
+
+#include "boundary/Loop.h"
+#include "platform/tasks/Task.h"
 
 namespace kestrune::boundary {
 
@@ -24,22 +28,30 @@ std::shared_ptr<platform::NSProgress> RemoteCall::makeProgress(std::function<voi
   return progress;
 }
 
-void RemoteCall::progressed(std::int64_t total, std::int64_t completed) const {
+void RemoteCall::progressed(std::int64_t total, std::int64_t completed) {
   if (!handler_) return;
-  boost::asio::post(inOrder_,
-                    [seen = progress_, total, completed] { set(seen, total, completed); });
+  if (!inOrder_) inOrder_ = boost::asio::make_strand(platform::sharedExecutor());
+  tell([seen = progress_, total, completed] { set(seen, total, completed); });
 }
 
 void RemoteCall::complete(Completed completed) {
   if (!handler_) return;
   // What the handler holds is let go there too.
-  boost::asio::post(inOrder_, [handler = std::exchange(handler_, nullptr), seen = progress_,
-                               completed = std::move(completed)]() mutable {
+  tell([handler = std::exchange(handler_, nullptr), seen = progress_,
+        completed = std::move(completed)]() mutable {
     if (completed.progress != Completed::Progress{})
       set(seen, completed.progress.total, completed.progress.completed);
     if (!completed.isDropped) handler(std::move(completed));
     handler = nullptr;
   });
+}
+
+void RemoteCall::tell(std::function<void()> work) {
+  if (inOrder_) {
+    boost::asio::post(inOrder_, std::move(work));
+  } else {
+    Loop::callOut(std::move(work));
+  }
 }
 
 }  // namespace kestrune::boundary

@@ -84,20 +84,21 @@ struct RemoteExtension::Link : std::enable_shared_from_this<Link> {
   // Sends a request with the fields that `fill` sets, and gives its answer to the handler.
   template <class Request, class Fill>
   NSProgressPtr begin(Method<Request> method, Fill fill, RemoteCall::Handler handler,
-                      boost::asio::any_io_executor inOrder = strand()) {
+                      boost::asio::any_io_executor inOrder = {}) {
     auto noting = [isGone = isGone, handler = std::move(handler)](Completed completed) {
       if (completed.error && platform::isInterruption(*completed.error)) *isGone = true;
       handler(std::move(completed));
     };
     const std::uint64_t number = ++operations;
-    auto call = std::make_shared<RemoteCall>(std::move(inOrder), std::move(noting));
+    auto call = std::make_shared<RemoteCall>(std::move(noting));
+    if (inOrder) call->follow(std::move(inOrder));
     auto progress = call->makeProgress([weak = weak_from_this(), number] {
       if (const auto link = weak.lock()) link->cancel(number);
     });
     loop->post([link = shared_from_this(), call = std::move(call), method, number,
                 fill = std::move(fill)]() mutable {
       if (!link->wire) return call->complete({.error = interrupted()});
-      auto request = (link->wire->extension.*method)(nullptr);
+      auto request = (link->wire->extension.*method)(kUsualSize);
       request.setOperation(number);
       fill(request);
       link->open[number] = kj::mv(call);

@@ -4,7 +4,7 @@
 // that were open when the program died fail with an interruption (BoundaryError.h), and so do all later ones: who wants to go on
 // connects to another program.
 //
-// Threads: as the protocols say. Handlers and observers are called on the shared executor, never on the connection's own thread and
+// Threads: as the protocols say. Handlers and observers are called on the shared executor, or on a thread that counts as one of it and
 // never inside the call.
 #pragma once
 

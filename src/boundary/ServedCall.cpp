@@ -68,7 +68,7 @@ void ServedCall::complete(Completed completed) {
   if (const auto counts = cancelling_->end())
     completed.progress = {counts->totalUnitCount, counts->completedUnitCount};
   // Written here: reading an item's properties may do file input, for which the loop has no time.
-  auto message = kj::heap<capnp::MallocMessageBuilder>();
+  auto message = kj::heap<capnp::MallocMessageBuilder>(kUsualWords);
   write(message->initRoot<wire::Answer>(), completed);
   loop_->post([answer = answer_, message = kj::mv(message)]() mutable {
     (*answer)->fulfill(kj::mv(message));
@@ -83,7 +83,7 @@ void ServedCall::started(const std::shared_ptr<NSProgress>& progress) const {
     const auto cancelling = weak.lock();
     if (!cancelling || cancelling->hasEnded() || !isWorthTelling(counts)) return;
     loop->post([host, operation, counts] {
-      auto request = host->progressedRequest();
+      auto request = host->progressedRequest(kUsualSize);
       request.setOperation(operation);
       request.setTotal(counts.totalUnitCount);
       request.setCompleted(counts.completedUnitCount);

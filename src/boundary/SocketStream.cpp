@@ -1,5 +1,6 @@
 #include "boundary/SocketStream.h"
 
+#include <capnp/rpc.capnp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -21,6 +22,7 @@ namespace {
 constexpr std::size_t kUsualBytes = 64U << 10U;
 constexpr std::size_t kWorthTheBuffer = 16U << 10U;  // a message that is not copied out of it
 constexpr std::size_t kMostDescriptors = 4;          // of one message
+constexpr std::size_t kMostUnhurriedBytes = 4U << 10U;
 using Control = std::array<char, CMSG_SPACE(sizeof(int) * kMostDescriptors)>;
 
 kj::Exception failure(const char* what) {
@@ -46,6 +48,11 @@ class SocketStream::Pieces {
       add(segments[i].begin(), segments[i].asBytes().size());
     }
   }
+  /// Before all else.
+  void addBefore(std::vector<char> bytes) {
+    own_ = std::move(bytes);
+    all_.insert(all_.begin(), {own_.data(), own_.size()});
+  }
   /// What was not dropped yet. Valid until something is added or dropped.
   std::span<iovec> left() { return std::span(all_).subspan(dropped_); }
   void drop(std::size_t bytes) {
@@ -58,14 +65,16 @@ class SocketStream::Pieces {
   /// What is left, which then depends on nobody else.
   Pieces copyOfRest() {
     std::vector<char> bytes;
+    appendTo(bytes);
+    Pieces copy;
+    copy.addBefore(std::move(bytes));
+    return copy;
+  }
+  void appendTo(std::vector<char>& bytes) {
     for (const iovec& piece : left()) {
       const auto* const begin = static_cast<const char*>(piece.iov_base);
       bytes.insert(bytes.end(), begin, begin + piece.iov_len);
     }
-    Pieces copy;
-    copy.own_ = std::move(bytes);
-    copy.add(copy.own_.data(), copy.own_.size());
-    return copy;
   }
 
  private:
@@ -92,7 +101,9 @@ SocketStream::SocketStream(std::shared_ptr<Loop> loop, kj::AutoCloseFd socket,
       descriptors_(descriptors),
       buffer_(kj::heapArray<word>(kUsualBytes / sizeof(word))) {
   loop_->watch(socket_.get(), [this] {
+    isDry_ = false;
     writeOn();
+    if (!unhurried_.empty()) sendUnhurried();
     readOn();
     wantMore();
   });
@@ -125,7 +136,7 @@ void SocketStream::readOn() {
       if (isAtEnd_ && buffered() > 0)
         kj::throwFatalException(KJ_EXCEPTION(DISCONNECTED, "ended within a message"));
       if (isAtEnd_) return reading.fulfiller->fulfill(nullptr);
-    } while (receive());
+    } while (!isDry_ && receive());
   } catch (kj::Exception& exception) {
     return reading.fulfiller->reject(kj::mv(exception));
   }
@@ -211,6 +222,7 @@ bool SocketStream::receive() {
   end_ += static_cast<std::size_t>(count);
   received_ += static_cast<std::uint64_t>(count);
   isAtEnd_ = count == 0;
+  isDry_ = !isAtEnd_ && static_cast<std::size_t>(count) < room.iov_len;
   take(header);
   return true;
 }
@@ -230,6 +242,7 @@ void SocketStream::take(const msghdr& header) {
 
 kj::Promise<void> SocketStream::writeMessage(
     kj::ArrayPtr<const int> descriptors, kj::ArrayPtr<const kj::ArrayPtr<const word>> segments) {
+  if (descriptors.size() == 0 && keepForLater(segments)) return kj::READY_NOW;
   Pieces pieces;
   pieces.add(segments);
   return write(pieces, descriptors);
@@ -242,7 +255,27 @@ kj::Promise<void> SocketStream::writeMessages(
   return write(pieces, nullptr);
 }
 
+bool SocketStream::keepForLater(kj::ArrayPtr<const kj::ArrayPtr<const word>> segments) {
+  if (segments.size() != 1 ||
+      unhurried_.size() + segments[0].asBytes().size() > kMostUnhurriedBytes || !outgoing_.empty())
+    return false;
+  capnp::SegmentArrayMessageReader message(segments);
+  if (!message.getRoot<capnp::rpc::Message>().isFinish()) return false;
+  loop_->wantSoon();
+  Pieces pieces;
+  pieces.add(segments);
+  pieces.appendTo(unhurried_);
+  return true;
+}
+
 kj::Promise<void> SocketStream::write(Pieces& pieces, kj::ArrayPtr<const int> descriptors) {
+  if (!unhurried_.empty()) {
+    // Descriptors go with the first byte of a write: with that of their own message.
+    if (descriptors.size() > 0)
+      sendUnhurried();
+    else
+      pieces.addBefore(std::exchange(unhurried_, {}));
+  }
   if (outgoing_.empty()) {
     try {
       send(pieces, descriptors);
@@ -255,6 +288,13 @@ kj::Promise<void> SocketStream::write(Pieces& pieces, kj::ArrayPtr<const int> de
   outgoing_.push_back({pieces.copyOfRest(), descriptors, kj::mv(later.fulfiller)});
   wantMore();
   return kj::mv(later.promise);
+}
+
+void SocketStream::sendUnhurried() {
+  Pieces none;
+  write(none, nullptr).detach([](kj::Exception&&) {
+    // Whoever is gone: the next read says so.
+  });
 }
 
 void SocketStream::writeOn() {

@@ -11,6 +11,7 @@
 #include <deque>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "boundary/Loop.h"
 #include "boundary/Wire.h"
@@ -56,6 +57,8 @@ class SocketStream final : public capnp::MessageStream {
   void readOn();
   void writeOn();
   void wantMore() const;
+  void sendUnhurried();
+  bool keepForLater(kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>> segments);
   kj::Promise<void> write(Pieces& pieces, kj::ArrayPtr<const int> descriptors);
   void send(Pieces& pieces, kj::ArrayPtr<const int>& descriptors) const;
   std::optional<Read> next(Reading& reading);
@@ -76,9 +79,12 @@ class SocketStream final : public capnp::MessageStream {
   std::size_t end_ = 0;
   std::uint64_t received_ = 0;  // in all
   bool isAtEnd_ = false;
+  bool isDry_ = false;  // there was no more when it was read last
   std::deque<Passed> passed_;
 
   std::deque<Outgoing> outgoing_;
+  std::vector<char>
+      unhurried_;  // messages that go with the next one; before what is in outgoing_, which then is empty
 };
 
 }  // namespace kestrune::boundary

@@ -22,7 +22,7 @@ kj::Promise<void> StreamReader::take(TakeContext context) {
         loop->post([answer, wanted] { (*answer)->fulfill(bool(wanted)); });
       });
   return answered.promise.then(
-      [context](bool wanted) mutable { context.getResults().setWanted(wanted); });
+      [context](bool wanted) mutable { context.getResults(kUsualSize).setWanted(wanted); });
 }
 
 }  // namespace kestrune::boundary

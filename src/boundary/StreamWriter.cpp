@@ -108,7 +108,7 @@ void StreamWriter::send(std::int64_t offset, std::size_t slot, std::string_view 
   const auto position = static_cast<std::uint64_t>(bytes.data() - memory_->bytes().data());
   loop_->post([taker = taker_, offset, position, length = bytes.size(),
                sent = Sent(shared_from_this(), slot)]() mutable {
-    auto request = taker->takeRequest();
+    auto request = taker->takeRequest(kUsualSize);
     request.setOffset(offset);
     request.setPosition(position);
     request.setLength(static_cast<std::uint32_t>(length));

@@ -16,3 +16,11 @@ inline bool operator!=(const char* a, const StringPtr& b) { return !b.operator==
 #include <kj/debug.h>
 
 #include "boundary/Boundary.capnp.h"
+
+namespace kestrune::boundary {
+
+/// What most messages need; a longer one gets more. Unasked, Cap'n Proto takes 8 KiB of zeros, which cost more than the message.
+inline constexpr unsigned kUsualWords = 64;
+inline constexpr capnp::MessageSize kUsualSize{kUsualWords, 1};
+
+}  // namespace kestrune::boundary

@@ -1,16 +1,20 @@
 #include "boundary/Loop.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
+#include <fstream>
 #include <future>
 #include <thread>
 #include <vector>
 
 #include "boundary/test/ProtocolHarness.h"
+#include "platform/tasks/Task.h"
 
 namespace kestrune::boundary::test {
 namespace {
@@ -116,6 +120,161 @@ TEST(Loop, ADescriptorIsToldOfOncePerWish) {
     loop->unwatch();
   });
   wait(2);
+  ::close(ends[0]);
+  ::close(ends[1]);
+}
+
+// A loop that watches a pipe, and calls something out for each byte.
+class CallingLoop {
+ public:
+  explicit CallingLoop(std::function<void()> call) : call_(std::move(call)) {
+    if (::pipe2(ends_, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+    loop->run([this] {
+      loop->watch(ends_[0], [this] {
+        char byte = 0;
+        if (::read(ends_[0], &byte, 1) == 1) ++seen;
+        readyThread = std::this_thread::get_id();
+        Loop::callOut(call_);
+        loop->want(POLLIN);
+      });
+      loop->want(POLLIN);
+    });
+  }
+  ~CallingLoop() {
+    loop->run([this] { loop->unwatch(); });
+    for (const int end : ends_) ::close(end);
+  }
+  void sendByte() const { EXPECT_EQ(::write(ends_[1], "a", 1), 1); }
+
+  const std::shared_ptr<Loop> loop = Loop::make("calling");
+  std::atomic<int> seen = 0;
+  std::thread::id readyThread;
+
+ private:
+  int ends_[2] = {-1, -1};
+  const std::function<void()> call_;
+};
+
+template <class Condition>
+bool comesSoon(Condition condition) {
+  const auto deadline = std::chrono::steady_clock::now() + kSoon;
+  while (!condition() && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  return condition();
+}
+
+Task<void> noting(std::thread::id* thread) {
+  *thread = std::this_thread::get_id();
+  co_return;
+}
+
+TEST(Loop, WhatIsCalledOutRunsOnTheThreadThatCameOut) {
+  struct Seen {
+    std::thread::id thread;
+    std::thread::id threadOfTask;
+    bool isInside = true;
+  };
+  std::promise<Seen> called;
+  std::atomic<bool> isLast = false;
+  std::atomic<int> calls = 0;
+  const CallingLoop calling([&] {
+    if (isLast) {
+      Seen seen{std::this_thread::get_id(), {}, Loop::isInside()};
+      spawnDetached("note", noting(&seen.threadOfTask));
+      called.set_value(seen);
+    }
+    ++calls;
+  });
+  // Until the other attendant waits too.
+  for (int i = 1; i <= 20; ++i) {
+    calling.sendByte();
+    ASSERT_TRUE(comesSoon([&] { return calls == i; }));
+  }
+  isLast = true;
+  calling.sendByte();
+  const Seen seen = called.get_future().get();
+  ASSERT_TRUE(comesSoon([&] { return calls == 21; }));
+  EXPECT_EQ(seen.thread, calling.readyThread);
+  EXPECT_EQ(seen.threadOfTask, seen.thread) << "a task begins there";
+  EXPECT_FALSE(seen.isInside);
+}
+
+TEST(Loop, WhoIsSlowOutsideHoldsUpNobody) {
+  std::promise<void> freed;
+  const std::shared_future<void> isFree = freed.get_future().share();
+  std::atomic<int> called = 0;
+  std::atomic<int> ended = 0;
+  const CallingLoop calling([&, isFree] {
+    ++called;
+    isFree.wait();
+    ++ended;
+  });
+  // One of them on an attendant, the others on the executor, which has four threads at least.
+  for (int i = 1; i <= 4; ++i) {
+    calling.sendByte();
+    EXPECT_TRUE(comesSoon([&] { return called == i; })) << i;
+  }
+  // Nobody is left to call anything, and the loop goes on all the same.
+  for (int i = 5; i <= 200; ++i) {
+    calling.sendByte();
+    EXPECT_TRUE(comesSoon([&] { return calling.seen == i; })) << i;
+  }
+  bool ran = false;
+  calling.loop->run([&] { ran = true; });
+  EXPECT_TRUE(ran);
+  freed.set_value();
+  EXPECT_TRUE(comesSoon([&] { return ended == 200; }));
+}
+
+TEST(Loop, WhatIsCalledOutMayAskForMore) {
+  std::atomic<int> more = 0;
+  std::shared_ptr<Loop> loop;
+  const CallingLoop calling([&] { loop->post([&] { Loop::callOut([&] { ++more; }); }); });
+  loop = calling.loop;
+  for (int i = 1; i <= 20; ++i) {
+    calling.sendByte();
+    ASSERT_TRUE(comesSoon([&] { return more == i; })) << i;
+  }
+}
+
+TEST(Loop, WithoutAnythingToWatchItNeedsNoThreads) {
+  const auto threads = [] {
+    int count = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+      std::ifstream name(task.path() / "comm");
+      std::string word;
+      count += name >> word && word == "leaving" ? 1 : 0;
+    }
+    return count;
+  };
+  const auto loop = Loop::make("leaving");
+  EXPECT_TRUE(comesSoon([&] { return threads() == 2; }));
+  loop->run([&] { loop->unwatch(); });
+  EXPECT_TRUE(comesSoon([&] { return threads() == 0; }));
+  bool ran = false;
+  loop->run([&] { ran = true; });
+  EXPECT_TRUE(ran);
+  // Work that whoever posts it cannot do.
+  std::promise<void> ranToo;
+  const auto other = Loop::make("other");
+  other->run([&] { loop->post([&] { ranToo.set_value(); }); });
+  EXPECT_EQ(ranToo.get_future().wait_for(kSoon), std::future_status::ready);
+}
+
+TEST(Loop, SoonIsSoonAlthoughNothingHappens) {
+  const auto loop = Loop::make("test");
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  std::atomic<int> told = 0;
+  loop->run([&] { loop->watch(ends[0], [&] { ++told; }); });
+  for (int i = 1; i <= 3; ++i) {
+    loop->run([&] {
+      loop->wantSoon();
+      loop->wantSoon();
+    });
+    EXPECT_TRUE(comesSoon([&] { return told == i; })) << i;
+  }
+  loop->run([&] { loop->unwatch(); });
   ::close(ends[0]);
   ::close(ends[1]);
 }

@@ -1,8 +1,10 @@
 // The connection's bytes: messages in any pieces, descriptors with the right ones, and what is no message.
 #include "boundary/SocketStream.h"
 
+#include <capnp/rpc.capnp.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -45,6 +47,7 @@ class SocketStreamTest : public testing::Test {
     if (other >= 0) ::close(other);
   }
   void open(Descriptors descriptors = Descriptors::taken) {
+    loop = Loop::make("test");
     const auto [ours, theirs] = socketPair();
     other = theirs;
     loop->run([&, ours = ours] { stream.emplace(loop, kj::AutoCloseFd(ours), descriptors); });
@@ -109,7 +112,7 @@ class SocketStreamTest : public testing::Test {
     return future;
   }
 
-  const std::shared_ptr<Loop> loop = Loop::make("test");
+  std::shared_ptr<Loop> loop;
   std::optional<SocketStream> stream;
   int other = -1;
 };
@@ -222,6 +225,116 @@ TEST_F(SocketStreamTest, WhatTheOtherSideDoesNotTakeYetIsWrittenWhenItDoes) {
   }
   EXPECT_EQ(done.wait_for(kSoon), std::future_status::ready);
   EXPECT_TRUE(got.size() == expected.size());
+}
+
+// What ends a question is waited for by nobody.
+kj::Array<capnp::word> finishOf(unsigned question) {
+  capnp::MallocMessageBuilder message;
+  message.initRoot<capnp::rpc::Message>().initFinish().setQuestionId(question);
+  return capnp::messageToFlatArray(message);
+}
+
+class UnhurriedTest : public SocketStreamTest {
+ protected:
+  UnhurriedTest() { open(); }
+
+  // In the loop, one after the other.
+  void write(const std::vector<kj::Array<capnp::word>>& messages, int descriptor = -1) {
+    loop->run([&] {
+      for (const auto& message : messages) {
+        ASSERT_EQ(message.asBytes()[0], 0) << "more than one segment";
+        // The table is the stream's own business.
+        const kj::ArrayPtr<const capnp::word> segment = message.slice(1, message.size());
+        const bool isLast = &message == &messages.back();
+        auto descriptors = kj::heapArray<int>(isLast && descriptor >= 0 ? 1 : 0);
+        if (descriptors.size() > 0) descriptors[0] = descriptor;
+        stream->writeMessage(descriptors, kj::arrayPtr(&segment, 1))
+            .attach(kj::mv(descriptors))
+            .detach([](kj::Exception&&) { ADD_FAILURE(); });
+      }
+    });
+  }
+  std::string receiveAll(std::size_t bytes) const {
+    std::string got(bytes, '\0');
+    for (std::size_t at = 0; at < bytes;) {
+      pollfd one{other, POLLIN, 0};
+      if (::poll(&one, 1, 10'000) != 1) return got.substr(0, at);
+      const ssize_t count = ::read(other, got.data() + at, bytes - at);
+      if (count <= 0) return got.substr(0, at);
+      at += static_cast<std::size_t>(count);
+    }
+    return got;
+  }
+};
+
+TEST_F(UnhurriedTest, TheEndOfAQuestionGoesAloneOnlyAfterAWhile) {
+  const std::string bytes(bytesOf(finishOf(7)));
+  bool hasWaited = false;
+  for (int attempt = 0; attempt < 50 && !hasWaited; ++attempt) {
+    const auto begin = std::chrono::steady_clock::now();
+    std::vector<kj::Array<capnp::word>> messages;
+    messages.push_back(finishOf(7));
+    write(messages);
+    char byte = 0;
+    const bool isThere = ::recv(other, &byte, 1, MSG_DONTWAIT | MSG_PEEK) > 0;
+    // Whoever looks too late has seen nothing.
+    const bool hasLookedInTime = std::chrono::steady_clock::now() - begin < Loop::kSoon / 2;
+    EXPECT_FALSE(isThere && hasLookedInTime);
+    hasWaited = !isThere;
+    EXPECT_EQ(receiveAll(bytes.size()), bytes);
+  }
+  EXPECT_TRUE(hasWaited);
+}
+
+TEST_F(UnhurriedTest, ItGoesBeforeWhatIsSaidNext) {
+  std::vector<kj::Array<capnp::word>> messages;
+  std::string bytes;
+  // More of them than are kept.
+  for (unsigned i = 0; i < 500; ++i)
+    messages.push_back(i % 60 == 59 ? messageOf(i, i) : finishOf(i));
+  for (const auto& message : messages) bytes += bytesOf(message);
+  write(messages);
+  EXPECT_TRUE(receiveAll(bytes.size()) == bytes);
+}
+
+TEST_F(UnhurriedTest, ADescriptorGoesWithItsOwnMessage) {
+  const kj::AutoCloseFd file(::memfd_create("passed", MFD_CLOEXEC));
+  std::vector<kj::Array<capnp::word>> messages;
+  messages.push_back(finishOf(1));
+  messages.push_back(messageOf(3, 3));
+  write(messages, file.get());
+  const auto descriptorsOf = [this](std::size_t bytes) {
+    std::string got(bytes, '\0');
+    iovec piece{got.data(), got.size()};
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+    msghdr header{};
+    header.msg_iov = &piece;
+    header.msg_iovlen = 1;
+    header.msg_control = control.data();
+    header.msg_controllen = control.size();
+    EXPECT_EQ(::recvmsg(other, &header, MSG_CMSG_CLOEXEC), static_cast<ssize_t>(bytes));
+    const cmsghdr* const part = CMSG_FIRSTHDR(&header);
+    if (part == nullptr) return 0;
+    int descriptor = -1;
+    std::memcpy(&descriptor, CMSG_DATA(part), sizeof descriptor);
+    ::close(descriptor);
+    return 1;
+  };
+  EXPECT_EQ(descriptorsOf(bytesOf(messages[0]).size()), 0);
+  EXPECT_EQ(descriptorsOf(bytesOf(messages[1]).size()), 1);
+}
+
+TEST_F(UnhurriedTest, ItIsNotLostWhereTheOtherSideTakesNoMore) {
+  std::vector<kj::Array<capnp::word>> messages;
+  for (unsigned i = 0; i < 400; ++i) {
+    messages.push_back(finishOf(i));
+    messages.push_back(messageOf(900, i));
+  }
+  messages.push_back(finishOf(400));
+  std::string bytes;
+  for (const auto& message : messages) bytes += bytesOf(message);
+  write(messages);
+  EXPECT_TRUE(receiveAll(bytes.size()) == bytes);
 }
 
 TEST_F(SocketStreamTest, WritingToWhoIsGoneIsADisconnection) {

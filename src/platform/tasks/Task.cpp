@@ -43,10 +43,50 @@ asio::thread_pool& pool() {
 }
 
 thread_local std::shared_ptr<TaskLedger> currentLedger;
+thread_local bool isOnExecutor = false;  // in an ExecutorScope
+
+// The pool's executor, which takes the threads in an ExecutorScope for threads of the pool.
+// https://www.boost.org/doc/libs/1_81_0/doc/html/boost_asio/std_executors.html has what an executor must offer.
+class SharedExecutor {
+ public:
+  explicit SharedExecutor(bool mayRunHere) : mayRunHere_(mayRunHere) {}
+
+  asio::execution_context& query(asio::execution::context_t) const noexcept { return pool(); }
+  asio::execution::blocking_t query(asio::execution::blocking_t) const noexcept {
+    if (mayRunHere_) return asio::execution::blocking.possibly;
+    return asio::execution::blocking.never;
+  }
+  SharedExecutor require(asio::execution::blocking_t::never_t) const {
+    return SharedExecutor(false);
+  }
+  SharedExecutor require(asio::execution::blocking_t::possibly_t) const {
+    return SharedExecutor(true);
+  }
+  template <class Work>
+  void execute(Work&& work) const {
+    if (!mayRunHere_) {
+      asio::require(pool().get_executor(), asio::execution::blocking.never)
+          .execute(std::forward<Work>(work));
+    } else if (isOnExecutor) {
+      std::decay_t<Work> here(std::forward<Work>(work));
+      here();
+    } else {
+      pool().get_executor().execute(std::forward<Work>(work));
+    }
+  }
+  bool operator==(const SharedExecutor&) const noexcept = default;
+
+ private:
+  bool mayRunHere_;
+};
 
 }  // namespace
 
-asio::any_io_executor sharedExecutor() { return pool().get_executor(); }
+asio::any_io_executor sharedExecutor() { return SharedExecutor(true); }
+
+ExecutorScope::ExecutorScope() : previous_(std::exchange(isOnExecutor, true)) {}
+
+ExecutorScope::~ExecutorScope() { isOnExecutor = previous_; }
 
 struct TaskLedger::State {
   Mutex mutex;
@@ -137,7 +177,7 @@ void spawnDetached(std::string name, Task<void> task) {
 }
 
 void runBlocking(Task<void> task) {
-  assert(!pool().get_executor().running_in_this_thread());
+  assert(!isOnExecutor && !pool().get_executor().running_in_this_thread());
   std::promise<void> promise;
   auto done = promise.get_future();
   asio::co_spawn(sharedExecutor(), std::move(task),

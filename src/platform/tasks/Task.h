@@ -29,6 +29,19 @@ using Task = boost::asio::awaitable<T>;
 /// The executor that all tasks of the process share. It lives until the process ends.
 boost::asio::any_io_executor sharedExecutor();
 
+/// While it lives, the calling thread counts as one of the shared executor's: a task that it starts begins on it, before the start
+/// returns, and goes on on the others.
+class ExecutorScope {
+ public:
+  ExecutorScope();
+  ~ExecutorScope();
+  ExecutorScope(const ExecutorScope&) = delete;
+  ExecutorScope& operator=(const ExecutorScope&) = delete;
+
+ private:
+  const bool previous_;
+};
+
 /// Starts `task` on the shared executor and returns at once. `name` says what it does, for the
 /// report of a bug. Where the calling thread has a TaskLedger::Scope open, the ledger counts the
 /// task.

@@ -117,6 +117,50 @@ TEST(TaskDeathTest, BlockingRunOnTheExecutorIsRefused) {
       "running_in_this_thread");
 }
 
+Task<void> notingThreads(std::thread::id* first, std::thread::id* second, Event* ended) {
+  *first = std::this_thread::get_id();
+  co_await sleepFor(milliseconds(1));
+  *second = std::this_thread::get_id();
+  ended->set();
+}
+
+TEST(ExecutorScopeTest, TasksBeginOnItsThreadAndGoOnOnTheOthers) {
+  std::thread::id first;
+  std::thread::id second;
+  Event ended;
+  {
+    const ExecutorScope scope;
+    { const ExecutorScope inner; }
+    spawnDetached("notes threads", notingThreads(&first, &second, &ended));
+    EXPECT_EQ(first, std::this_thread::get_id());
+  }
+  ASSERT_TRUE(ended.wait());
+  EXPECT_NE(second, std::thread::id());
+  EXPECT_NE(second, std::this_thread::get_id());
+}
+
+TEST(ExecutorScopeTest, WhatIsPostedDoesNotRunWithinTheCall) {
+  const ExecutorScope scope;
+  Event ran;
+  std::thread::id thread;
+  boost::asio::post(sharedExecutor(), [&] {
+    thread = std::this_thread::get_id();
+    ran.set();
+  });
+  ASSERT_TRUE(ran.wait());
+  EXPECT_NE(thread, std::this_thread::get_id());
+}
+
+TEST(ExecutorScopeTest, ItEnds) {
+  { const ExecutorScope scope; }
+  std::thread::id first;
+  std::thread::id second;
+  Event ended;
+  spawnDetached("notes threads", notingThreads(&first, &second, &ended));
+  ASSERT_TRUE(ended.wait());
+  EXPECT_NE(first, std::this_thread::get_id());
+}
+
 TEST(TaskTest, SleepLastsItsDuration) {
   for (const auto duration : {milliseconds(20), milliseconds(0), milliseconds(-1000)}) {
     const auto before = std::chrono::steady_clock::now();
