@@ -31,3 +31,8 @@ target_link_libraries(kestrune_asio PUBLIC kestrune_flags Boost::headers Threads
 add_library(kestrune_pch OBJECT ${CMAKE_SOURCE_DIR}/cmake/Precompiled.cpp)
 target_link_libraries(kestrune_pch PUBLIC kestrune_flags Boost::headers nlohmann_json::nlohmann_json)
 target_precompile_headers(kestrune_pch PRIVATE ${CMAKE_SOURCE_DIR}/cmake/Precompiled.h)
+if(KESTRUNE_TESTS OR NOT DEFINED KESTRUNE_TESTS)
+  add_library(kestrune_test_pch OBJECT ${CMAKE_SOURCE_DIR}/cmake/Precompiled.cpp)
+  target_link_libraries(kestrune_test_pch PUBLIC kestrune_pch GTest::gmock GTest::gtest)
+  target_precompile_headers(kestrune_test_pch PRIVATE ${CMAKE_SOURCE_DIR}/cmake/PrecompiledTests.h)
+endif()

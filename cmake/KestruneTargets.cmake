@@ -54,7 +54,7 @@ function(kestrune_test name)
   target_link_libraries(${name} PRIVATE kestrune_flags ${ARG_LINKS} GTest::gmock GTest::gtest GTest::gtest_main)
   target_compile_definitions(${name} PRIVATE
     KESTRUNE_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}" KESTRUNE_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
-  target_precompile_headers(${name} REUSE_FROM kestrune_pch)
+  target_precompile_headers(${name} REUSE_FROM kestrune_test_pch)
   if(NOT CMAKE_CURRENT_SOURCE_DIR MATCHES "${KESTRUNE_BESIDE_THE_CORE}" AND NOT ARG_LABEL STREQUAL slow)
     add_dependencies(core_tests ${name})
     string(APPEND ARG_LABEL "-core") # one label: a list does not survive gtest_discover_tests

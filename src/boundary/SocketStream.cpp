@@ -353,6 +353,7 @@ kj::Maybe<int> SocketStream::getSendBufferSize() {
 }
 
 kj::Promise<void> SocketStream::end() {
+  if (!unhurried_.empty()) sendUnhurried();
   ::shutdown(socket_.get(), SHUT_WR);
   return kj::READY_NOW;
 }

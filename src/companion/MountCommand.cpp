@@ -112,7 +112,7 @@ void runMount(const MountOptions& options) {
   host.program = options.program;
   host.inherited = options.inherited;
   host.limits = {options.cacheBytes, options.keepFreeBytes};
-  host.controlSocket = controlSocketFile(options.domainIdentifier);
+  host.controlSockets = controlSocketFiles(options.domainIdentifier);
   host.unpin = [](const platform::NSFileProviderItemIdentifier& identifier) {
     PinStore::setPinned(false, FileProviderItem::path(identifier));
   };

@@ -99,8 +99,8 @@ class DesktopService::Loop {
             [this](const std::system_error& error, bool) {
               if (!delay_.isHeld() && delay_.noteMissing())
                 log_.write(platform::LogLevel::info,
-                           "A shutdown does not wait for changes that are on this machine alone, "
-                           "without the system's bus: %{public}s",
+                           "There is no system bus here, so a shutdown will not wait for changes "
+                           "that are not sent yet: %{public}s",
                            error.what());
             }};
   }

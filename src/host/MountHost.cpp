@@ -268,18 +268,23 @@ void goOnAfter(const Predecessor& before, MountSession& session, FuseKernelCache
 // Takes requests, if it can.
 std::unique_ptr<ControlServer> listenFor(const HostOptions& options, const Predecessor& before,
                                          VolumeControl& control, HostLog& log) {
-  if (options.controlSocket.empty()) return nullptr;
-  try {
-    return std::make_unique<ControlServer>(
-        ControlOptions{options.controlSocket, std::filesystem::canonical(options.mountPoint),
-                       options.domainIdentifier, options.version, before.restarts(),
-                       before.standstill(), std::filesystem::absolute(options.replicaDirectory)},
-        control);
-  } catch (const platform::NSError& error) {
-    log.failure("control", "take requests at '" + options.controlSocket.string() + "'",
-                error.localizedDescription());
-    return nullptr;
+  for (const auto& file : options.controlSockets) {
+    try {
+      return std::make_unique<ControlServer>(
+          ControlOptions{file, std::filesystem::canonical(options.mountPoint),
+                         options.domainIdentifier, options.version, before.restarts(),
+                         before.standstill(), std::filesystem::absolute(options.replicaDirectory)},
+          control);
+    } catch (const platform::NSError& error) {
+      const bool isTaken =
+          error.domain() == platform::kNSPOSIXErrorDomain && error.code() == EADDRINUSE;
+      if (isTaken && &file != &options.controlSockets.back()) continue;
+      log.failure("control", "take requests at '" + file.string() + "'",
+                  error.localizedDescription());
+      return nullptr;
+    }
   }
+  return nullptr;
 }
 
 }  // namespace

@@ -37,8 +37,9 @@ struct HostOptions {
   std::set<std::string> lookersOn = defaultLookersOn();
   /// How much contents may take.
   SpaceLimits limits;
-  /// Where the host takes requests (ControlServer.h); empty: nowhere. Where it cannot listen it works without.
-  std::filesystem::path controlSocket;
+  /// Where the host takes requests (ControlServer.h): at the first of these at which no other one does; empty: nowhere. Where it
+  /// cannot listen it works without.
+  std::vector<std::filesystem::path> controlSockets;
   /// Ends that the extension has an item kept here.
   std::function<void(const platform::NSFileProviderItemIdentifier& identifier)> unpin;
   /// What the extension's process is doing; null: it has none of its own. Called on any thread, once the extension was made.

@@ -128,6 +128,21 @@ TEST_F(LiveCommandsTest, StatusIsOfTheMountThatAPathLiesIn) {
   EXPECT_THAT(tell("status /", 1), HasSubstr("'/'"));
 }
 
+TEST_F(LiveCommandsTest, TwoMountsOfOneDomainAreToldApart) {
+  LiveMount other(service());
+  other.end(SIGTERM);
+  other.shareSessionOf(mount());
+  other.start();
+  EXPECT_THAT(tell("status"), HasSubstr("Mounted at " + mount().mountPoint().string()));
+  EXPECT_THAT(other.control("status").output,
+              HasSubstr("Mounted at " + other.mountPoint().string()));
+  EXPECT_EQ(other.control("download docs/a.txt").status, 0);
+  EXPECT_THAT(tell("why docs/a.txt"), HasSubstr("not here."));
+  EXPECT_EQ(other.control("unmount .").status, 0);
+  EXPECT_EQ(other.host().waitForEnd(), 0);
+  EXPECT_THAT(tell("status"), HasSubstr("Mounted at " + mount().mountPoint().string()));
+}
+
 TEST_F(LiveCommandsTest, UnmountEndsTheHostAlsoFromWithin) {
   EXPECT_THAT(tell("unmount"), HasSubstr("Unmounted '" + mount().mountPoint().string() + "'."));
   EXPECT_EQ(mount().host().waitForEnd(), 0);

@@ -127,7 +127,9 @@ CommandResult LiveService::call(const std::string& method, const std::string& ta
 }
 
 LiveMount::LiveMount(const LiveService& service)
-    : mountPoint_(directory_.path() / "mount point"), programFile_(program("kestrune")) {
+    : mountPoint_(directory_.path() / "mount point"),
+      programFile_(program("kestrune")),
+      runtimeDirectory_(directory_.path() / "tmp") {
   fs::create_directory(mountPoint_);
   fs::create_directory(directory_.path() / "data");
   fs::create_directory(directory_.path() / "tmp");
@@ -148,7 +150,7 @@ LiveMount::~LiveMount() {
 std::vector<std::string> LiveMount::withEnvironment(const std::string& command) const {
   return {"env",
           "XDG_DATA_HOME=" + (directory_.path() / "data").string(),
-          "XDG_RUNTIME_DIR=" + (directory_.path() / "tmp").string(),
+          "XDG_RUNTIME_DIR=" + runtimeDirectory_.string(),
           "TMPDIR=" + (directory_.path() / "tmp").string(),
           "bash",
           "-c",
@@ -200,8 +202,8 @@ int LiveMount::extension() const {
 
 CommandResult LiveMount::control(const std::string& words) const {
   return runIn(mountPoint_, "export XDG_DATA_HOME='" + (directory_.path() / "data").string() +
-                                "' XDG_RUNTIME_DIR='" + (directory_.path() / "tmp").string() +
-                                "'; '" + program("kestrune") + "' " + words);
+                                "' XDG_RUNTIME_DIR='" + runtimeDirectory_.string() + "'; '" +
+                                program("kestrune") + "' " + words);
 }
 
 std::string waitUntilSent(const LiveService& service, const LiveMount& mount,

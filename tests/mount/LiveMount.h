@@ -74,6 +74,8 @@ class LiveMount {
   Child& host() { return *program_; }
   /// Which file is executed by the next `start`, instead of the `kestrune` that was built.
   void setProgram(const std::filesystem::path& file) { programFile_ = file; }
+  /// From the next `start` on, as the same user in the same session.
+  void shareSessionOf(const LiveMount& other) { runtimeDirectory_ = other.runtimeDirectory_; }
   bool isServed() const;
   /// The process that the host's extension runs in; 0 if it does not run.
   int extension() const;
@@ -86,6 +88,7 @@ class LiveMount {
   support::TemporaryDirectory directory_;
   std::filesystem::path mountPoint_;
   std::filesystem::path programFile_;
+  std::filesystem::path runtimeDirectory_;
   std::unique_ptr<Child> program_;
 };
 

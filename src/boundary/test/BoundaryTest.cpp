@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <any>
-#include <boost/asio/thread_pool.hpp>
 
 #include "boundary/BoundaryError.h"
 #include "boundary/Loop.h"

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <optional>
+#include <ranges>
 #include <system_error>
 #include <utility>
 
@@ -76,9 +77,11 @@ fs::path normal(const fs::path& path) {
 
 }  // namespace
 
-fs::path controlSocketFile(const std::string& domainIdentifier) {
+std::vector<fs::path> controlSocketFiles(const std::string& domainIdentifier) {
   const std::string name = socketName(domainIdentifier);
-  return controlFolders().front() / name;
+  std::vector<fs::path> files = controlFolders();
+  for (fs::path& file : files) file /= name;
+  return files;
 }
 
 std::vector<fs::path> controlFolders() {
@@ -122,7 +125,7 @@ PlaceInMount HostFinder::place(const std::string& path) const {
 
 std::unique_ptr<ControlClient> HostFinder::ofDomain(const std::string& domainIdentifier) const {
   const std::string name = socketName(domainIdentifier);
-  for (const fs::path& folder : folders_) {
+  for (const fs::path& folder : std::views::reverse(folders_)) {
     if (auto client = clientAt(folder / name)) return client;
   }
   throw CommandError("No host of the domain '" + platform::escapeForDisplay(domainIdentifier) +

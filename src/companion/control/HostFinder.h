@@ -13,9 +13,9 @@
 namespace kestrune {
 
 /// Where the host of a domain listens: "kestrune/<domain>.sock" in the user's runtime directory ($XDG_RUNTIME_DIR), which
-/// goes with the session, or without one "control/<domain>.sock" in the shared directory. Throws CommandError for a domain
-/// whose identifier cannot be part of a file name.
-std::filesystem::path controlSocketFile(const std::string& domainIdentifier);
+/// goes with the session. Without one, or where a host with another shared directory listens there, "control/<domain>.sock" in the
+/// shared directory. Throws CommandError for a domain whose identifier cannot be part of a file name.
+std::vector<std::filesystem::path> controlSocketFiles(const std::string& domainIdentifier);
 
 /// The folders in which hosts of this user may listen: a mount may have been made with another environment.
 std::vector<std::filesystem::path> controlFolders();
@@ -36,6 +36,7 @@ class HostFinder {
   /// `path` may be relative, and may lead through links that lie outside of the mount; it need not exist.
   PlaceInMount place(const std::string& path) const;
 
+  /// Of several, the one with the shared directory of this process, if there is one in it.
   std::unique_ptr<host::ControlClient> ofDomain(const std::string& domainIdentifier) const;
   /// The host of the mount that `path` lies in; where it is empty, of the domain.
   std::unique_ptr<host::ControlClient> of(const std::string& path,

@@ -43,7 +43,7 @@ asio::thread_pool& pool() {
 }
 
 thread_local std::shared_ptr<TaskLedger> currentLedger;
-thread_local bool isOnExecutor = false;  // in an ExecutorScope
+thread_local bool isInScope = false;  // an ExecutorScope
 
 // The pool's executor, which takes the threads in an ExecutorScope for threads of the pool.
 // https://www.boost.org/doc/libs/1_81_0/doc/html/boost_asio/std_executors.html has what an executor must offer.
@@ -67,7 +67,7 @@ class SharedExecutor {
     if (!mayRunHere_) {
       asio::require(pool().get_executor(), asio::execution::blocking.never)
           .execute(std::forward<Work>(work));
-    } else if (isOnExecutor) {
+    } else if (isInScope) {
       std::decay_t<Work> here(std::forward<Work>(work));
       here();
     } else {
@@ -84,9 +84,11 @@ class SharedExecutor {
 
 asio::any_io_executor sharedExecutor() { return SharedExecutor(true); }
 
-ExecutorScope::ExecutorScope() : previous_(std::exchange(isOnExecutor, true)) {}
+bool isOnSharedExecutor() { return isInScope || pool().get_executor().running_in_this_thread(); }
 
-ExecutorScope::~ExecutorScope() { isOnExecutor = previous_; }
+ExecutorScope::ExecutorScope() : previous_(std::exchange(isInScope, true)) {}
+
+ExecutorScope::~ExecutorScope() { isInScope = previous_; }
 
 struct TaskLedger::State {
   Mutex mutex;
@@ -177,7 +179,7 @@ void spawnDetached(std::string name, Task<void> task) {
 }
 
 void runBlocking(Task<void> task) {
-  assert(!isOnExecutor && !pool().get_executor().running_in_this_thread());
+  assert(!isOnSharedExecutor());
   std::promise<void> promise;
   auto done = promise.get_future();
   asio::co_spawn(sharedExecutor(), std::move(task),

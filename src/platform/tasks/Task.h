@@ -29,6 +29,9 @@ using Task = boost::asio::awaitable<T>;
 /// The executor that all tasks of the process share. It lives until the process ends.
 boost::asio::any_io_executor sharedExecutor();
 
+/// Whether the calling thread is one of the shared executor's, or counts as one.
+bool isOnSharedExecutor();
+
 /// While it lives, the calling thread counts as one of the shared executor's: a task that it starts begins on it, before the start
 /// returns, and goes on on the others.
 class ExecutorScope {

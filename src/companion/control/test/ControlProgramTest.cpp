@@ -51,7 +51,7 @@ TEST_F(ControlProgram, WrongUsageIsTold) {
 
 TEST_F(ControlProgram, AsksTheHostOfTheDomain) {
   host::ControlOptions options;
-  options.socketFile = controlSocketFile("main");
+  options.socketFile = controlSocketFiles("main").front();
   options.domainIdentifier = "main";
   const host::ControlServer server(options, control);
   EXPECT_EQ(run({"status", "--json"}), 0) << errors;
@@ -63,7 +63,7 @@ TEST_F(ControlProgram, AsksTheHostOfTheDomain) {
 
 TEST_F(ControlProgram, ARestartThatFailsSaysWhy) {
   host::ControlOptions options;
-  options.socketFile = controlSocketFile("main");
+  options.socketFile = controlSocketFiles("main").front();
   options.domainIdentifier = "main";
   options.mountPoint = "/mnt/k";
   const host::ControlServer server(options, control);

@@ -31,7 +31,8 @@ std::string refusalOf(const Work& work) {
 TEST(ControlSocketFile, LiesInTheRuntimeDirectory) {
   const support::IsolatedStorage storage;
   const support::ScopedEnvironment runtime("XDG_RUNTIME_DIR", "/run/user/1000");
-  EXPECT_EQ(controlSocketFile("main"), "/run/user/1000/kestrune/main.sock");
+  EXPECT_THAT(controlSocketFiles("main"), ElementsAre(fs::path("/run/user/1000/kestrune/main.sock"),
+                                                      storage.shared() / "control" / "main.sock"));
   EXPECT_THAT(controlFolders(),
               ElementsAre(fs::path("/run/user/1000/kestrune"), storage.shared() / "control"));
 }
@@ -40,14 +41,15 @@ TEST(ControlSocketFile, LiesInTheSharedDirectoryWithoutOne) {
   const support::IsolatedStorage storage;
   for (const std::optional<std::string>& value : {std::optional<std::string>(), {"relative"}}) {
     const support::ScopedEnvironment runtime("XDG_RUNTIME_DIR", value);
-    EXPECT_EQ(controlSocketFile("main"), storage.shared() / "control" / "main.sock");
+    EXPECT_THAT(controlSocketFiles("main"),
+                ElementsAre(storage.shared() / "control" / "main.sock"));
   }
 }
 
 TEST(ControlSocketFile, ADomainThatIsNoNameIsRefused) {
   const support::IsolatedStorage storage;
   for (const std::string& domain : {std::string(), std::string("../main"), std::string(250, 'x')}) {
-    EXPECT_NE(refusalOf([&] { controlSocketFile(domain); }), "") << domain;
+    EXPECT_NE(refusalOf([&] { controlSocketFiles(domain); }), "") << domain;
   }
 }
 
@@ -60,9 +62,10 @@ class HostFinderTest : public testing::Test {
     fs::create_directory(mountPoint);
   }
 
-  std::unique_ptr<host::ControlServer> host(const std::string& domain, const fs::path& place) {
+  std::unique_ptr<host::ControlServer> host(const std::string& domain, const fs::path& place,
+                                            const std::string& folder = "sockets") {
     host::ControlOptions options;
-    options.socketFile = directory.path() / "sockets" / (domain + ".sock");
+    options.socketFile = directory.path() / folder / (domain + ".sock");
     options.domainIdentifier = domain;
     options.mountPoint = place;
     return std::make_unique<host::ControlServer>(options, control);
@@ -112,6 +115,14 @@ TEST_F(HostFinderTest, FindsTheHostOfADomainAndOfAMount) {
   EXPECT_EQ(domainOf(*finder.ofDomain("main")), "main");
   EXPECT_EQ(domainOf(*finder.ofDomain("other")), "other");
   EXPECT_EQ(domainOf(*finder.ofMount(mountPoint)), "main");
+}
+
+TEST_F(HostFinderTest, OfTwoHostsOfADomainItFindsTheOneWithItsOwnData) {
+  const auto first = host("main", "/elsewhere", "none");
+  const auto own = host("main", mountPoint);
+  EXPECT_EQ(finder.ofDomain("main")->ask(host::ControlRequest())["mountPoint"],
+            mountPoint.string());
+  EXPECT_EQ(finder.ofMount("/elsewhere")->ask(host::ControlRequest())["mountPoint"], "/elsewhere");
 }
 
 TEST_F(HostFinderTest, SaysWhereThereIsNone) {

@@ -26,7 +26,7 @@ class WatchProgram : public testing::Test {
  protected:
   WatchProgram() {
     control.setPending("/", {});
-    options.socketFile = controlSocketFile("main");
+    options.socketFile = controlSocketFiles("main").front();
     options.domainIdentifier = "main";
     options.mountPoint = "/mnt/k";
     server = std::make_unique<host::ControlServer>(options, control);

@@ -275,7 +275,8 @@ TEST_F(VolumeControlTest, WakesWhoWatchesAndTellsTheFolders) {
   // That a change could not be sent changes no item.
   host_.remote().hold(Ask::create, "/docs/new.txt");
   host_.save("/docs/new.txt", "new");
-  ASSERT_TRUE(host_.passUntil([this] { return pending("/docs").changes.at(0).isUnderWay; }));
+  ASSERT_TRUE(
+      host_.passUntil([this] { return host_.remote().asked(Ask::create, "/docs/new.txt") == 1; }));
   control_.takeChanges();
   host_.remote().release(Ask::create, "/docs/new.txt",
                          platform::NSPOSIXError(EPERM, "create").share());
@@ -364,7 +365,8 @@ TEST_F(VolumeControlTest, WakesWhoWatchesForARemovalToo) {
   EXPECT_EQ(condition().pendingChanges, 1U);
   EXPECT_GT(wakes_, 0);
   host_.remote().hold(Ask::remove, "/top.txt");
-  ASSERT_TRUE(host_.passUntil([this] { return pending("/").changes.at(0).isUnderWay; }));
+  ASSERT_TRUE(
+      host_.passUntil([this] { return host_.remote().asked(Ask::remove, "/top.txt") == 1; }));
   control_.takeChanges();
   wakes_ = 0;
   host_.remote().release(Ask::remove, "/top.txt", nullptr);

@@ -4,7 +4,6 @@
 #include <signal.h>
 #include <sys/resource.h>
 
-#include <boost/asio/thread_pool.hpp>
 #include <future>
 #include <vector>
 
@@ -44,9 +43,7 @@ class WatchedDownload {
       Ended ended{location, response, error, {}, false};
       if (location) ended.contents = support::contentsOf(*location);
       if (location && !moveTo.empty()) std::filesystem::rename(*location, moveTo);
-      using Pool = boost::asio::thread_pool::executor_type;
-      const boost::asio::any_io_executor executor = sharedExecutor();
-      ended.wasExecutorThread = executor.target<Pool>()->running_in_this_thread();
+      ended.wasExecutorThread = isOnSharedExecutor();
       ++shared->calls;
       shared->ended.set_value(std::move(ended));
     };

@@ -114,7 +114,7 @@ TEST(TaskDeathTest, BlockingRunOnTheExecutorIsRefused) {
         });
         EXPECT_TRUE(done.wait());
       },
-      "running_in_this_thread");
+      "isOnSharedExecutor");
 }
 
 Task<void> notingThreads(std::thread::id* first, std::thread::id* second, Event* ended) {
@@ -133,6 +133,7 @@ TEST(ExecutorScopeTest, TasksBeginOnItsThreadAndGoOnOnTheOthers) {
     { const ExecutorScope inner; }
     spawnDetached("notes threads", notingThreads(&first, &second, &ended));
     EXPECT_EQ(first, std::this_thread::get_id());
+    EXPECT_TRUE(isOnSharedExecutor());
   }
   ASSERT_TRUE(ended.wait());
   EXPECT_NE(second, std::thread::id());
@@ -153,6 +154,7 @@ TEST(ExecutorScopeTest, WhatIsPostedDoesNotRunWithinTheCall) {
 
 TEST(ExecutorScopeTest, ItEnds) {
   { const ExecutorScope scope; }
+  EXPECT_FALSE(isOnSharedExecutor());
   std::thread::id first;
   std::thread::id second;
   Event ended;
