@@ -26,8 +26,8 @@ function(kestrune_program name)
   target_precompile_headers(${name} REUSE_FROM kestrune_pch)
 endfunction()
 
-# The tests of the extension and of what it stands on, and of the console: CI runs them under the sanitizers. The host's,
-# the service's and the companion's own are left to `scripts/test --sanitize`, because the builds would take too long.
+# The unit tests of the extension and of what it stands on: CI runs them under the sanitizers. Tests of whole programs, and the host's,
+# the service's and the companion's own, are left to `scripts/test --sanitize`, because the builds would take twice as long.
 add_custom_target(core_tests)
 set(KESTRUNE_BESIDE_THE_CORE "/src/(host|service|desktop|companion)(/|$)|/tests/(mount|support)$")
 
@@ -55,7 +55,7 @@ function(kestrune_test name)
   target_compile_definitions(${name} PRIVATE
     KESTRUNE_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}" KESTRUNE_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
   target_precompile_headers(${name} REUSE_FROM kestrune_test_pch)
-  if(NOT CMAKE_CURRENT_SOURCE_DIR MATCHES "${KESTRUNE_BESIDE_THE_CORE}" AND NOT ARG_LABEL STREQUAL slow)
+  if(NOT CMAKE_CURRENT_SOURCE_DIR MATCHES "${KESTRUNE_BESIDE_THE_CORE}" AND ARG_LABEL STREQUAL unit)
     add_dependencies(core_tests ${name})
     string(APPEND ARG_LABEL "-core") # one label: a list does not survive gtest_discover_tests
   endif()
