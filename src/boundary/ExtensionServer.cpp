@@ -295,11 +295,12 @@ class Served final : public wire::Extension::Server {
     KJ_REQUIRE(host_ != nullptr, "called before it was greeted");
     auto call = std::make_shared<ServedCall>(loop_, host_, number, kj::mv(coming.fulfiller));
     operations_[number] = call->cancelling();
-    auto answered = coming.promise
-                        .then([context](ServedCall::Message message) mutable {
-                          context.getResults(kUsualSize).setAnswer(message->getRoot<wire::Answer>());
-                        })
-                        .attach(kj::defer([this, number] { operations_.erase(number); }));
+    auto answered =
+        coming.promise
+            .then([context](ServedCall::Message message) mutable {
+              context.getResults(kUsualSize).setAnswer(message->getRoot<wire::Answer>());
+            })
+            .attach(kj::defer([this, number] { operations_.erase(number); }));
     return {std::move(call), kj::mv(answered)};
   }
 

@@ -38,6 +38,22 @@ std::string_view bytesOf(const kj::Array<capnp::word>& message) {
   return {reinterpret_cast<const char*>(bytes.begin()), bytes.size()};
 }
 
+// Bytes with room for a descriptor, as the kernel wants them.
+struct WithDescriptor {
+  WithDescriptor(char* bytes, std::size_t count) : piece{bytes, count} {
+    header.msg_iov = &piece;
+    header.msg_iovlen = 1;
+    header.msg_control = control.data();
+    header.msg_controllen = control.size();
+  }
+  WithDescriptor(const WithDescriptor&) = delete;
+  WithDescriptor& operator=(const WithDescriptor&) = delete;
+
+  iovec piece;
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+  msghdr header{};
+};
+
 class SocketStreamTest : public testing::Test {
  protected:
   using Descriptors = SocketStream::Descriptors;
@@ -60,19 +76,13 @@ class SocketStreamTest : public testing::Test {
     }
   }
   void sendWithDescriptor(std::string_view bytes, int descriptor) const {
-    iovec piece{const_cast<char*>(bytes.data()), bytes.size()};
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
-    msghdr header{};
-    header.msg_iov = &piece;
-    header.msg_iovlen = 1;
-    header.msg_control = control.data();
-    header.msg_controllen = control.size();
-    cmsghdr* const part = CMSG_FIRSTHDR(&header);
+    WithDescriptor message(const_cast<char*>(bytes.data()), bytes.size());
+    cmsghdr* const part = CMSG_FIRSTHDR(&message.header);
     part->cmsg_level = SOL_SOCKET;
     part->cmsg_type = SCM_RIGHTS;
     part->cmsg_len = CMSG_LEN(sizeof(int));
     std::memcpy(CMSG_DATA(part), &descriptor, sizeof descriptor);
-    ASSERT_EQ(::sendmsg(other, &header, 0), static_cast<ssize_t>(bytes.size()));
+    ASSERT_EQ(::sendmsg(other, &message.header, 0), static_cast<ssize_t>(bytes.size()));
   }
 
   struct Came {
@@ -305,15 +315,9 @@ TEST_F(UnhurriedTest, ADescriptorGoesWithItsOwnMessage) {
   write(messages, file.get());
   const auto descriptorsOf = [this](std::size_t bytes) {
     std::string got(bytes, '\0');
-    iovec piece{got.data(), got.size()};
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
-    msghdr header{};
-    header.msg_iov = &piece;
-    header.msg_iovlen = 1;
-    header.msg_control = control.data();
-    header.msg_controllen = control.size();
-    EXPECT_EQ(::recvmsg(other, &header, MSG_CMSG_CLOEXEC), static_cast<ssize_t>(bytes));
-    const cmsghdr* const part = CMSG_FIRSTHDR(&header);
+    WithDescriptor message(got.data(), got.size());
+    EXPECT_EQ(::recvmsg(other, &message.header, MSG_CMSG_CLOEXEC), static_cast<ssize_t>(bytes));
+    const cmsghdr* const part = CMSG_FIRSTHDR(&message.header);
     if (part == nullptr) return 0;
     int descriptor = -1;
     std::memcpy(&descriptor, CMSG_DATA(part), sizeof descriptor);
