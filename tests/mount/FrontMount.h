@@ -54,7 +54,8 @@ class InterruptedCall {
   ~InterruptedCall() { thread_.join(); }
   InterruptedCall(const InterruptedCall&) = delete;
   InterruptedCall& operator=(const InterruptedCall&) = delete;
-  void interrupt() { ::pthread_kill(thread_.native_handle(), SIGUSR1); }
+  void interrupt() { signal(SIGUSR1); }
+  void signal(int number) { ::pthread_kill(thread_.native_handle(), number); }
   bool done() const { return done_; }
   int result() const { return result_; }
 

@@ -332,6 +332,25 @@ TEST_F(LiveRestartTest, WhoWaitsForTheStoreCanBeInterruptedAfterwards) {
   service().signal(SIGCONT);
 }
 
+TEST_F(LiveRestartTest, WhoIsStoppedMeanwhileGoesOnOrCanBeEnded) {
+  fs::create_directory(service().root() / "unseen");
+  std::ofstream(service().root() / "unseen/file") << "x";
+  ASSERT_TRUE(waitUntil([this] { return fs::exists(mount() / "unseen"); }));
+  service().signal(SIGSTOP);
+  Child continued({"ls", mount() / "unseen"});
+  Child killed({"ls", mount() / "unseen"});
+  EXPECT_FALSE(continued.waitForEnd(std::chrono::milliseconds(300)).has_value());
+  for (Child* child : {&continued, &killed}) child->signal(SIGSTOP);
+  EXPECT_FALSE(killed.waitForEnd(std::chrono::milliseconds(200)).has_value());
+  for (int i = 0; i < 2; ++i) restart();
+  killed.signal(SIGKILL);  // of which the kernel does not tell any more
+  EXPECT_TRUE(killed.waitForEnd(std::chrono::seconds(2)).has_value());
+  continued.signal(SIGCONT);
+  EXPECT_FALSE(continued.waitForEnd(std::chrono::milliseconds(300)).has_value());
+  service().signal(SIGCONT);
+  EXPECT_EQ(continued.waitForEnd(), 0);
+}
+
 TEST_F(LiveRestartTest, TheProgramThatLiesThereNowTakesOver) {
   const fs::path program = moveProgram();
   const OpenFile reader(mount() / "docs/a.txt", O_RDONLY);

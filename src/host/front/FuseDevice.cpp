@@ -53,6 +53,17 @@ std::vector<char>& copyBuffer() {
   return buffer;
 }
 
+// The request that the kernel says to have been interrupted, if `request` is its word of that.
+std::optional<std::uint64_t> interruptedBy(std::span<const char> request) {
+  fuse_in_header header = {};
+  fuse_interrupt_in body = {};
+  if (request.size() < sizeof(header) + sizeof(body)) return std::nullopt;
+  std::memcpy(&header, request.data(), sizeof(header));
+  if (header.opcode != FUSE_INTERRUPT) return std::nullopt;
+  std::memcpy(&body, request.data() + sizeof(header), sizeof(body));
+  return body.unique;
+}
+
 FuseDevice& deviceOf(void* userData) { return static_cast<FuseFront*>(userData)->device(); }
 
 ssize_t receiveFor(int, void* buffer, std::size_t size, void* userData) {
@@ -92,8 +103,7 @@ void FuseDevice::attachTo(fuse_session* session, int descriptor, const Agreement
 }
 
 void FuseDevice::process(fuse_session* session, std::string request) {
-  noteInit(request.data(), request.size());
-  current_ = request;
+  received(request);
   fuse_buf buffer = {};
   buffer.mem = request.data();
   buffer.size = request.size();
@@ -104,9 +114,20 @@ void FuseDevice::process(fuse_session* session, std::string request) {
 ssize_t FuseDevice::receive(void* buffer, std::size_t size) {
   const ssize_t length = ::read(descriptor_, buffer, size);
   if (length <= 0) return length;
-  current_ = {static_cast<const char*>(buffer), static_cast<std::size_t>(length)};
-  noteInit(buffer, current_.size());
+  received({static_cast<const char*>(buffer), static_cast<std::size_t>(length)});
   return length;
+}
+
+void FuseDevice::received(std::span<const char> request) {
+  current_ = request;
+  noteInit(request.data(), request.size());
+  if (const auto interrupted = interruptedBy(request)) unanswered_.interrupted(*interrupted);
+}
+
+void FuseDevice::wasInterrupted() {
+  fuse_in_header header = {};
+  std::memcpy(&header, current_.data(), sizeof(header));
+  unanswered_.interrupted(header.unique);
 }
 
 // The library's buffer is aligned for anything.

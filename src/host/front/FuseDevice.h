@@ -52,6 +52,8 @@ class FuseDevice final : public BackingFiles {
   void process(fuse_session* session, std::string request);
   /// The request that this thread works on may be answered later. REQUIRES: it is not answered yet.
   void answersLater() { unanswered_.add(current_); }
+  /// The same request turned out to have been interrupted before.
+  void wasInterrupted();
   UnansweredRequests& unanswered() { return unanswered_; }
   int descriptor() const { return descriptor_; }
 
@@ -67,6 +69,7 @@ class FuseDevice final : public BackingFiles {
 
  private:
   void setSession(fuse_session* session, int descriptor);
+  void received(std::span<const char> request);
   void noteInit(const void* request, std::size_t size);
   bool isInitAnswer(const iovec* parts) const;
   void amendInit(const iovec* parts, int count);

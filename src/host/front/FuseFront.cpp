@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "host/front/CallerSignals.h"
 #include "host/front/FuseRequest.h"
 
 namespace kestrune::host {
@@ -25,6 +26,22 @@ void initialise(void*, fuse_conn_info* connection) {
   connection->max_read = kLargestRead;
   connection->max_readahead = kLargestRead;
   connection->time_gran = 1;
+}
+
+// The kernel tells of the first signal only.
+constexpr std::chrono::milliseconds kLooksAgainAfter{100};
+
+void interruptOrLookAgain(const std::shared_ptr<OpenCalls>& calls,
+                          const std::shared_ptr<Timers>& timers, std::uint64_t number,
+                          pid_t thread) {
+  if (!calls->isOpen(number)) return;
+  if (signalEndsCallOf(thread)) {
+    calls->interrupt(number);
+    return;
+  }
+  timers->after(kLooksAgainAfter, [calls, timers, number, thread] {
+    interruptOrLookAgain(calls, timers, number, thread);
+  });
 }
 
 }  // namespace
@@ -60,7 +77,6 @@ void FuseFront::takeOver(fuse_session* session, const Handover& handover,
 
 bool FuseFront::handOver(Handover& handover, std::vector<OpenFilePtr>& files) {
   if (device_.agreement().answer.empty()) return false;  // the kernel has only just mounted it
-  if (calls_->awaitsInterrupt()) return false;           // it tells of a signal once
   auto requests = device_.unanswered().handOver();
   if (!requests) return false;
   handover.head.device = device_.descriptor();
@@ -85,9 +101,10 @@ bool FuseFront::handOver(Handover& handover, std::vector<OpenFilePtr>& files) {
 
 void FuseFront::takeBack() { device_.unanswered().takeBack(); }
 
-void FuseFront::interrupt(std::uint64_t number, std::chrono::milliseconds patience) {
-  calls_->willInterrupt(number);
-  timers_->after(patience, [calls = calls_, number] { calls->interrupt(number); });
+void FuseFront::interrupt(std::uint64_t number, pid_t thread, std::chrono::milliseconds patience) {
+  timers_->after(patience, [calls = calls_, timers = timers_, number, thread] {
+    interruptOrLookAgain(calls, timers, number, thread);
+  });
 }
 
 void FuseFront::changedUnseen(std::vector<CacheUpdate> updates) {

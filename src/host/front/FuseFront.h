@@ -17,7 +17,8 @@
 //   the kernel looks again.
 //
 // Requests that may wait are registered in OpenCalls, so that a program's signal, or the end of the mount, answers them
-// while the work goes on; a value that comes too late is given back. A signal ends only what is really blocked: programs with a
+// while the work goes on; a value that comes too late is given back. Only a signal does that for which a program must leave its call:
+// not that it is stopped, nor that a child has ended (CallerSignals.h). And it ends only what is really blocked: programs with a
 // timer or a runtime of their own are signalled all the time, and expect of calls that need the local disk alone that they
 // never end with EINTR. Looking and reading may take a moment more. What changes something gets a second, because EINTR leaves
 // open whether it has happened, and a rename that is repeated says that there is no such file. A change that comes about after
@@ -25,6 +26,8 @@
 //
 // Threads: requests come on the session's threads and are answered on any. Nothing blocks here.
 #pragma once
+
+#include <sys/types.h>
 
 #include <chrono>
 #include <cstdint>
@@ -69,8 +72,7 @@ class FuseFront {
                 const std::vector<OpenFilePtr>& files);
 
   /// Writes down what the kernel knows of this front, from which moment on nothing that waits is answered; false, and nothing is
-  /// done, if something waits that changes something, or that is interrupted in a moment. Which files they are is the dispatcher's to add, in the same
-  /// order: `files`. REQUIRES: no request is received.
+  /// done, if something waits that changes something. Which files they are is the dispatcher's to add, in the same order: `files`. REQUIRES: no request is received.
   bool handOver(Handover& handover, std::vector<OpenFilePtr>& files);
   /// That came to nothing: answers are given again. The requests that were handed over must be processed again.
   void takeBack();
@@ -88,8 +90,9 @@ class FuseFront {
   Passthrough& passthrough() { return passthrough_; }
   FuseDevice& device() { return device_; }
   OpenHandles& handles() { return handles_; }
-  /// A signal came for the call with this number: it is answered if it takes longer than `patience`.
-  void interrupt(std::uint64_t number, std::chrono::milliseconds patience);
+  /// Something came for `thread`, which waits in the call with this number: the call is answered if it takes longer than `patience`
+  /// and the thread has a signal that ends it (CallerSignals.h), then or later.
+  void interrupt(std::uint64_t number, pid_t thread, std::chrono::milliseconds patience);
   /// A change came about whose call had been answered with an error.
   void changedUnseen(std::vector<CacheUpdate> updates);
 

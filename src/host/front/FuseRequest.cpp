@@ -42,7 +42,8 @@ void interrupt(fuse_req_t request, void* number, std::chrono::milliseconds patie
   if (interruptedWhileArming != nullptr) {
     *interruptedWhileArming = true;
   } else {
-    frontOf(request).interrupt(reinterpret_cast<std::uintptr_t>(number), patience);
+    frontOf(request).interrupt(reinterpret_cast<std::uintptr_t>(number), fuse_req_ctx(request)->pid,
+                               patience);
   }
 }
 
@@ -80,7 +81,8 @@ OpenCalls::CallPtr beginCall(fuse_req_t request, Effect effect) {
     return nullptr;
   }
   if (interrupted) {
-    front.interrupt(call->number(),
+    front.device().wasInterrupted();
+    front.interrupt(call->number(), fuse_req_ctx(request)->pid,
                     effect == Effect::looks ? kPatienceWithLooking : kPatienceWithChanges);
   }
   return call;

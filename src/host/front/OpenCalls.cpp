@@ -23,14 +23,9 @@ OpenCalls::CallPtr OpenCalls::begin(const std::function<void(std::uint64_t)>& ar
   return call;
 }
 
-void OpenCalls::willInterrupt(std::uint64_t number) {
+bool OpenCalls::isOpen(std::uint64_t number) const {
   MutexLock lock(mutex_);
-  toInterrupt_.insert(number);
-}
-
-bool OpenCalls::awaitsInterrupt() const {
-  MutexLock lock(mutex_);
-  return !toInterrupt_.empty();
+  return calls_.contains(number);
 }
 
 void OpenCalls::interrupt(std::uint64_t number) {
@@ -41,8 +36,6 @@ void OpenCalls::interrupt(std::uint64_t number) {
     if (found != calls_.end()) call = found->second;
   }
   if (call) fail(call, EINTR);
-  MutexLock lock(mutex_);
-  toInterrupt_.erase(number);
 }
 
 void OpenCalls::endAll(int error) {

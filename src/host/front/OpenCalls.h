@@ -13,7 +13,6 @@
 #include <functional>
 #include <memory>
 #include <unordered_map>
-#include <unordered_set>
 #include <utility>
 
 #include "platform/values/Mutex.h"
@@ -49,10 +48,8 @@ class OpenCalls {
   /// once, and never after `claim` succeeded elsewhere. Null after `endAll`: nothing has been done.
   CallPtr begin(const std::function<void(std::uint64_t number)>& arm,
                 std::function<void(int error)> fail);
-  /// `interrupt` will be called for the request.
-  void willInterrupt(std::uint64_t number);
-  /// Whether that has still to come, or to end, for any.
-  bool awaitsInterrupt() const;
+  /// Whether nobody has claimed the request yet.
+  bool isOpen(std::uint64_t number) const;
   /// Answers the request with EINTR if it is still open.
   void interrupt(std::uint64_t number);
   /// Answers all open requests with `error`. No other begins.
@@ -66,7 +63,6 @@ class OpenCalls {
   std::uint64_t next_ GUARDED_BY(mutex_) = 1;
   bool ended_ GUARDED_BY(mutex_) = false;
   std::unordered_map<std::uint64_t, CallPtr> calls_ GUARDED_BY(mutex_);
-  std::unordered_set<std::uint64_t> toInterrupt_ GUARDED_BY(mutex_);
 };
 
 }  // namespace kestrune::host

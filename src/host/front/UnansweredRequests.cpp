@@ -27,6 +27,20 @@ bool mayBeRepeated(std::uint32_t operation) {
   }
 }
 
+// What the kernel sends for `request`, which nobody answers. It differs by the lowest bit from the one that it is about.
+std::string interruptOf(const std::string& request) {
+  fuse_in_header header = {};
+  std::memcpy(&header, request.data(), sizeof(header));
+  const fuse_interrupt_in body = {header.unique};
+  header.unique |= 1U;
+  header.opcode = FUSE_INTERRUPT;
+  header.len = sizeof(header) + sizeof(body);
+  std::string bytes(header.len, '\0');
+  std::memcpy(bytes.data(), &header, sizeof(header));
+  std::memcpy(bytes.data() + sizeof(header), &body, sizeof(body));
+  return bytes;
+}
+
 }  // namespace
 
 void UnansweredRequests::add(std::span<const char> request) {
@@ -39,6 +53,12 @@ void UnansweredRequests::add(std::span<const char> request) {
   MutexLock lock(mutex_);
   requests_.insert_or_assign(header.unique, std::move(added));
   count_ = requests_.size();
+}
+
+void UnansweredRequests::interrupted(std::uint64_t unique) {
+  MutexLock lock(mutex_);
+  const auto found = requests_.find(unique);
+  if (found != requests_.end()) found->second.isInterrupted = true;
 }
 
 bool UnansweredRequests::beginAnswer(std::uint64_t unique) {
@@ -67,6 +87,7 @@ std::optional<std::vector<std::string>> UnansweredRequests::handOver() {
   for (const auto& [unique, request] : requests_) {
     if (!request.mayRepeat) return std::nullopt;
     bytes.push_back(request.bytes);
+    if (request.isInterrupted) bytes.push_back(interruptOf(request.bytes));
   }
   isHandedOver_ = true;
   return bytes;

@@ -29,12 +29,17 @@ class UnansweredRequests {
   /// `request` as the kernel sent it; it has not been answered.
   void add(std::span<const char> request);
 
+  /// Something came for the thread that waits for `unique`; ignored if that was not added or has been answered. The kernel tells so once, hence a
+  /// successor is told too.
+  void interrupted(std::uint64_t unique);
+
   /// Around giving the answer of `unique`, whether it was added or not. False: it must not be given, since the request
   /// was handed over.
   bool beginAnswer(std::uint64_t unique);
   void endAnswer(std::uint64_t unique);
 
-  /// All of them, none of which is answered from now on; nothing if one changes something. Waits for answers that are being given.
+  /// All of them, each followed by the kernel's word that it was interrupted, if it was; none is answered from now on. Nothing if one changes
+  /// something. Waits for answers that are being given.
   std::optional<std::vector<std::string>> handOver();
   /// They may be answered again, and must be begun anew: their answers may have been lost.
   void takeBack();
@@ -43,6 +48,7 @@ class UnansweredRequests {
   struct Request {
     bool mayRepeat = false;
     bool isBeingAnswered = false;
+    bool isInterrupted = false;
     std::string bytes;  // if it may be repeated
   };
 

@@ -29,17 +29,15 @@ TEST_F(OpenCallsTest, AnInterruptAnswersAtOnceAndTheWorkNoMore) {
   EXPECT_EQ(errors_.size(), 1U);
 }
 
-TEST_F(OpenCallsTest, AnInterruptIsAwaitedUntilItHasEnded) {
-  const auto call = begin();
+TEST_F(OpenCallsTest, ACallIsOpenUntilSomebodyAnswersIt) {
   const auto answered = begin();
-  EXPECT_FALSE(calls_.awaitsInterrupt());
-  calls_.willInterrupt(call->number());
-  calls_.willInterrupt(answered->number());
+  const auto interrupted = begin();
+  EXPECT_TRUE(calls_.isOpen(answered->number()));
   EXPECT_TRUE(answered->claim());
-  calls_.interrupt(answered->number());
-  EXPECT_TRUE(calls_.awaitsInterrupt());
-  calls_.interrupt(call->number());
-  EXPECT_FALSE(calls_.awaitsInterrupt());
+  EXPECT_FALSE(calls_.isOpen(answered->number()));
+  EXPECT_TRUE(calls_.isOpen(interrupted->number()));
+  calls_.interrupt(interrupted->number());
+  EXPECT_FALSE(calls_.isOpen(interrupted->number()));
 }
 
 TEST_F(OpenCallsTest, AnAnsweredCallCannotBeInterrupted) {

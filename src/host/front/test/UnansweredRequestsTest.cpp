@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <linux/fuse.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <string>
 #include <thread>
 
@@ -42,6 +44,26 @@ TEST_F(UnansweredRequestsTest, WhatOnlyLooksIsHandedOverAsItCame) {
                                                 requestOf(FUSE_OPENDIR, FUSE_OPENDIR),
                                                 requestOf(FUSE_FSYNC, FUSE_FSYNC),
                                                 requestOf(FUSE_FSYNCDIR, FUSE_FSYNCDIR)));
+}
+
+TEST_F(UnansweredRequestsTest, ThatItWasInterruptedFollowsIt) {
+  requests_.add(requestOf(4, FUSE_READ));
+  requests_.add(requestOf(6, FUSE_LOOKUP));
+  requests_.interrupted(6);
+  requests_.interrupted(8);  // was answered
+  const auto handedOver = requests_.handOver();
+  ASSERT_TRUE(handedOver && handedOver->size() == 3U);
+  const auto request = std::find(handedOver->begin(), handedOver->end(), requestOf(6, FUSE_LOOKUP));
+  ASSERT_TRUE(request != handedOver->end() && request + 1 != handedOver->end());
+  const std::string& word = *(request + 1);
+  fuse_in_header header = {};
+  fuse_interrupt_in body = {};
+  ASSERT_EQ(word.size(), sizeof(header) + sizeof(body));
+  std::memcpy(&header, word.data(), sizeof(header));
+  std::memcpy(&body, word.data() + sizeof(header), sizeof(body));
+  EXPECT_EQ(header.opcode, FUSE_INTERRUPT);
+  EXPECT_EQ(header.len, word.size());
+  EXPECT_EQ(body.unique, 6U);
 }
 
 TEST_F(UnansweredRequestsTest, ThenItIsNotAnsweredAnyMore) {
