@@ -218,6 +218,7 @@ std::vector<Change> Sender::choose() {
   MutexLock lock(mutex_);
   if (stopped_) return {};
   const Clock at = now();
+  lookedAt_ = at;
   if (at < offlineUntil_) return {};
   const std::size_t limit = offline_ > 0 ? 1 : kAtOnce;
   if (underWay_.size() >= limit) return {};
@@ -246,11 +247,13 @@ void Sender::setTimer() {
     MutexLock lock(mutex_);
     const Clock at = now();
     for (const auto& [id, wait] : waits_.all()) {
+      // What was due at the last look waits for something else, which will have it looked at again; what has become due since does not.
       const Clock due = std::max(wait.notBefore, offlineUntil_);
-      if (due <= at || due - at >= next) continue;
+      if (due <= lookedAt_) continue;
+      const Clock delay = std::max(due - at, Clock(0));
       const bool isUnderWay = std::any_of(underWay_.begin(), underWay_.end(),
                                           [id = id](const Change& c) { return c.id == id; });
-      if (!isUnderWay) next = due - at;
+      if (!isUnderWay) next = std::min(next, delay);
     }
   }
   if (next != Clock::max()) pumpSoon(next);

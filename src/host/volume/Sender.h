@@ -162,6 +162,8 @@ class Sender : public std::enable_shared_from_this<Sender> {
   std::vector<Change> underWay_ GUARDED_BY(mutex_);
   Timers::Token timer_ GUARDED_BY(mutex_) = 0;
   Clock timerDue_ GUARDED_BY(mutex_){0};
+  /// When it was looked last what may begin.
+  Clock lookedAt_ GUARDED_BY(mutex_){0};
   /// A look at very many changes takes long, and rests then.
   Clock passNotBefore_ GUARDED_BY(mutex_){0};
   /// The store could not be reached so often, and is tried again then.

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "host/test/Awaited.h"
@@ -29,6 +30,8 @@ class ManualTimers final : public Timers {
 
   /// Lets `duration` pass and runs, on this thread, what has become due.
   void advance(std::chrono::nanoseconds duration);
+  /// The same, and `within` more passes while this thread runs that, when it asks for the time for the `nth` time.
+  void advance(std::chrono::nanoseconds duration, int nth, std::chrono::nanoseconds within);
   /// How long until the next one goes off; nothing if none is set.
   std::optional<std::chrono::nanoseconds> untilNext() const;
   /// Waits until one is set to go off after exactly `delay`; false when the deadline passed first.
@@ -46,8 +49,15 @@ class ManualTimers final : public Timers {
   mutable platform::Mutex mutex_;
   std::condition_variable changed_;
   Token next_ GUARDED_BY(mutex_) = 1;
-  std::chrono::nanoseconds now_ GUARDED_BY(mutex_){0};
+  mutable std::chrono::nanoseconds now_ GUARDED_BY(mutex_){0};
   std::vector<Entry> entries_ GUARDED_BY(mutex_);
+  // Who is to ask how many times more until so much passes.
+  struct Jump {
+    std::thread::id thread;
+    int asks = 0;
+    std::chrono::nanoseconds duration{0};
+  };
+  mutable std::optional<Jump> jump_ GUARDED_BY(mutex_);
 };
 
 /// Keeps what the kernel was told. While `hold` is in force, what follows upon telling waits.
