@@ -19,10 +19,10 @@ using platform::Task;
 // Ends of changes come in bursts: one look at everything serves them all.
 constexpr std::chrono::milliseconds kTogether{1};
 
-// Nothing gets through, whatever it is.
 // So often the next extension is given at once what the last one died with; then there is a pause, as after other failures.
 constexpr int kInterruptionsAtOnce = 3;
 
+// Nothing gets through, whatever it is.
 bool isOffline(const NSError& error) {
   if (platform::isInterruption(error)) return false;
   const int number = errnoFor(error);
@@ -119,7 +119,10 @@ void Sender::begin() {
 void Sender::closed(ItemId item) {
   {
     MutexLock lock(mutex_);
-    if (waits_.find(item) == nullptr) return;
+    Waits::Wait* wait = waits_.find(item);
+    if (wait == nullptr) return;
+    // A program has saved: that may succeed now. What it wrote may count to the edit that failed before it was read.
+    if (!wait->unreachable) wait->attempts = 0;
   }
   differ({item});
 }

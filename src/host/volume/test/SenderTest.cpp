@@ -50,28 +50,6 @@ TEST_F(SenderTest, AFileThatWasMadeReachesTheStoreWithItsBytes) {
   EXPECT_EQ(remote().asked(Ask::contents, "/a"), 0);
 }
 
-// A save becomes due while a look that came a moment too early for it is still under way.
-TEST_F(SenderTest, WhateverTimeALookTakesNothingIsForgotten) {
-  for (int nth = 1; nth <= 8; ++nth) {
-    const std::string path = "/" + std::to_string(nth);
-    remote().putFile(path, "first");
-    announce();
-    ASSERT_TRUE(passUntil([&] { return lookup(kRootNode, path.substr(1)).value().node != 0; }));
-    readPath(path);
-    pass(seconds(5));
-    const OpenFilePtr file = openForWriting(path, true);
-    ASSERT_TRUE(timers().waitForTimer(Sender::kQuiet));
-    skip(milliseconds(10));
-    write(file, "saved");
-    close(file);  // due 10 ms later now, when the timer has gone off
-    std::this_thread::sleep_for(milliseconds(100));
-    skip(Sender::kQuiet - milliseconds(20));
-    timers().advance(milliseconds(15), nth, milliseconds(10));
-    EXPECT_TRUE(waitUntilSent()) << nth;
-    EXPECT_EQ(remote().contents(path), "saved") << nth;
-  }
-}
-
 TEST_F(SenderTest, FoldersAreMadeBeforeWhatIsInThem) {
   makeFolder("/docs");
   makeFolder("/docs/deep");
