@@ -85,15 +85,19 @@ void ContentChanges::prepare() {
     return failWaiting(error.share());
   }
   // Elsewhere than on the thread that commits: others wait for it.
-  const OnceReply<Done> reply([self = shared_from_this()](Answer<Done> answer) {
-    boost::asio::post(diskExecutor(), [self, answer = std::move(answer)] { self->begun(answer); });
+  const OnceReply<Done> reply([self = shared_from_this(), committed](Answer<Done> answer) {
+    boost::asio::post(diskExecutor(), [self, committed, answer = std::move(answer)] {
+      self->begun(committed, answer);
+    });
   });
   services_->willEdit(item_, committed, reply.take());
 }
 
-void ContentChanges::begun(const Answer<Done>& answer) {
+void ContentChanges::begun(const ContentState& committed, const Answer<Done>& answer) {
   if (!answer.ok()) {
+    services_->couldNotEdit(item_, committed);
     content_->cancelEdit();
+    services_->changed(item_, content_->state());
     return failWaiting(answer.error());
   }
   try {

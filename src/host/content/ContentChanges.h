@@ -53,7 +53,7 @@ class ContentChanges : public std::enable_shared_from_this<ContentChanges> {
   bool isAbandoned() const;
   void begin();
   void prepare();
-  void begun(const Answer<Done>& answer);
+  void begun(const ContentState& committed, const Answer<Done>& answer);
   void makeWaiting();
   Made make(Waiting& next);
   void failWaiting(const platform::NSErrorPtr& error);

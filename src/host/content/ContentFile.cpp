@@ -233,6 +233,8 @@ void ContentFile::cancelEdit() {
     MutexLock changing(changing_);
     editIsPrepared_ = false;
     MutexLock lock(mutex_);
+    // It was told to others, who would take a later one of its number for the same.
+    ++state_.edits;
     if (!madeForEdit_ || !state_.present.isEmpty() || state_.isEdited) return;
     unused = state_.number;
     state_.number = 0;

@@ -27,6 +27,8 @@ struct FileObjectServices {
   std::function<Answer<ContentSource>(InodeNumber item)> source;
   /// Commits `state`, whose `edits` is one higher than before, then answers.
   std::function<void(InodeNumber item, const ContentState& state, Reply<Done> reply)> willEdit;
+  /// It could not be committed: there is no such edit, though its number is used up. Told before anything else of the file is.
+  std::function<void(InodeNumber item, const ContentState& state)> couldNotEdit;
   /// The state changed (ranges came, size of an edited file): to be remembered some time soon. For writes it comes within
   /// kTellAfter, when a writer closes, and before a flush is answered; a crash before loses nothing.
   std::function<void(InodeNumber item, const ContentState& state)> changed;

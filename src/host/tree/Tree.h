@@ -196,6 +196,8 @@ class Tree {
                platform::Date began);
   void moved(Item& item, const Place& place, const ItemRecord& answer);
   void sent(Item& item, const ItemRecord& answer, std::uint64_t edits, platform::Date began);
+  /// The last edit, `edits`, which `setContent` told of, did not come about after all.
+  void editFailed(Item& item, std::uint64_t edits);
   void removedThere(Item& item);
   /// The extension will never take it.
   void refused(Item& item);

@@ -243,6 +243,15 @@ void Tree::contentsAreChanged(ContentRow& row) {
   row.state.isEdited = true;
 }
 
+void Tree::editFailed(Item& item, std::uint64_t edits) {
+  ContentRow* row = item.content();
+  // What was edited before, or has been since, is to be sent all the same.
+  if (row == nullptr || row->state.edits != edits || row->sentEdits + 1 != edits) return;
+  row->sentEdits = edits;
+  row->state.isEdited = false;
+  note(item);
+}
+
 // The store has the contents up to `edits`, as `version`; what hangs on an object is told it by others.
 void Tree::contentsAreThere(ContentRow& row, std::uint64_t edits, const std::string& version) {
   row.sentEdits = edits;

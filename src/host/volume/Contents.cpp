@@ -153,6 +153,14 @@ std::shared_ptr<const FileObjectServices> servicesFor(const std::shared_ptr<Volu
     };
     volume->change(work, Volume::Survives::processEnd, reply);
   };
+  services->couldNotEdit = [weak](ItemId id, const ContentState& state) {
+    const auto volume = weak.lock();
+    if (!volume) return;
+    volume->change([&](Tree& tree, Nodes&) {
+      Item* item = tree.find(id);
+      if (item != nullptr && isOwn(*item, state)) tree.editFailed(*item, state.edits);
+    });
+  };
   services->changed = [weak, changed = listener.changed](ItemId id, const ContentState& told) {
     const auto volume = weak.lock();
     if (!volume) return;

@@ -61,6 +61,11 @@ std::vector<std::int64_t> RememberedState::failures() const {
   MutexLock lock(mutex_);
   return failures_;
 }
+std::vector<std::uint64_t> RememberedState::failedEdits() const {
+  MutexLock lock(mutex_);
+  return failedEdits_;
+}
+
 std::vector<std::int64_t> RememberedState::resizes() const {
   MutexLock lock(mutex_);
   return resizes_;
@@ -160,6 +165,10 @@ void RememberedState::serve(FileObjectServices& services,
       }
     }
     boost::asio::post(platform::sharedExecutor(), [commit] { commit(nullptr); });
+  };
+  services.couldNotEdit = [self](InodeNumber, const ContentState& state) {
+    MutexLock lock(self->mutex_);
+    self->failedEdits_.push_back(state.edits);
   };
   services.changed = [self](InodeNumber, const ContentState& state) {
     MutexLock lock(self->mutex_);

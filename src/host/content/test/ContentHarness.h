@@ -46,6 +46,7 @@ class RememberedState {
   int gone() const;
   std::vector<std::int64_t> failures() const;
   std::vector<std::int64_t> resizes() const;
+  std::vector<std::uint64_t> failedEdits() const;
 
   /// Commits wait until they are released, or fail.
   void holdCommits();
@@ -67,6 +68,7 @@ class RememberedState {
   mutable platform::Mutex mutex_;
   ContentState committed_ GUARDED_BY(mutex_);
   ContentState told_ GUARDED_BY(mutex_);
+  std::vector<std::uint64_t> failedEdits_ GUARDED_BY(mutex_);
   int commits_ GUARDED_BY(mutex_) = 0;
   int fetching_ GUARDED_BY(mutex_) = 0;
   int gone_ GUARDED_BY(mutex_) = 0;

@@ -77,7 +77,10 @@ TEST_F(FileObjectWriteTest, ACommitThatFailsFailsThoseThatWaitAndNothingIsWritte
   EXPECT_EQ(errnoOf(one.get()), ENOSPC);
   EXPECT_EQ(errnoOf(other.get()), ENOSPC);
   EXPECT_FALSE(object->state().isEdited);
-  EXPECT_EQ(object->state().edits, 0U);
+  // Its number is not given again: who was told of it might take another edit for the same.
+  EXPECT_THAT(remembered().failedEdits(), ElementsAre(1U));
+  EXPECT_EQ(object->state().edits, 1U);
+  EXPECT_EQ(remembered().told(), object->state());
   EXPECT_EQ(filesIn("contents"), 0U);
   remembered().stopHoldingCommits();
   EXPECT_EQ(read(object, 0, 10), store().contents().substr(0, 10));
