@@ -328,7 +328,7 @@ class Served final : public wire::Extension::Server {
 
 struct Wire {
   Wire(std::shared_ptr<Loop> loop, kj::AutoCloseFd socket, wire::Extension::Client extension)
-      : stream(std::move(loop), kj::mv(socket), SocketStream::Descriptors::taken),
+      : stream(std::move(loop), kj::mv(socket), SocketStream::OtherSide::trusted),
         network(stream, 1, capnp::rpc::twoparty::Side::SERVER),
         system(capnp::makeRpcServer(network, kj::mv(extension))) {}
 
@@ -361,14 +361,13 @@ ExtensionServer::ExtensionServer(int socket, ExtensionMaker makeExtension,
     platform::MutexLock lock(serving_->mutex);
     serving_->ended = std::move(ended);
   }
-  serving_->loop->post([serving = serving_, owned = kj::mv(owned), make = std::move(makeExtension),
-                        limits = std::move(notEnforced)]() mutable {
-    serving->wire =
-        std::make_unique<Wire>(serving->loop, kj::mv(owned),
-                               kj::heap<Served>(serving->loop, std::move(make), std::move(limits)));
-    serving->wire->network.onDisconnect()
-        .then([serving] { serving->end(); })
-        .detach([serving](kj::Exception&&) { serving->end(); });
+  serving_->loop->run([&] {
+    serving_->wire = std::make_unique<Wire>(
+        serving_->loop, kj::mv(owned),
+        kj::heap<Served>(serving_->loop, std::move(makeExtension), std::move(notEnforced)));
+    serving_->wire->network.onDisconnect()
+        .then([serving = serving_] { serving->end(); })
+        .detach([serving = serving_](kj::Exception&&) { serving->end(); });
   });
 }
 

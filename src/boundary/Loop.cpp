@@ -65,7 +65,7 @@ struct Loop::State : std::enable_shared_from_this<State> {
   // What whoever is in the loop does next; none: it is out of it.
   std::optional<Queue> next(bool isLastRound);
   void leaveToOthers() REQUIRES_LOCK(mutex);
-  void serve();
+  void serve() noexcept;
   void callOut(Calls calls) const;
 
   std::atomic<int> waiting_ = 0;  // attendants
@@ -129,7 +129,7 @@ std::optional<Queue> Loop::State::next(bool isLastRound) {
   return std::exchange(queue, {});
 }
 
-void Loop::State::serve() {
+void Loop::State::serve() noexcept {
   inside = this;
   for (int round = 0;; ++round) {
     auto taken = next(round >= kMostRounds);
@@ -180,7 +180,9 @@ void Loop::State::attend() {
       });
     }
     if (!calls.empty()) callOut(std::exchange(calls, {}));
-    if (isEnd) return watch.ring();  // for the other one
+    if (!isEnd) continue;
+    calledOut = nullptr;
+    return watch.ring();  // for the other one
   }
 }
 
@@ -229,10 +231,14 @@ void Loop::run(kj::Function<void()> work) const {
   if (inside == state_.get()) return work();
   std::promise<void> done;
   post([&] {
-    work();
-    done.set_value();
+    try {
+      work();
+      done.set_value();
+    } catch (...) {
+      done.set_exception(std::current_exception());
+    }
   });
-  done.get_future().wait();
+  done.get_future().get();
 }
 
 bool Loop::isInside() { return inside != nullptr; }

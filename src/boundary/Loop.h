@@ -37,7 +37,7 @@ class Loop : public std::enable_shared_from_this<Loop> {
 
   /// Runs `work` in the loop, in the order of the calls: now, or soon where somebody is in it. It must not throw.
   void post(kj::Function<void()> work) const;
-  /// The same, and returns when it has run; at once where the caller is in the loop.
+  /// The same, and returns when it has run; at once where the caller is in the loop. What it throws, this throws.
   void run(kj::Function<void()> work) const;
 
   /// Whether the caller is in some loop: then it must not call foreign code.

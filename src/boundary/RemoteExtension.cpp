@@ -38,7 +38,7 @@ constexpr std::size_t kMostUnansweredWords = (128U << 20U) / sizeof(capnp::word)
 struct Wire {
   // The program has no descriptors to give, and the host's are counted.
   Wire(std::shared_ptr<Loop> loop, kj::AutoCloseFd socket)
-      : stream(std::move(loop), kj::mv(socket), SocketStream::Descriptors::refused),
+      : stream(std::move(loop), kj::mv(socket), SocketStream::OtherSide::untrusted),
         network(stream, 1, capnp::rpc::twoparty::Side::CLIENT),  // 1: lest none is sent either
         system(capnp::makeRpcClient(network)),
         extension(bootstrap(system)) {
@@ -140,7 +140,7 @@ std::shared_ptr<RemoteExtension> RemoteExtension::connect(int socket, HostServic
   auto link = std::make_shared<Link>();
   link->loop = Loop::make("kes-boundary");
   link->services = std::move(services);
-  link->loop->post([link, owned = kj::mv(owned)]() mutable {
+  link->loop->run([&] {
     link->wire = std::make_unique<Wire>(link->loop, kj::mv(owned));
     // Each a function of its own: a promise refers to a named one instead of keeping it.
     link->wire->network.onDisconnect()

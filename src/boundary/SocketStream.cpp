@@ -22,6 +22,7 @@ namespace {
 constexpr std::size_t kUsualBytes = 64U << 10U;
 constexpr std::size_t kWorthTheBuffer = 16U << 10U;  // a message that is not copied out of it
 constexpr std::size_t kMostDescriptors = 4;          // of one message
+constexpr std::uint32_t kMostSegments = 512;         // as Cap'n Proto's own streams have it
 constexpr std::size_t kMostUnhurriedBytes = 4U << 10U;
 using Control = std::array<char, CMSG_SPACE(sizeof(int) * kMostDescriptors)>;
 
@@ -94,11 +95,10 @@ struct SocketStream::Outgoing {
   kj::Own<kj::PromiseFulfiller<void>> fulfiller;
 };
 
-SocketStream::SocketStream(std::shared_ptr<Loop> loop, kj::AutoCloseFd socket,
-                           Descriptors descriptors)
+SocketStream::SocketStream(std::shared_ptr<Loop> loop, kj::AutoCloseFd socket, OtherSide otherSide)
     : loop_(std::move(loop)),
       socket_(kj::mv(socket)),
-      descriptors_(descriptors),
+      otherSide_(otherSide),
       buffer_(kj::heapArray<word>(kUsualBytes / sizeof(word))) {
   loop_->watch(socket_.get(), [this] {
     isDry_ = false;
@@ -112,7 +112,8 @@ SocketStream::SocketStream(std::shared_ptr<Loop> loop, kj::AutoCloseFd socket,
 SocketStream::~SocketStream() noexcept { loop_->unwatch(); }
 
 void SocketStream::wantMore() const {
-  loop_->want(static_cast<short>((reading_ ? POLLIN : 0) | (outgoing_.empty() ? 0 : POLLOUT)));
+  loop_->want(static_cast<short>((reading_ && !isHeldBack() ? POLLIN : 0) |
+                                 (outgoing_.empty() ? 0 : POLLOUT)));
 }
 
 kj::Promise<SocketStream::Read> SocketStream::tryReadMessage(
@@ -126,7 +127,7 @@ kj::Promise<SocketStream::Read> SocketStream::tryReadMessage(
 }
 
 void SocketStream::readOn() {
-  if (!reading_) return;
+  if (!reading_ || isHeldBack()) return;
   Reading reading = kj::mv(*reading_);
   reading_.reset();
   if (!reading.fulfiller->isWaiting()) return;
@@ -146,6 +147,9 @@ void SocketStream::readOn() {
 std::optional<SocketStream::Read> SocketStream::next(Reading& reading) {
   const auto prefix = buffer_.slice(begin_ / sizeof(word), end_ / sizeof(word));
   if (prefix.size() == 0) return std::nullopt;
+  std::uint32_t lastSegment = 0;
+  std::memcpy(&lastSegment, prefix.begin(), sizeof lastSegment);
+  KJ_REQUIRE(lastSegment < kMostSegments, "a message that is too long: in too many pieces");
   const std::size_t words = capnp::expectedSizeInWordsFromPrefix(prefix);
   KJ_REQUIRE(words <= reading.options.traversalLimitInWords, "a message that is too long");
   if (words > prefix.size()) {
@@ -207,7 +211,7 @@ bool SocketStream::receive() {
   msghdr header{};
   header.msg_iov = &room;
   header.msg_iovlen = 1;
-  if (descriptors_ == Descriptors::taken) {
+  if (otherSide_ == OtherSide::trusted) {
     header.msg_control = control.data();
     header.msg_controllen = control.size();
   }

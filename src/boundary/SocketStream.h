@@ -20,11 +20,12 @@ namespace kestrune::boundary {
 
 class SocketStream final : public capnp::MessageStream {
  public:
-  /// Whether descriptors that come with messages are taken; else the kernel closes them.
-  enum class Descriptors { taken, refused };
+  /// Of one that is not trusted, descriptors that come with messages are not taken: the kernel closes them. And nothing is read while it does
+  /// not take what it was sent: its answers would gather without end. So it is on one side of a connection only, lest both wait.
+  enum class OtherSide { trusted, untrusted };
 
   /// REQUIRES: it is the loop's only one.
-  SocketStream(std::shared_ptr<Loop> loop, kj::AutoCloseFd socket, Descriptors descriptors);
+  SocketStream(std::shared_ptr<Loop> loop, kj::AutoCloseFd socket, OtherSide otherSide);
   ~SocketStream() noexcept;
   KJ_DISALLOW_COPY(SocketStream);
 
@@ -57,6 +58,7 @@ class SocketStream final : public capnp::MessageStream {
   void readOn();
   void writeOn();
   void wantMore() const;
+  bool isHeldBack() const { return otherSide_ == OtherSide::untrusted && !outgoing_.empty(); }
   void sendUnhurried();
   bool keepForLater(kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>> segments);
   kj::Promise<void> write(Pieces& pieces, kj::ArrayPtr<const int> descriptors);
@@ -71,7 +73,7 @@ class SocketStream final : public capnp::MessageStream {
 
   const std::shared_ptr<Loop> loop_;
   const kj::AutoCloseFd socket_;
-  const Descriptors descriptors_;
+  const OtherSide otherSide_;
 
   std::optional<Reading> reading_;
   kj::Array<capnp::word> buffer_;

@@ -1,9 +1,13 @@
 // A program that keeps to the protocol's form and to nothing else: the host must come to no harm from it.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
+#include <cerrno>
 #include <filesystem>
 
 #include "boundary/Loop.h"
@@ -33,7 +37,7 @@ class HostileProgram {
  private:
   struct End {
     End(std::shared_ptr<Loop> loop, int socket, wire::Extension::Client extension)
-        : stream(std::move(loop), kj::AutoCloseFd(socket), SocketStream::Descriptors::taken),
+        : stream(std::move(loop), kj::AutoCloseFd(socket), SocketStream::OtherSide::trusted),
           network(stream, 1, capnp::rpc::twoparty::Side::SERVER),
           system(capnp::makeRpcServer(network, kj::mv(extension))) {}
     SocketStream stream;
@@ -348,6 +352,39 @@ TEST(HostileProgram, QuestionsWithoutEndAreNotReadWithoutEnd) {
   }
   EXPECT_GT(asked, 100);
   EXPECT_LT(asked, Asker::kTexts / 2);
+}
+
+// Sends what each time has to be answered, and reads nothing.
+TEST(HostileProgram, AnswersThatItDoesNotReadDoNotGather) {
+  const auto [hostEnd, programEnd] = socketPair();
+  const kj::AutoCloseFd program(programEnd);
+  const auto remote = RemoteExtension::connect(hostEnd, {});
+  // One segment of two words: a structure, and in it a kind of message that nobody knows.
+  constexpr std::array<std::uint64_t, 3> kUnknown = {2ULL << 32U, 1ULL << 32U, 99};
+  std::vector<std::uint64_t> block;
+  for (int i = 0; i < 1000; ++i) block.insert(block.end(), kUnknown.begin(), kUnknown.end());
+  const std::size_t blockBytes = block.size() * sizeof(block[0]);
+  const auto takesMore = [&] {
+    pollfd polled{program.get(), POLLOUT, 0};
+    return ::poll(&polled, 1, 1000) == 1;
+  };
+  std::size_t sent = 0;
+  while (sent < (64U << 20U) && takesMore()) {
+    const ssize_t count =
+        ::send(program.get(), reinterpret_cast<const char*>(block.data()) + sent % blockBytes,
+               blockBytes - sent % blockBytes, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (count < 0 && errno == EAGAIN) continue;
+    ASSERT_GT(count, 0);
+    sent += static_cast<std::size_t>(count);
+  }
+  EXPECT_GT(sent, 0U);
+  EXPECT_LT(sent, 4U << 20U);
+  // When it reads them, more is read from it.
+  std::vector<char> some(64U << 10U);
+  pollfd polled{program.get(), POLLIN, 0};
+  while (::poll(&polled, 1, 300) == 1)
+    ASSERT_GT(::read(program.get(), some.data(), some.size()), 0);
+  EXPECT_TRUE(takesMore());
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -289,6 +290,15 @@ TEST(Loop, ItMayEndWithinItself) {
     held.reset();
   });
   EXPECT_EQ(ended.get_future().wait_for(kSoon), std::future_status::ready);
+}
+
+TEST(Loop, WhatThrowsInTheLoopThrowsToWhoeverHadItRunAndToNobodyElse) {
+  const auto loop = Loop::make("test");
+  EXPECT_THROW(loop->run([] { throw std::out_of_range("too far"); }), std::out_of_range);
+  EXPECT_FALSE(Loop::isInside());
+  bool hasRun = false;
+  loop->run([&] { hasRun = Loop::isInside(); });
+  EXPECT_TRUE(hasRun);
 }
 
 }  // namespace

@@ -56,17 +56,17 @@ struct WithDescriptor {
 
 class SocketStreamTest : public testing::Test {
  protected:
-  using Descriptors = SocketStream::Descriptors;
+  using OtherSide = SocketStream::OtherSide;
 
   ~SocketStreamTest() override {
     loop->run([this] { stream.reset(); });
     if (other >= 0) ::close(other);
   }
-  void open(Descriptors descriptors = Descriptors::taken) {
+  void open(OtherSide otherSide = OtherSide::trusted) {
     loop = Loop::make("test");
     const auto [ours, theirs] = socketPair();
     other = theirs;
-    loop->run([&, ours = ours] { stream.emplace(loop, kj::AutoCloseFd(ours), descriptors); });
+    loop->run([&, ours = ours] { stream.emplace(loop, kj::AutoCloseFd(ours), otherSide); });
   }
   void send(std::string_view bytes) const {
     while (!bytes.empty()) {
@@ -165,7 +165,7 @@ TEST_F(SocketStreamTest, ADescriptorComesWithItsMessage) {
 }
 
 TEST_F(SocketStreamTest, ADescriptorThatIsRefusedIsClosed) {
-  open(Descriptors::refused);
+  open(OtherSide::untrusted);
   int ends[2];
   ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
   sendWithDescriptor(bytesOf(messageOf(1, 1)), ends[1]);
@@ -195,7 +195,8 @@ TEST_F(SocketStreamTest, TheEndWithinAMessageIsADisconnection) {
 
 TEST_F(SocketStreamTest, AMessageThatWouldBeTooLongIsRefusedAtItsBegin) {
   for (const std::string_view begin : {std::string_view("\0\0\0\0\xff\xff\xff\x7f", 8),
-                                       std::string_view("\xf0\xff\xff\xff\0\0\0\0", 8)}) {
+                                       std::string_view("\xf0\xff\xff\xff\0\0\0\0", 8),
+                                       std::string_view("\xff\x0f\0\0\0\0\0\0", 8)}) {
     open();
     send(begin);
     const Came came = read(0, 0).get();

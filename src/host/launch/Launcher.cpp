@@ -37,6 +37,8 @@ int innermost(int process) {
   return process;
 }
 
+constexpr std::chrono::seconds kLastWords{1};
+
 NSErrorPtr hostEnds() { return unavailable("the host ends"); }
 
 }  // namespace
@@ -357,6 +359,10 @@ void Launcher::ended(const std::weak_ptr<Generation>& generation, const ProgramE
   auto dead = generation.lock();
   if (!dead) return;
   if (!dead->isNotNeeded) died(dead, end);
+  // What it said last is read first. Its connection then ends by itself, unless it had asked for so much that nothing was read any more.
+  options_.timers->after(kLastWords, [generation] {
+    if (const auto silent = generation.lock()) silent->remote->disconnect();
+  });
   // Let go elsewhere: this is the program's own thread, for which its destructor waits.
   boost::asio::post(platform::sharedExecutor(), [owned = std::move(dead)] {});
 }
