@@ -6,6 +6,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <exception>
 #include <utility>
 
@@ -23,7 +24,11 @@ NSErrorPtr currentStoreError() {
   try {
     throw;
   } catch (const SQLite::Exception& exception) {
-    return storeErrorFrom(exception, "write to the database").share();
+    constexpr const char* kWhat = "write to the database";
+    // Programs are told of a full disk as of any other: they know what to do about it.
+    if (exception.getErrorCode() == SQLITE_FULL)
+      return platform::NSPOSIXError(ENOSPC, kWhat).share();
+    return storeErrorFrom(exception, kWhat).share();
   } catch (...) {
     return platform::currentError();
   }

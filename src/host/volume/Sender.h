@@ -7,7 +7,7 @@
 // - Before anything goes out the store is asked for what it has: if somebody else changed the item since, both versions are kept, and
 //   a removal is taken back.
 // - A failed change is tried again after 1 s, 2 s and so on up to 5 minutes; at once when the store answers again after it could not
-//   be reached, or when somebody asks. Nothing is given up.
+//   be reached, when a program saves the file again, or when somebody asks. Nothing is given up.
 //
 // Threads: every operation may be called from any thread and returns at once. The work runs as tasks.
 #pragma once

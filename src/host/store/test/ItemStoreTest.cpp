@@ -147,8 +147,8 @@ TEST_F(ItemStoreTest, AFullDiskIsAnsweredAndAfterItEverythingWorksAgain) {
       if (!error) kept.push_back(row.id);
     }
     ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error->domain(), StoreError::kDomain);
-    EXPECT_EQ(error->code(), static_cast<std::int64_t>(StoreError::Case::failed));
+    EXPECT_EQ(error->domain(), platform::kNSPOSIXErrorDomain);
+    EXPECT_EQ(error->code(), ENOSPC);
     EXPECT_NE(errorOfPut(store, row), nullptr);  // still full
 
     std::filesystem::remove(filler);
